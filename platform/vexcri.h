@@ -1,0 +1,34 @@
+/*
+ * vexcri.h - the application-session library of the unit's maker, libvexcri.so.
+ *
+ * One session is one conversation with one application on the unit, named when the session is
+ * initialised. Commands are numbered; each is answered by one call of the session's callback.
+ * Results are 1 for success. Handles are 32-bit and never 0.
+ */
+#ifndef PLATFORM_VEXCRI_H
+#define PLATFORM_VEXCRI_H
+
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Called with an application's answer to `command`; may run on a thread of the library. */
+typedef void (*CriCallback)(void* context, uint32_t command, int32_t response);
+
+/* Opens the session with the application `name` and fills in its handle. 1 on success. */
+int32_t criInit(const char* name, int32_t mode, CriCallback callback, void* context,
+                uint32_t* handle);
+
+/* Sends a command with its argument; does not wait for the answer. 1 on success. */
+int32_t criCommand(uint32_t handle, uint32_t command, uint32_t argument);
+
+/* Ends the session; once it has returned, its callback is not called. 1 on success. */
+int32_t criTerminate(uint32_t handle, int32_t mode);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,17 @@
+/*
+ * zt_usb.h - the unit's USB gadget bulk driver, as seen through its character device.
+ *
+ * read() blocks until the host has sent something and returns what has come, up to the size asked
+ * for; write() sends to the host. Both work with the cable out: read() goes on waiting, write()
+ * fails or waits as the driver decides.
+ */
+#ifndef PLATFORM_ZT_USB_H
+#define PLATFORM_ZT_USB_H
+
+/* The node. */
+#define ZT_USB_NODE "/dev/zt-usb"
+
+/* ioctl request that fills an int: non-zero when the cable is plugged in. */
+#define ZTG_LINK_STATUS 0x40046C02UL
+
+#endif
