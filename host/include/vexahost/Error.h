@@ -1,0 +1,31 @@
+// What can go wrong in a conversation with a unit.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace vexahost {
+
+enum class ErrorKind {
+    kInvalidArgument,    // the caller asked for something that cannot be sent; nothing was sent
+    kCannotConnect,      // no connection came about
+    kRefused,            // the unit answered with an error; `command` and `code` say which
+    kTimeout,            // no answer in time; the link itself may be well
+    kLinkLost,           // the connection has ended, from either side
+    kProtocolViolation,  // the unit sent bytes that no unit sends; the link cannot be used further
+};
+
+struct Error {
+    ErrorKind kind;
+    std::string message;       // one line for a person, without a final full stop
+    std::uint8_t command = 0;  // kRefused: the command that the unit names in its answer
+    std::uint8_t code = 0;     // kRefused: the error code
+};
+
+/// The meaning of an error code of the unit's replies in words; "unknown error" for any other.
+[[nodiscard]] const char* ErrorCodeMeaning(std::uint8_t code);
+
+/// The error for a refused command: "<what> was refused: error <code>, <meaning>".
+[[nodiscard]] Error RefusedError(const std::string& what, std::uint8_t command, std::uint8_t code);
+
+}  // namespace vexahost

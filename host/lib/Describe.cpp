@@ -1,0 +1,175 @@
+#include "vexahost/Describe.h"
+
+#include <cstdio>
+
+#include "vexahost/Error.h"
+#include "vexahost/PacketReader.h"
+#include "vexahost/Requests.h"
+
+namespace vexahost {
+
+namespace {
+
+using Bytes = std::span<const std::uint8_t>;
+
+std::string Hex(unsigned value) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%X", value);
+    return text;
+}
+
+std::string Count(std::size_t bytes) {
+    return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
+}
+
+std::string CommandName(std::uint8_t command) {
+    switch (static_cast<vexa::ControllerCommand>(command)) {
+        case vexa::ControllerCommand::kOpenChild:
+            return "open child";
+        case vexa::ControllerCommand::kCloseChild:
+            return "close child";
+        case vexa::ControllerCommand::kReopenController:
+            return "open controller";
+        case vexa::ControllerCommand::kQueryDaqApplication:
+            return "query DAQ application";
+        case vexa::ControllerCommand::kTakeDaqOver:
+            return "take DAQ over";
+    }
+    return "command " + Hex(command);
+}
+
+bool IsPacketOf(Bytes bytes, std::size_t least) {
+    return bytes.size() >= least && bytes[vexa::kLengthOffset] == bytes.size();
+}
+
+// The name in an open command, as far as the packet goes and up to a zero byte.
+std::string NameIn(Bytes inner) {
+    std::string name;
+    for (const std::uint8_t byte : inner.subspan(vexa::kCommandNameOffset)) {
+        if (byte == 0 || name.size() == inner[vexa::kCommandNameLengthOffset]) break;
+        name += byte >= 0x20 && byte < 0x7F ? static_cast<char>(byte) : '?';
+    }
+    return '"' + name + '"';
+}
+
+// The controller's commands go by their content: the address alone does not tell a controller.
+std::string DescribeControllerCommand(Bytes inner) {
+    const std::uint8_t command = inner[vexa::kCommandOffset];
+    const std::string name = CommandName(command);
+    if (inner.size() < vexa::kCommandNameLengthOffset) return name;
+    const std::uint32_t id = vexa::LoadLe32(inner.data() + vexa::kCommandChildIdOffset);
+    switch (static_cast<vexa::ControllerCommand>(command)) {
+        case vexa::ControllerCommand::kOpenChild:
+            if (inner.size() < vexa::kCommandNameOffset) return name + " " + Hex(id);
+            return ReopensController(inner) ? "open controller " + Hex(id) + ", with DAQ, by name"
+                                            : name + " " + Hex(id) + " " + NameIn(inner);
+        case vexa::ControllerCommand::kCloseChild:
+            return name + " " + Hex(id);
+        case vexa::ControllerCommand::kReopenController: {
+            const bool daq = inner.size() > vexa::kCommandNameLengthOffset &&
+                             inner[vexa::kCommandNameLengthOffset] != 0;
+            return name + " " + Hex(id) + (daq ? ", with DAQ" : ", without DAQ");
+        }
+        default:
+            return name;
+    }
+}
+
+bool IsControllerCommand(Bytes inner) {
+    return IsPacketOf(inner, vexa::kCommandOffset + 1) &&
+           vexa::TypeClass(inner[vexa::kTypeOffset]) == vexa::kClassCommand &&
+           inner[vexa::kCommandOffset] >=
+               static_cast<std::uint8_t>(vexa::ControllerCommand::kOpenChild) &&
+           inner[vexa::kCommandOffset] <=
+               static_cast<std::uint8_t>(vexa::ControllerCommand::kTakeDaqOver);
+}
+
+std::string DescribeToUnit(Bytes packet) {
+    const std::uint8_t typeClass = vexa::TypeClass(packet[vexa::kTypeOffset]);
+    if (typeClass == vexa::kClassTunnel && packet.size() >= vexa::kTunnelHeaderSize) {
+        const std::string id = Hex(vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset));
+        const Bytes inner = packet.subspan(vexa::kTunnelHeaderSize);
+        if (IsControllerCommand(inner)) return DescribeControllerCommand(inner);
+        return Count(inner.size()) + " to child " + id;
+    }
+    if (typeClass == vexa::kClassCommand && packet.size() > vexa::kCommandOffset) {
+        const std::uint8_t command = packet[vexa::kCommandOffset];
+        return command == vexa::kInitialSyncCommand ? "initial sync"
+                                                    : "multiplexer command " + Hex(command);
+    }
+    return "packet of type " + Hex(packet[vexa::kTypeOffset]);
+}
+
+// A reply of 7 bytes: acknowledgement, result or error.
+std::string DescribeReply(Bytes reply, const std::string& commandName) {
+    const std::uint8_t code = reply[vexa::kReplyCodeOffset];
+    const std::string sequence =
+        " (request " + std::to_string(reply[vexa::kReplyRequestSequenceOffset]) + ")";
+    if (reply[vexa::kTypeOffset] == vexa::kTypeError) {
+        return commandName + sequence + ": error " + std::to_string(code) + ", " +
+               ErrorCodeMeaning(code);
+    }
+    const bool hasResult = reply[vexa::kCommandOffset] ==
+                           static_cast<std::uint8_t>(vexa::ControllerCommand::kQueryDaqApplication);
+    return commandName + sequence + (hasResult ? ": result " + std::to_string(code) : ": done");
+}
+
+bool IsServiceReply(Bytes packet) {
+    return IsPacketOf(packet, vexa::kReplySize) && packet.size() == vexa::kReplySize &&
+           (packet[vexa::kTypeOffset] == vexa::kTypeAcknowledge ||
+            packet[vexa::kTypeOffset] == vexa::kTypeError);
+}
+
+std::string DescribeFromUnit(Bytes packet) {
+    const std::uint8_t type = packet[vexa::kTypeOffset];
+    if (vexa::TypeClass(type) == vexa::kClassTunnel && packet.size() >= vexa::kTunnelHeaderSize) {
+        const Bytes inner = packet.subspan(vexa::kTunnelHeaderSize);
+        if (IsServiceReply(inner)) {
+            return DescribeReply(inner, CommandName(inner[vexa::kCommandOffset]));
+        }
+        return Count(inner.size()) + " from child " +
+               Hex(vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset));
+    }
+    if (IsInitialSyncReply(packet)) {
+        return "initial-sync reply (request " +
+               std::to_string(packet[vexa::kInitialSyncReplySequenceOffset]) + ")";
+    }
+    if (IsServiceReply(packet)) {
+        return DescribeReply(packet, "multiplexer command " + Hex(packet[vexa::kCommandOffset]));
+    }
+    if (vexa::TypeClass(type) == vexa::kClassDaqReply) {
+        const bool reply = type == vexa::kTypeInitialSyncReply && packet.size() == vexa::kReplySize;
+        return reply
+                   ? "DAQ: " + DescribeReply(packet, "command " + Hex(packet[vexa::kCommandOffset]))
+                   : "DAQ packet of " + Count(packet.size());
+    }
+    return "packet of type " + Hex(type);
+}
+
+}  // namespace
+
+std::string HexText(std::span<const std::uint8_t> bytes, std::size_t most) {
+    std::string text;
+    for (const std::uint8_t byte : bytes.first(std::min(most, bytes.size()))) {
+        char digits[4];
+        std::snprintf(digits, sizeof digits, "%02x", byte);
+        if (!text.empty()) text += ' ';
+        text += digits;
+    }
+    return bytes.size() > most ? text + " .." : text;
+}
+
+std::string DescribePacket(Direction direction, std::span<const std::uint8_t> packet) {
+    if (packet.size() < vexa::kPacketHeaderSize) return "fragment of " + Count(packet.size());
+    std::string text =
+        direction == Direction::kToUnit ? DescribeToUnit(packet) : DescribeFromUnit(packet);
+    const std::size_t length = packet[vexa::kLengthOffset];
+    if (length != packet.size()) {
+        text += " (length byte says " + std::to_string(length) + ")";
+    } else if (packet[vexa::kChecksumOffset] != vexa::PacketChecksum(packet.data())) {
+        text += " (checksum WRONG)";
+    }
+    return text;
+}
+
+}  // namespace vexahost

@@ -1,0 +1,120 @@
+#include "Receiver.h"
+
+#include <array>
+
+namespace vexahost {
+
+namespace {
+
+// Only says how often the thread looks up from an idle link; Close ends a read at once.
+constexpr Milliseconds kReadTimeout{1000};
+constexpr std::size_t kReadSize = 16384;
+
+bool IsReply(std::span<const std::uint8_t> packet) {
+    return packet.size() == vexa::kReplySize && packet[vexa::kLengthOffset] == vexa::kReplySize &&
+           (packet[vexa::kTypeOffset] == vexa::kTypeAcknowledge ||
+            packet[vexa::kTypeOffset] == vexa::kTypeError);
+}
+
+Block MakeBlock(std::span<const std::uint8_t> bytes, bool checksumRight) {
+    return {{bytes.begin(), bytes.end()}, std::chrono::steady_clock::now(), checksumRight};
+}
+
+}  // namespace
+
+Client::Receiver::Receiver(Client& owner) : client(owner), thread([this] { Run(); }) {}
+
+Client::Receiver::~Receiver() { thread.join(); }
+
+void Client::Receiver::Run() {
+    const Error error = ReadUntilError();
+    client.transport->Close();
+    client.pending->Fail(error);
+    client.inbox->Fail(error);
+}
+
+Error Client::Receiver::ReadUntilError() {
+    std::array<std::uint8_t, kReadSize> buffer;
+    for (;;) {
+        const auto count = client.transport->Read(buffer, kReadTimeout);
+        if (!count) return count.Failure();
+        std::span<const std::uint8_t> input = std::span(buffer).first(*count);
+        for (auto piece = frames.Next(input); !piece.empty(); piece = frames.Next(input)) {
+            TakePayload(piece);
+        }
+        frameCount = frames.FrameCount();
+        if (frames.IsViolated()) return {ErrorKind::kProtocolViolation, frames.Violation()};
+        if (packets.IsViolated()) return {ErrorKind::kProtocolViolation, packets.Violation()};
+    }
+}
+
+void Client::Receiver::TakePayload(std::span<const std::uint8_t> payload) {
+    if (syncAwaited && !packets.IsAwaitingSyncReply()) packets.AwaitSyncReply();
+    while (const auto packet = packets.Next(payload)) {
+        if (IsInitialSyncReply(packet->bytes)) syncAwaited = false;
+        Dispatch(*packet);
+    }
+}
+
+void Client::Receiver::Dispatch(const PacketView& packet) {
+    const auto bytes = packet.bytes;
+    ++packetCount;
+    if (client.options.tap) client.options.tap(Direction::kFromUnit, bytes);
+
+    const std::uint8_t type = bytes[vexa::kTypeOffset];
+    const std::uint8_t typeClass = vexa::TypeClass(type);
+    const bool fromDaq = typeClass == vexa::kClassDaqReply;
+    if (!packet.checksumRight && !fromDaq) {
+        ++wrongChecksums;
+    } else if (IsInitialSyncReply(bytes)) {
+        TakeReply(ReplySource::kInitialSync, bytes);
+    } else if (fromDaq && type == vexa::kTypeInitialSyncReply && packet.checksumRight &&
+               bytes.size() == vexa::kReplySize) {
+        TakeReply(ReplySource::kMultiplexer, bytes);
+    } else if (fromDaq) {
+        client.inbox->DeliverDaq(MakeBlock(bytes, packet.checksumRight));
+    } else if (typeClass == vexa::kClassTunnel && bytes.size() >= vexa::kTunnelHeaderSize) {
+        TakeTunnel(bytes);
+    } else if (IsReply(bytes)) {
+        TakeReply(ReplySource::kMultiplexer, bytes);
+    } else {
+        ++strayPackets;
+    }
+}
+
+void Client::Receiver::TakeTunnel(std::span<const std::uint8_t> packet) {
+    const ChildId id = vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset);
+    const auto inner = packet.subspan(vexa::kTunnelHeaderSize);
+    if (client.inbox->Deliver(id, packet[vexa::kSequenceOffset], MakeBlock(inner, true))) return;
+    // The controller answers under its own id, or under 0 when its entry is gone by then.
+    if ((id == client.controllerId || id == 0) && IsReply(inner)) {
+        TakeReply(ReplySource::kController, inner);
+    } else {
+        ++strayPackets;
+    }
+}
+
+void Client::Receiver::TakeReply(ReplySource source, std::span<const std::uint8_t> reply) {
+    const bool isSync = source == ReplySource::kInitialSync;
+    const bool isKnown =
+        client.pending->Deliver({source,
+                                 reply[vexa::kTypeOffset] == vexa::kTypeError,
+                                 reply[vexa::kCommandOffset],
+                                 reply[vexa::kReplyRequestSequenceOffset],
+                                 isSync ? std::uint8_t{0} : reply[vexa::kReplyCodeOffset],
+                                 {reply.begin(), reply.end()}});
+    if (!isKnown) ++strayReplies;
+}
+
+ClientStatistics Client::Receiver::Statistics() const {
+    ClientStatistics statistics;
+    statistics.frames = frameCount;
+    statistics.packets = packetCount;
+    statistics.wrongChecksums = wrongChecksums;
+    statistics.strayReplies = strayReplies;
+    statistics.strayPackets = strayPackets;
+    statistics.daqDropped = client.inbox->DaqDropped();
+    return statistics;
+}
+
+}  // namespace vexahost

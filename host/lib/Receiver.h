@@ -1,0 +1,51 @@
+// The client's receiving thread: bytes to frames to packets to whoever waits for them.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <span>
+#include <thread>
+
+#include "Inbox.h"
+#include "PendingReplies.h"
+#include "vexahost/Client.h"
+#include "vexahost/FrameReader.h"
+#include "vexahost/PacketReader.h"
+
+namespace vexahost {
+
+class Client::Receiver {
+  public:
+    /// Starts the thread, which uses parts of `client` until the destructor has returned. The
+    /// transport must be closed before that.
+    explicit Receiver(Client& client);
+    ~Receiver();
+    Receiver(const Receiver&) = delete;
+    Receiver& operator=(const Receiver&) = delete;
+
+    /// From here to the next initial-sync reply that reply is looked for at every byte.
+    void AwaitSyncReply() { syncAwaited.store(true); }
+
+    [[nodiscard]] ClientStatistics Statistics() const;
+
+  private:
+    void Run();
+    Error ReadUntilError();
+    void TakePayload(std::span<const std::uint8_t> payload);
+    void Dispatch(const PacketView& packet);
+    void TakeTunnel(std::span<const std::uint8_t> packet);
+    void TakeReply(ReplySource source, std::span<const std::uint8_t> reply);
+
+    Client& client;
+    FrameReader frames;    // the thread's own
+    PacketReader packets;  // the thread's own
+    std::atomic<bool> syncAwaited{true};
+    std::atomic<std::uint64_t> frameCount{0};
+    std::atomic<std::uint64_t> packetCount{0};
+    std::atomic<std::uint64_t> wrongChecksums{0};
+    std::atomic<std::uint64_t> strayReplies{0};
+    std::atomic<std::uint64_t> strayPackets{0};
+    std::thread thread;  // last, as it uses all of the above
+};
+
+}  // namespace vexahost

@@ -1,0 +1,96 @@
+#include "vexahost/UnitSocketTransport.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace vexahost {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+Error LinkLost(const std::string& why) {
+    return {ErrorKind::kLinkLost, "the link is lost: " + why};
+}
+
+Error CannotConnect(const std::string& path, const std::string& why) {
+    return {ErrorKind::kCannotConnect, "cannot connect to a unit at " + path + ": " + why};
+}
+
+// Waits until `events` or an end of the connection can be seen. False when `deadline` came first.
+bool WaitFor(int handle, short events, Clock::time_point deadline) {
+    for (;;) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
+        pollfd entry{handle, events, 0};
+        const int ready = poll(&entry, 1, static_cast<int>(std::max<long>(left.count(), 0)));
+        if (ready > 0) return true;
+        if (ready == 0 || errno != EINTR) return false;
+    }
+}
+
+}  // namespace
+
+Expected<std::unique_ptr<Transport>> UnitSocketTransport::Connect(const std::string& path) {
+    struct stat status {};
+    const bool isDirectory = stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+    const std::string socketPath = isDirectory ? path + "/" + kSocketName : path;
+
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (socketPath.size() >= sizeof address.sun_path) {
+        return CannotConnect(socketPath, "the path is too long for a socket");
+    }
+    std::copy(socketPath.begin(), socketPath.end(), address.sun_path);
+
+    const int handle = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (handle < 0) return CannotConnect(socketPath, std::strerror(errno));
+    auto transport = std::make_unique<UnitSocketTransport>(handle);
+    if (connect(handle, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        return CannotConnect(socketPath, std::strerror(errno));
+    }
+    return std::unique_ptr<Transport>(std::move(transport));
+}
+
+UnitSocketTransport::UnitSocketTransport(int connectedSocket) : socketHandle(connectedSocket) {}
+
+UnitSocketTransport::~UnitSocketTransport() { close(socketHandle); }
+
+Expected<std::size_t> UnitSocketTransport::Read(std::span<std::uint8_t> buffer,
+                                                std::chrono::milliseconds timeout) {
+    if (!WaitFor(socketHandle, POLLIN, Clock::now() + timeout)) return std::size_t{0};
+    const ssize_t count = recv(socketHandle, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (count > 0) return static_cast<std::size_t>(count);
+    if (count == 0) return LinkLost("the unit closed the connection");
+    if (errno == EAGAIN || errno == EINTR) return std::size_t{0};
+    return LinkLost(std::strerror(errno));
+}
+
+Expected<Done> UnitSocketTransport::WriteAll(std::span<const std::uint8_t> bytes,
+                                             std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    while (!bytes.empty()) {
+        const ssize_t count =
+            send(socketHandle, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (count > 0) {
+            bytes = bytes.subspan(static_cast<std::size_t>(count));
+        } else if (errno == EAGAIN) {
+            if (!WaitFor(socketHandle, POLLOUT, deadline)) {
+                return Error{ErrorKind::kTimeout, "the unit took no bytes in time"};
+            }
+        } else if (errno != EINTR) {
+            return LinkLost(std::strerror(errno));
+        }
+    }
+    return Done{};
+}
+
+void UnitSocketTransport::Close() { shutdown(socketHandle, SHUT_RDWR); }
+
+}  // namespace vexahost
