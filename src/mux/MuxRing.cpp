@@ -44,6 +44,13 @@ std::int32_t MuxRing::Peek(std::uint8_t* dest, std::uint32_t offset, std::int32_
     return static_cast<std::int32_t>(total);
 }
 
+bool MuxRing::PeekNewest(std::uint8_t* dest, std::uint32_t count) const {
+    const std::uint32_t held = Count();
+    if (held < count) return false;
+    Peek(dest, held - count, static_cast<std::int32_t>(count));
+    return true;
+}
+
 void MuxRing::WriteBlock(const std::uint8_t* source, std::uint32_t count) {
     // A ring keeps its newest size - 1 bytes, so what comes before them in the block is lost
     // anyway.

@@ -27,6 +27,9 @@ struct MuxRing {
     // Returns the number copied.
     std::int32_t Peek(std::uint8_t* dest, std::uint32_t offset, std::int32_t count) const;
 
+    // Copies the newest `count` bytes, if that many are held; false, and nothing is copied, if not.
+    bool PeekNewest(std::uint8_t* dest, std::uint32_t count) const;
+
     // Appends `count` bytes, losing the oldest as needed.
     void WriteBlock(const std::uint8_t* source, std::uint32_t count);
 

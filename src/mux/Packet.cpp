@@ -31,4 +31,12 @@ void BuildInitialSync(std::span<std::uint8_t, kInitialSyncSize> packet, std::uin
     SealPacket(packet.data());
 }
 
+void BuildTunnelHeader(std::uint8_t* packet, std::uint32_t id, std::uint8_t sequence,
+                       std::size_t payloadSize) {
+    packet[kTypeOffset] = kTypeTunnel;
+    packet[kLengthOffset] = static_cast<std::uint8_t>(kTunnelHeaderSize + payloadSize);
+    packet[kSequenceOffset] = sequence;
+    StoreLe32(packet + kTunnelIdOffset, id);
+}
+
 }  // namespace vexa

@@ -106,6 +106,11 @@ void SealPacket(std::uint8_t* packet);
 // Fills in a complete initial-sync request: type 0x40, the given sequence number, checksum.
 void BuildInitialSync(std::span<std::uint8_t, kInitialSyncSize> packet, std::uint8_t sequence);
 
+// Fills in the header of a tunnel packet that carries `payloadSize` bytes (at most 247) of the
+// child `id`; the checksum is left for SealPacket, once the payload is there.
+void BuildTunnelHeader(std::uint8_t* packet, std::uint32_t id, std::uint8_t sequence,
+                       std::size_t payloadSize);
+
 // 32-bit little-endian values inside a packet, at any alignment.
 [[nodiscard]] inline std::uint32_t LoadLe32(const std::uint8_t* bytes) {
     return static_cast<std::uint32_t>(bytes[0]) | static_cast<std::uint32_t>(bytes[1]) << 8U |

@@ -1,0 +1,31 @@
+// The service VEXADevMgr: process entry and termination signals.
+
+#include <csignal>
+
+#include "core/Service.h"
+
+namespace {
+
+// All state of the process. Never destroyed: threads of the libraries may still be around when main
+// returns.
+vexa::Service& service = *new vexa::Service;
+
+void RaiseStopFlag(int /*signalNumber*/) { service.Stop(); }
+
+void InstallSignalHandlers() {
+    struct sigaction stop {};
+    stop.sa_handler = RaiseStopFlag;
+    sigemptyset(&stop.sa_mask);
+    stop.sa_flags = SA_RESTART;  // whichever thread it meets goes on with its call
+    sigaction(SIGTERM, &stop, nullptr);
+    sigaction(SIGINT, &stop, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);  // a peer that goes away is a failed write, not the end
+}
+
+}  // namespace
+
+int main() {
+    InstallSignalHandlers();
+    service.Run();
+    return 0;
+}

@@ -1,0 +1,101 @@
+#include "devices/HostLink.h"
+
+#include <mutex>
+#include <utility>
+
+#include "devices/GServerUSBBulkDevice.h"
+#include "foundation/HexDump.h"
+
+namespace vexa {
+
+namespace {
+
+constexpr int kReaderPriority = 3;
+
+HostLinkState* link = nullptr;  // set before any other thread exists
+
+}  // namespace
+
+void HostLink_Use(HostLinkState* state) { link = state; }
+
+int HostLink_Open() {
+    if (link == nullptr) return 0;
+    link->hostRing.Init(link->hostRingStorage.data(), kHostBufferSize);
+    link->inputLock.reset(new CeilingMutex{kCeilingPriority, OSMutexPtr(OSCreateMutex(""))});
+
+    GPortRef port(GPortRef::kUSBBulk, "", "", "", 0, 0);
+    const auto ports = GServerUSBBulkDevice::EnumeratePorts(GPortRef::kHostPort);
+    if (!ports.empty()) port = ports.front();
+
+    auto device = std::make_unique<GServerUSBBulkDevice>(&port);
+    link->inputBuffer = std::make_unique<GCircularBuffer>(kHostBufferSize);
+    link->inputBuffer->lock = link->inputLock.get();
+    device->SetReadCallback(HostDeviceReadCallback, link->inputBuffer.get());
+    device->SetThreadPriority(kReaderPriority);
+    device->bufferedOutput = true;
+    const int result = device->Open(&port);
+
+    const std::unique_lock gate(link->deviceGate);
+    link->device = std::move(device);
+    return result == 0 ? 1 : 0;
+}
+
+void HostLink_Close() {
+    if (link == nullptr) return;
+    std::unique_ptr<GDeviceIO> device;
+    {
+        const std::unique_lock gate(link->deviceGate);
+        device = std::move(link->device);
+    }
+    device.reset();
+    link->inputBuffer.reset();
+    link->inputLock.reset();
+}
+
+int HostDeviceReadCallback(const unsigned char* data, int count, void* context) {
+    if (context == nullptr) return 0;
+    static_cast<GCircularBuffer*>(context)->Write(data, count);
+    return count;
+}
+
+unsigned char HostLink_Write(const unsigned char* data, int count) {
+    if (link == nullptr) return 0;
+    const std::shared_lock gate(link->deviceGate);
+    if (!link->device || link->device->QueueWrite(data, &count) != 0) return 0;
+    return static_cast<unsigned char>(count);
+}
+
+unsigned char HostLink_WriteByte(unsigned char value) { return HostLink_Write(&value, 1); }
+
+std::uint16_t HostLink_BytesAvailable() {
+    return link == nullptr ? 0 : static_cast<std::uint16_t>(link->hostRing.Count());
+}
+
+unsigned char HostLink_ReadByte() {
+    unsigned char value = 0;
+    if (link != nullptr) link->hostRing.Get(value);
+    return value;
+}
+
+int HostLink_Purge() {
+    if (link != nullptr && link->device) link->device->Purge();
+    return 1;
+}
+
+unsigned char HostLink_IsOpen() {
+    return link != nullptr && link->device && link->device->isOpen ? 1 : 0;
+}
+
+unsigned char HostLink_IsLinkUp() {
+    return link != nullptr && link->device && link->device->linkUp ? 1 : 0;
+}
+
+void DumpHostInput(const unsigned char* data, int count, const char* tag) {
+    HexDump("Input from Host", tag, data, count);
+}
+
+void DumpHostOutput(const unsigned char* data, int count, const char* tag) {
+    HexDump("Output to Host", tag, data, count);
+}
+
+}  // namespace vexa
