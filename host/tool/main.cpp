@@ -1,0 +1,27 @@
+// vexa-host: the host side of a unit's link, on the command line.
+#include <CLI/CLI.hpp>
+
+#include "Commands.h"
+#include "ExitCode.h"
+
+int main(int argc, char** argv) {
+    CLI::App program("Talks to a unit as its host computer does.", "vexa-host");
+    int exitCode = kExitDone;
+    program.require_subcommand(1);
+    program.footer(
+        "Exit codes: 0 done; 1 the unit refused or answered wrongly; 2 wrong usage, or no unit to\n"
+        "connect to; 3 no answer in time; 4 the link was lost, or the unit broke the protocol;\n"
+        "130 interrupted.");
+    AddSyncCommand(program, exitCode);
+    AddQueryCommand(program, exitCode);
+    AddStreamCommand(program, exitCode);
+    AddDemoCommand(program, exitCode);
+    try {
+        program.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) return program.exit(error);
+        return ReportError({vexahost::ErrorKind::kInvalidArgument,
+                            std::string(error.what()) + " (vexa-host --help says more)"});
+    }
+    return exitCode;
+}
