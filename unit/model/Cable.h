@@ -1,0 +1,71 @@
+// The cable between the unit and its host: a connection to the host socket. While a client is
+// connected the cable is in; when it leaves the cable is out.
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <span>
+#include <thread>
+
+#include "model/Descriptor.h"
+#include "model/Export.h"
+
+namespace vexa::unit {
+
+// Read, Write and IsIn from any thread at the same time; no lock is held while one blocks, and
+// nothing is allocated. Two concurrent writes may mix when the client is slow.
+class VEXA_UNIT_EXPORT Cable {
+  public:
+    // Takes clients from `listener` on a thread of its own, which calls `changed` whenever the
+    // cable has gone in (true) or out.
+    Cable(Descriptor listener, std::function<void(bool)> changed);
+    Cable(const Cable&) = delete;
+    Cable& operator=(const Cable&) = delete;
+    // Nobody may be inside Read or Write any more.
+    ~Cable();
+
+    [[nodiscard]] bool IsIn() const;
+
+    // Waits, also with the cable out, until the host has sent something; returns how many bytes
+    // came, or -1 with errno: EINTR when a signal came first. What a host sent before it left can
+    // be read until the next one plugs in.
+    [[nodiscard]] ssize_t Read(std::span<std::uint8_t> into);
+
+    // Sends all of `bytes`, waiting for a slow client. Returns how many went, fewer only when a
+    // signal came; or -1 with errno: ESHUTDOWN when the cable is out or goes out, EINTR when a
+    // signal came before anything had gone.
+    [[nodiscard]] ssize_t Write(std::span<const std::uint8_t> bytes);
+
+  private:
+    // The cable between two changes. Readers and writers hold on to the state that they wait on,
+    // so that its descriptors stay open, and are woken by `ended`, which is never reset.
+    struct State {
+        Descriptor client;              // of the host that is, or was last, plugged in
+        std::shared_ptr<State> former;  // with the cable out: the last state with it in
+        Descriptor ended;               // eventfd, readable once the next state has come
+        bool in = false;
+    };
+
+    [[nodiscard]] static std::shared_ptr<State> NewState();
+    [[nodiscard]] std::shared_ptr<State> Current() const;
+    void Enter(std::shared_ptr<State> next);
+    void PlugIn(Descriptor client);
+    void PullOut(const std::shared_ptr<State>& leaving);
+
+    void Run();
+    void TakeClient();
+
+    const Descriptor listener_;
+    const Descriptor stop_;  // eventfd, readable once the thread is to end
+    const std::function<void(bool)> changed_;
+    mutable std::mutex mutex_;  // guards state_
+    std::shared_ptr<State> state_;
+    std::thread thread_;
+};
+
+}  // namespace vexa::unit

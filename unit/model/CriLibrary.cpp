@@ -1,0 +1,58 @@
+#include "model/CriLibrary.h"
+
+#include <utility>
+
+namespace vexa::unit {
+
+CriLibrary::CriLibrary(const ApplicationMap& applications) {
+    for (const auto& [name, settings] : applications) {
+        Application& application = applications_[name];
+        application.name = name;
+        application.settings = settings;
+        application.holds = settings.holds;
+    }
+}
+
+std::uint32_t CriLibrary::Init(std::string_view name, CriCallback callback, void* context,
+                               CriSession::Witness witness) {
+    const auto application = applications_.find(name);
+    if (application == applications_.end() || application->second.settings.initFails) return 0;
+    const auto session =
+        std::make_shared<CriSession>(application->second, callback, context, std::move(witness));
+    const std::lock_guard lock(mutex_);
+    sessions_[++lastHandle_] = session;
+    session->Start();
+    return lastHandle_;
+}
+
+std::shared_ptr<CriSession> CriLibrary::Find(std::uint32_t session) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = sessions_.find(session);
+    return found == sessions_.end() ? nullptr : found->second;
+}
+
+bool CriLibrary::Command(std::uint32_t session, std::uint32_t command) {
+    const auto found = Find(session);
+    return found && found->Command(command);
+}
+
+std::optional<std::string> CriLibrary::Terminate(std::uint32_t session) {
+    std::shared_ptr<CriSession> ending;
+    {
+        const std::lock_guard lock(mutex_);
+        const auto found = sessions_.find(session);
+        if (found == sessions_.end()) return std::nullopt;
+        ending = std::move(found->second);
+        sessions_.erase(found);
+    }
+    ending->Terminate();
+    return ending->ApplicationName();
+}
+
+std::optional<std::string> CriLibrary::ApplicationName(std::uint32_t session) const {
+    const auto found = Find(session);
+    if (!found) return std::nullopt;
+    return found->ApplicationName();
+}
+
+}  // namespace vexa::unit

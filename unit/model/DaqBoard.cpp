@@ -1,0 +1,73 @@
+#include "model/DaqBoard.h"
+
+#include <algorithm>
+
+#include "mux/Packet.h"
+
+namespace vexa::unit {
+
+namespace {
+
+bool IsInitialSync(std::span<const std::uint8_t> packet) {
+    return packet.size() == kInitialSyncSize && packet[kLengthOffset] == kInitialSyncSize &&
+           packet[kCommandOffset] == kInitialSyncCommand &&
+           std::ranges::equal(packet.subspan(kInitialSyncSignatureOffset), kInitialSyncSignature);
+}
+
+}  // namespace
+
+DaqBoard::DaqBoard(const DaqSettings& settings, TimePoint opened)
+    : PacedDevice(opened, settings.measurementSize, settings.measurementRate, Waveform::kSine),
+      settings_(settings) {}
+
+void DaqBoard::Take(std::span<const std::uint8_t> written, TimePoint now) {
+    if (written.size() <= kCommandOffset || TypeClass(written[kTypeOffset]) != kClassCommand) {
+        return;
+    }
+    if (IsInitialSync(written)) {
+        if (settings_.answersSync) AnswerSync(written[kSequenceOffset], now);
+    } else if (settings_.acknowledges) {
+        Acknowledge(written, now);
+    }
+}
+
+void DaqBoard::AnswerSync(std::uint8_t requestSequence, TimePoint now) {
+    std::vector<std::uint8_t> reply(kInitialSyncReplySize);
+    reply[kTypeOffset] = kTypeInitialSyncReply;
+    reply[kLengthOffset] = kInitialSyncReplySize;
+    reply[kCommandOffset] = kInitialSyncCommand;
+    reply[kInitialSyncReplySequenceOffset] = requestSequence;
+    std::ranges::copy(kInitialSyncReplySignature, reply.begin() + kInitialSyncReplySignatureOffset);
+    Answer(std::move(reply), now + std::chrono::milliseconds(settings_.syncDelayMs));
+}
+
+void DaqBoard::Acknowledge(std::span<const std::uint8_t> request, TimePoint now) {
+    std::vector<std::uint8_t> reply(kReplySize);
+    reply[kTypeOffset] = kTypeInitialSyncReply;
+    reply[kLengthOffset] = kReplySize;
+    reply[kCommandOffset] = request[kCommandOffset];
+    reply[kReplyRequestSequenceOffset] = request[kSequenceOffset];
+    reply[kReplyCodeOffset] = 0;
+    Answer(std::move(reply), now);
+}
+
+void DaqBoard::FinishAnswer(std::span<std::uint8_t> answer, TimePoint now) {
+    // Numbered as it leaves, not when it was asked for: measurements may leave in between.
+    answer[kSequenceOffset] = sequence_++;
+    SealPacket(answer.data());
+    if (answer.size() == kInitialSyncReplySize && !synced_) {
+        synced_ = true;
+        StartBlocks(now);
+    }
+}
+
+void DaqBoard::MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseconds) {
+    FillSamplePacket(block, sequence_++, milliseconds, Wave());
+    SealPacket(block.data());
+    ++measurements_;
+    if (settings_.checksumErrorEvery != 0 && measurements_ % settings_.checksumErrorEvery == 0) {
+        ++block[kChecksumOffset];
+    }
+}
+
+}  // namespace vexa::unit

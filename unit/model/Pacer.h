@@ -1,0 +1,33 @@
+// Says when the next block of a device is due: the nth block n/rate seconds after the start, so
+// that lateness never adds up.
+#pragma once
+
+#include <cstdint>
+
+#include "model/Clock.h"
+
+namespace vexa::unit {
+
+// Not thread-safe.
+class Pacer {
+  public:
+    // `rate`: blocks per second; with 0 nothing is ever due.
+    explicit Pacer(double rate) : rate_(rate) {}
+
+    // The first block is due 1/rate seconds after `now`.
+    void Start(TimePoint now);
+
+    // When the next block is due; kNever before Start.
+    [[nodiscard]] TimePoint Due() const;
+
+    // The block that was due has been made. What is overdue by more than a second is given up, so
+    // that a stalled receiver is not flooded afterwards.
+    void Advance(TimePoint now);
+
+  private:
+    const double rate_;
+    TimePoint start_ = kNever;
+    std::uint64_t made_ = 0;  // blocks since start_
+};
+
+}  // namespace vexa::unit

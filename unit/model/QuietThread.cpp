@@ -1,0 +1,17 @@
+#include "model/QuietThread.h"
+
+#include <csignal>
+
+namespace vexa::unit {
+
+std::thread StartQuietThread(std::function<void()> body) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread thread(std::move(body));  // inherits the mask
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return thread;
+}
+
+}  // namespace vexa::unit

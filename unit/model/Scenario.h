@@ -1,0 +1,91 @@
+// What a virtual unit consists of, and how each piece behaves. Plain values with the built-in
+// default unit as their initial state.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace vexa::unit {
+
+// Device types of the device-access library that the model treats specially; every other type is
+// modelled as a byte stream.
+inline constexpr std::uint32_t kDaqType = 5;
+[[nodiscard]] constexpr bool IsHidType(std::uint32_t type) { return type >= 2 && type <= 4; }
+
+inline constexpr std::uint32_t kHidReportSize = 8;
+inline constexpr std::uint32_t kMinBlockSize = 10;  // header, time stamp and one sample
+inline constexpr std::uint32_t kMaxBlockSize = 65536;
+inline constexpr std::uint32_t kMaxMeasurementSize = 255;
+inline constexpr std::size_t kMaxDeviceName = 219;  // bytes; callers' name buffers hold 220
+inline constexpr double kMaxRate = 10000;           // blocks per second
+
+enum class Waveform { kSine, kRamp, kSquare, kNoise };
+
+// One sensor.
+struct DeviceSettings {
+    std::string name;
+    std::uint32_t type = 8;
+    bool attached = true;
+    std::uint32_t blockSize = 20;  // bytes; kHidReportSize for HID types
+    double rate = 10;              // blocks per second; 0: silent
+    Waveform waveform = Waveform::kSine;
+    bool echo = true;  // sends back what is written to it
+
+    bool operator==(const DeviceSettings&) const = default;
+};
+
+// The acquisition board.
+struct DaqSettings {
+    std::string name = "Acquisition board";
+    bool present = true;
+    bool answersSync = true;
+    std::uint32_t syncDelayMs = 20;
+    double measurementRate = 10;           // packets per second once synced; 0: none
+    std::uint32_t measurementSize = 24;    // bytes
+    std::uint32_t checksumErrorEvery = 0;  // every nth measurement has a wrong checksum; 0: none
+    bool acknowledges = true;
+
+    bool operator==(const DaqSettings&) const = default;
+};
+
+// One application on the unit.
+struct ApplicationSettings {
+    bool holds = false;  // drives the hardware when the unit starts
+    std::uint32_t delayMs = 20;
+    bool silent = false;                                   // takes commands and never answers
+    std::set<std::uint32_t> refuses = {};                  // commands that it does not take
+    std::map<std::uint32_t, std::int32_t> responses = {};  // answers that replace its own
+    bool initFails = false;
+
+    bool operator==(const ApplicationSettings&) const = default;
+};
+
+struct LibrarySettings {
+    bool initFails = false;
+    std::uint16_t majorVersion = 3;
+    std::uint16_t minorVersion = 12;
+
+    bool operator==(const LibrarySettings&) const = default;
+};
+
+using ApplicationMap = std::map<std::string, ApplicationSettings, std::less<>>;
+
+// The seven sensors and one camera of the default unit.
+[[nodiscard]] std::vector<DeviceSettings> DefaultDevices();
+// "DAQ", "SPLASH" and "FGEN"; "DAQ" holds the hardware.
+[[nodiscard]] ApplicationMap DefaultApplications();
+
+struct Scenario {
+    std::vector<DeviceSettings> devices = DefaultDevices();
+    DaqSettings daq;
+    ApplicationMap applications = DefaultApplications();
+    bool nodePresent = true;
+    LibrarySettings library;
+
+    bool operator==(const Scenario&) const = default;
+};
+
+}  // namespace vexa::unit

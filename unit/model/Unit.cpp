@@ -1,0 +1,87 @@
+#include "model/Unit.h"
+
+#include <fcntl.h>
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <variant>
+
+#include "model/HostSocket.h"
+#include "model/ScenarioFile.h"
+#include "model/UnitEnvironment.h"
+
+namespace vexa::unit {
+
+namespace {
+
+std::string Variable(const char* name) {
+    const char* const value = std::getenv(name);
+    return value == nullptr ? "" : value;
+}
+
+Scenario ScenarioOfEnvironment() {
+    const std::string path = Variable(kScenarioVariable);
+    if (path.empty()) return {};
+    auto loaded = LoadScenario(path);
+    if (const auto* error = std::get_if<ScenarioError>(&loaded)) {
+        throw std::runtime_error("scenario " + error->text);
+    }
+    return std::get<Scenario>(std::move(loaded));
+}
+
+// The listening socket that vexa-unit made; or one made here, for a program started without it.
+Descriptor HostSocketOfEnvironment() {
+    const std::string folder = Variable(kFolderVariable);
+    if (folder.empty()) {
+        throw std::runtime_error(std::string(kFolderVariable) + " does not name a folder");
+    }
+    const std::string text = Variable(kHostSocketVariable);
+    int inherited = -1;
+    std::from_chars(text.data(), text.data() + text.size(), inherited);
+    if (inherited < 0 || !ListensForHosts(inherited, folder)) return ListenForHosts(folder);
+    ::fcntl(inherited, F_SETFD, FD_CLOEXEC);
+    return Descriptor(inherited);
+}
+
+// The service would go on as on a broken unit, and its user look for the fault in the wrong place.
+template <typename Make>
+auto OrEndProcess(Make make) {
+    try {
+        return make();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vexa-unit: %s\n", error.what());
+        std::_Exit(2);
+    }
+}
+
+}  // namespace
+
+Unit::Unit(const Scenario& scenario)
+    : journal_(Variable(kJournalVariable)),
+      vexa_(scenario),
+      cri_(scenario.applications),
+      nodePresent_(scenario.nodePresent) {}
+
+Unit& Unit::Instance() {
+    static Unit& instance = OrEndProcess(
+        []() -> std::reference_wrapper<Unit> { return *new Unit(ScenarioOfEnvironment()); });
+    return instance;
+}
+
+Cable& Unit::HostCable() {
+    std::call_once(cableMade_, [this] {
+        cable_ = OrEndProcess([this] {
+            return std::make_unique<Cable>(HostSocketOfEnvironment(), [this](bool in) {
+                journal_.Write(in ? "cable in" : "cable out");
+            });
+        });
+    });
+    return *cable_;
+}
+
+}  // namespace vexa::unit

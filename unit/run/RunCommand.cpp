@@ -1,0 +1,73 @@
+#include "run/RunCommand.h"
+
+#include <cstdio>
+#include <filesystem>
+#include <system_error>
+#include <variant>
+
+#include "model/Journal.h"
+#include "model/ScenarioFile.h"
+#include "model/UnitEnvironment.h"
+#include "run/Program.h"
+#include "run/StandIns.h"
+#include "run/UnitFolder.h"
+#include "run/UserError.h"
+
+namespace vexa::unit {
+
+namespace {
+
+constexpr char kService[] = "VEXADevMgr";
+
+std::string Absolute(const std::string& path) {
+    return path.empty() ? "" : std::filesystem::absolute(path).string();
+}
+
+void CheckScenario(const std::string& path) {
+    if (path.empty()) return;
+    const auto loaded = LoadScenario(path);
+    if (const auto* error = std::get_if<ScenarioError>(&loaded)) {
+        throw UserError("scenario " + error->text);
+    }
+}
+
+void CheckJournal(const std::string& path) {
+    try {
+        const Journal journal(path);
+    } catch (const std::system_error& error) {
+        throw UserError("journal " + std::string(error.what()));
+    }
+}
+
+std::string FindService() {
+    const std::string beside = ProgramFolder() + "/" + kService;
+    std::error_code error;
+    return FindProgram(std::filesystem::exists(beside, error) ? beside : kService);
+}
+
+}  // namespace
+
+int RunOnUnit(const RunOptions& options) {
+    CheckScenario(options.scenario);
+    CheckJournal(options.journal);
+    const bool isService = options.program.empty();
+
+    ProgramCall call;
+    call.path = isService ? FindService() : FindProgram(options.program.front());
+    call.arguments = isService ? std::vector<std::string>{kService} : options.program;
+    PreferStandIns(StandInFolder(), call.changes);
+    call.changes[kScenarioVariable] = Absolute(options.scenario);
+    call.changes[kJournalVariable] = Absolute(options.journal);
+
+    UnitFolder folder(options.folder);
+    call.changes[kFolderVariable] = folder.Path();
+    call.changes[kHostSocketVariable] = std::to_string(folder.HostSocket());
+    call.inherited = folder.HostSocket();
+
+    Program program(call);
+    folder.ReleaseHostSocket();
+    std::fprintf(stderr, "vexa-unit: host socket %s\n", folder.HostSocketPath().c_str());
+    return program.Wait();
+}
+
+}  // namespace vexa::unit

@@ -1,0 +1,157 @@
+// Stands between the program and the C library for the calls that can reach the node; everything
+// that is not about the node goes straight on.
+//
+// The functions have names of their own and take those of the C library as their symbols only, so
+// that its declarations, which vary with the compiler's options, do not matter here.
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/types.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+
+#include "Node.h"
+
+#define INTERPOSE(symbol) __asm__(symbol) __attribute__((visibility("default")))
+
+namespace {
+
+using namespace vexa::unit;
+
+// The next definition of a function after this library's, looked up on first use. Several threads
+// may look it up at the same time; all find the same.
+template <typename Function>
+class NextDefinition {
+  public:
+    explicit constexpr NextDefinition(const char* name) : name_(name) {}
+
+    [[nodiscard]] Function* Get() {
+        Function* function = function_.load(std::memory_order_acquire);
+        if (function == nullptr) {
+            function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name_));
+            function_.store(function, std::memory_order_release);
+        }
+        return function;
+    }
+
+  private:
+    const char* const name_;
+    std::atomic<Function*> function_ = nullptr;
+};
+
+constinit NextDefinition<int(const char*, int, ...)> nextOpen("open");
+constinit NextDefinition<int(const char*, int, ...)> nextOpen64("open64");
+constinit NextDefinition<int(int, const char*, int, ...)> nextOpenAt("openat");
+constinit NextDefinition<int(int, const char*, int, ...)> nextOpenAt64("openat64");
+constinit NextDefinition<int(const char*, int)> nextOpenChecked("__open_2");
+constinit NextDefinition<int(const char*, int)> nextOpen64Checked("__open64_2");
+constinit NextDefinition<ssize_t(int, void*, std::size_t)> nextRead("read");
+constinit NextDefinition<ssize_t(int, void*, std::size_t, std::size_t)> nextReadChecked(
+    "__read_chk");
+constinit NextDefinition<ssize_t(int, const void*, std::size_t)> nextWrite("write");
+constinit NextDefinition<int(int, unsigned long, ...)> nextIoctl("ioctl");
+constinit NextDefinition<int(int)> nextClose("close");
+
+// The mode is passed only when the call may make a file.
+mode_t ModeArgument(int flags, std::va_list arguments) {
+    const bool given = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
+    return given ? va_arg(arguments, mode_t) : 0;
+}
+
+// The service never flushes its standard output, which would keep its lines back for as long as
+// they go into a file or a pipe.
+__attribute__((constructor)) void PrintLinesAtOnce() { std::setvbuf(stdout, nullptr, _IOLBF, 0); }
+
+}  // namespace
+
+extern "C" {
+
+int InterposedOpen(const char* path, int flags, ...) INTERPOSE("open");
+int InterposedOpen64(const char* path, int flags, ...) INTERPOSE("open64");
+int InterposedOpenAt(int folder, const char* path, int flags, ...) INTERPOSE("openat");
+int InterposedOpenAt64(int folder, const char* path, int flags, ...) INTERPOSE("openat64");
+int InterposedOpenChecked(const char* path, int flags) INTERPOSE("__open_2");
+int InterposedOpen64Checked(const char* path, int flags) INTERPOSE("__open64_2");
+ssize_t InterposedRead(int descriptor, void* into, std::size_t size) INTERPOSE("read");
+ssize_t InterposedReadChecked(int descriptor, void* into, std::size_t size, std::size_t capacity)
+    INTERPOSE("__read_chk");
+ssize_t InterposedWrite(int descriptor, const void* bytes, std::size_t size) INTERPOSE("write");
+int InterposedIoctl(int descriptor, unsigned long request, ...) INTERPOSE("ioctl");
+int InterposedClose(int descriptor) INTERPOSE("close");
+
+int InterposedOpen(const char* path, int flags, ...) {
+    if (IsNodePath(path)) return OpenNode();
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = ModeArgument(flags, arguments);
+    va_end(arguments);
+    return nextOpen.Get()(path, flags, mode);
+}
+
+int InterposedOpen64(const char* path, int flags, ...) {
+    if (IsNodePath(path)) return OpenNode();
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = ModeArgument(flags, arguments);
+    va_end(arguments);
+    return nextOpen64.Get()(path, flags, mode);
+}
+
+int InterposedOpenAt(int folder, const char* path, int flags, ...) {
+    if (IsNodePath(path)) return OpenNode();
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = ModeArgument(flags, arguments);
+    va_end(arguments);
+    return nextOpenAt.Get()(folder, path, flags, mode);
+}
+
+int InterposedOpenAt64(int folder, const char* path, int flags, ...) {
+    if (IsNodePath(path)) return OpenNode();
+    std::va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = ModeArgument(flags, arguments);
+    va_end(arguments);
+    return nextOpenAt64.Get()(folder, path, flags, mode);
+}
+
+int InterposedOpenChecked(const char* path, int flags) {
+    return IsNodePath(path) ? OpenNode() : nextOpenChecked.Get()(path, flags);
+}
+
+int InterposedOpen64Checked(const char* path, int flags) {
+    return IsNodePath(path) ? OpenNode() : nextOpen64Checked.Get()(path, flags);
+}
+
+ssize_t InterposedRead(int descriptor, void* into, std::size_t size) {
+    return IsNode(descriptor) ? ReadNode(into, size) : nextRead.Get()(descriptor, into, size);
+}
+
+ssize_t InterposedReadChecked(int descriptor, void* into, std::size_t size, std::size_t capacity) {
+    // Too large a size goes to the C library in any case, which ends the program.
+    if (IsNode(descriptor) && size <= capacity) return ReadNode(into, size);
+    return nextReadChecked.Get()(descriptor, into, size, capacity);
+}
+
+ssize_t InterposedWrite(int descriptor, const void* bytes, std::size_t size) {
+    return IsNode(descriptor) ? WriteNode(bytes, size) : nextWrite.Get()(descriptor, bytes, size);
+}
+
+int InterposedIoctl(int descriptor, unsigned long request, ...) {
+    std::va_list arguments;
+    va_start(arguments, request);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return IsNode(descriptor) ? ControlNode(request, argument)
+                              : nextIoctl.Get()(descriptor, request, argument);
+}
+
+int InterposedClose(int descriptor) {
+    if (IsNode(descriptor)) ForgetNode(descriptor);
+    return nextClose.Get()(descriptor);
+}
+
+}  // extern "C"

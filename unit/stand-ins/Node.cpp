@@ -1,0 +1,89 @@
+#include "Node.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <span>
+
+#include "model/Unit.h"
+#include "zt_usb.h"
+
+namespace vexa::unit {
+
+namespace {
+
+constexpr int kFree = -1;
+constexpr std::size_t kMaxOpens = 16;
+
+// The descriptors that are opens of the node. Zero before any code has run, when descriptor 0 must
+// not be taken for one: slots hold the descriptor plus 1.
+std::array<std::atomic<int>, kMaxOpens> slots;
+
+// Puts `value` into a slot that holds `expected`.
+bool ReplaceSlot(int expected, int value) {
+    for (auto& slot : slots) {
+        int held = expected + 1;
+        if (slot.compare_exchange_strong(held, value + 1)) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+bool IsNodePath(const char* path) { return path != nullptr && std::strcmp(path, ZT_USB_NODE) == 0; }
+
+bool IsNode(int descriptor) {
+    if (descriptor < 0) return false;
+    for (const auto& slot : slots) {
+        if (slot.load(std::memory_order_relaxed) == descriptor + 1) return true;
+    }
+    return false;
+}
+
+int OpenNode() {
+    Unit& unit = Unit::Instance();
+    if (!unit.HasNode()) {
+        errno = ENOENT;
+        return -1;
+    }
+    (void)unit.HostCable();  // hosts are taken from here on
+    const int descriptor = ::eventfd(0, EFD_CLOEXEC);
+    if (descriptor < 0) return -1;
+    if (!ReplaceSlot(kFree, descriptor)) {
+        ::close(descriptor);
+        errno = EMFILE;
+        return -1;
+    }
+    return descriptor;
+}
+
+void ForgetNode(int descriptor) { (void)ReplaceSlot(descriptor, kFree); }
+
+ssize_t ReadNode(void* into, std::size_t size) {
+    return Unit::Instance().HostCable().Read({static_cast<std::uint8_t*>(into), size});
+}
+
+ssize_t WriteNode(const void* bytes, std::size_t size) {
+    return Unit::Instance().HostCable().Write({static_cast<const std::uint8_t*>(bytes), size});
+}
+
+int ControlNode(unsigned long request, void* argument) {
+    // The request number may reach us with its sign extended.
+    if (static_cast<std::uint32_t>(request) != static_cast<std::uint32_t>(ZTG_LINK_STATUS)) {
+        errno = ENOTTY;
+        return -1;
+    }
+    if (argument == nullptr) {
+        errno = EFAULT;
+        return -1;
+    }
+    *static_cast<int*>(argument) = Unit::Instance().HostCable().IsIn() ? 1 : 0;
+    return 0;
+}
+
+}  // namespace vexa::unit
