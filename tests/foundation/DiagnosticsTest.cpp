@@ -1,0 +1,86 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <regex>
+
+#include "foundation/GUtils.h"
+#include "foundation/HexDump.h"
+#include "support/Output.h"
+
+namespace vexa {
+namespace {
+
+using test::Printed;
+
+TEST(Trace, WritesThePrefixOnlyWithAFileAndALine) {
+    struct Case {
+        const char* file;
+        int line;
+        std::string expected;
+    };
+    for (const Case& c : {Case{"GThread_Linux", 118, "GThread_Linux(118) : x%d\n"},
+                          {"Module", 0, "Module(0) : x%d\n"},
+                          {"Module", -2, "Module(-2) : x%d\n"},
+                          {"Module", -1, "x%d\n"},
+                          {"", 5, "x%d\n"},
+                          {nullptr, 5, "x%d\n"}}) {
+        EXPECT_EQ(Printed([&] { Trace("x%d", c.file, c.line); }), c.expected);
+        EXPECT_EQ(Printed([&] { Trace(std::string("x%d"), c.file, c.line); }), c.expected);
+    }
+    const int value = 0;
+    const std::string pointer = Printed([&] { Trace(static_cast<const void*>(&value), "M", 1); });
+    EXPECT_TRUE(std::regex_match(pointer, std::regex("M\\(1\\) : 0x[0-9a-f]+\n"))) << pointer;
+}
+
+TEST(Trace, PrintsLevelsFromTheThresholdOn) {
+    EXPECT_EQ(Printed([] { Trace(kTraceLevel, "text", "M", 1); }), "") << "threshold 100 at first";
+    SetTraceThreshold(kTraceLevel);
+    EXPECT_EQ(Printed([] { Trace(kTraceLevel, "text", "M", 1); }), "M(1) : text\n");
+    EXPECT_EQ(Printed([] { Trace(kTraceLevel - 1, std::string("text"), "M", 1); }), "");
+    SetTraceThreshold(100);
+}
+
+TEST(OSAssert, PrintsOnlyWhenTheConditionFails) {
+    int result = 0;
+    EXPECT_EQ(Printed([&] { result = OSAssert(0, "GThread", 99); }), "GThread Line: 99\n");
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(Printed([&] { result = OSAssert(5, "GThread", 99); }), "");
+    EXPECT_EQ(result, 5);
+}
+
+TEST(HexDump, TakesTheCountAsSigned16Bit) {
+    const unsigned char data[] = {0x00, 0x4d, 0xff};
+    EXPECT_EQ(Printed([&] { HexDump("Title", "TAG", data, 3); }), "Title - TAG: 00 4d ff\n");
+    EXPECT_EQ(Printed([&] { HexDump("Title", "TAG", data, 0); }), "Title - TAG:\n");
+    EXPECT_EQ(Printed([&] { HexDump("Title", "TAG", data, 0x8003); }), "Title - TAG:\n");
+    EXPECT_EQ(Printed([&] { HexDump("Title", "TAG", data, 0x10002); }), "Title - TAG: 00 4d\n");
+}
+
+TEST(GetBuildDateTime, HasTheFormOfDateAndTime) {
+    EXPECT_TRUE(
+        std::regex_match(GetBuildDateTime(), std::regex("[A-Z][a-z]{2} [ 123][0-9] 20[0-9]{2} "
+                                                        "[0-9]{2}:[0-9]{2}:[0-9]{2}")))
+        << GetBuildDateTime();
+}
+
+TEST(BytePacking, PutsTheFirstByteLowest) {
+    std::uint8_t b[8] = {};
+    ASSERT_TRUE(OSSplit32(0x04030201, &b[0], &b[1], &b[2], &b[3]));
+    ASSERT_TRUE(
+        OSSplit64(0x0807060504030201, &b[0], &b[1], &b[2], &b[3], &b[4], &b[5], &b[6], &b[7]));
+    for (int i = 0; i < 8; ++i) EXPECT_EQ(b[i], i + 1);
+    std::uint32_t value32 = 0;
+    std::uint64_t value64 = 0;
+    ASSERT_TRUE(OSPack32(1, 2, 3, 0x84, &value32));
+    ASSERT_TRUE(OSPack64(1, 2, 3, 4, 5, 6, 7, 0x88, &value64));
+    EXPECT_EQ(value32, 0x84030201U);
+    EXPECT_EQ(value64, 0x8807060504030201U);
+
+    b[0] = 77;
+    EXPECT_FALSE(OSSplit32Second(1, &b[0], nullptr, &b[2], &b[3]));
+    EXPECT_EQ(b[0], 77) << "a null pointer among the four must leave all untouched";
+    EXPECT_FALSE(OSPack32Second(1, 2, 3, 4, nullptr));
+}
+
+}  // namespace
+}  // namespace vexa
