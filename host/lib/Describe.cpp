@@ -52,8 +52,9 @@ std::string NameIn(Bytes inner) {
     return '"' + name + '"';
 }
 
-// The controller's commands go by their content: the address alone does not tell a controller.
-std::string DescribeControllerCommand(Bytes inner) {
+// The controller's commands go by their content: the address alone does not tell a controller. It
+// is closed by a command that names its own address.
+std::string DescribeControllerCommand(std::uint32_t address, Bytes inner) {
     const std::uint8_t command = inner[vexa::kCommandOffset];
     const std::string name = CommandName(command);
     if (inner.size() < vexa::kCommandNameLengthOffset) return name;
@@ -64,7 +65,7 @@ std::string DescribeControllerCommand(Bytes inner) {
             return ReopensController(inner) ? "open controller " + Hex(id) + ", with DAQ, by name"
                                             : name + " " + Hex(id) + " " + NameIn(inner);
         case vexa::ControllerCommand::kCloseChild:
-            return name + " " + Hex(id);
+            return (id == address ? "close controller " : name + " ") + Hex(id);
         case vexa::ControllerCommand::kReopenController: {
             const bool daq = inner.size() > vexa::kCommandNameLengthOffset &&
                              inner[vexa::kCommandNameLengthOffset] != 0;
@@ -87,10 +88,10 @@ bool IsControllerCommand(Bytes inner) {
 std::string DescribeToUnit(Bytes packet) {
     const std::uint8_t typeClass = vexa::TypeClass(packet[vexa::kTypeOffset]);
     if (typeClass == vexa::kClassTunnel && packet.size() >= vexa::kTunnelHeaderSize) {
-        const std::string id = Hex(vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset));
+        const std::uint32_t address = vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset);
         const Bytes inner = packet.subspan(vexa::kTunnelHeaderSize);
-        if (IsControllerCommand(inner)) return DescribeControllerCommand(inner);
-        return Count(inner.size()) + " to child " + id;
+        if (IsControllerCommand(inner)) return DescribeControllerCommand(address, inner);
+        return Count(inner.size()) + " to child " + Hex(address);
     }
     if (typeClass == vexa::kClassCommand && packet.size() > vexa::kCommandOffset) {
         const std::uint8_t command = packet[vexa::kCommandOffset];
@@ -107,7 +108,7 @@ std::string DescribeReply(Bytes reply, const std::string& commandName) {
         " (request " + std::to_string(reply[vexa::kReplyRequestSequenceOffset]) + ")";
     if (reply[vexa::kTypeOffset] == vexa::kTypeError) {
         return commandName + sequence + ": error " + std::to_string(code) + ", " +
-               ErrorCodeMeaning(code);
+               ErrorCodeMeaning(reply[vexa::kCommandOffset], code);
     }
     const bool hasResult = reply[vexa::kCommandOffset] ==
                            static_cast<std::uint8_t>(vexa::ControllerCommand::kQueryDaqApplication);

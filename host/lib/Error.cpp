@@ -4,14 +4,16 @@
 
 namespace vexahost {
 
-const char* ErrorCodeMeaning(std::uint8_t code) {
+const char* ErrorCodeMeaning(std::uint8_t command, std::uint8_t code) {
     switch (static_cast<vexa::ReplyError>(code)) {
         case vexa::ReplyError::kDaqLinkClosed:
             return "the DAQ link is closed";
         case vexa::ReplyError::kUnknownCommand:
             return "the controller does not know this command";
         case vexa::ReplyError::kTooManyOrSession:
-            return "ten children are open already, or the DAQ application cannot be reached";
+            return command == static_cast<std::uint8_t>(vexa::ControllerCommand::kOpenChild)
+                       ? "ten children are open already"
+                       : "the session with the DAQ application has failed";
         case vexa::ReplyError::kChildFailed:
             return "the child could not be opened or closed";
         case vexa::ReplyError::kTakeOverDaqFailed:
@@ -24,7 +26,8 @@ const char* ErrorCodeMeaning(std::uint8_t code) {
 
 Error RefusedError(const std::string& what, std::uint8_t command, std::uint8_t code) {
     return {ErrorKind::kRefused,
-            what + " was refused: error " + std::to_string(code) + ", " + ErrorCodeMeaning(code),
+            what + " was refused: error " + std::to_string(code) + ", " +
+                ErrorCodeMeaning(command, code),
             command, code};
 }
 

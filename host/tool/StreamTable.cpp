@@ -44,8 +44,9 @@ void StreamTable::Update(Clock::time_point now) {
 }
 
 void StreamTable::Finish(Clock::time_point now) {
-    if (now - figuresAt >= kFigures / 2) TakeFigures(now);
-    if (console.IsTerminal()) Draw();
+    const bool figuresDue = now - figuresAt >= kFigures / 2;
+    if (figuresDue) TakeFigures(now);
+    if (figuresDue || console.IsTerminal()) Draw();
 }
 
 void StreamTable::TakeFigures(Clock::time_point now) {

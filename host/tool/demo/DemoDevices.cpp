@@ -36,7 +36,7 @@ Expected<Block> ReceiveUntil(Client& client, ChildId child, Wanted wanted) {
     }
 }
 
-std::string Microseconds(Clock::duration time) {
+std::string TimeText(Clock::duration time) {
     char text[32];
     std::snprintf(text, sizeof text, "%.1f ms",
                   std::chrono::duration<double, std::milli>(time).count());
@@ -103,7 +103,7 @@ void Demo::ReadSensors() {
                Number(statistics->sequenceGaps) + " gaps in the sequence numbers");
         Expect(statistics->dropped == 0, "no block dropped", Number(statistics->dropped));
     }
-    Note("no gap in the sequence numbers of any sensor");
+    if (failure.empty()) Note("no gap in the sequence numbers of any sensor");
 }
 
 void Demo::MeasureEcho() {
@@ -131,8 +131,8 @@ void Demo::MeasureEcho() {
     }
     if (times.empty()) return;
     std::ranges::sort(times);
-    Note(Number(times.size()) + " echoes: fastest " + Microseconds(times.front()) + ", median " +
-         Microseconds(times[times.size() / 2]) + ", slowest " + Microseconds(times.back()));
+    Note(Number(times.size()) + " echoes: fastest " + TimeText(times.front()) + ", median " +
+         TimeText(times[times.size() / 2]) + ", slowest " + TimeText(times.back()));
 }
 
 void Demo::SendWrongChecksum() {
@@ -162,6 +162,7 @@ void Demo::OpenUnsupported() {
 
 void Demo::OpenTooMany() {
     const char* const names[] = {"Gyroscope", "Spectrometer", "Barometer", "LightMeter"};
+    Note("a name stands for a type: the first device of that type is opened");
     for (std::size_t i = 0; children.size() + 1 < kMostChildren && failure.empty(); ++i) {
         OpenDevice(names[i % std::size(names)]);
     }

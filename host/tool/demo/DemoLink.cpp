@@ -62,6 +62,8 @@ void Demo::Synchronise() {
                std::to_string(echoed));
     }
     Show({"Input from Host - INIT: "}, {});
+    Note(
+        "found byte by byte wherever it stands; what was received before it is dropped (PRE_INIT)");
 }
 
 void Demo::OpenController() {
@@ -121,7 +123,7 @@ void Demo::PlugInAgain() {
     children.clear();
     ExpectValue(client->Send(child, HidInitRequest()), "the request to be sent");
     Show({"Input from Host - Discarding orphaned tunnel packet.: "}, {});
-    Note(name + " went with the cable: its id is unknown now");
+    if (failure.empty()) Note(name + " went with the cable: its id is unknown now");
     const auto statistics = client->Statistics();
     Expect(statistics.strayPackets == 0, "no data of a closed child",
            std::to_string(statistics.strayPackets) + " packets");
