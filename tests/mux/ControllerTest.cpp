@@ -1,0 +1,184 @@
+// The control channel: opening and closing, the conversations with the applications, the DAQ.
+
+#include "mux/MuxTest.h"
+
+namespace vexa {
+namespace {
+
+using namespace test;
+using Calls = std::vector<std::string>;
+
+class Controller : public MuxTest {
+  protected:
+    void AnswerAll(std::int32_t query) { script.answers = {{1, 1}, {2, 1}, {3, query}, {4, 1}}; }
+    void FailDaq() { script.attached.erase(5); }
+};
+
+TEST_F(Controller, OpensUnderEitherCommand) {
+    const Bytes byName = Hex("44 33 22 11 0b") + Hex("43 6f 6e 74 72 6f 6c 6c 65 72 00");
+    EXPECT_EQ(Reply(Tunnel(0x99, Command(0x70, byName))), ControllerReply(0, 0x98, 0x70, 0));
+    EXPECT_TRUE(daq.IsOpen()) << "by name the DAQ link is opened, too";
+    EXPECT_EQ(Reply(Tunnel(0, Command(0x72, Hex("44 33 22 11 00")))),
+              ControllerReply(0, 0x98, 0x72, 0));
+    EXPECT_FALSE(daq.IsOpen());
+    EXPECT_EQ(Reply(Tunnel(0, Command(0x72, Hex("44 33 22 11 01")))),
+              ControllerReply(0, 0x98, 0x72, 0));
+    EXPECT_TRUE(daq.IsOpen());
+
+    FailDaq();
+    mux.DisconnectCleanUp();
+    mux.MarkConnected();
+    EXPECT_EQ(Reply(Tunnel(0, Command(0x70, byName))), ControllerReply(0, 0x9C, 0x70, 59));
+    EXPECT_EQ(Reply(Tunnel(kController, OpenChild(1, "Controlle"))),
+              ControllerReply(1, 0x9C, 0x70, 54))
+        << "another name is a child's";
+}
+
+TEST_F(Controller, ReopeningAbandonsTheChildren) {
+    OpenController(true);
+    Open(1, "stream8");
+    const std::uint32_t stream = script.lastHandle;
+    script.TakeCalls();
+    const Bytes packet = Tunnel(0, Command(0x72, Hex("44 33 22 11 00")));
+    EXPECT_EQ(
+        Printed([&] { Pass(packet); }),
+        "Input from Host - Reopening Controller and abandoning children.: " + ToHex(packet) + "\n");
+    EXPECT_EQ(link.Take(), ControllerReply(0, 0x98, 0x72, 0));
+    EXPECT_EQ(script.TakeCalls(),
+              (Calls{"VEXA_Device_Stream_Close(" + std::to_string(stream - 1) + ")",
+                     "VEXA_Device_Open(board, mode 1)", "VEXA_Device_Close()",
+                     "VEXA_Device_Stream_Close(" + std::to_string(stream) + ")"}));
+}
+
+TEST_F(Controller, QueryReportsTheAnswerOfTheDaqApplication) {
+    OpenController();
+    AnswerAll(1);
+    EXPECT_EQ(Reply(Tunnel(kController, Command(0x73, {}))), ControllerReply(1, 0x98, 0x73, 1));
+    EXPECT_EQ(script.TakeCalls(), Calls{"criCommand(DAQ, 3, 1000)"});
+    AnswerAll(2);
+    EXPECT_EQ(Reply(Tunnel(kController, Command(0x73, {}))), ControllerReply(2, 0x98, 0x73, 0));
+
+    script.commandsSucceed = false;
+    EXPECT_EQ(Reply(Tunnel(kController, Command(0x73, {}))), ControllerReply(3, 0x98, 0x73, 0))
+        << "not sent: no answer";
+    EXPECT_EQ(Reply(Tunnel(kController, Command(0x73, {}))), ControllerReply(4, 0x9C, 0x73, 50))
+        << "the session has an error from now on";
+    EXPECT_EQ(Reply(Tunnel(kController, Command(0x74, {}))), ControllerReply(5, 0x9C, 0x74, 50));
+}
+
+TEST_F(Controller, TakesTheDaqOver) {
+    OpenController();
+    AnswerAll(1);
+    EXPECT_EQ(Reply(Tunnel(kController, Command(0x74, {}))), ControllerReply(1, 0x98, 0x74, 0));
+    Pass();
+    Pass();
+    Calls calls = script.TakeCalls();
+    std::erase_if(calls, [](const std::string& call) { return call.find("cri") != 0; });
+    EXPECT_EQ(calls, (Calls{"criCommand(DAQ, 3, 1000)", "criCommand(DAQ, 2, 10000)",
+                            "criCommand(SPLASH, 1, 1000)", "criCommand(FGEN, 4, 1000)"}));
+    EXPECT_TRUE(daq.IsOpen());
+    EXPECT_EQ(sessions.daq.Holder(), SessionHolder::kDeactivated);
+    EXPECT_EQ(sessions.splash.Holder(), SessionHolder::kActivated);
+    EXPECT_TRUE(sessions.fgen.IsIdle()) << "released: it consumed itself";
+    script.TakeCalls();
+
+    // Closing the controller hands everything back.
+    const std::uint32_t board = script.streams.begin()->first;
+    EXPECT_EQ(Reply(Tunnel(kController, CloseChild(kController))),
+              ControllerReply(2, 0x98, 0x71, 0));
+    EXPECT_EQ(script.TakeCalls(),
+              (Calls{"VEXA_Device_Stream_Close(" + std::to_string(board) + ")",
+                     "VEXA_Device_Open(board, mode 1)", "VEXA_Device_Close()",
+                     "criCommand(DAQ, 1, 1000)", "criCommand(SPLASH, 2, 1000)"}))
+        << "sent as the sessions are polled";
+}
+
+TEST_F(Controller, TakesOverWithoutAnAnswerAndReportsADaqThatFails) {
+    OpenController();
+    AnswerAll(-1);
+    FailDaq();
+    EXPECT_EQ(Reply(Tunnel(kController, Command(0x74, {}))), ControllerReply(1, 0x9C, 0x74, 57));
+    EXPECT_EQ(sessions.daq.Holder(), SessionHolder::kDeactivated);
+}
+
+TEST_F(Controller, KeepsOneCommandAtATimeAndRefusesUnknownOnes) {
+    OpenController();
+    const Bytes query = Tunnel(kController, Command(0x73, {}));
+    EXPECT_EQ(Printed([&] {
+                  for (int i = 0; i < 5; ++i) Pass(query);
+              }),
+              "VEXADevMgr controller ignored new cmd because it was busy.\n"
+              "VEXADevMgr controller ignored new cmd because it was busy.\n"
+              "VEXADevMgr controller ignored new cmd because it was busy.\n"
+              "VEXADevMgr controller ignored new cmd because it was busy.\n");
+    script.Answer("DAQ", 3, 1);
+    EXPECT_EQ(Reply({}), ControllerReply(1, 0x98, 0x73, 1));
+    EXPECT_EQ(Reply(Tunnel(kController, Command(0x75, {}))), ControllerReply(2, 0x9C, 0x75, 49));
+    EXPECT_EQ(Reply(Tunnel(kController, {})), ControllerReply(3, 0x9C, 0, 49, 0))
+        << "no field of an earlier command";
+}
+
+TEST_F(Controller, RepliesWithoutAnEntryCarryZeros) {
+    OpenController();
+    Pass(Tunnel(kController, Command(0x73, {})));
+    mux.DisconnectCleanUp();
+    mux.MarkConnected();
+    for (int i = 0; i < 5; ++i) Pass();
+    script.Answer("DAQ", 3, 1);
+    const Bytes inner = Sealed({0x98, 7, 0, 0, 0x73, 7, 1});
+    EXPECT_EQ(Reply({}), ToHex(Sealed(Hex("60 0f 00 00 00 00 00 00") + inner)));
+}
+
+TEST_F(Controller, ForwardsBetweenHostAndDaq) {
+    OpenController(true);
+    script.writes.clear();
+    const std::uint32_t board = script.streams.begin()->first;
+    Printed([&] { Pass(Hex(kSync)); });
+    EXPECT_EQ(script.writes, Calls{std::to_string(board) + ": " + kSync})
+        << "with the link open also the sync is the board's";
+
+    const Bytes good = Sealed(Hex("a0 0a 01 00 01 02 03 04 05 06"));
+    Bytes bad = good;
+    bad[3] ^= 0xFFU;
+    SetTraceThreshold(1);
+    const std::string text = Printed([&] {
+        script.Send(board, good + Bytes(bad.begin(), bad.begin() + 2));
+        script.Send(board, Bytes(bad.begin() + 2, bad.end()));
+        for (int i = 0; i < 12; ++i) script.Send(board, Hex("a0 03 00 00"));
+    });
+    SetTraceThreshold(100);
+    std::string expected =
+        "DAQIO(239) : DAQ->Host good blob: a0 0a 01 c0 01 02 03 04\n"
+        "DAQIO(245) : DAQ->Host blob checksum err: a0 0a 01 3f 01 02 03 04\n";
+    for (int i = 0; i < 9; ++i) {
+        expected += "DAQIO(245) : DAQ->Host blob checksum err: a0 03 00 00 00 00 00 00\n";
+    }
+    EXPECT_EQ(text, expected) << "the first ten errors";
+    std::string sent = ToHex(good + bad);
+    for (int i = 0; i < 12; ++i) sent += " a0 03 00";
+    EXPECT_EQ(link.Take().substr(ToHex(DaqSyncAnswer()).size() + 1), sent)
+        << "the board's answer to the sync, then all as it came";
+}
+
+TEST_F(Controller, SyncsWithTheBoardOnlyOnItsRightAnswer) {
+    const Bytes packet = Sealed(Hex("a0 05 01 00 11"));
+    const Bytes reopen = Tunnel(0, Command(0x72, Hex("44 33 22 11 01")));
+    // Noise before it, the first packet behind it in the same block.
+    script.daqAnswer = Bytes(300, 0xA1) + DaqSyncAnswer() + packet;
+    EXPECT_EQ(Reply(reopen), ToHex(packet) + " " + ControllerReply(0, 0x98, 0x72, 0));
+
+    script.daqAnswer = DaqSyncAnswer();
+    script.daqAnswer[5] = 78;
+    script.daqAnswer = Sealed(script.daqAnswer);
+    SetTraceThreshold(1);
+    std::string reply;
+    EXPECT_EQ(Printed([&] { reply = Reply(reopen); }),
+              "DAQIO(141) : Init during DAQ close succeeded.\n"
+              "DAQIO(110) : DAQ failed to reply to initial sync VEXA_CMD_ID_INIT.\n");
+    SetTraceThreshold(100);
+    EXPECT_EQ(reply, ControllerReply(0, 0x9C, 0x72, 59));
+    EXPECT_TRUE(script.streams.empty());
+}
+
+}  // namespace
+}  // namespace vexa

@@ -1,0 +1,175 @@
+// Children: opening, closing, and their data both ways.
+
+#include <atomic>
+#include <thread>
+
+#include "mux/MuxTest.h"
+#include "mux/TunneledDevices.h"
+
+namespace vexa {
+namespace {
+
+using namespace test;
+using Calls = std::vector<std::string>;
+
+class Children : public MuxTest {
+  protected:
+    Children() { OpenController(); }
+
+    // What the host gets for a block of device data.
+    static std::string Data(std::uint32_t id, std::uint8_t sequence, const Bytes& block) {
+        Bytes packet = Tunnel(id, block);
+        packet[2] = sequence;
+        return ToHex(Sealed(packet));
+    }
+    void ExpectOpenError(std::uint8_t sequence, const Bytes& command, std::uint8_t code) {
+        EXPECT_EQ(Reply(Tunnel(kController, command)), ControllerReply(sequence, 0x9C, 0x70, code))
+            << ToHex(command);
+    }
+};
+
+TEST_F(Children, OpenTheFirstAttachedDeviceOfTheNamesType) {
+    EXPECT_EQ(Reply(Tunnel(kController, OpenChild(0xAABBCCDD, "stream8"))),
+              ControllerReply(1, 0x98, 0x70, 0));
+    EXPECT_EQ(script.TakeCalls(),
+              (Calls{"VEXA_SearchForDevices(9, 8, 1, 0)", "VEXA_CloseDeviceListSnapshot(108)",
+                     "VEXA_Device_Stream_Open(first of 8, mode 3) = 4"}));
+    Pass(Tunnel(0xAABBCCDD, Hex("40 06 01 47 aa bb")));
+    Pass(Tunnel(0xAABBCCDD, {}));
+    EXPECT_EQ(script.writes, (Calls{"4: 40 06 01 47 aa bb", "4: "}));
+
+    EXPECT_EQ(Reply(Tunnel(kController, CloseChild(0xAABBCCDD))),
+              ControllerReply(2, 0x98, 0x71, 0));
+    EXPECT_EQ(script.TakeCalls(), Calls{"VEXA_Device_Stream_Close(4)"});
+    EXPECT_EQ(Reply(Tunnel(kController, CloseChild(0xAABBCCDD))),
+              ControllerReply(3, 0x9C, 0x70, 54))
+        << "an unknown child, reported under the open command";
+}
+
+TEST_F(Children, AreRefusedForEveryReasonThereIs) {
+    Open(1, "stream9");
+    std::uint8_t sequence = 2;
+    ExpectOpenError(sequence++, OpenChild(1, "stream8"), 54);              // id in use
+    ExpectOpenError(sequence++, OpenChild(2, "type7"), 54);                // unsupported type
+    ExpectOpenError(sequence++, OpenChild(2, "type12"), 54);               // beyond all sets
+    ExpectOpenError(sequence++, OpenChild(2, "unknown"), 54);              // unknown name
+    ExpectOpenError(sequence++, OpenChild(2, "hid4"), 54);                 // none attached
+    ExpectOpenError(sequence++, OpenChild(2, std::string(220, 'x')), 54);  // length 221
+    Bytes cut = OpenChild(2, "stream8-and-more");
+    cut[9] = 7;  // the length ends the name
+    EXPECT_EQ(Reply(Tunnel(kController, cut)), ControllerReply(sequence++, 0x98, 0x70, 0));
+    script.streamsOpen = false;
+    ExpectOpenError(sequence++, OpenChild(3, "stream8"), 54);
+    script.streamsOpen = true;
+
+    for (std::uint32_t id = 3; id < 10; ++id, ++sequence) Open(id, "hid2");
+    script.TakeCalls();
+    ExpectOpenError(sequence, OpenChild(10, "stream8"), 50);  // the controller counts
+    EXPECT_EQ(script.TakeCalls(), Calls{});
+}
+
+TEST_F(Children, WrapTheirDataUpTo245Bytes) {
+    const std::uint32_t stream = Open(0x01020304, "stream11");
+    EXPECT_EQ(script.Send(stream, Bytes(245, 0x5A)), 0);
+    EXPECT_EQ(script.Send(stream, {}), 0);
+    EXPECT_EQ(link.Take(), Data(0x01020304, 0, Bytes(245, 0x5A)) + " " + Data(0x01020304, 1, {}));
+    EXPECT_EQ(Printed([&] {
+                  for (const std::size_t size : {246U, 300U}) {
+                      EXPECT_EQ(script.Send(stream, Bytes(size, 0)), -1);
+                  }
+              }),
+              "VEXADevMgr TunneledDeviceReadCallback numBytes = 246 \n")
+        << "once";
+    for (int i = 2; i < 256; ++i) script.Send(stream, {1});
+    link.Take();
+    script.Send(stream, {1});
+    EXPECT_EQ(link.Take(), Data(0x01020304, 0, {1})) << "256 packets on";
+}
+
+TEST_F(Children, OfTheHIDKindPassReportsOnceArmed) {
+    const std::uint32_t stream = Open(5, "hid3");
+    const Bytes plain = Hex("01 02 03 04 05 06 07 08");
+    EXPECT_EQ(script.Send(stream, plain), 0);
+    EXPECT_EQ(link.Take(), "") << "not armed: dropped";
+    const Bytes init = Hex("80 00 00 00 00 00 00 01");
+    EXPECT_EQ(Printed([&] { EXPECT_EQ(script.Send(stream, init), 0); }), "Tarn Init Response \n");
+    script.Send(stream, plain);
+    EXPECT_EQ(Printed([&] { script.Send(stream, Hex("c0 00 00 00 00 00 00 02")); }), "");
+    EXPECT_EQ(link.Take(), Data(5, 0, init) + " " + Data(5, 1, plain) + " " +
+                               Data(5, 2, Hex("c0 00 00 00 00 00 00 02")));
+    EXPECT_EQ(Printed([&] {
+                  for (const std::size_t size : {7U, 9U, 0U}) {
+                      EXPECT_EQ(script.Send(stream, Bytes(size, 0xFF)), -1);
+                  }
+              }),
+              "TunneledHIDDeviceReadCallback numBytes = 7 \n");
+}
+
+TEST_F(Children, ThatAreGoneRefuseTheirDataAndTheirPackets) {
+    const std::uint32_t stream = Open(5, "stream8");
+    const auto late = script.streams[stream];
+    Reply(Tunnel(kController, CloseChild(5)));
+    EXPECT_EQ(
+        Printed([&] { EXPECT_EQ(late.callback(Bytes(300, 1).data(), 300, late.context), -1); }),
+        "");
+    for (const Bytes& packet : {Tunnel(5, Hex("40 05 00 45 00")),
+                                Sealed(Hex("60 07 07 00 44 33 22")), Sealed(Hex("60 04 07 00"))}) {
+        EXPECT_EQ(Printed([&] { Pass(packet); }),
+                  "Input from Host - Discarding orphaned tunnel packet.: " + ToHex(packet) + "\n");
+    }
+    EXPECT_EQ(link.Take(), "");
+    EXPECT_TRUE(script.writes.empty());
+}
+
+TEST_F(Children, AreAllClosedWhenTheHostLeaves) {
+    const std::uint32_t first = Open(1, "stream8");
+    const std::uint32_t second = Open(2, "hid2");
+    script.TakeCalls();
+    script.Send(first, {1, 2, 3});
+    mux.DisconnectCleanUp();
+    EXPECT_EQ(script.TakeCalls(),
+              (Calls{"VEXA_Device_Stream_Close(" + std::to_string(first) + ")",
+                     "VEXA_Device_Stream_Close(" + std::to_string(second) + ")"}));
+    EXPECT_EQ(link.Take(), "") << "queued output is purged";
+    EXPECT_FALSE(mux.IsHostConnected());
+    mux.DisconnectCleanUp();
+    EXPECT_EQ(script.TakeCalls(), Calls{}) << "once";
+}
+
+// Library threads send data while the main thread closes and opens children and replies.
+TEST_F(Children, KeepTheirSequenceWhileOthersComeAndGo) {
+    const std::uint32_t steady = Open(1, "stream8");
+    const auto callback = script.streams[steady];
+    std::atomic<bool> stop{false};
+    std::thread others([&] {
+        const std::uint8_t block[] = {9};
+        while (!stop) {
+            TunneledDeviceReadCallback(block, 1, reinterpret_cast<void*>(2));
+            TunneledHIDDeviceReadCallback(block, 1, reinterpret_cast<void*>(3));
+        }
+    });
+    std::thread sender([&] {
+        const std::uint8_t block[] = {7};
+        for (int i = 0; i < 300; ++i) {
+            ASSERT_EQ(callback.callback(block, 1, callback.context), 0);
+        }
+    });
+    Printed([&] {
+        for (int round = 0; round < 50; ++round) {
+            Reply(Tunnel(kController, OpenChild(2, "stream9")));
+            Reply(Tunnel(kController, OpenChild(3, "hid2")));
+            Reply(Tunnel(kController, CloseChild(2)));
+            Reply(Tunnel(kController, CloseChild(3)));
+        }
+        sender.join();
+        stop = true;
+        others.join();
+    });
+    EXPECT_EQ(mux.Children().Count(), 2U);
+    link.Take();
+    callback.callback(Bytes{7}.data(), 1, callback.context);
+    EXPECT_EQ(link.Take(), Data(1, 300 % 256, {7}));
+}
+
+}  // namespace
+}  // namespace vexa

@@ -1,0 +1,63 @@
+// libVEXA and libvexcri as a test wants them: they do what the script says and note what was
+// called. One script per process; each test starts it anew.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "VEXA.h"
+#include "support/Bytes.h"
+#include "vexcri.h"
+
+namespace vexa::test {
+
+struct ScriptedLibraries {
+    struct Stream {
+        std::string device;
+        VEXA_ReadCallback callback;
+        void* context;
+    };
+    struct Session {
+        std::string name;
+        CriCallback callback;
+        void* context;
+    };
+
+    static ScriptedLibraries& Get();
+    static void Reset() { Get() = ScriptedLibraries(); }
+
+    // The calls since the last look, but for writes: "VEXA_Device_Stream_Close(2)", ...
+    std::vector<std::string> TakeCalls();
+
+    // Has the device behind a stream send a block. Returns the callback's result.
+    std::int32_t Send(std::uint32_t stream, const Bytes& block);
+    // Has an application answer.
+    void Answer(const std::string& application, std::uint32_t command, std::int32_t response);
+
+    // The script.
+    std::map<std::string, std::uint32_t> types;     // of all names known
+    std::map<std::uint32_t, std::string> attached;  // first device of a type
+    bool streamsOpen = true;
+    bool writesSucceed = true;
+    bool recordWrites = true;
+    bool deviceOpens = true;
+    Bytes daqAnswer;  // sent at once for the initial sync written to the board
+    std::map<std::string, std::int32_t> initResults;  // of criInit; 1 when not named
+    std::map<std::uint32_t, std::int32_t> answers;    // by command, given inside criCommand
+    bool commandsSucceed = true;
+
+    // What happened.
+    std::vector<std::string> calls;
+    std::map<std::uint32_t, Stream> streams;
+    std::map<std::uint32_t, Session> sessions;
+    std::vector<std::string> writes;  // "2: 40 05 ..."
+    std::uint32_t lastHandle = 0;
+};
+
+// The board's answer to the initial sync of the service.
+Bytes DaqSyncAnswer();
+
+}  // namespace vexa::test
