@@ -1,0 +1,178 @@
+// The node "/dev/zt-usb" through the system calls of this process, with a host at the other end.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <string>
+#include <thread>
+
+#include "model/Descriptor.h"
+#include "unit/HostClient.h"
+#include "unit/UnitUnderTest.h"
+#include "zt_usb.h"
+
+namespace vexa::unit {
+namespace {
+
+class Node : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(node_) << errno;
+        ASSERT_TRUE(Eventually([&] { return !CableIsIn(); }));
+    }
+
+    [[nodiscard]] bool CableIsIn() const {
+        int status = -1;
+        EXPECT_EQ(::ioctl(node_.Get(), ZTG_LINK_STATUS, &status), 0);
+        return status != 0;
+    }
+
+    // A host that is plugged in.
+    [[nodiscard]] Descriptor PlugIn() const {
+        Descriptor host = ConnectHost(UnitFolderUnderTest());
+        EXPECT_TRUE(host);
+        EXPECT_TRUE(Eventually([&] { return CableIsIn(); }));
+        return host;
+    }
+
+    [[nodiscard]] std::string Read() const {
+        std::array<char, 3000> bytes{};
+        const auto got = ::read(node_.Get(), bytes.data(), bytes.size());
+        return got < 0 ? "errno " + std::to_string(errno)
+                       : std::string(bytes.data(), static_cast<std::size_t>(got));
+    }
+
+    const Descriptor node_{::open(ZT_USB_NODE, O_RDWR | O_EXCL)};
+};
+
+TEST_F(Node, TheCableIsInWhileAHostIsConnected) {
+    EXPECT_EQ(::write(node_.Get(), "x", 1), -1);
+    EXPECT_EQ(errno, ESHUTDOWN);
+    int status = 0;
+    EXPECT_EQ(::ioctl(node_.Get(), ZTG_LINK_STATUS + 1, &status), -1);
+    EXPECT_EQ(errno, ENOTTY);
+    {
+        const Descriptor host = PlugIn();
+        EXPECT_EQ(::send(host.Get(), "to the unit", 11, 0), 11);
+        EXPECT_EQ(Read(), "to the unit");
+        EXPECT_EQ(::write(node_.Get(), "to the host", 11), 11);
+        EXPECT_EQ(Receive(host, 11), "to the host");
+    }
+    EXPECT_TRUE(Eventually([&] { return !CableIsIn(); })) << "nobody reads, and yet it is noticed";
+}
+
+TEST_F(Node, OneHostAtATime) {
+    Descriptor first = PlugIn();
+    const Descriptor second = ConnectHost(UnitFolderUnderTest());
+    EXPECT_EQ(Receive(second, 1), "") << "the second one is hung up on";
+    EXPECT_EQ(::write(node_.Get(), "still", 5), 5);
+    EXPECT_EQ(Receive(first, 5), "still");
+
+    first = Descriptor();
+    const Descriptor third = ConnectHost(UnitFolderUnderTest());
+    ASSERT_EQ(::send(third.Get(), "new", 3, 0), 3);
+    EXPECT_EQ(Read(), "new") << "what takes the place of one that has left is served at once";
+}
+
+TEST_F(Node, ABlockedReadOutlivesTheCableAndEndsWithASignal) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, nullptr), 0);
+
+    Collected<std::string> reads;
+    std::thread reader([&] {
+        for (std::string got; got != "errno " + std::to_string(EINTR); reads.Add(got)) got = Read();
+    });
+    for (const char* text : {"one", "two"}) {
+        const Descriptor host = ConnectHost(UnitFolderUnderTest());
+        ASSERT_EQ(::send(host.Get(), text, 3, 0), 3);
+        (void)reads.Await(text == std::string("one") ? 1 : 2);
+    }
+    // Sent again and again: it may come before the call that it is to interrupt.
+    EXPECT_TRUE(Eventually([&] {
+        if (reads.Await(2).size() == 3) return true;
+        ::pthread_kill(reader.native_handle(), SIGUSR1);
+        return false;
+    }));
+    reader.join();
+    EXPECT_EQ(reads.Await(3),
+              (std::vector<std::string>{"one", "two", "errno " + std::to_string(EINTR)}));
+}
+
+TEST_F(Node, WhatAHostSentBeforeItLeftCanStillBeRead) {
+    {
+        const Descriptor host = PlugIn();
+        ASSERT_EQ(::send(host.Get(), "last words", 10, 0), 10);
+    }
+    ASSERT_TRUE(Eventually([&] { return !CableIsIn(); }));
+    EXPECT_EQ(Read(), "last words");
+}
+
+TEST_F(Node, AWriteWaitsForASlowHost) {
+    const Descriptor host = PlugIn();
+    const std::string sent(4000000, 'w');
+    std::thread writer([&] {
+        EXPECT_EQ(::write(node_.Get(), sent.data(), sent.size()),
+                  static_cast<ssize_t>(sent.size()));
+    });
+    EXPECT_TRUE(AwaitReadable(host));
+    // A reader that is in the way of nobody: both directions at once.
+    EXPECT_EQ(::send(host.Get(), "meanwhile", 9, 0), 9);
+    EXPECT_EQ(Read(), "meanwhile");
+    EXPECT_EQ(Receive(host, sent.size()), sent);
+    writer.join();
+}
+
+TEST_F(Node, AWriteFailsWhenItsHostLeaves) {
+    Descriptor host = PlugIn();
+    std::thread writer([&] {
+        const std::string sent(4000000, 'w');
+        EXPECT_EQ(::write(node_.Get(), sent.data(), sent.size()), -1);
+        EXPECT_EQ(errno, ESHUTDOWN);
+    });
+    EXPECT_TRUE(AwaitReadable(host));
+    host = Descriptor();
+    writer.join();
+}
+
+TEST_F(Node, OtherFilesAreLeftAlone) {
+    const std::string path = UnitFolderUnderTest() + "/file";
+    ::umask(0);
+    for (const int file : {::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0640),
+                           ::openat(AT_FDCWD, path.c_str(), O_RDWR | O_CREAT | O_TRUNC, 0600)}) {
+        const Descriptor owned(file);
+        struct stat status {};
+        ASSERT_EQ(::fstat(file, &status), 0);
+        EXPECT_EQ(status.st_mode & 0777U, 0640U) << "the mode reached the file that was made";
+        EXPECT_EQ(::write(file, "text", 4), 4);
+        EXPECT_EQ(::ioctl(file, ZTG_LINK_STATUS, nullptr), -1);
+    }
+
+    // A descriptor number that was the node's and has become a file's.
+    const int opened = ::open(ZT_USB_NODE, O_RDWR);
+    ASSERT_EQ(::close(opened), 0);
+    const Descriptor file(::open(path.c_str(), O_RDONLY));
+    ASSERT_EQ(file.Get(), opened);
+    std::array<char, 4> bytes{};
+    EXPECT_EQ(::read(file.Get(), bytes.data(), bytes.size()), 4);
+    EXPECT_EQ(std::string(bytes.data(), 4), "text");
+}
+
+TEST_F(Node, ItCanBeOpenedManyTimesButNotWithoutEnd) {
+    std::vector<Descriptor> opens;
+    int descriptor = 0;
+    while ((descriptor = ::open(ZT_USB_NODE, O_RDWR)) >= 0) opens.emplace_back(descriptor);
+    EXPECT_EQ(errno, EMFILE);
+    EXPECT_GE(opens.size(), 4U);
+    opens.clear();
+    const Descriptor again(::openat(AT_FDCWD, ZT_USB_NODE, O_RDWR));
+    EXPECT_TRUE(again);
+}
+
+}  // namespace
+}  // namespace vexa::unit

@@ -1,0 +1,153 @@
+// vexa-unit as its users start it.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "model/HostSocket.h"
+#include "unit/HostClient.h"
+#include "unit/RunningTool.h"
+
+namespace vexa::unit {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+
+class RunCommand : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        std::string path = ::testing::TempDir() + "/run-XXXXXX";
+        ASSERT_NE(::mkdtemp(path.data()), nullptr);
+        scratch_ = fs::canonical(path);
+    }
+    void TearDown() override { fs::remove_all(scratch_); }
+
+    [[nodiscard]] std::string Scratch(const std::string& name) const { return scratch_ / name; }
+
+    // The arguments that run the probe on a unit in the folder "unit".
+    [[nodiscard]] std::vector<std::string> Run(std::vector<std::string> options,
+                                               const std::vector<std::string>& task) const {
+        options.insert(options.begin(), {"run", "--dir", Scratch("unit")});
+        options.insert(options.end(), {"--", UNIT_PROBE});
+        options.insert(options.end(), task.begin(), task.end());
+        return options;
+    }
+
+    fs::path scratch_;
+};
+
+TEST_F(RunCommand, ExitsAsTheProgramAndLeavesNothingBehind) {
+    EXPECT_EQ(RunningTool(Run({}, {"exit", "0"})).Wait(), 0);
+    EXPECT_EQ(RunningTool(Run({}, {"exit", "7"})).Wait(), 7);
+    EXPECT_EQ(RunningTool(Run({}, {"raise", std::to_string(SIGUSR2)})).Wait(), 128 + SIGUSR2);
+    EXPECT_FALSE(fs::exists(Scratch("unit")));
+
+    fs::create_directory(Scratch("unit"));
+    RunningTool tool(Run({}, {"exit", "0"}));
+    EXPECT_EQ(tool.Wait(), 0);
+    EXPECT_EQ(tool.Output(), "vexa-unit: host socket " + Scratch("unit") + "/host.sock\n");
+    EXPECT_TRUE(fs::is_empty(Scratch("unit"))) << "a folder that was there stays";
+}
+
+TEST_F(RunCommand, TheProgramFindsTheStandIns) {
+    std::ofstream(Scratch("scenario")) << R"({"node": {"present": false}})";
+    RunningTool calling(Run({"--journal", Scratch("journal")}, {"call"}));
+    EXPECT_EQ(calling.Wait(), 0) << calling.Output();
+    std::stringstream journal;
+    journal << std::ifstream(Scratch("journal")).rdbuf();
+    EXPECT_EQ(journal.str(), "VEXA_Init() = 1\ncriInit(\"FGEN\", 1) = 1\n");
+
+    RunningTool without(Run({"--scenario", Scratch("scenario")}, {"echo"}));
+    EXPECT_EQ(without.Wait(), 0);
+    EXPECT_THAT(without.Output(), HasSubstr("node missing"));
+
+    RunningTool with(Run({}, {"echo"}));
+    ASSERT_TRUE(with.AwaitOutput("node open\n")) << "printed at once, though never flushed";
+    const Descriptor host = ConnectHost(Scratch("unit"));
+    ASSERT_EQ(::send(host.Get(), ".bye", 4, 0), 4);
+    EXPECT_EQ(Receive(host, 5), ".bye") << "and then the end, as the unit is gone";
+    EXPECT_EQ(with.Wait(), 0);
+}
+
+TEST_F(RunCommand, PassesSignalsOn) {
+    for (const int signal : {SIGTERM, SIGINT}) {
+        RunningTool tool(Run({}, {"wait"}));
+        ASSERT_TRUE(tool.AwaitOutput("waits\n"));
+        tool.Send(signal);
+        EXPECT_EQ(tool.Wait(), 5);
+        EXPECT_THAT(tool.Output(), HasSubstr("ended by " + std::to_string(signal)));
+        EXPECT_FALSE(fs::exists(Scratch("unit")));
+    }
+}
+
+TEST_F(RunCommand, WhenItIsKilledTheProgramEndsAndTheNextUnitStarts) {
+    RunningTool tool(Run({}, {"wait"}));
+    ASSERT_TRUE(tool.AwaitOutput("waits\n"));
+    tool.Send(SIGKILL);
+    EXPECT_EQ(tool.Wait(), -SIGKILL);  // returns only when the program has ended as well
+    ASSERT_TRUE(fs::exists(HostSocketPath(Scratch("unit"))));
+    EXPECT_EQ(RunningTool(Run({}, {"exit", "3"})).Wait(), 3) << "in place of the stale socket";
+}
+
+TEST_F(RunCommand, RefusesAFolderInWhichAUnitRuns) {
+    {
+        RunningTool running(Run({}, {"echo"}));
+        ASSERT_TRUE(running.AwaitOutput("node open\n"));
+        RunningTool second(Run({}, {"exit", "0"}));
+        EXPECT_EQ(second.Wait(), 2);
+        EXPECT_THAT(second.Output(), HasSubstr("another unit is running in " + Scratch("unit")));
+        const Descriptor host = ConnectHost(Scratch("unit"));
+        ASSERT_EQ(::send(host.Get(), ".", 1, 0), 1);
+        EXPECT_EQ(running.Wait(), 0) << "the first one is not disturbed";
+    }
+    // A socket that somebody else listens on.
+    fs::create_directory(Scratch("unit"));
+    const Descriptor listener = ListenForHosts(Scratch("unit"));
+    RunningTool third(Run({}, {"exit", "0"}));
+    EXPECT_EQ(third.Wait(), 2);
+    EXPECT_TRUE(ConnectHost(Scratch("unit")));
+}
+
+TEST_F(RunCommand, SaysInOneLineWhatCannotBeUsed) {
+    std::ofstream(Scratch("scenario")) << R"({"daq": {"colour": 1}})";
+    std::ofstream(Scratch("file")) << "";
+    const std::string unit = Scratch("unit");
+    struct Case {
+        std::vector<std::string> arguments;
+        std::string complaint;
+    };
+    const Case cases[] = {
+        {{}, "subcommand is required"},
+        {{"walk"}, "subcommand is required"},
+        {{"run", "--speed", "9"}, "--speed"},
+        {Run({"--scenario", Scratch("none")}, {}), "scenario " + Scratch("none") + ": cannot read"},
+        {Run({"--scenario", Scratch("scenario")}, {}), "daq.colour: unknown key"},
+        {Run({"--journal", Scratch("none/journal")}, {}), "journal " + Scratch("none/journal")},
+        {{"run", "--dir", unit, "--", "no-such-program"}, "cannot run no-such-program"},
+        {{"run", "--dir", unit, "--", Scratch("file")}, "cannot run " + Scratch("file")},
+        {{"run", "--dir", unit, "--", scratch_}, "cannot run"},
+        {{"run", "--dir", Scratch("none/unit"), "--", UNIT_PROBE}, "cannot make the folder"},
+        {{"run", "--dir", Scratch("file"), "--", UNIT_PROBE}, "there is a file of that name"},
+        {{"run", "--dir", Scratch(std::string(100, 'd')), "--", UNIT_PROBE}, "characters at most"},
+    };
+    for (const auto& [arguments, complaint] : cases) {
+        RunningTool tool(arguments);
+        EXPECT_EQ(tool.Wait(), 2) << complaint;
+        EXPECT_THAT(tool.Output(), ::testing::StartsWith("vexa-unit: "));
+        EXPECT_THAT(tool.Output(), HasSubstr(complaint));
+        EXPECT_EQ(std::ranges::count(tool.Output(), '\n'), 1) << tool.Output();
+    }
+    for (const auto& entry : fs::directory_iterator(scratch_)) {
+        EXPECT_TRUE(entry.is_regular_file()) << entry << " was left behind";
+    }
+}
+
+}  // namespace
+}  // namespace vexa::unit

@@ -1,0 +1,108 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+
+#include "model/ScenarioFile.h"
+
+namespace vexa::unit {
+namespace {
+
+using ::testing::HasSubstr;
+
+std::variant<Scenario, ScenarioError> LoadText(const std::string& text) {
+    const std::string path = ::testing::TempDir() + "/scenario-under-test.json";
+    std::ofstream(path) << text;
+    return LoadScenario(path);
+}
+
+TEST(ScenarioFile, TheShippedDefaultIsTheBuiltInOne) {
+    const auto loaded = LoadScenario(std::string(UNIT_SCENARIO_FOLDER) + "/default.json");
+    ASSERT_TRUE(std::holds_alternative<Scenario>(loaded)) << std::get<ScenarioError>(loaded).text;
+    const Scenario builtIn;
+    EXPECT_EQ(std::get<Scenario>(loaded), builtIn);
+}
+
+TEST(ScenarioFile, WhatIsLeftOutIsAsInTheDefaultUnit) {
+    Scenario expected;
+    EXPECT_EQ(std::get<Scenario>(LoadText("{}")), expected);
+
+    expected.devices = {{.name = "A", .type = 2, .attached = false, .blockSize = 8},
+                        {.name = "B", .type = 9, .rate = 0.25, .waveform = Waveform::kNoise}};
+    expected.daq.checksumErrorEvery = 4;
+    expected.applications["DAQ"].refuses = {1, 2};
+    expected.applications["FGEN"].responses = {{3, -1}};
+    expected.nodePresent = false;
+    expected.library = {.initFails = true, .majorVersion = 9, .minorVersion = 65535};
+    EXPECT_EQ(std::get<Scenario>(LoadText(R"({
+        "devices": [{"name": "A", "type": 2, "attached": false},
+                    {"name": "B", "type": 9, "rate": 0.25, "waveform": "noise"}],
+        "daq": {"checksumErrorEvery": 4},
+        "applications": {"DAQ": {"refuses": [1, 2]}, "FGEN": {"responses": {"3": -1}}},
+        "node": {"present": false},
+        "library": {"initFails": true, "version": [9, 65535]}})")),
+              expected);
+}
+
+TEST(ScenarioFile, WhatIsWrongIsNamedWithItsPlace) {
+    struct Case {
+        const char* text;
+        const char* complaint;
+    };
+    const Case cases[] = {
+        {"", "not valid JSON: "},
+        {"{\"daq\": ", "line 1, column 9"},
+        {"[]", "the whole file: expected an object, not []"},
+        {R"({"gadgets": 1})", "gadgets: unknown key; expected one of: devices, daq, "},
+        {R"({"devices": {}})", "devices: expected a list, not {}"},
+        {R"({"devices": [{"type": 8}]})", "devices[0].name: expected a name"},
+        {R"({"devices": [{"name": ""}]})", "devices[0].name: expected a name"},
+        {R"({"devices": [{"name": "A\u0000B"}]})", "devices[0].name: expected a name"},
+        {R"({"devices": [{"name": "A"}, {"name": "A"}]})", "devices[1].name: expected a name that"},
+        {R"({"devices": [{"name": "Acquisition board"}]})",
+         "devices[0].name: expected a name that"},
+        {R"({"devices": [{"name": "A", "type": 5}]})", "devices[0].type: expected a sensor's type"},
+        {R"({"devices": [{"name": "A", "type": 256}]})",
+         "devices[0].type: expected a whole number from 0 to 255, not 256"},
+        {R"({"devices": [{"name": "A", "type": -1}]})", "from 0 to 255, not -1"},
+        {R"({"devices": [{"name": "A", "type": 8.5}]})", "from 0 to 255, not 8.5"},
+        {R"({"devices": [{"name": "A", "blockSize": 9}]})",
+         "blockSize: expected a whole number from 10"},
+        {R"({"devices": [{"name": "A", "type": 3, "blockSize": 20}]})", "from 8 to 8, not 20"},
+        {R"({"devices": [{"name": "A", "rate": "fast"}]})",
+         "devices[0].rate: expected a number per second from 0 to 10000, not \"fast\""},
+        {R"({"devices": [{"name": "A", "rate": 10001}]})", "not 10001"},
+        {R"({"devices": [{"name": "A", "waveform": "saw"}]})",
+         "devices[0].waveform: expected \"sine\","},
+        {R"({"devices": [{"name": "A", "echo": 1}]})",
+         "devices[0].echo: expected true or false, not 1"},
+        {R"({"daq": {"measurementSize": 256}})", "daq.measurementSize: expected"},
+        {R"({"applications": {"GAME": {}}})", "applications.GAME: unknown key"},
+        {R"({"applications": {"DAQ": {"refuses": [1, "x"]}}})",
+         "applications.DAQ.refuses[1]: expected"},
+        {R"({"applications": {"DAQ": {"responses": {"two": 1}}}})",
+         "applications.DAQ.responses.two: expected a command number"},
+        {R"({"applications": {"DAQ": {"responses": {"2": 4294967295}}}})",
+         "applications.DAQ.responses.2: expected a 32-bit"},
+        {R"({"library": {"version": [3]}})", "library.version: expected a list of two"},
+    };
+    for (const auto& [text, complaint] : cases) {
+        const auto loaded = LoadText(text);
+        ASSERT_TRUE(std::holds_alternative<ScenarioError>(loaded)) << text;
+        const std::string& error = std::get<ScenarioError>(loaded).text;
+        EXPECT_THAT(error, HasSubstr("scenario-under-test.json: ")) << text;
+        EXPECT_THAT(error, HasSubstr(complaint)) << text;
+        EXPECT_EQ(error.find('\n'), std::string::npos) << error;
+    }
+}
+
+TEST(ScenarioFile, AFileThatCannotBeReadIsAnError) {
+    for (const std::string path : {"/nonexistent/scenario.json", "/"}) {
+        const auto loaded = LoadScenario(path);
+        ASSERT_TRUE(std::holds_alternative<ScenarioError>(loaded)) << path;
+        EXPECT_THAT(std::get<ScenarioError>(loaded).text, HasSubstr(path + ": cannot read it: "));
+    }
+}
+
+}  // namespace
+}  // namespace vexa::unit
