@@ -1,0 +1,307 @@
+// The client against a service that answers as each test tells it to.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <future>
+
+#include "FakeService.h"
+#include "vexahost/Client.h"
+
+namespace vexahost {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr Milliseconds kLong{20000};  // for what must come
+constexpr Milliseconds kShort{50};    // for what must not
+
+// What went wrong, or "done".
+template <typename T>
+std::string Outcome(const Expected<T>& result) {
+    if (result) return "done";
+    switch (result.Failure().kind) {
+        case ErrorKind::kInvalidArgument:
+            return "invalid argument";
+        case ErrorKind::kCannotConnect:
+            return "cannot connect";
+        case ErrorKind::kTimeout:
+            return "timeout";
+        case ErrorKind::kLinkLost:
+            return "link lost";
+        case ErrorKind::kProtocolViolation:
+            return "violation";
+        case ErrorKind::kRefused:
+            break;
+    }
+    return "refused " + std::to_string(result.Failure().command) + "/" +
+           std::to_string(result.Failure().code);
+}
+
+// Waits for a request that is answered in order: all that the service sent before has then come.
+void Catchup(Client& client) { ASSERT_EQ(Outcome(client.InitialSync(kLong)), "done"); }
+
+TEST(Client, HoldsAWholeConversation) {
+    std::vector<Bytes> requests;
+    FakeService service([&](FakeService& self, const Bytes& packet) {
+        requests.push_back(packet);
+        if (packet[0] == 0x60 && packet[12] == 0x73) {
+            self.SendFramed(ControllerReply(1, 1, 0x98, 0x73, packet[10], 1));
+        } else if (packet[0] == 0x60 && packet[12] == 0x70) {
+            // A device may be faster than the acknowledgement of its opening.
+            self.SendFramed(ChildBlock(0x1001, 0, {1, 2}));
+            self.SendFramed(ControllerReply(1, 2, 0x98, 0x70, packet[10], 0));
+        } else if (packet[0] == 0x40 && packet[4] == 5) {
+            self.SendFramed(Sealed({0xB8, 7, 0, 0, 5, packet[2], 0}));
+            self.SendFramed({0xA0, 6, 1, 0x55, 1, 2});  // its checksum is wrong
+        } else {
+            FakeService::Obey(self, packet);
+        }
+    });
+    {
+        Client client(service.TakeTransport());
+        const std::uint8_t first = client.NextSequence();
+        const auto reply = client.InitialSync(kLong);
+        ASSERT_TRUE(reply);
+        EXPECT_EQ(*reply, SyncReply(0, first));
+        EXPECT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+        const auto holds = client.QueryDaqApplication(kLong);
+        ASSERT_TRUE(holds);
+        EXPECT_TRUE(*holds);
+        EXPECT_EQ(Outcome(client.TakeDaqOver(kLong)), "done");
+        EXPECT_EQ(Outcome(client.SendMultiplexerCommand(5, Bytes{9}, kLong)), "done");
+        const auto daq = client.ReceiveDaq(kLong);
+        ASSERT_TRUE(daq);
+        EXPECT_THAT(daq->bytes, ElementsAre(0xA0, 6, 1, 0x55, 1, 2));
+        EXPECT_FALSE(daq->checksumRight);
+        EXPECT_EQ(Outcome(client.OpenDevice("Mic", 0x1001, kLong)), "done");
+        const auto block = client.Receive(0x1001, kLong);
+        ASSERT_TRUE(block);
+        EXPECT_THAT(block->bytes, ElementsAre(1, 2));
+        EXPECT_EQ(Outcome(client.CloseDevice(0x1001, kLong)), "done");
+        EXPECT_EQ(Outcome(client.Receive(0x1001, kLong)), "invalid argument");
+        EXPECT_EQ(Outcome(client.CloseController(kLong)), "done");
+        EXPECT_EQ(client.Statistics().strayReplies, 0U);
+        EXPECT_EQ(client.Statistics().strayPackets, 0U);
+    }
+    ASSERT_EQ(requests.size(), 8U);
+    for (std::size_t i = 1; i < requests.size(); ++i) {
+        EXPECT_NE(requests[i][2], requests[i - 1][2]) << "each request has its own number";
+    }
+    EXPECT_EQ(requests.back()[12], 0x71);
+    EXPECT_EQ(requests.back()[13], 1);
+}
+
+TEST(Client, TellsTheKindsOfErrorsApart) {
+    struct Case {
+        const char* outcome;
+        std::function<void(FakeService&, const Bytes&)> answer;
+        const char* message;
+    };
+    const Case cases[] = {
+        {"refused 116/57",
+         [](FakeService& self, const Bytes& p) {
+             self.SendFramed(ControllerReply(1, 0, 0x9C, 0x74, p[10], 57));
+         },
+         "take DAQ over was refused: error 57, the DAQ did not come up during the take-over"},
+        // With no controller left the unit answers under id 0.
+        {"refused 116/50",
+         [](FakeService& self, const Bytes& p) {
+             self.SendFramed(ControllerReply(0, 0, 0x9C, 0x74, p[10], 50));
+         },
+         "error 50, the session with the DAQ application has failed"},
+        {"timeout", [](FakeService&, const Bytes&) {}, "no answer in time to: take DAQ over"},
+        // Not answers: another request's, another command's, one with a wrong checksum, one of a
+        // stranger, and one that is no reply.
+        {"timeout",
+         [](FakeService& self, const Bytes& p) {
+             const auto other = static_cast<std::uint8_t>(p[10] + 1);
+             self.SendFramed(ControllerReply(1, 0, 0x98, 0x74, other, 0));
+             self.SendFramed(ControllerReply(1, 0, 0x9C, 0x70, p[10], 54));
+             Bytes wrong = ControllerReply(1, 0, 0x98, 0x74, p[10], 0);
+             ++wrong[3];
+             self.SendFramed(wrong);
+             self.SendFramed(ControllerReply(2, 0, 0x98, 0x74, p[10], 0));
+             self.SendFramed(Sealed({0x98, 7, 0, 0, 0x74, p[10], 0}));
+         },
+         "no answer in time"},
+        {"link lost", [](FakeService& self, const Bytes&) { self.HangUp(); }, "the link is lost"},
+        {"violation",
+         [](FakeService& self, const Bytes&) {
+             self.SendBytes({1, 2, 3, 4, 5, 6, 7, 8});
+         },
+         "bad frame header (no \"U012\" at its end): 01 02 03 04 05 06 07 08"},
+        {"violation",
+         [](FakeService& self, const Bytes&) {
+             self.SendFramed({0x60, 2, 0, 0});
+         },
+         "packet with length byte 2: 60 02 00 00"},
+    };
+    for (const Case& error : cases) {
+        FakeService service([&](FakeService& self, const Bytes& packet) {
+            if (packet[0] == 0x60 && packet[12] == 0x74) return error.answer(self, packet);
+            FakeService::Obey(self, packet);
+        });
+        Client client(service.TakeTransport());
+        Catchup(client);
+        ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+        const bool silent = std::string(error.outcome) == "timeout";
+        const auto taken = client.TakeDaqOver(silent ? kShort : kLong);
+        EXPECT_EQ(Outcome(taken), error.outcome);
+        ASSERT_FALSE(taken);
+        EXPECT_THAT(taken.Failure().message, HasSubstr(error.message));
+        // The link's end stays; a refusal or a time-out leaves the link usable.
+        const bool over = taken.Failure().kind == ErrorKind::kLinkLost ||
+                          taken.Failure().kind == ErrorKind::kProtocolViolation;
+        EXPECT_EQ(Outcome(client.InitialSync(kLong)), over ? error.outcome : "done");
+        EXPECT_EQ(client.LinkError().has_value(), over);
+    }
+}
+
+TEST(Client, AnUnknownChildsCloseIsRefusedUnderTheOpenCommand) {
+    FakeService service([](FakeService& self, const Bytes& packet) {
+        if (packet[0] == 0x60 && packet[12] == 0x71) {
+            self.SendFramed(ControllerReply(1, 1, 0x9C, 0x70, packet[10], 54));
+        } else {
+            FakeService::Obey(self, packet);
+        }
+    });
+    Client client(service.TakeTransport());
+    ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    EXPECT_EQ(Outcome(client.CloseDevice(99, kLong)), "refused 112/54");
+}
+
+TEST(Client, MultiplexerCommandsAreRefusedWhileTheDaqIsClosed) {
+    FakeService service([](FakeService& self, const Bytes& packet) {
+        self.SendFramed(Sealed({0x9C, 7, 0, 0, packet[4], packet[2], 48}));
+    });
+    Client client(service.TakeTransport());
+    EXPECT_EQ(Outcome(client.SendMultiplexerCommand(5, {}, kLong)), "refused 5/48");
+}
+
+TEST(Client, SynchronisesFromTheMiddleOfAStreamAndAsksAgain) {
+    int requests = 0;
+    FakeService service([&](FakeService& self, const Bytes& packet) {
+        if (++requests == 2) self.SendFramed(SyncReply(0, packet[2]));
+    });
+    service.SendFramed({0, 0, 0, 0, 0x60, 200, 1, 2, 3});  // left over from an earlier host
+    Client client(service.TakeTransport());
+    EXPECT_EQ(Outcome(client.InitialSync(kLong)), "done");
+    EXPECT_EQ(requests, 2);
+}
+
+TEST(Client, KeepsChildrensBlocksApartAndCountsWhatIsMissing) {
+    FakeService service(FakeService::Obey);
+    ClientOptions options;
+    options.queueCapacity = 3;
+    Client client(service.TakeTransport(), options);
+    ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
+    ASSERT_EQ(Outcome(client.OpenDevice("B", 11, kLong)), "done");
+    Bytes stream;
+    for (int i = 0; i < 258; ++i) {  // the numbers wrap; 100 and 101 are missing: one gap
+        if (i == 100 || i == 101) continue;
+        const auto number = static_cast<std::uint8_t>(i);
+        stream = Join({stream, ChildBlock(10, number, {number})});
+    }
+    service.SendFramed(Join({stream, ChildBlock(11, 0, {7}), ChildBlock(12, 0, {8})}));
+    Catchup(client);
+    for (const int kept : {255, 0, 1}) {
+        const auto block = client.Receive(10, kLong);
+        ASSERT_TRUE(block);
+        EXPECT_THAT(block->bytes, ElementsAre(kept));
+    }
+    EXPECT_EQ(Outcome(client.Receive(10, kShort)), "timeout");
+    const auto counts = client.StatisticsOf(10);
+    ASSERT_TRUE(counts);
+    EXPECT_EQ(counts->blocks, 256U);
+    EXPECT_EQ(counts->bytes, 256U);
+    EXPECT_EQ(counts->sequenceGaps, 1U);
+    EXPECT_EQ(counts->dropped, 253U);
+    EXPECT_EQ(client.StatisticsOf(11)->sequenceGaps, 0U);
+    EXPECT_EQ(client.Statistics().strayPackets, 1U);
+    // Opening the controller again abandons the children.
+    ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    EXPECT_FALSE(client.StatisticsOf(11));
+}
+
+TEST(Client, SendsNothingThatTheUnitWouldMisunderstand) {
+    std::atomic<int> tunnelPackets{0};
+    FakeService service([&](FakeService& self, const Bytes& packet) {
+        if (packet[0] == 0x60) ++tunnelPackets;
+        FakeService::Obey(self, packet);
+    });
+    Client client(service.TakeTransport());
+    EXPECT_EQ(Outcome(client.Send(10, Bytes(248))), "invalid argument");
+    EXPECT_EQ(Outcome(client.Send(10, Bytes{1, 2, 3, 4, 0x72})), "invalid argument");
+    EXPECT_EQ(Outcome(client.OpenDevice(std::string(220, 'x'), 10)), "invalid argument");
+    EXPECT_EQ(Outcome(client.SendMultiplexerCommand(5, Bytes(251))), "invalid argument");
+    Catchup(client);
+    EXPECT_EQ(tunnelPackets, 0);
+    EXPECT_EQ(Outcome(client.Send(10, Bytes(247))), "done");
+    Catchup(client);
+    EXPECT_EQ(tunnelPackets, 1);
+}
+
+TEST(Client, ServesSeveralThreads) {
+    constexpr int kThreads = 4;
+    constexpr int kRequests = 50;
+    std::atomic<bool> underWay{false};
+    std::atomic<int> overlaps{0};
+    FakeService service([&](FakeService& self, const Bytes& packet) {
+        if (packet[0] == 0x60 && packet[12] == 0x73) {
+            // A request that came together with this one would be dropped by the unit as busy.
+            if (underWay.exchange(true)) ++overlaps;
+            underWay = false;
+            self.SendFramed(ChildBlock(10, 0, {packet[10]}));
+            self.SendFramed(ControllerReply(1, 0, 0x98, 0x73, packet[10],
+                                            static_cast<std::uint8_t>(packet[10] & 1)));
+        } else {
+            FakeService::Obey(self, packet);
+        }
+    });
+    Client client(service.TakeTransport());
+    ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
+    std::vector<std::future<int>> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        threads.push_back(std::async(std::launch::async, [&] {
+            int done = 0;
+            for (int request = 0; request < kRequests; ++request) {
+                if (client.QueryDaqApplication(kLong) && client.InitialSync(kLong)) ++done;
+            }
+            return done;
+        }));
+    }
+    int blocks = 0;
+    while (blocks < kThreads * kRequests && client.Receive(10, kLong)) ++blocks;
+    EXPECT_EQ(blocks, kThreads * kRequests);
+    for (auto& thread : threads) EXPECT_EQ(thread.get(), kRequests);
+    EXPECT_EQ(client.Statistics().strayReplies, 0U);
+}
+
+TEST(Client, CloseEndsAllWaits) {
+    FakeService service([](FakeService& self, const Bytes& packet) {
+        if (packet[0] == 0x60 && packet[12] >= 0x73) return;
+        FakeService::Obey(self, packet);
+    });
+    Client client(service.TakeTransport());
+    ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kShort)), "timeout");  // no controller is open yet
+    ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
+    auto query =
+        std::async(std::launch::async, [&] { return Outcome(client.QueryDaqApplication(kLong)); });
+    auto second =
+        std::async(std::launch::async, [&] { return Outcome(client.TakeDaqOver(kLong)); });
+    auto data = std::async(std::launch::async, [&] { return Outcome(client.Receive(10, kLong)); });
+    auto daq = std::async(std::launch::async, [&] { return Outcome(client.ReceiveDaq(kLong)); });
+    client.Close();
+    EXPECT_EQ(query.get(), "link lost");
+    EXPECT_EQ(second.get(), "link lost");
+    EXPECT_EQ(data.get(), "link lost");
+    EXPECT_EQ(daq.get(), "link lost");
+    EXPECT_EQ(Outcome(client.SendRaw(Bytes{1})), "link lost");
+}
+
+}  // namespace
+}  // namespace vexahost
