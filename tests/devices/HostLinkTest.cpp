@@ -1,0 +1,106 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+
+#include "devices/HostLink.h"
+#include "foundation/GUtils.h"
+#include "support/Output.h"
+#include "support/ScriptedNode.h"
+
+namespace vexa {
+namespace {
+
+using namespace test;
+
+class HostLink : public testing::Test {
+  protected:
+    HostLink() { HostLink_Use(&state); }
+    ~HostLink() override {
+        HostLink_Close();
+        HostLink_Use(nullptr);
+    }
+
+    ScriptedNode node;
+    HostLinkState state;
+};
+
+TEST_F(HostLink, IsDeadBeforeOpenAndAfterClose) {
+    const auto expectDead = [] {
+        const unsigned char byte = 1;
+        EXPECT_EQ(HostLink_Write(&byte, 1), 0);
+        EXPECT_EQ(HostLink_WriteByte(1), 0);
+        EXPECT_EQ(HostLink_BytesAvailable(), 0);
+        EXPECT_EQ(HostLink_IsOpen(), 0);
+        EXPECT_EQ(HostLink_IsLinkUp(), 0);
+        EXPECT_EQ(HostLink_Purge(), 1);
+    };
+    expectDead();
+    ASSERT_EQ(HostLink_Open(), 1);
+    EXPECT_EQ(HostLink_IsOpen(), 1);
+    HostLink_Close();
+    expectDead();
+    HostLink_Use(nullptr);
+    expectDead();
+    EXPECT_EQ(HostLink_Open(), 0);
+}
+
+TEST_F(HostLink, ReportsANodeThatCannotBeOpened) {
+    node.present = false;
+    EXPECT_EQ(HostLink_Open(), 0);
+    EXPECT_EQ(HostLink_IsOpen(), 0);
+}
+
+TEST_F(HostLink, CarriesBytesBothWays) {
+    ASSERT_EQ(HostLink_Open(), 1);
+    EXPECT_EQ(HostLink_IsLinkUp(), 1);
+    node.HostSends(Hex("01 02 03"));
+    while (state.inputBuffer->GetBytesAvailable() < 3) OSSleep(1);
+
+    const Bytes block(300, 0x5A);
+    EXPECT_EQ(HostLink_Write(block.data(), 300), 44) << "the low 8 bits of the count";
+    EXPECT_EQ(node.HostReads(308).size(), 308U);
+    EXPECT_EQ(HostLink_WriteByte(0x41), 1);
+    EXPECT_EQ(ToHex(node.HostReads(9)), "01 00 00 00 55 30 31 32 41");
+
+    EXPECT_EQ(HostDeviceReadCallback(block.data(), 300, nullptr), 0);
+    EXPECT_EQ(HostDeviceReadCallback(block.data(), 300, state.inputBuffer.get()), 300);
+    state.hostRing.Put(0x77);
+    EXPECT_EQ(HostLink_BytesAvailable(), 1);
+    EXPECT_EQ(HostLink_ReadByte(), 0x77);
+}
+
+TEST_F(HostLink, DumpsBothDirections) {
+    const Bytes bytes = {0x4d, 0x00};
+    EXPECT_EQ(Printed([&] {
+                  DumpHostInput(bytes.data(), 2, "INIT");
+                  DumpHostOutput(bytes.data(), 0, "NONE");
+              }),
+              "Input from Host - INIT: 4d 00\nOutput to Host - NONE:\n");
+}
+
+// Library threads go on sending while the link is closed.
+TEST_F(HostLink, ClosesUnderWritersOfOtherThreads) {
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_EQ(HostLink_Open(), 1);
+        std::atomic<bool> stop{false};
+        std::atomic<int> queued{0};
+        const auto writer = [&] {
+            const unsigned char packet[4] = {0x80, 4, 0, 0};
+            while (!stop) {
+                if (HostLink_Write(packet, 4) == 4) ++queued;
+            }
+        };
+        std::thread first(writer);
+        std::thread second(writer);
+        while (queued < 20) OSSleep(1);
+        HostLink_Close();
+        EXPECT_EQ(HostLink_WriteByte(1), 0);
+        stop = true;
+        first.join();
+        second.join();
+    }
+}
+
+}  // namespace
+}  // namespace vexa

@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <regex>
+
+#include "devices/GServerUSBBulkDevice.h"
+#include "foundation/GUtils.h"
+#include "support/Output.h"
+#include "support/ScriptedNode.h"
+
+namespace vexa {
+namespace {
+
+using namespace test;
+
+// Collects what the reader thread hands over.
+struct Received {
+    std::mutex mutex;
+    Bytes bytes;
+    static int Callback(const unsigned char* data, int count, void* context) {
+        auto* self = static_cast<Received*>(context);
+        const std::scoped_lock lock(self->mutex);
+        self->bytes.insert(self->bytes.end(), data, data + count);
+        return 0;
+    }
+    void Await(std::size_t count) {
+        for (;; OSSleep(1)) {
+            const std::scoped_lock lock(mutex);
+            if (bytes.size() >= count) return;
+        }
+    }
+};
+
+class USBBulkDevice : public testing::Test {
+  protected:
+    USBBulkDevice() {
+        SetTraceThreshold(1);
+        device.SetReadCallback(Received::Callback, &received);
+    }
+    ~USBBulkDevice() override { SetTraceThreshold(100); }
+
+    // The lines that `code` traces, without their numbers.
+    static std::string Lines(const std::function<void()>& code) {
+        return std::regex_replace(Printed(code),
+                                  std::regex("GServerUSBBulkDevice_Linux\\([0-9]+\\)"), "USB");
+    }
+    void Open() {
+        ASSERT_EQ(Lines([&] { EXPECT_EQ(device.Open(nullptr), 0); }),
+                  node.pluggedIn != 0 ? "USB : USB gadget cable is plugged in.\n" : "");
+    }
+    int WriteFrame(const Bytes& payload, int& count) {
+        count = static_cast<int>(payload.size());
+        return device.OSWriteUnlocked(payload.data(), &count);
+    }
+
+    ScriptedNode node;
+    Received received;
+    GPortRef port = GServerUSBBulkDevice::EnumeratePorts(GPortRef::kHostPort).at(0);
+    GServerUSBBulkDevice device{&port};
+};
+
+TEST_F(USBBulkDevice, IsTheOnePortOfItsKind) {
+    EXPECT_TRUE(GServerUSBBulkDevice::EnumeratePorts(2).empty());
+    EXPECT_EQ(port.portType, 2);
+    EXPECT_EQ(port.location + "," + port.displayName, "/dev/zt-usb,/dev/zt-usb");
+}
+
+TEST_F(USBBulkDevice, FailsToOpenWithALine) {
+    const std::string line = "USB : Error opening device with id /dev/zt-usb\n";
+    node.present = false;
+    EXPECT_EQ(Lines([&] { EXPECT_EQ(device.Open(nullptr), -1); }), line);
+    node.present = true;
+    device.SetReadCallback(Received::Callback, nullptr);
+    EXPECT_EQ(Lines([&] { EXPECT_EQ(device.Open(nullptr), -1); }), line) << "no context";
+}
+
+TEST_F(USBBulkDevice, ReadsUntilClosedAndOnlyOnce) {
+    Open();
+    EXPECT_EQ(node.openFlags, 0x82);
+    const Bytes bytes = Hex("00 03 11 13 ff") + Bytes(9000, 0x41);
+    node.HostSends(bytes);
+    received.Await(bytes.size());
+    EXPECT_EQ(received.bytes, bytes);
+    EXPECT_EQ(Lines([&] { EXPECT_EQ(device.Close(), 0); }), "") << "a blocked reader ends";
+
+    EXPECT_EQ(device.Open(nullptr), 0);
+    node.HostSends({1});
+    EXPECT_EQ(device.Close(), 0);
+    EXPECT_EQ(received.bytes, bytes) << "opened again it does not read";
+}
+
+TEST_F(USBBulkDevice, FramesWhatTheWriterSends) {
+    Open();
+    int count = 0;
+    EXPECT_EQ(WriteFrame({1, 2, 3, 4, 5}, count), 0);
+    EXPECT_EQ(count, 5);
+    EXPECT_EQ(ToHex(node.HostReads(13)), "05 00 00 00 55 30 31 32 01 02 03 04 05");
+    EXPECT_EQ(WriteFrame(Bytes(30000, 7), count), 0);
+    EXPECT_EQ(ToHex(node.HostReads(8)), "30 75 00 00 55 30 31 32");
+    EXPECT_EQ(node.HostReads(30000), Bytes(30000, 7));
+    EXPECT_EQ(WriteFrame({}, count), 0);
+    EXPECT_EQ(WriteFrame(Bytes(30001, 7), count), -1);
+    EXPECT_EQ(count, 0);
+    EXPECT_TRUE(node.HostHasNothing());
+
+    count = 3;
+    EXPECT_EQ(device.Write("abc", &count), 0) << "the locked way, without a header";
+    EXPECT_EQ(ToHex(node.HostReads(3)), "61 62 63");
+}
+
+TEST_F(USBBulkDevice, ReportsFailedWrites) {
+    Open();
+    int count = 0;
+    for (const auto& [failing, wrong] : {std::pair{&node.failWriteAt, 1},
+                                         {&node.failWriteAt, 2},
+                                         {&node.shortWriteAt, 1},
+                                         {&node.shortWriteAt, 2}}) {
+        *failing = wrong;
+        const std::string text = Lines([&] { EXPECT_EQ(WriteFrame({1, 2, 3}, count), -1); });
+        EXPECT_EQ(count, 0);
+        EXPECT_EQ(text, failing == &node.failWriteAt && wrong == 2
+                            ? "USB : USB write failed. errno = 5\n"
+                            : "");
+    }
+    node.shortWriteAt = 1;
+    count = 3;
+    EXPECT_EQ(device.Write("abc", &count), -1);
+    EXPECT_EQ(count, 2);
+    node.failWriteAt = 1;
+    count = 3;
+    EXPECT_EQ(device.Write("abc", &count), -1);
+    EXPECT_EQ(count, -1);
+    device.Close();
+    count = 3;
+    EXPECT_EQ(device.OSWrite("abc", &count), -1);
+    EXPECT_EQ(count, 3) << "untouched without a node";
+}
+
+TEST_F(USBBulkDevice, AsksForTheCableAtMostEveryHalfSecond) {
+    node.pluggedIn = 0;
+    Open();
+    EXPECT_FALSE(device.linkUp);
+    EXPECT_EQ(node.queries, 1);
+    node.pluggedIn = 1;
+    EXPECT_EQ(device.UpdateLinkStatus(), 0);
+    EXPECT_EQ(node.queries, 1);
+
+    const auto next = [&] {
+        return Lines([&] {
+            const int queries = node.queries;
+            while (node.queries == queries) {
+                device.UpdateLinkStatus();
+                OSSleep(5);
+            }
+        });
+    };
+    EXPECT_EQ(next(), "USB : USB gadget cable is plugged in.\n");
+    EXPECT_TRUE(device.linkUp);
+    EXPECT_EQ(next(), "") << "nothing changed";
+    node.queryFails = true;
+    EXPECT_EQ(next(), "USB : ioctl(ZTG_LINK_STATUS) failed. errno = 25\n");
+    EXPECT_TRUE(device.linkUp) << "it keeps its value";
+    node.queryFails = false;
+    node.pluggedIn = 0;
+    EXPECT_EQ(next(), "USB : USB gadget cable is unplugged.\n");
+    device.Close();
+    EXPECT_EQ(device.UpdateLinkStatus(), -1);
+}
+
+// The abort signal may come between the reader's look at its stop flag and its read.
+TEST_F(USBBulkDevice, NeverLosesTheReadersWakeUp) {
+    for (int round = 0; round < 200; ++round) {
+        GServerUSBBulkDevice each(&port);
+        each.SetReadCallback(Received::Callback, &received);
+        EXPECT_EQ(Printed([&] {
+                      ASSERT_EQ(each.Open(nullptr), 0);
+                      ASSERT_EQ(each.Close(), 0);
+                  }).find("Error"),
+                  std::string::npos);
+    }
+}
+
+}  // namespace
+}  // namespace vexa
