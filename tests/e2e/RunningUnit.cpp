@@ -1,0 +1,240 @@
+#include "e2e/RunningUnit.h"
+
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+#include "mux/Packet.h"
+
+extern char** environ;  // NOLINT
+
+namespace vexa::test {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr auto kPatience = std::chrono::seconds(20);
+
+Lines Split(const std::string& text) {
+    Lines lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) lines.push_back(line);
+    return lines;
+}
+
+std::size_t EntriesOf(const fs::path& folder) {
+    return static_cast<std::size_t>(
+        std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
+}
+
+Bytes Le32(std::uint32_t value) {
+    Bytes bytes(4);
+    StoreLe32(bytes.data(), value);
+    return bytes;
+}
+
+}  // namespace
+
+RunningUnit::RunningUnit(const std::string& scenario) {
+    std::string path = (fs::temp_directory_path() / "vexa-e2e-XXXXXX").string();
+    folder = mkdtemp(path.data());
+    std::ofstream(folder + "/scenario.json") << scenario;
+
+    int ends[2] = {-1, -1};
+    if (pipe(ends) != 0) abort();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, ends[0]);
+    posix_spawn_file_actions_addclose(&actions, ends[1]);
+    std::vector<std::string> words = {PROGRAM_DIR "/vexa-unit",
+                                      "run",
+                                      "--dir",
+                                      folder,
+                                      "--scenario",
+                                      folder + "/scenario.json",
+                                      "--journal",
+                                      folder + "/journal"};
+    std::vector<char*> arguments;
+    for (std::string& word : words) arguments.push_back(word.data());
+    arguments.push_back(nullptr);
+    const int result =
+        posix_spawn(&process, arguments[0], &actions, nullptr, arguments.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(ends[1]);
+    if (result != 0) ADD_FAILURE() << "cannot run " << words[0];
+    reader = std::thread([this, end = ends[0]] { ReadOutput(end); });
+}
+
+RunningUnit::~RunningUnit() {
+    if (process > 0) Stop();
+    reader.join();
+    fs::remove_all(folder);
+}
+
+void RunningUnit::ReadOutput(int descriptor) {
+    std::array<char, 4096> chunk{};
+    for (;;) {
+        const ssize_t count = read(descriptor, chunk.data(), chunk.size());
+        const std::scoped_lock lock(mutex);
+        changed.notify_all();
+        if (count <= 0) break;
+        output.append(chunk.data(), static_cast<std::size_t>(count));
+    }
+    ended = true;
+    close(descriptor);
+}
+
+std::size_t RunningUnit::AwaitLine(const std::string& end, std::size_t from) {
+    std::unique_lock lock(mutex);
+    std::size_t found = 0;
+    const auto hasCome = [&] {
+        const Lines lines = Split(output.substr(0, output.rfind('\n') + 1));
+        for (std::size_t i = from; i < lines.size(); ++i) {
+            if (!lines[i].ends_with(end)) continue;
+            found = i + 1;
+            return true;
+        }
+        return false;
+    };
+    if (!changed.wait_for(lock, kPatience, [&] { return hasCome() || ended; }) || found == 0) {
+        ADD_FAILURE() << "never printed: " << end << "\nbut:\n" << output;
+    }
+    return found;
+}
+
+Lines RunningUnit::Printed() {
+    const std::scoped_lock lock(mutex);
+    return Split(output);
+}
+
+Lines RunningUnit::Journal() const {
+    std::ostringstream text;
+    text << std::ifstream(folder + "/journal").rdbuf();
+    return Split(text.str());
+}
+
+int RunningUnit::Wait() {
+    int status = 0;
+    waitpid(process, &status, 0);
+    process = -1;
+    std::unique_lock lock(mutex);
+    EXPECT_TRUE(changed.wait_for(lock, kPatience, [&] { return ended; }));
+    return WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+}
+
+int RunningUnit::Stop() {
+    kill(process, SIGTERM);
+    return Wait();
+}
+
+std::pair<std::size_t, std::size_t> RunningUnit::ThreadsAndDescriptors() const {
+    const std::string tool = std::to_string(process);
+    std::string service;
+    std::ifstream("/proc/" + tool + "/task/" + tool + "/children") >> service;
+    return {EntriesOf("/proc/" + service + "/task"), EntriesOf("/proc/" + service + "/fd")};
+}
+
+Host::Host(RunningUnit& unit) {
+    unit.AwaitLine(" .");  // it is up
+    const std::size_t before = unit.Printed().size();
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, unit.SocketPath().c_str(), sizeof address.sun_path - 1);
+    descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    unit.AwaitLine("USB gadget cable is plugged in.", before);
+}
+
+Host::~Host() { close(descriptor); }
+
+void Host::Send(const Bytes& bytes) const {
+    EXPECT_EQ(send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(bytes.size()));
+}
+
+bool Host::Fill(int milliseconds) {
+    pollfd poller{descriptor, POLLIN, 0};
+    if (poll(&poller, 1, milliseconds) != 1) return false;
+    received.resize(4096);
+    const ssize_t count = recv(descriptor, received.data(), received.size(), 0);
+    if (count <= 0) return false;
+    left = std::span(received).first(static_cast<std::size_t>(count));
+    return true;
+}
+
+std::string Host::Receive() {
+    for (;;) {
+        if (const auto packet = packets.Next(payload)) return ToHex(packet->bytes);
+        payload = frames.Next(left);
+        if (frames.IsViolated() || packets.IsViolated()) return "violation";
+        if (payload.empty() && !Fill(10000)) return "timeout";
+    }
+}
+
+std::string Host::Ask(const Bytes& bytes) {
+    Send(bytes);
+    return Receive();
+}
+
+bool Host::Silent(int milliseconds) {
+    return payload.empty() && left.empty() && !Fill(milliseconds);
+}
+
+Bytes InitialSync() {
+    Bytes packet(kInitialSyncSize);
+    BuildInitialSync(std::span<std::uint8_t, kInitialSyncSize>(packet), 7);
+    return packet;
+}
+
+Bytes Tunnel(std::uint32_t id, const Bytes& payload) {
+    const Bytes header = {0x60, static_cast<std::uint8_t>(payload.size() + 8), 7, 0};
+    return Sealed(header + Le32(id) + payload);
+}
+
+Bytes InnerCommand(std::uint8_t command, const Bytes& rest) {
+    return Sealed(Bytes{0x40, static_cast<std::uint8_t>(rest.size() + 5), 7, 0, command} + rest);
+}
+
+Bytes OpenController(bool withDaq) {
+    const Bytes flag = {static_cast<std::uint8_t>(withDaq ? 1 : 0)};
+    return Tunnel(0, InnerCommand(0x72, Le32(kControllerId) + flag));
+}
+
+Bytes ToController(std::uint8_t command, const Bytes& rest) {
+    return Tunnel(kControllerId, InnerCommand(command, rest));
+}
+
+Bytes OpenChild(std::uint32_t id, const std::string& name) {
+    const Bytes length = {static_cast<std::uint8_t>(name.size() + 1)};
+    return ToController(0x70, Le32(id) + length + Bytes(name.begin(), name.end()) + Bytes{0});
+}
+
+Bytes CloseChild(std::uint32_t id) { return ToController(0x71, Le32(id)); }
+
+std::string ControllerReply(std::uint8_t sequence, std::uint8_t type, std::uint8_t command,
+                            std::uint8_t code) {
+    const Bytes inner = Sealed({type, 7, sequence, 0, command, 7, code});
+    return ToHex(Sealed(Bytes{0x60, 15, sequence, 0} + Le32(kControllerId) + inner));
+}
+
+std::string ChildData(std::uint32_t id, std::uint8_t sequence, const Bytes& block) {
+    Bytes packet = Tunnel(id, block);
+    packet[2] = sequence;
+    return ToHex(Sealed(packet));
+}
+
+}  // namespace vexa::test

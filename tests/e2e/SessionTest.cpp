@@ -1,0 +1,129 @@
+// Whole host sessions through the real binary: the bytes both ways and every line it prints.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "e2e/RunningUnit.h"
+
+namespace vexa::test {
+namespace {
+
+Lines Starting(const Lines& lines, const std::string& start) {
+    Lines found;
+    std::ranges::copy_if(lines, std::back_inserter(found),
+                         [&](const std::string& line) { return line.starts_with(start); });
+    return found;
+}
+
+// Devices that send nothing by themselves but echo.
+constexpr char kQuiet[] = R"({
+  "devices": [{"name": "Stream", "type": 8, "rate": 0}, {"name": "Hid", "type": 2, "rate": 0},
+              {"name": "Camera", "type": 7}],
+  "daq": {"name": "Board", "measurementRate": 0}})";
+
+TEST(Session, GivesTheBytesAndLinesOfEachExchange) {
+    const std::string sync = ToHex(InitialSync());
+    const Bytes report = Hex("01 02 03 04 05 06 07 08");
+    Bytes damaged = ToController(0x73, {});
+    damaged[3] ^= 0x40U;
+    const Bytes orphan = Tunnel(99, {1});
+
+    RunningUnit unit(kQuiet);
+    {
+        Host host(unit);
+        EXPECT_EQ(host.Ask(Hex("60 ff 01") + InitialSync()),
+                  "b8 1a 00 e9 1a 07 55 aa 56 a9 57 a8 58 a7 59 a6 5a a5 5b a4 5c a3 5d a2 5e a1");
+        EXPECT_EQ(host.Ask(Sealed(Hex("40 06 07 00 33 44"))), "9c 07 01 0e 33 07 30");
+
+        EXPECT_EQ(host.Ask(OpenController(false)), ControllerReply(0, 0x98, 0x72, 0));
+        EXPECT_EQ(host.Ask(ToController(0x75, {})), ControllerReply(1, 0x9C, 0x75, 49));
+        EXPECT_EQ(host.Ask(ToController(0x73, {})), ControllerReply(2, 0x98, 0x73, 1));
+        EXPECT_EQ(host.Ask(ToController(0x74, {})), ControllerReply(3, 0x98, 0x74, 0));
+        EXPECT_EQ(host.Ask(Sealed(Hex("40 06 07 00 33 44"))), "b8 07 01 fa 33 07 00")
+            << "with its link open the DAQ answers";
+
+        EXPECT_EQ(host.Ask(OpenChild(5, "Camera")), ControllerReply(4, 0x9C, 0x70, 54));
+        EXPECT_EQ(host.Ask(OpenChild(5, "Stream")), ControllerReply(5, 0x98, 0x70, 0));
+        EXPECT_EQ(host.Ask(OpenChild(6, "Hid")), ControllerReply(6, 0x98, 0x70, 0));
+        EXPECT_EQ(host.Ask(Tunnel(5, Bytes(245, 0x5A))), ChildData(5, 0, Bytes(245, 0x5A)));
+        host.Send(Tunnel(5, Bytes(246, 0x5A)) + Tunnel(5, Bytes(247, 0x5A)));
+        EXPECT_EQ(host.Ask(Tunnel(5, {1})), ChildData(5, 1, {1})) << "the two were refused";
+        host.Send(Tunnel(6, report));
+        EXPECT_EQ(host.Ask(Tunnel(6, Hex("40 00 00 00 00 00 00 09"))),
+                  ChildData(6, 0, Hex("80 02 00 00 00 00 00 09")))
+            << "reports pass only from the init response on";
+        EXPECT_EQ(host.Ask(Tunnel(6, report)), ChildData(6, 1, report));
+
+        host.Send(damaged + orphan);
+        EXPECT_EQ(host.Ask(CloseChild(99)), ControllerReply(7, 0x9C, 0x70, 54));
+        EXPECT_EQ(host.Ask(CloseChild(5)), ControllerReply(8, 0x98, 0x71, 0));
+        EXPECT_EQ(host.Ask(CloseChild(kControllerId)), ControllerReply(9, 0x98, 0x71, 0));
+    }
+    unit.AwaitLine("USB gadget cable is unplugged.");
+    EXPECT_EQ(unit.Stop(), 0);
+    EXPECT_EQ(unit.Printed(),
+              (Lines{"VEXADevMgr(38) : VEXADevMgr version 1.37 is starting up.",
+                     "VEXADevMgr(43) : VEXADevMgr is linked to libVEXA version 03.12 .",
+                     "GServerUSBBulkDevice_Linux(490) : USB gadget cable is plugged in.",
+                     "Input from Host - PRE_INIT: 60 ff 01 " + sync.substr(0, sync.size() - 3),
+                     "Input from Host - INIT: " + sync,
+                     "DAQIO(113) : DAQ successfully replied to initial sync VEXA_CMD_ID_INIT.",
+                     "VEXADevMgr TunneledDeviceReadCallback numBytes = 246 ", "Tarn Init Response ",
+                     "Input from Host - BAD CHECKSUM: " + ToHex(damaged),
+                     "Input from Host - Discarding orphaned tunnel packet.: " + ToHex(orphan),
+                     "DAQIO(141) : Init during DAQ close succeeded.",
+                     "GServerUSBBulkDevice_Linux(490) : USB gadget cable is unplugged.",
+                     "VEXADevMgr(130) : VEXADevMgr is shutting down."}));
+    EXPECT_EQ(Starting(unit.Journal(), "criCommand"),
+              (Lines{R"(criCommand("DAQ", 3, 1000) = 1)", R"(criCommand("DAQ", 3, 1000) = 1)",
+                     R"(criCommand("DAQ", 2, 10000) = 1)", R"(criCommand("SPLASH", 1, 1000) = 1)",
+                     R"(criCommand("FGEN", 4, 1000) = 1)", R"(criCommand("DAQ", 1, 1000) = 1)",
+                     R"(criCommand("SPLASH", 2, 1000) = 1)"}));
+}
+
+TEST(Session, ReportsADaqAndAnApplicationThatFail) {
+    RunningUnit unit(R"({"daq": {"present": false}, "applications": {"DAQ": {"refuses": [3]}}})");
+    Host host(unit);
+    EXPECT_EQ(host.Ask(OpenController(true)), ControllerReply(0, 0x9C, 0x72, 59));
+    EXPECT_EQ(host.Ask(ToController(0x74, {})), ControllerReply(1, 0x9C, 0x74, 57));
+    EXPECT_EQ(host.Ask(ToController(0x73, {})), ControllerReply(2, 0x9C, 0x73, 50));
+    unit.AwaitLine("vexAppSession(120) : criCommand() failed.");
+}
+
+TEST(Session, RefusesTheEleventhChild) {
+    RunningUnit unit(kQuiet);
+    Host host(unit);
+    host.Ask(OpenController(false));
+    for (std::uint8_t child = 1; child <= 9; ++child) {
+        EXPECT_EQ(host.Ask(OpenChild(child, "Stream")), ControllerReply(child, 0x98, 0x70, 0));
+    }
+    EXPECT_EQ(host.Ask(OpenChild(10, "Stream")), ControllerReply(10, 0x9C, 0x70, 50));
+    const Bytes reopen = OpenController(false);
+    EXPECT_EQ(host.Ask(reopen), ControllerReply(0, 0x98, 0x72, 0));
+    unit.AwaitLine("Input from Host - Reopening Controller and abandoning children.: " +
+                   ToHex(reopen));
+    EXPECT_EQ(Starting(unit.Journal(), "VEXA_Device_Stream_Close").size(), 9U);
+}
+
+TEST(Session, ForwardsDaqPacketsWithAWrongChecksumAndLogsTen) {
+    RunningUnit unit(R"({"daq": {"measurementRate": 100, "checksumErrorEvery": 1}})");
+    Host host(unit);
+    host.Send(OpenController(true));
+    int forwarded = 0;
+    while (forwarded < 12) {
+        const Bytes packet = Hex(host.Receive());
+        ASSERT_GE(packet.size(), 4U);
+        if (packet[0] != 0xA0) continue;
+        EXPECT_EQ(packet[3], static_cast<std::uint8_t>(Sealed(packet)[3] + 1));
+        ++forwarded;
+    }
+    EXPECT_EQ(unit.Stop(), 0);
+    const Lines lines = unit.Printed();
+    EXPECT_EQ(Starting(lines, "DAQIO(239) : DAQ->Host good blob: 00 00 00 00 00 00 00 00").size(),
+              1U);
+    EXPECT_EQ(Starting(lines, "DAQIO(245) : DAQ->Host blob checksum err: a0 18 ").size(), 10U);
+}
+
+}  // namespace
+}  // namespace vexa::test
