@@ -58,10 +58,10 @@ TEST_F(RunCommand, ExitsAsTheProgramAndLeavesNothingBehind) {
 
 TEST_F(RunCommand, TheProgramFindsTheStandIns) {
     std::ofstream(Scratch("scenario")) << R"({"node": {"present": false}})";
-    RunningTool calling(Run({"--journal", Scratch("journal")}, {"call"}));
+    RunningTool calling(Run({"--journal", Scratch("unit/journal")}, {"call"}));
     EXPECT_EQ(calling.Wait(), 0) << calling.Output();
     std::stringstream journal;
-    journal << std::ifstream(Scratch("journal")).rdbuf();
+    journal << std::ifstream(Scratch("unit/journal")).rdbuf();
     EXPECT_EQ(journal.str(), "VEXA_Init() = 1\ncriInit(\"FGEN\", 1) = 1\n");
 
     RunningTool without(Run({"--scenario", Scratch("scenario")}, {"echo"}));

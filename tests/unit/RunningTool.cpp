@@ -14,6 +14,7 @@ namespace vexa::unit {
 RunningTool::RunningTool(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), VEXA_UNIT_PROGRAM);
     std::vector<char*> pointers;
+    pointers.reserve(arguments.size() + 1);
     for (auto& argument : arguments) pointers.push_back(argument.data());
     pointers.push_back(nullptr);
     std::array<int, 2> ends{};

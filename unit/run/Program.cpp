@@ -53,7 +53,7 @@ std::string FindProgram(const std::string& name) {
     const char* const path = std::getenv("PATH");
     std::istringstream folders(path == nullptr ? "" : path);
     for (std::string folder; std::getline(folders, folder, ':');) {
-        const std::string candidate = (folder.empty() ? "." : folder) + "/" + name;
+        std::string candidate = (folder.empty() ? "." : folder) + "/" + name;
         if (WhyNotRunnable(candidate) == 0) return candidate;
     }
     Fail(name, ENOENT);

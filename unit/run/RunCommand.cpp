@@ -49,7 +49,6 @@ std::string FindService() {
 
 int RunOnUnit(const RunOptions& options) {
     CheckScenario(options.scenario);
-    CheckJournal(options.journal);
     const bool isService = options.program.empty();
 
     ProgramCall call;
@@ -60,6 +59,7 @@ int RunOnUnit(const RunOptions& options) {
     call.changes[kJournalVariable] = Absolute(options.journal);
 
     UnitFolder folder(options.folder);
+    CheckJournal(options.journal);  // it may be in that folder
     call.changes[kFolderVariable] = folder.Path();
     call.changes[kHostSocketVariable] = std::to_string(folder.HostSocket());
     call.inherited = folder.HostSocket();
