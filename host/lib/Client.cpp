@@ -142,11 +142,10 @@ Expected<Done> Client::OpenDevice(std::string_view name, ChildId child, Millisec
     // A device may send before the answer is here, so its blocks are kept from now on. The
     // controller's id is for the unit to refuse: the answer comes under it.
     const bool isNew = child != controllerId && inbox->Open(child);
-    const auto done =
-        ControllerRequest("open " + std::string(name), ControllerCommand::kOpenChild, timeout,
-                          [&](std::uint8_t sequence) {
-                              return *BuildOpenChild(controllerId, sequence, child, name);
-                          });
+    auto done = ControllerRequest("open " + std::string(name), ControllerCommand::kOpenChild,
+                                  timeout, [&](std::uint8_t sequence) {
+                                      return *BuildOpenChild(controllerId, sequence, child, name);
+                                  });
     if (!done && isNew) inbox->Remove(child);
     return done;
 }
@@ -187,7 +186,7 @@ Expected<Done> Client::SendMultiplexerCommand(std::uint8_t command,
     PendingRequest request{ReplySource::kMultiplexer, command, sequence, {}};
     const Registration registration(*pending, request);
     const std::string what = "multiplexer command " + std::to_string(command);
-    if (const auto sent = SendPacket(packet->Bytes()); !sent) return sent;
+    if (auto sent = SendPacket(packet->Bytes()); !sent) return sent;
     const auto reply = pending->Wait(request, deadline, what);
     if (!reply) return reply.Failure();
     if (reply->isError) return RefusedError(what, reply->command, reply->code);

@@ -56,7 +56,7 @@ std::string NameIn(Bytes inner) {
 // is closed by a command that names its own address.
 std::string DescribeControllerCommand(std::uint32_t address, Bytes inner) {
     const std::uint8_t command = inner[vexa::kCommandOffset];
-    const std::string name = CommandName(command);
+    std::string name = CommandName(command);
     if (inner.size() < vexa::kCommandNameLengthOffset) return name;
     const std::uint32_t id = vexa::LoadLe32(inner.data() + vexa::kCommandChildIdOffset);
     switch (static_cast<vexa::ControllerCommand>(command)) {

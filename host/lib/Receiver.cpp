@@ -1,6 +1,7 @@
 #include "Receiver.h"
 
 #include <array>
+#include <optional>
 
 namespace vexahost {
 
@@ -14,6 +15,15 @@ bool IsReply(std::span<const std::uint8_t> packet) {
     return packet.size() == vexa::kReplySize && packet[vexa::kLengthOffset] == vexa::kReplySize &&
            (packet[vexa::kTypeOffset] == vexa::kTypeAcknowledge ||
             packet[vexa::kTypeOffset] == vexa::kTypeError);
+}
+
+// Whose reply a packet outside tunnels is, if it is one.
+std::optional<ReplySource> ReplySourceOf(const PacketView& packet) {
+    if (IsInitialSyncReply(packet.bytes)) return ReplySource::kInitialSync;
+    const bool fromDaq = packet.checksumRight && packet.bytes.size() == vexa::kReplySize &&
+                         packet.bytes[vexa::kTypeOffset] == vexa::kTypeInitialSyncReply;
+    if (fromDaq || IsReply(packet.bytes)) return ReplySource::kMultiplexer;
+    return std::nullopt;
 }
 
 Block MakeBlock(std::span<const std::uint8_t> bytes, bool checksumRight) {
@@ -61,22 +71,16 @@ void Client::Receiver::Dispatch(const PacketView& packet) {
     ++packetCount;
     if (client.options.tap) client.options.tap(Direction::kFromUnit, bytes);
 
-    const std::uint8_t type = bytes[vexa::kTypeOffset];
-    const std::uint8_t typeClass = vexa::TypeClass(type);
+    const std::uint8_t typeClass = vexa::TypeClass(bytes[vexa::kTypeOffset]);
     const bool fromDaq = typeClass == vexa::kClassDaqReply;
     if (!packet.checksumRight && !fromDaq) {
         ++wrongChecksums;
-    } else if (IsInitialSyncReply(bytes)) {
-        TakeReply(ReplySource::kInitialSync, bytes);
-    } else if (fromDaq && type == vexa::kTypeInitialSyncReply && packet.checksumRight &&
-               bytes.size() == vexa::kReplySize) {
-        TakeReply(ReplySource::kMultiplexer, bytes);
+    } else if (const auto source = ReplySourceOf(packet)) {
+        TakeReply(*source, bytes);
     } else if (fromDaq) {
         client.inbox->DeliverDaq(MakeBlock(bytes, packet.checksumRight));
     } else if (typeClass == vexa::kClassTunnel && bytes.size() >= vexa::kTunnelHeaderSize) {
         TakeTunnel(bytes);
-    } else if (IsReply(bytes)) {
-        TakeReply(ReplySource::kMultiplexer, bytes);
     } else {
         ++strayPackets;
     }

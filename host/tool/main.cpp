@@ -1,10 +1,14 @@
 // vexa-host: the host side of a unit's link, on the command line.
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
 
 #include "Commands.h"
 #include "ExitCode.h"
 
-int main(int argc, char** argv) {
+namespace {
+
+int Run(int argc, char** argv) {
     CLI::App program("Talks to a unit as its host computer does.", "vexa-host");
     int exitCode = kExitDone;
     program.require_subcommand(1);
@@ -24,4 +28,15 @@ int main(int argc, char** argv) {
                             std::string(error.what()) + " (vexa-host --help says more)"});
     }
     return exitCode;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& error) {  // the system is out of memory or threads
+        std::fprintf(stderr, "vexa-host: %s\n", error.what());
+        return kExitWrongAnswer;
+    }
 }

@@ -264,6 +264,7 @@ TEST(Client, ServesSeveralThreads) {
     ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
     ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
     std::vector<std::future<int>> threads;
+    threads.reserve(kThreads);
     for (int i = 0; i < kThreads; ++i) {
         threads.push_back(std::async(std::launch::async, [&] {
             int done = 0;

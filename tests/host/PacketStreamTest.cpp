@@ -113,7 +113,7 @@ TEST(PacketStream, ASyncReplyIsFoundInsideAnything) {
         EXPECT_THAT(reading.packetViolation, IsEmpty());
     }
     // Only one that is right in every byte but its sequence numbers and the low bits of its type.
-    for (const std::size_t at : {1, 3, 4, 6, 25}) {
+    for (const std::size_t at : {1U, 3U, 4U, 6U, 25U}) {
         Bytes wrong = reply;
         ++wrong[at];
         const Reading reading = Read(Frame(Join({{0xA0, 100}, wrong, kShort})), {}, true);

@@ -16,7 +16,6 @@ namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
-using testing::IsEmpty;
 
 struct Ran {
     int exitCode;

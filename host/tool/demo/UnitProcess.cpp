@@ -40,6 +40,7 @@ Error CannotStart(const std::string& program, int error) {
 vexahost::Expected<std::unique_ptr<UnitProcess>> UnitProcess::Start(
     const std::vector<std::string>& command) {
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
 
