@@ -79,14 +79,13 @@ void PrintTotals(const Client& client, const StreamOptions& options) {
 }
 
 int RunStream(const StreamOptions& options) {
-    auto end = Clock::time_point::max();
+    std::optional<Milliseconds> duration;
     if (!options.duration.empty()) {
-        const auto duration = ParseDuration(options.duration);
+        duration = ParseDuration(options.duration);
         if (!duration) {
             return ReportError({ErrorKind::kInvalidArgument,
                                 "--for " + options.duration + ": expected a time such as 3s"});
         }
-        end = Clock::now() + *duration;
     }
     for (const std::string& name : options.arm) {
         if (std::ranges::find(options.names, name) == options.names.end()) {
@@ -100,6 +99,8 @@ int RunStream(const StreamOptions& options) {
     if (const auto opened = OpenAll(**client, options); !opened) {
         return ReportError(opened.Failure());
     }
+    // Counted from here: until the unit has seen the cable, half a second may have gone.
+    const auto end = duration ? Clock::now() + *duration : Clock::time_point::max();
     const auto printed = PrintUntil(**client, options, end);
     PrintTotals(**client, options);
     return printed ? int{kExitDone} : ReportError(printed.Failure());
