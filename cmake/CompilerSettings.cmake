@@ -14,12 +14,16 @@ endif()
 if(VEXA_SANITIZE)
   add_compile_options(${sanitizers})
   add_link_options(${sanitizers})
-  # The run time goes into each program, so that a preloaded stand-in library does not come before it.
+  # The run time goes into each program, so that a preloaded stand-in library does not come before
+  # it; and each program offers all of it to the libraries, not only what it was linked for.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+    # In instrumented code the compiler loses track of what is set; the plain builds check that.
+    add_compile_options(-Wno-maybe-uninitialized)
     if(VEXA_SANITIZE STREQUAL "address")
       add_link_options(-static-libasan -static-libubsan)
     else()
       add_link_options(-static-libtsan)
     endif()
+    add_link_options(-rdynamic)
   endif()
 endif()
