@@ -37,12 +37,14 @@ int HostLink_Open() {
 
     const std::unique_lock gate(link->deviceGate);
     link->device = std::move(device);
+    link->takesWrites = true;
     return result == 0 ? 1 : 0;
 }
 
 void HostLink_Close() {
     if (link == nullptr) return;
     std::unique_ptr<GDeviceIO> device;
+    link->takesWrites = false;
     {
         const std::unique_lock gate(link->deviceGate);
         device = std::move(link->device);
@@ -59,7 +61,7 @@ int HostDeviceReadCallback(const unsigned char* data, int count, void* context) 
 }
 
 unsigned char HostLink_Write(const unsigned char* data, int count) {
-    if (link == nullptr) return 0;
+    if (link == nullptr || !link->takesWrites) return 0;
     const std::shared_lock gate(link->deviceGate);
     if (!link->device || link->device->QueueWrite(data, &count) != 0) return 0;
     return static_cast<unsigned char>(count);

@@ -10,6 +10,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <shared_mutex>
@@ -26,6 +27,8 @@ struct HostLinkState {
     // Guards `device` against writers of other threads while it is set or taken away: they hold it
     // shared for the length of one queueing.
     std::shared_mutex deviceGate;
+    // False once the device is to go, so that no further writer goes for the gate and keeps it.
+    std::atomic<bool> takesWrites{true};
     std::unique_ptr<GDeviceIO> device;
     std::unique_ptr<CeilingMutex> inputLock;
     std::unique_ptr<GCircularBuffer> inputBuffer;

@@ -87,14 +87,13 @@ RunningUnit::~RunningUnit() {
 
 void RunningUnit::ReadOutput(int descriptor) {
     std::array<char, 4096> chunk{};
-    for (;;) {
-        const ssize_t count = read(descriptor, chunk.data(), chunk.size());
+    for (ssize_t count = 1; count > 0;) {
+        count = read(descriptor, chunk.data(), chunk.size());
         const std::scoped_lock lock(mutex);
+        output.append(chunk.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        ended = count <= 0;
         changed.notify_all();
-        if (count <= 0) break;
-        output.append(chunk.data(), static_cast<std::size_t>(count));
     }
-    ended = true;
     close(descriptor);
 }
 

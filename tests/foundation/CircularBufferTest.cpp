@@ -58,7 +58,15 @@ TEST(GCircularBuffer, BehavesAsAQueueOfItsNewestBytes) {
 TEST(GCircularBuffer, RefusesEverythingWithoutItsGuard) {
     CeilingMutex noMutex{kCeilingPriority, nullptr};
     CeilingMutex taken{kCeilingPriority, OSMutexPtr(OSCreateMutex(""))};
-    std::thread([&] { ASSERT_TRUE(OSLockMutex(taken.mutex.get(), 1)); }).join();
+    const OSSemaphorePtr locked(OSCreateSemaphore());
+    const OSSemaphorePtr finished(OSCreateSemaphore());
+    std::thread holder([&] {
+        ASSERT_TRUE(OSLockMutex(taken.mutex.get(), 1));
+        OSPostSemaphore(locked.get());
+        OSWaitSemaphore(finished.get());
+        OSUnlockMutex(taken.mutex.get());
+    });
+    OSWaitSemaphore(locked.get());
 
     GCircularBuffer buffer(10);
     unsigned char bytes[3] = {1, 2, 3};
@@ -73,7 +81,8 @@ TEST(GCircularBuffer, RefusesEverythingWithoutItsGuard) {
         EXPECT_EQ(buffer.GetBytesAvailable(), 0);
         EXPECT_EQ(buffer.GetTotalBytesWritten(), 0);
     }
-    buffer.lock = nullptr;
+    OSPostSemaphore(finished.get());
+    holder.join();
     EXPECT_EQ(buffer.GetBytesAvailable(), 3);
 }
 
