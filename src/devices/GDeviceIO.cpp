@@ -24,11 +24,11 @@ constexpr std::int32_t kPollingChunk = 10000;
 }  // namespace
 
 GDeviceIO::GDeviceIO(const GPortRef* port)
-    : portRef(OSAssert(port != nullptr ? 1 : 0, kModule, kNullPortLine) != 0
-                  ? *port
-                  : GPortRef(0, "", "", "", 0, 0)),
+    : portRef(port != nullptr ? *port : GPortRef(0, "", "", "", 0, 0)),
       deviceMutex(OSCreateMutex(ReplaceAll("DeviceMutex" + portRef.location, "\\", ""))),
-      mutexHeld(deviceMutex != nullptr && OSLockMutex(deviceMutex.get(), kSingleTryMs)) {}
+      mutexHeld(deviceMutex != nullptr && OSLockMutex(deviceMutex.get(), kSingleTryMs)) {
+    OSAssert(port != nullptr ? 1 : 0, kModule, kNullPortLine);
+}
 
 GDeviceIO::~GDeviceIO() {
     if (isOpen) GDeviceIO::Close();
@@ -89,7 +89,8 @@ int GDeviceIO::Close() {
         outputBuffer.reset();
         outputLock.reset();
         writerSemaphore.reset();
-        const int result = OSClose();
+        // From the destructor this is the base's: the transport has closed itself by then.
+        const int result = OSClose();  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
         if (result == 0) isOpen = false;
         return result;
     });

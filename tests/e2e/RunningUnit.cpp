@@ -60,15 +60,13 @@ RunningUnit::RunningUnit(const std::string& scenario) {
     posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
     posix_spawn_file_actions_addclose(&actions, ends[0]);
     posix_spawn_file_actions_addclose(&actions, ends[1]);
-    std::vector<std::string> words = {PROGRAM_DIR "/vexa-unit",
-                                      "run",
-                                      "--dir",
-                                      folder,
-                                      "--scenario",
-                                      folder + "/scenario.json",
-                                      "--journal",
-                                      folder + "/journal"};
+    const std::string tool = std::string(PROGRAM_DIR) + "/vexa-unit";
+    std::vector<std::string> words = {tool,         "run",
+                                      "--dir",      folder,
+                                      "--scenario", folder + "/scenario.json",
+                                      "--journal",  folder + "/journal"};
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
     arguments.push_back(nullptr);
     const int result =

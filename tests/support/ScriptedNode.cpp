@@ -1,12 +1,10 @@
 #include "support/ScriptedNode.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdarg>
 #include <cstring>
 
 #include "zt_usb.h"
@@ -53,15 +51,12 @@ using vexa::test::node;
 
 extern "C" {
 
-int __real_open(const char* path, int flags, ...);
-int __real_ioctl(int descriptor, unsigned long request, ...);
+// Declared with the argument that callers may leave out; it is passed on as it is.
+int __real_open(const char* path, int flags, mode_t mode);
+int __real_ioctl(int descriptor, unsigned long request, void* argument);
 ssize_t __real_write(int descriptor, const void* data, size_t count);
 
-int __wrap_open(const char* path, int flags, ...) {
-    va_list arguments;
-    va_start(arguments, flags);
-    const unsigned mode = (flags & O_CREAT) != 0 ? va_arg(arguments, unsigned) : 0;
-    va_end(arguments);
+int __wrap_open(const char* path, int flags, mode_t mode) {
     if (node == nullptr || std::strcmp(path, ZT_USB_NODE) != 0) {
         return __real_open(path, flags, mode);
     }
@@ -71,11 +66,7 @@ int __wrap_open(const char* path, int flags, ...) {
     return -1;
 }
 
-int __wrap_ioctl(int descriptor, unsigned long request, ...) {
-    va_list arguments;
-    va_start(arguments, request);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
+int __wrap_ioctl(int descriptor, unsigned long request, void* argument) {
     if (node == nullptr || request != ZTG_LINK_STATUS) {
         return __real_ioctl(descriptor, request, argument);
     }
