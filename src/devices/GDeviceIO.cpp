@@ -18,6 +18,7 @@ constexpr int kDestructorUnlockLine = 60;
 
 constexpr int kSingleTryMs = 1;
 constexpr int kWriterPriority = 3;
+constexpr std::uint32_t kWriterGraceMs = 500;
 constexpr std::int32_t kSignalledChunk = 5000;
 constexpr std::int32_t kPollingChunk = 10000;
 
@@ -84,7 +85,11 @@ bool GDeviceIO::StartWriter() {
 
 int GDeviceIO::Close() {
     return Guarded({kModule, 317, 320}, 0, [&] {
+        // A host that takes nothing off the link must not keep the device from closing.
+        OSRegisterIOAbortSignal(IO_ABORT_SIGNAL);
+        if (pollingWriter) pollingWriter->StopBlocked(kWriterGraceMs);
         pollingWriter.reset();
+        if (signalledWriterThread) signalledWriterThread->StopBlocked(kWriterGraceMs);
         signalledWriterThread.reset();
         outputBuffer.reset();
         outputLock.reset();

@@ -19,17 +19,19 @@ HostLinkState* link = nullptr;  // set before any other thread exists
 void HostLink_Use(HostLinkState* state) { link = state; }
 
 int HostLink_Open() {
-    if (link == nullptr) return 0;
-    link->hostRing.Init(link->hostRingStorage.data(), kHostBufferSize);
-    link->inputLock.reset(new CeilingMutex{kCeilingPriority, OSMutexPtr(OSCreateMutex(""))});
-
     GPortRef port(GPortRef::kUSBBulk, "", "", "", 0, 0);
     const auto ports = GServerUSBBulkDevice::EnumeratePorts(GPortRef::kHostPort);
     if (!ports.empty()) port = ports.front();
+    return HostLink_OpenDevice(std::make_unique<GServerUSBBulkDevice>(&port), port);
+}
 
-    auto device = std::make_unique<GServerUSBBulkDevice>(&port);
+int HostLink_OpenDevice(std::unique_ptr<GDeviceIO> device, const GPortRef& port) {
+    if (link == nullptr) return 0;
+    link->hostRing.Init(link->hostRingStorage.data(), kHostBufferSize);
+    link->inputLock.reset(new CeilingMutex{kCeilingPriority, OSMutexPtr(OSCreateMutex(""))});
     link->inputBuffer = std::make_unique<GCircularBuffer>(kHostBufferSize);
     link->inputBuffer->lock = link->inputLock.get();
+
     device->SetReadCallback(HostDeviceReadCallback, link->inputBuffer.get());
     device->SetThreadPriority(kReaderPriority);
     device->bufferedOutput = true;

@@ -44,6 +44,10 @@ void HostLink_Use(HostLinkState* state);
 // until HostLink_Close.
 int HostLink_Open();
 
+// The same over a transport of the caller's making, which opens `port`; for hosts that are reached
+// by another link than the gadget's.
+int HostLink_OpenDevice(std::unique_ptr<GDeviceIO> device, const GPortRef& port);
+
 // Ends the transport's threads and destroys what HostLink_Open made. A HostLink_Write under way on
 // another thread finishes first; later ones return 0.
 void HostLink_Close();

@@ -1,5 +1,7 @@
 #include "foundation/GThread.h"
 
+#include <csignal>
+
 #include "foundation/GUtils.h"
 #include "foundation/OSThreading.h"
 
@@ -27,6 +29,15 @@ void WaitAndJoin(std::optional<pthread_t>& handle, const std::atomic<bool>& busy
     handle.reset();
 }
 
+void WakeUntilEnded(const std::optional<pthread_t>& handle, const std::atomic<bool>& busy,
+                    std::uint32_t graceMs) {
+    const std::uint32_t start = OSGetMilliseconds();
+    while (busy) {
+        if (OSGetMilliseconds() - start >= graceMs) pthread_kill(*handle, IO_ABORT_SIGNAL);
+        OSSleep(kEndPollMs);
+    }
+}
+
 void ServeRequest(std::atomic<bool>& pending, GThreadFunction handler, void* context) {
     if (!pending) return;
     if (handler != nullptr) handler(context);
@@ -51,6 +62,12 @@ GThread::~GThread() {
     if (!threadHandle) return;
     stopRequested = true;
     WaitAndJoin(threadHandle, alive);
+}
+
+void GThread::StopBlocked(std::uint32_t graceMs) {
+    if (!threadHandle) return;
+    stopRequested = true;
+    WakeUntilEnded(threadHandle, alive, graceMs);
 }
 
 bool GThread::Start(int /*priority*/) { return StartThread(threadHandle, ThreadMain, this); }
@@ -89,6 +106,12 @@ GLiteThread::~GLiteThread() {
     if (!threadHandle) return;
     if (stopFunction != nullptr) stopFunction(context);
     WaitAndJoin(threadHandle, running);
+}
+
+void GLiteThread::StopBlocked(std::uint32_t graceMs) {
+    if (!threadHandle) return;
+    if (stopFunction != nullptr) stopFunction(context);
+    WakeUntilEnded(threadHandle, running, graceMs);
 }
 
 bool GLiteThread::Start(int /*priority*/) { return StartThread(threadHandle, ThreadMain, this); }

@@ -35,6 +35,11 @@ class GThread {
     // Starts the thread; false when it cannot be created. The priority has no effect here.
     bool Start(int priority);
 
+    // Tells the loop to end, and gets a work function that is still in a blocking call after
+    // `graceMs` out of it by the I/O-abort signal, which must be registered. Returns when the loop
+    // has ended.
+    void StopBlocked(std::uint32_t graceMs);
+
   private:
     static void* ThreadMain(void* thread);
     void Run();
@@ -69,6 +74,11 @@ class GLiteThread {
 
     // Starts the thread; false when it cannot be created. The priority has no effect here.
     bool Start(int priority);
+
+    // Calls the stop function, and gets a run function that is still in a blocking call after
+    // `graceMs` out of it by the I/O-abort signal, which must be registered. Returns when it has
+    // returned.
+    void StopBlocked(std::uint32_t graceMs);
 
   private:
     static void* ThreadMain(void* thread);

@@ -145,6 +145,13 @@ bool HostVEXMuxController_Init(MuxChildren& children) {
 
 MuxChildren* HostVEXMuxController_Children() { return childrenInUse; }
 
+void SetHostConnected(bool connected, std::uint32_t* generation) {
+    MuxChildren* children = childrenInUse;
+    const std::uint32_t reported =
+        children != nullptr ? children->ReportLinkStatus(connected ? 1 : 0) : 0;
+    if (generation != nullptr) *generation = reported;
+}
+
 void HostVEXMuxController_Destroy() {
     MuxChildren* children = childrenInUse.exchange(nullptr);
     if (children != nullptr) children->Destroy();

@@ -130,6 +130,11 @@ bool HostVEXMuxController_Init(MuxChildren& children);
 // The record in use, null before HostVEXMuxController_Init.
 MuxChildren* HostVEXMuxController_Children();
 
+// Reports that a client of a transport that knows its clients has come or gone: steps the
+// connection generation of the children in use if that is news. `generation` receives it, 0 when
+// the lock could not be taken; it may be null. Any thread.
+void SetHostConnected(bool connected, std::uint32_t* generation);
+
 // Takes it out of use and frees its mutex.
 void HostVEXMuxController_Destroy();
 

@@ -1,0 +1,121 @@
+// What the transports share: the private record with its reader thread, and the hooks of GDeviceIO
+// that open, close and write it under the device mutex. A transport supplies its kind of record and
+// its texts.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <memory>
+#include <string>
+
+#include "devices/GDeviceIO.h"
+#include "devices/ReaderThread.h"
+
+namespace vexa {
+
+// The private record behind osData. The owner opens and closes it; its reader thread shares it and
+// may outlive the device when it could not be stopped.
+struct TransportRecord {
+    TransportRecord() = default;
+    virtual ~TransportRecord() = default;
+    TransportRecord(const TransportRecord&) = delete;
+    TransportRecord& operator=(const TransportRecord&) = delete;
+
+    // Whether there is a descriptor to close.
+    [[nodiscard]] virtual bool IsOpen() const = 0;
+    // Opens what `port` names; false on failure, with whatever was opened left for Close.
+    virtual bool Open(const GPortRef& port) = 0;
+    // Closes every descriptor that is the owner's to close.
+    virtual void Close() = 0;
+    // The reader thread's work, until StopRequested.
+    virtual void Read() = 0;
+    // Whether there is somebody to write to, and one system call that writes: its result.
+    [[nodiscard]] virtual bool CanWrite() const = 0;
+    virtual ssize_t Write(const void* data, int count) = 0;
+
+    // Hands received bytes over, on the reader thread.
+    void Deliver(const unsigned char* data, ssize_t count) const;
+
+    static constexpr std::size_t kReadChunk = 3000;
+
+    ReaderThread reader;
+    int threadPriority = 4;  // recorded only
+    GReadCallback readCallback = nullptr;
+    void* callbackContext = nullptr;
+};
+
+// A record over one character device.
+struct NodeRecord : TransportRecord {
+    ~NodeRecord() override { NodeRecord::Close(); }
+    [[nodiscard]] bool IsOpen() const override { return descriptor != -1; }
+    void Close() override;
+    // Reads and delivers; errors and zero-length reads are tried again at once.
+    void Read() override;
+    [[nodiscard]] bool CanWrite() const override { return descriptor != -1; }
+    ssize_t Write(const void* data, int count) override;
+
+    // Opens `path` with the given flags of open(2).
+    bool OpenNode(const std::string& path, int flags);
+
+    std::string devicePath;
+    std::atomic<int> descriptor{-1};  // set and closed by the owner; also read by reader and writer
+};
+
+// Threads as GDeviceIO. A device object serves one open: opened again after a close it opens its
+// descriptors, but no longer reads.
+class GTransportDevice : public GDeviceIO {
+  public:
+    // Opens what the device's own port reference names (the argument is ignored) and starts the
+    // reader, which needs a read callback and a context. A reader that cannot be started is no
+    // failure: the device is open and nobody reads it.
+    int OSOpen(const GPortRef* port) override;
+
+    // -1 when the reader did not end within about 2 s; the descriptors are closed all the same.
+    int OSClose() override;
+
+    // One write of the bytes as they are. Leaves the system call's result in `*count`; -1 unless
+    // all went out. Without anybody to write to: -1, and `*count` stays as it was.
+    int OSWrite(const void* data, int* count) override;
+
+    // The same without the device mutex.
+    int OSWriteUnlocked(const void* data, int* count) override;
+
+    // Closes what is still open and frees the record.
+    void OSUninitialize() override;
+
+    // No transport implements these: 0, -1 and -1.
+    int OSQuery() override;
+    int OSRead(std::intptr_t a, std::intptr_t b, std::intptr_t c) override;
+    int OSPurge() override;
+
+  protected:
+    // Where a transport's reports come from.
+    struct Reports {
+        const char* module;
+        int openFailedLine;
+        const char* closeFailedText;
+        int closeFailedLine;
+        int closeGuardLine;
+        int writeGuardLine;
+    };
+
+    GTransportDevice(const GPortRef* port, const Reports& reports_)
+        : GDeviceIO(port), reports(reports_) {}
+
+    // The private record; null before OSInitialize and after OSUninitialize.
+    [[nodiscard]] TransportRecord* Record() const {
+        return static_cast<TransportRecord*>(osData.get());
+    }
+    void SetRecord(std::shared_ptr<TransportRecord> record) { osData = std::move(record); }
+
+    // Stops the reader and closes the record; -1, with a line, when the reader did not end.
+    int CloseRecord();
+
+  private:
+    int OpenRecord();
+
+    const Reports reports;
+};
+
+}  // namespace vexa
