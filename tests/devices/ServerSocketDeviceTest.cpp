@@ -1,0 +1,251 @@
+// The TCP transport on loopback.
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <regex>
+
+#include "devices/GServerSocketDevice.h"
+#include "support/Output.h"
+#include "support/ReceivedBytes.h"
+
+namespace vexa {
+namespace {
+
+using namespace test;
+
+// A TCP port that was free a moment ago.
+std::uint16_t FreePort() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    socklen_t length = sizeof address;
+    const int probe = socket(AF_INET, SOCK_STREAM, 0);
+    EXPECT_EQ(bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    close(probe);
+    return ntohs(address.sin_port);
+}
+
+class Client {
+  public:
+    explicit Client(std::uint16_t port) : descriptor(socket(AF_INET, SOCK_STREAM, 0)) {
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(port);
+        connected = connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+    }
+    ~Client() { close(descriptor); }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    void Send(const Bytes& bytes) const {
+        EXPECT_EQ(send(descriptor, bytes.data(), bytes.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    [[nodiscard]] Bytes Receive(std::size_t count) const {
+        Bytes bytes(count);
+        const ssize_t got = recv(descriptor, bytes.data(), count, MSG_WAITALL);
+        bytes.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
+        return bytes;
+    }
+    // Leaves with a reset instead of an orderly end.
+    void Abort() const {
+        const linger now{1, 0};
+        setsockopt(descriptor, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    }
+
+    int descriptor;
+    bool connected = false;
+};
+
+// Waits until every other thread of the process is blocked in a call.
+void AwaitBlockedThreads() {
+    const auto blocked = [](const std::filesystem::path& task) {
+        if (task.filename() == std::to_string(getpid())) return true;
+        std::ifstream stat(task / "stat");
+        std::string id;
+        std::string name;
+        std::string state;
+        stat >> id >> name >> state;
+        return state == "S";
+    };
+    for (;; OSSleep(1)) {
+        const std::filesystem::directory_iterator tasks("/proc/self/task");
+        if (std::all_of(begin(tasks), end(tasks), blocked)) return;
+    }
+}
+
+class ServerSocketDevice : public testing::Test {
+  protected:
+    ServerSocketDevice() {
+        port.SetPort(FreePort());
+        device = std::make_unique<GServerSocketDevice>(&port);
+        device->SetReadCallback(ReceivedBytes::Callback, &received);
+        device->SetConnectionReport([this](bool connected) { ++(connected ? came : went); });
+        SetTraceThreshold(1);
+    }
+    ~ServerSocketDevice() override { SetTraceThreshold(100); }
+
+    // The lines that `code` traces, without line numbers and with N for descriptors.
+    static std::string Lines(const std::function<void()>& code) {
+        const std::string text = std::regex_replace(
+            Printed(code), std::regex("GServerSocketDevice_Linux\\([0-9]+\\)"), "TCP");
+        return std::regex_replace(text, std::regex("with id [0-9]+ "), "with id N ");
+    }
+    void AwaitComings(int count) {
+        while (came < count) OSSleep(1);
+    }
+    void AwaitGoings(int count) {
+        while (went < count) OSSleep(1);
+    }
+
+    static constexpr char kAccepted[] =
+        "TCP : \n accept() succeeded. Opening client socket with id N \n\n";
+    static constexpr char kClosed[] = "TCP : Closed client socket with id N \n\n";
+    static constexpr char kRemoteClosed[] = "TCP : \n Remote host closed socket.\n\n";
+
+    GPortRef port{GPortRef::kHostPort, "", "", "tcp", 0, 0};
+    ReceivedBytes received;
+    std::atomic<int> came{0};
+    std::atomic<int> went{0};
+    std::unique_ptr<GServerSocketDevice> device;
+};
+
+TEST_F(ServerSocketDevice, EnumeratesItsOnePort) {
+    EXPECT_TRUE(GServerSocketDevice::EnumeratePorts(2).empty());
+    const auto ports = GServerSocketDevice::EnumeratePorts(GPortRef::kHostPort);
+    ASSERT_EQ(ports.size(), 1U);
+    EXPECT_EQ(ports[0].portType, 5);
+    EXPECT_EQ(ports[0].port, 38144);
+    EXPECT_EQ(ports[0].addressText, "IPAddr=0.0.0.0;Port=38144");
+    EXPECT_EQ(ports[0].location, "IPAddr=0.0.0.0;Port=0") << "filled when the address was set";
+    EXPECT_EQ(ports[0].displayName, "IPAddr=0.0.0.0;Port=0");
+}
+
+TEST_F(ServerSocketDevice, ServesOneClientAfterTheOther) {
+    const std::string text = Lines([&] {
+        ASSERT_EQ(device->Open(nullptr), 0);
+        auto first = std::make_unique<Client>(port.port);
+        AwaitComings(1);
+        auto second = std::make_unique<Client>(port.port);
+        ASSERT_TRUE(second->connected);
+        second->Send({9});
+        first->Send(Hex("00 03 11 13 ff"));
+        EXPECT_EQ(received.Await(5), Hex("00 03 11 13 ff")) << "the second one waits";
+
+        int count = 3;
+        EXPECT_EQ(device->Write("abc", &count), 0);
+        EXPECT_EQ(count, 3);
+        count = 0;
+        EXPECT_EQ(device->Write("", &count), 0);
+        EXPECT_EQ(ToHex(first->Receive(3)), "61 62 63");
+        EXPECT_EQ(came, 1);
+        first.reset();
+        EXPECT_EQ(received.Await(6).back(), 9);
+        EXPECT_EQ(went, 1);
+        EXPECT_EQ(came, 2);
+        second->Abort();
+        second.reset();
+        AwaitGoings(2);
+    });
+    EXPECT_EQ(text, std::string(kAccepted) + kRemoteClosed + kClosed + kAccepted +
+                        "TCP : \n recv() failed. errno = 104 \n\n" + kClosed);
+}
+
+TEST_F(ServerSocketDevice, EndsInAccept) {
+    const std::string text = Lines([&] {
+        ASSERT_EQ(device->Open(nullptr), 0);
+        AwaitBlockedThreads();
+        EXPECT_EQ(device->Close(), 0);
+    });
+    EXPECT_EQ(text, "TCP : \n accept() failed.\n\n");
+}
+
+TEST_F(ServerSocketDevice, EndsInRecv) {
+    const std::string text = Lines([&] {
+        ASSERT_EQ(device->Open(nullptr), 0);
+        const Client client(port.port);
+        AwaitComings(1);
+        AwaitBlockedThreads();
+        EXPECT_EQ(device->Close(), 0);
+        EXPECT_TRUE(client.Receive(1).empty());
+    });
+    EXPECT_EQ(text, std::string(kAccepted) + "TCP : \n recv() failed. errno = 4 \n\n" + kClosed);
+}
+
+TEST_F(ServerSocketDevice, FailsOnAPortInUseAndWithoutAContext) {
+    const std::string line = "TCP : Error opening device with id tcp\n";
+    GPortRef used = GPortRef(GPortRef::kHostPort, "", "", "tcp", 0, 0);
+    used.SetPort(port.port);
+    GServerSocketDevice second(&used);
+    second.SetReadCallback(ReceivedBytes::Callback, &received);
+    EXPECT_EQ(Lines([&] {
+                  ASSERT_EQ(device->Open(nullptr), 0);
+                  EXPECT_EQ(second.Open(nullptr), -1);
+              }),
+              "TCP : \n bind() failed.\n\n" + line);
+    second.SetReadCallback(nullptr, nullptr);
+    EXPECT_EQ(Lines([&] { EXPECT_EQ(second.Open(nullptr), -1); }), line);
+    int count = 3;
+    EXPECT_EQ(device->Write("abc", &count), -1) << "nobody is connected";
+    EXPECT_EQ(count, 3);
+    Lines([&] { device->Close(); });
+}
+
+TEST_F(ServerSocketDevice, ListensButNeverAcceptsWhenOpenedAgain) {
+    Lines([&] {
+        ASSERT_EQ(device->Open(nullptr), 0);
+        ASSERT_EQ(device->Close(), 0);
+        ASSERT_EQ(device->Open(nullptr), 0);
+        const Client client(port.port);
+        EXPECT_TRUE(client.connected);
+        client.Send({1});
+        EXPECT_EQ(device->Close(), 0);
+    });
+    EXPECT_EQ(came, 0);
+    EXPECT_TRUE(received.Await(0).empty());
+}
+
+// Neither a client that vanishes nor one that takes nothing may end or hang the process.
+TEST_F(ServerSocketDevice, SurvivesClientsThatVanishOrTakeNothing) {
+    Lines([&] {
+        device->bufferedOutput = true;
+        ASSERT_EQ(device->Open(nullptr), 0);
+        const Bytes block(5000, 7);
+        for (int round = 1; round <= 5; ++round) {
+            {
+                const Client client(port.port);
+                AwaitComings(round);
+                int count = 5000;
+                EXPECT_EQ(device->QueueWrite(block.data(), &count), 0);
+                EXPECT_EQ(client.Receive(10).size(), 10U);
+                client.Abort();
+            }
+            int count = 5000;
+            device->QueueWrite(block.data(), &count);
+            AwaitGoings(round);
+        }
+        const Client idle(port.port);
+        AwaitComings(6);
+        // Until its window is full and the writer blocks, so that the buffer fills up.
+        for (int queued = 0; queued < 45000; queued = device->outputBuffer->GetBytesAvailable()) {
+            int count = 5000;
+            device->QueueWrite(block.data(), &count);
+        }
+        EXPECT_EQ(device->Close(), 0);
+    });
+}
+
+}  // namespace
+}  // namespace vexa
