@@ -22,13 +22,13 @@ namespace {
 class Node : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(node_) << errno;
+        ASSERT_TRUE(node) << errno;
         ASSERT_TRUE(Eventually([&] { return !CableIsIn(); }));
     }
 
     [[nodiscard]] bool CableIsIn() const {
         int status = -1;
-        EXPECT_EQ(::ioctl(node_.Get(), ZTG_LINK_STATUS, &status), 0);
+        EXPECT_EQ(::ioctl(node.Get(), ZTG_LINK_STATUS, &status), 0);
         return status != 0;
     }
 
@@ -42,25 +42,25 @@ class Node : public ::testing::Test {
 
     [[nodiscard]] std::string Read() const {
         std::array<char, 3000> bytes{};
-        const auto got = ::read(node_.Get(), bytes.data(), bytes.size());
+        const auto got = ::read(node.Get(), bytes.data(), bytes.size());
         return got < 0 ? "errno " + std::to_string(errno)
                        : std::string(bytes.data(), static_cast<std::size_t>(got));
     }
 
-    const Descriptor node_{::open(ZT_USB_NODE, O_RDWR | O_EXCL)};
+    const Descriptor node{::open(ZT_USB_NODE, O_RDWR | O_EXCL)};
 };
 
 TEST_F(Node, TheCableIsInWhileAHostIsConnected) {
-    EXPECT_EQ(::write(node_.Get(), "x", 1), -1);
+    EXPECT_EQ(::write(node.Get(), "x", 1), -1);
     EXPECT_EQ(errno, ESHUTDOWN);
     int status = 0;
-    EXPECT_EQ(::ioctl(node_.Get(), ZTG_LINK_STATUS + 1, &status), -1);
+    EXPECT_EQ(::ioctl(node.Get(), ZTG_LINK_STATUS + 1, &status), -1);
     EXPECT_EQ(errno, ENOTTY);
     {
         const Descriptor host = PlugIn();
         EXPECT_EQ(::send(host.Get(), "to the unit", 11, 0), 11);
         EXPECT_EQ(Read(), "to the unit");
-        EXPECT_EQ(::write(node_.Get(), "to the host", 11), 11);
+        EXPECT_EQ(::write(node.Get(), "to the host", 11), 11);
         EXPECT_EQ(Receive(host, 11), "to the host");
     }
     EXPECT_TRUE(Eventually([&] { return !CableIsIn(); })) << "nobody reads, and yet it is noticed";
@@ -70,7 +70,7 @@ TEST_F(Node, OneHostAtATime) {
     Descriptor first = PlugIn();
     const Descriptor second = ConnectHost(UnitFolderUnderTest());
     EXPECT_EQ(Receive(second, 1), "") << "the second one is hung up on";
-    EXPECT_EQ(::write(node_.Get(), "still", 5), 5);
+    EXPECT_EQ(::write(node.Get(), "still", 5), 5);
     EXPECT_EQ(Receive(first, 5), "still");
 
     first = Descriptor();
@@ -117,8 +117,7 @@ TEST_F(Node, AWriteWaitsForASlowHost) {
     const Descriptor host = PlugIn();
     const std::string sent(4000000, 'w');
     std::thread writer([&] {
-        EXPECT_EQ(::write(node_.Get(), sent.data(), sent.size()),
-                  static_cast<ssize_t>(sent.size()));
+        EXPECT_EQ(::write(node.Get(), sent.data(), sent.size()), static_cast<ssize_t>(sent.size()));
     });
     EXPECT_TRUE(AwaitReadable(host));
     // A reader that is in the way of nobody: both directions at once.
@@ -132,7 +131,7 @@ TEST_F(Node, AWriteFailsWhenItsHostLeaves) {
     Descriptor host = PlugIn();
     std::thread writer([&] {
         const std::string sent(4000000, 'w');
-        EXPECT_EQ(::write(node_.Get(), sent.data(), sent.size()), -1);
+        EXPECT_EQ(::write(node.Get(), sent.data(), sent.size()), -1);
         EXPECT_EQ(errno, ESHUTDOWN);
     });
     EXPECT_TRUE(AwaitReadable(host));

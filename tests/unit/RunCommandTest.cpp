@@ -25,11 +25,11 @@ class RunCommand : public ::testing::Test {
     void SetUp() override {
         std::string path = ::testing::TempDir() + "/run-XXXXXX";
         ASSERT_NE(::mkdtemp(path.data()), nullptr);
-        scratch_ = fs::canonical(path);
+        scratch = fs::canonical(path);
     }
-    void TearDown() override { fs::remove_all(scratch_); }
+    void TearDown() override { fs::remove_all(scratch); }
 
-    [[nodiscard]] std::string Scratch(const std::string& name) const { return scratch_ / name; }
+    [[nodiscard]] std::string Scratch(const std::string& name) const { return scratch / name; }
 
     // The arguments that run the probe on a unit in the folder "unit".
     [[nodiscard]] std::vector<std::string> Run(std::vector<std::string> options,
@@ -40,7 +40,7 @@ class RunCommand : public ::testing::Test {
         return options;
     }
 
-    fs::path scratch_;
+    fs::path scratch;
 };
 
 TEST_F(RunCommand, ExitsAsTheProgramAndLeavesNothingBehind) {
@@ -132,7 +132,7 @@ TEST_F(RunCommand, SaysInOneLineWhatCannotBeUsed) {
         {Run({"--journal", Scratch("none/journal")}, {}), "journal " + Scratch("none/journal")},
         {{"run", "--dir", unit, "--", "no-such-program"}, "cannot run no-such-program"},
         {{"run", "--dir", unit, "--", Scratch("file")}, "cannot run " + Scratch("file")},
-        {{"run", "--dir", unit, "--", scratch_}, "cannot run"},
+        {{"run", "--dir", unit, "--", scratch}, "cannot run"},
         {{"run", "--dir", Scratch("none/unit"), "--", UNIT_PROBE}, "cannot make the folder"},
         {{"run", "--dir", Scratch("file"), "--", UNIT_PROBE}, "there is a file of that name"},
         {{"run", "--dir", Scratch(std::string(100, 'd')), "--", UNIT_PROBE}, "characters at most"},
@@ -144,7 +144,7 @@ TEST_F(RunCommand, SaysInOneLineWhatCannotBeUsed) {
         EXPECT_THAT(tool.Output(), HasSubstr(complaint));
         EXPECT_EQ(std::ranges::count(tool.Output(), '\n'), 1) << tool.Output();
     }
-    for (const auto& entry : fs::directory_iterator(scratch_)) {
+    for (const auto& entry : fs::directory_iterator(scratch)) {
         EXPECT_TRUE(entry.is_regular_file()) << entry << " was left behind";
     }
 }

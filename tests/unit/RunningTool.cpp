@@ -19,10 +19,10 @@ RunningTool::RunningTool(std::vector<std::string> arguments) {
     pointers.push_back(nullptr);
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) std::abort();
-    pipe_ = Descriptor(ends[0]);
+    pipe = Descriptor(ends[0]);
     const Descriptor writing(ends[1]);
-    child_ = ::fork();
-    if (child_ == 0) {
+    child = ::fork();
+    if (child == 0) {
         ::dup2(writing.Get(), STDOUT_FILENO);
         ::dup2(writing.Get(), STDERR_FILENO);
         ::execv(pointers[0], pointers.data());
@@ -31,33 +31,33 @@ RunningTool::RunningTool(std::vector<std::string> arguments) {
 }
 
 RunningTool::~RunningTool() {
-    if (child_ < 0) return;
-    ::kill(child_, SIGKILL);
-    ::waitpid(child_, nullptr, 0);
+    if (child < 0) return;
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
 }
 
 bool RunningTool::ReadMore() {
     std::array<char, 4096> bytes{};
-    const auto got = ::read(pipe_.Get(), bytes.data(), bytes.size());
+    const auto got = ::read(pipe.Get(), bytes.data(), bytes.size());
     if (got <= 0) return false;
-    output_.append(bytes.data(), static_cast<std::size_t>(got));
+    output.append(bytes.data(), static_cast<std::size_t>(got));
     return true;
 }
 
 bool RunningTool::AwaitOutput(const std::string& text) {
-    while (output_.find(text) == std::string::npos) {
+    while (output.find(text) == std::string::npos) {
         if (!ReadMore()) return false;
     }
     return true;
 }
 
-void RunningTool::Send(int signal) const { ::kill(child_, signal); }
+void RunningTool::Send(int signal) const { ::kill(child, signal); }
 
 int RunningTool::Wait() {
     while (ReadMore()) {
     }
     int status = 0;
-    ::waitpid(std::exchange(child_, -1), &status, 0);
+    ::waitpid(std::exchange(child, -1), &status, 0);
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 

@@ -23,7 +23,7 @@ class RunningTool {
     bool AwaitOutput(const std::string& text);
 
     // All output so far.
-    [[nodiscard]] const std::string& Output() const { return output_; }
+    [[nodiscard]] const std::string& Output() const { return output; }
 
     void Send(int signal) const;
 
@@ -35,9 +35,9 @@ class RunningTool {
     // False at the end of the output.
     bool ReadMore();
 
-    pid_t child_ = -1;
-    Descriptor pipe_;
-    std::string output_;
+    pid_t child = -1;
+    Descriptor pipe;
+    std::string output;
 };
 
 }  // namespace vexa::unit

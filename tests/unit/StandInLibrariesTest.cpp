@@ -30,10 +30,10 @@ std::int32_t Write(std::uint32_t stream, const Bytes& bytes) {
 
 class StandInLibraries : public ::testing::Test {
   protected:
-    void SetUp() override { ASSERT_NE(library_, 0U); }
-    void TearDown() override { EXPECT_EQ(VEXA_Uninit(library_), 0); }
+    void SetUp() override { ASSERT_NE(library, 0U); }
+    void TearDown() override { EXPECT_EQ(VEXA_Uninit(library), 0); }
 
-    const std::uint32_t library_ = VEXA_Init();
+    const std::uint32_t library = VEXA_Init();
 };
 
 TEST_F(StandInLibraries, ListsTheAttachedDevicesOfAType) {
@@ -47,7 +47,7 @@ TEST_F(StandInLibraries, ListsTheAttachedDevicesOfAType) {
 
     std::uint32_t count = 0;
     std::uint32_t word = 0;
-    const auto list = VEXA_OpenDeviceListSnapshot(library_, 8, &count, &word);
+    const auto list = VEXA_OpenDeviceListSnapshot(library, 8, &count, &word);
     ASSERT_NE(list, 0U);
     EXPECT_EQ(count, 2U);
     std::array<char, 220> name{};
@@ -60,19 +60,19 @@ TEST_F(StandInLibraries, ListsTheAttachedDevicesOfAType) {
     EXPECT_EQ(VEXA_CloseDeviceListSnapshot(list), 0);
     EXPECT_NE(VEXA_CloseDeviceListSnapshot(list), 0);
     EXPECT_EQ(VEXA_OpenDeviceListSnapshot(0, 8, &count, &word), 0U);
-    EXPECT_EQ(VEXA_Device_Stream_Open(library_, "Gone", Collect, 3, nullptr), 0U);
-    EXPECT_EQ(VEXA_Device_Open(library_, "Gone", 1), 0U);
+    EXPECT_EQ(VEXA_Device_Stream_Open(library, "Gone", Collect, 3, nullptr), 0U);
+    EXPECT_EQ(VEXA_Device_Open(library, "Gone", 1), 0U);
 }
 
 TEST_F(StandInLibraries, EachStreamHasItsOwnEcho) {
     Blocks first;
     Blocks second;
-    const auto one = VEXA_Device_Stream_Open(library_, "Quiet", Collect, 3, &first);
-    const auto two = VEXA_Device_Stream_Open(library_, "Quiet", Collect, 3, &second);
+    const auto one = VEXA_Device_Stream_Open(library, "Quiet", Collect, 3, &first);
+    const auto two = VEXA_Device_Stream_Open(library, "Quiet", Collect, 3, &second);
     EXPECT_EQ(Write(one, {}), 0);
     EXPECT_NE(VEXA_Device_Stream_Write(one, "x", -1), 0);
     EXPECT_NE(VEXA_Device_Stream_Write(one, nullptr, 1), 0);
-    EXPECT_NE(Write(library_, {1}), 0) << "not a stream";
+    EXPECT_NE(Write(library, {1}), 0) << "not a stream";
     EXPECT_EQ(Write(one, {1, 2}), 0);
     EXPECT_EQ(Write(two, {3}), 0);
     EXPECT_EQ(Write(one, {4}), 0);
@@ -82,13 +82,13 @@ TEST_F(StandInLibraries, EachStreamHasItsOwnEcho) {
 
 TEST_F(StandInLibraries, NoCallbackRunsOnceItsStreamIsClosed) {
     Blocks blocks;
-    const auto stream = VEXA_Device_Stream_Open(library_, "Fast", Collect, 3, &blocks);
+    const auto stream = VEXA_Device_Stream_Open(library, "Fast", Collect, 3, &blocks);
     (void)blocks.Await(3);
     EXPECT_EQ(VEXA_Device_Stream_Close(stream), 0);
     const auto count = blocks.Await(0).size();
     EXPECT_GE(count, 3U);
     Blocks others;
-    (void)VEXA_Device_Stream_Open(library_, "Fast", Collect, 3, &others);
+    (void)VEXA_Device_Stream_Open(library, "Fast", Collect, 3, &others);
     EXPECT_GE(others.Await(5).size(), 5U);
     EXPECT_EQ(blocks.Await(0).size(), count);
     EXPECT_NE(VEXA_Device_Stream_Close(stream), 0);
@@ -107,7 +107,7 @@ TEST_F(StandInLibraries, ACallbackMayCloseItsOwnStream) {
         self.results.Add(VEXA_Device_Stream_Close(self.stream));
         return -1;
     };
-    closing.stream = VEXA_Device_Stream_Open(library_, "Quiet", close, 3, &closing);
+    closing.stream = VEXA_Device_Stream_Open(library, "Quiet", close, 3, &closing);
     EXPECT_EQ(Write(closing.stream, {1}), 0);
     EXPECT_THAT(closing.results.Await(1), ElementsAre(0));
     EXPECT_NE(Write(closing.stream, {1}), 0);
@@ -118,7 +118,7 @@ TEST_F(StandInLibraries, UninitEndsTheStreamsOfThatLibraryOnly) {
     Blocks mine;
     Blocks others;
     const auto other = VEXA_Init();
-    const auto myStream = VEXA_Device_Stream_Open(library_, "Quiet", Collect, 3, &mine);
+    const auto myStream = VEXA_Device_Stream_Open(library, "Quiet", Collect, 3, &mine);
     const auto otherStream = VEXA_Device_Stream_Open(other, "Quiet", Collect, 3, &others);
     EXPECT_EQ(VEXA_Uninit(other), 0);
     EXPECT_NE(VEXA_Uninit(other), 0);
@@ -130,7 +130,7 @@ TEST_F(StandInLibraries, UninitEndsTheStreamsOfThatLibraryOnly) {
 
 TEST_F(StandInLibraries, TheBoardMeasuresAfterASync) {
     Blocks blocks;
-    const auto stream = VEXA_Device_Stream_Open(library_, "Board", Collect, 4, &blocks);
+    const auto stream = VEXA_Device_Stream_Open(library, "Board", Collect, 4, &blocks);
     Bytes request(kInitialSyncSize);
     BuildInitialSync(std::span<std::uint8_t, kInitialSyncSize>(request), 77);
     EXPECT_EQ(Write(stream, request), 0);

@@ -24,22 +24,22 @@ template <typename Item>
 class Collected {
   public:
     void Add(Item item) {
-        const std::lock_guard lock(mutex_);
-        items_.push_back(std::move(item));
-        changed_.notify_all();
+        const std::lock_guard lock(mutex);
+        items.push_back(std::move(item));
+        changed.notify_all();
     }
 
     // Waits for at least `count` items; all that have come by then.
     [[nodiscard]] std::vector<Item> Await(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        changed_.wait_for(lock, std::chrono::seconds(30), [&] { return items_.size() >= count; });
-        return items_;
+        std::unique_lock lock(mutex);
+        changed.wait_for(lock, std::chrono::seconds(30), [&] { return items.size() >= count; });
+        return items;
     }
 
   private:
-    std::mutex mutex_;  // guards items_
-    std::condition_variable changed_;
-    std::vector<Item> items_;
+    std::mutex mutex;  // guards items
+    std::condition_variable changed;
+    std::vector<Item> items;
 };
 
 }  // namespace vexa::unit

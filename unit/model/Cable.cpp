@@ -38,28 +38,28 @@ bool WouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
 }  // namespace
 
-Cable::Cable(Descriptor listener, std::function<void(bool)> changed)
-    : listener_(std::move(listener)),
-      stop_(::eventfd(0, EFD_CLOEXEC)),
-      changed_(std::move(changed)),
-      state_(NewState()) {
-    thread_ = StartQuietThread([this] { Run(); });
+Cable::Cable(Descriptor listener_, std::function<void(bool)> changed_)
+    : listener(std::move(listener_)),
+      stop(::eventfd(0, EFD_CLOEXEC)),
+      changed(std::move(changed_)),
+      state(NewState()) {
+    thread = StartQuietThread([this] { Run(); });
 }
 
 Cable::~Cable() {
-    Signal(stop_);
-    thread_.join();
+    Signal(stop);
+    thread.join();
 }
 
 std::shared_ptr<Cable::State> Cable::NewState() {
-    auto state = std::make_shared<State>();
-    state->ended = Descriptor(::eventfd(0, EFD_CLOEXEC));
-    return state;
+    auto fresh = std::make_shared<State>();
+    fresh->ended = Descriptor(::eventfd(0, EFD_CLOEXEC));
+    return fresh;
 }
 
 std::shared_ptr<Cable::State> Cable::Current() const {
-    const std::lock_guard lock(mutex_);
-    return state_;
+    const std::lock_guard lock(mutex);
+    return state;
 }
 
 bool Cable::IsIn() const { return Current()->in; }
@@ -68,94 +68,94 @@ void Cable::Enter(std::shared_ptr<State> next) {
     const bool in = next->in;
     std::shared_ptr<State> last;
     {
-        const std::lock_guard lock(mutex_);
-        last = std::exchange(state_, std::move(next));
+        const std::lock_guard lock(mutex);
+        last = std::exchange(state, std::move(next));
     }
     Signal(last->ended);
-    changed_(in);
+    changed(in);
 }
 
 void Cable::PlugIn(Descriptor client) {
-    auto state = NewState();
-    state->client = std::move(client);
-    state->in = true;
-    Enter(std::move(state));
+    auto next = NewState();
+    next->client = std::move(client);
+    next->in = true;
+    Enter(std::move(next));
 }
 
 void Cable::PullOut(const std::shared_ptr<State>& leaving) {
     // The host sees its end closed at once, though the descriptor lives on while it is in use.
     ::shutdown(leaving->client.Get(), SHUT_WR);
-    auto state = NewState();
-    state->former = leaving;
-    Enter(std::move(state));
+    auto next = NewState();
+    next->former = leaving;
+    Enter(std::move(next));
 }
 
 ssize_t Cable::Read(std::span<std::uint8_t> into) {
     if (into.empty()) return 0;
     while (true) {
-        const auto state = Current();
-        const State* const source = state->in ? state.get() : state->former.get();
+        const auto current = Current();
+        const State* const source = current->in ? current.get() : current->former.get();
         ssize_t got = 0;
         if (source != nullptr) {
             got = ::recv(source->client.Get(), into.data(), into.size(), MSG_DONTWAIT);
         }
         if (got > 0) return got;
         // A client that has hung up is always readable: wait for the state to end instead.
-        const bool open = state->in && got < 0 && WouldBlock(errno);
-        if (!Await(open ? source->client.Get() : -1, POLLIN, state->ended)) return -1;
+        const bool open = current->in && got < 0 && WouldBlock(errno);
+        if (!Await(open ? source->client.Get() : -1, POLLIN, current->ended)) return -1;
     }
 }
 
 ssize_t Cable::Write(std::span<const std::uint8_t> bytes) {
-    const auto state = Current();
+    const auto current = Current();
     std::size_t sent = 0;
-    while (state->in && sent < bytes.size()) {
+    while (current->in && sent < bytes.size()) {
         const auto left = bytes.subspan(sent);
         const auto went =
-            ::send(state->client.Get(), left.data(), left.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            ::send(current->client.Get(), left.data(), left.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (went > 0) {
             sent += static_cast<std::size_t>(went);
             continue;
         }
         if (!WouldBlock(errno)) break;
-        if (!Await(state->client.Get(), POLLOUT, state->ended)) {
+        if (!Await(current->client.Get(), POLLOUT, current->ended)) {
             return sent > 0 ? static_cast<ssize_t>(sent) : -1;
         }
-        if (Current() != state) break;
+        if (Current() != current) break;
     }
-    if (state->in && sent == bytes.size()) return static_cast<ssize_t>(sent);
+    if (current->in && sent == bytes.size()) return static_cast<ssize_t>(sent);
     errno = ESHUTDOWN;
     return -1;
 }
 
 void Cable::TakeClient() {
-    Descriptor client(::accept4(listener_.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+    Descriptor client(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!client) {
         if (errno != EMFILE && errno != ENFILE) return;
-        pollfd stop{stop_.Get(), POLLIN, 0};
-        ::poll(&stop, 1, kRetryAcceptMs);
+        pollfd stopped{stop.Get(), POLLIN, 0};
+        ::poll(&stopped, 1, kRetryAcceptMs);
         return;
     }
-    const auto state = Current();
-    if (state->in) {
-        if (!HasHungUp(state->client.Get())) return;  // one host at a time: closes the newcomer
-        PullOut(state);
+    const auto current = Current();
+    if (current->in) {
+        if (!HasHungUp(current->client.Get())) return;  // one host at a time: closes the newcomer
+        PullOut(current);
     }
     PlugIn(std::move(client));
 }
 
 void Cable::Run() {
     while (true) {
-        const auto state = Current();
-        std::array<pollfd, 3> entries{{{stop_.Get(), POLLIN, 0},
-                                       {listener_.Get(), POLLIN, 0},
-                                       {state->in ? state->client.Get() : -1, POLLRDHUP, 0}}};
+        const auto current = Current();
+        std::array<pollfd, 3> entries{{{stop.Get(), POLLIN, 0},
+                                       {listener.Get(), POLLIN, 0},
+                                       {current->in ? current->client.Get() : -1, POLLRDHUP, 0}}};
         if (::poll(entries.data(), entries.size(), -1) < 0) continue;
         if (entries[0].revents != 0) return;
         if (entries[1].revents != 0) {
             TakeClient();
         } else if (entries[2].revents != 0) {
-            PullOut(state);
+            PullOut(current);
         }
     }
 }

@@ -60,12 +60,12 @@ class VEXA_UNIT_EXPORT Cable {
     void Run();
     void TakeClient();
 
-    const Descriptor listener_;
-    const Descriptor stop_;  // eventfd, readable once the thread is to end
-    const std::function<void(bool)> changed_;
-    mutable std::mutex mutex_;  // guards state_
-    std::shared_ptr<State> state_;
-    std::thread thread_;
+    const Descriptor listener;
+    const Descriptor stop;  // eventfd, readable once the thread is to end
+    const std::function<void(bool)> changed;
+    mutable std::mutex mutex;  // guards state
+    std::shared_ptr<State> state;
+    std::thread thread;
 };
 
 }  // namespace vexa::unit

@@ -19,18 +19,18 @@ std::string QuotedText(std::string_view text) {
     return quoted + "\"";
 }
 
-CallLine::CallLine(std::string_view function) : call_(std::string(function) + "(") {}
+CallLine::CallLine(std::string_view function) : call(std::string(function) + "(") {}
 
 std::string& CallLine::NextArgument() {
-    if (hasArguments_) call_ += ", ";
-    hasArguments_ = true;
-    return call_;
+    if (hasArguments) call += ", ";
+    hasArguments = true;
+    return call;
 }
 
 CallLine& CallLine::Number(std::int64_t value, std::string_view label) {
-    auto& call = NextArgument();
-    if (!label.empty()) call += std::string(label) + " ";
-    call += std::to_string(value);
+    auto& line = NextArgument();
+    if (!label.empty()) line += std::string(label) + " ";
+    line += std::to_string(value);
     return *this;
 }
 
@@ -45,15 +45,15 @@ CallLine& CallLine::Word(std::string_view word) {
 }
 
 CallLine& CallLine::Result(std::int64_t result) {
-    tail_ += " = " + std::to_string(result);
+    tail += " = " + std::to_string(result);
     return *this;
 }
 
 CallLine& CallLine::Note(std::string_view note) {
-    tail_ += "  # " + std::string(note);
+    tail += "  # " + std::string(note);
     return *this;
 }
 
-std::string CallLine::Line() const { return call_ + ")" + tail_; }
+std::string CallLine::Line() const { return call + ")" + tail; }
 
 }  // namespace vexa::unit

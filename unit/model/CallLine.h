@@ -28,9 +28,9 @@ class VEXA_UNIT_EXPORT CallLine {
   private:
     std::string& NextArgument();
 
-    std::string call_;
-    bool hasArguments_ = false;
-    std::string tail_;
+    std::string call;
+    bool hasArguments = false;
+    std::string tail;
 };
 
 // `text` as CallLine::Text writes it.

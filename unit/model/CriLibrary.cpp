@@ -4,9 +4,9 @@
 
 namespace vexa::unit {
 
-CriLibrary::CriLibrary(const ApplicationMap& applications) {
-    for (const auto& [name, settings] : applications) {
-        Application& application = applications_[name];
+CriLibrary::CriLibrary(const ApplicationMap& applications_) {
+    for (const auto& [name, settings] : applications_) {
+        Application& application = applications[name];
         application.name = name;
         application.settings = settings;
         application.holds = settings.holds;
@@ -15,20 +15,20 @@ CriLibrary::CriLibrary(const ApplicationMap& applications) {
 
 std::uint32_t CriLibrary::Init(std::string_view name, CriCallback callback, void* context,
                                CriSession::Witness witness) {
-    const auto application = applications_.find(name);
-    if (application == applications_.end() || application->second.settings.initFails) return 0;
+    const auto application = applications.find(name);
+    if (application == applications.end() || application->second.settings.initFails) return 0;
     const auto session =
         std::make_shared<CriSession>(application->second, callback, context, std::move(witness));
-    const std::lock_guard lock(mutex_);
-    sessions_[++lastHandle_] = session;
+    const std::lock_guard lock(mutex);
+    sessions[++lastHandle] = session;
     session->Start();
-    return lastHandle_;
+    return lastHandle;
 }
 
 std::shared_ptr<CriSession> CriLibrary::Find(std::uint32_t session) const {
-    const std::lock_guard lock(mutex_);
-    const auto found = sessions_.find(session);
-    return found == sessions_.end() ? nullptr : found->second;
+    const std::lock_guard lock(mutex);
+    const auto found = sessions.find(session);
+    return found == sessions.end() ? nullptr : found->second;
 }
 
 bool CriLibrary::Command(std::uint32_t session, std::uint32_t command) {
@@ -39,11 +39,11 @@ bool CriLibrary::Command(std::uint32_t session, std::uint32_t command) {
 std::optional<std::string> CriLibrary::Terminate(std::uint32_t session) {
     std::shared_ptr<CriSession> ending;
     {
-        const std::lock_guard lock(mutex_);
-        const auto found = sessions_.find(session);
-        if (found == sessions_.end()) return std::nullopt;
+        const std::lock_guard lock(mutex);
+        const auto found = sessions.find(session);
+        if (found == sessions.end()) return std::nullopt;
         ending = std::move(found->second);
-        sessions_.erase(found);
+        sessions.erase(found);
     }
     ending->Terminate();
     return ending->ApplicationName();

@@ -38,10 +38,10 @@ class VEXA_UNIT_EXPORT CriLibrary {
     [[nodiscard]] std::shared_ptr<CriSession> Find(std::uint32_t session) const;
 
     // Never changed after construction, so that sessions may refer to its elements.
-    std::map<std::string, Application, std::less<>> applications_;
-    mutable std::mutex mutex_;  // guards all below; never held during a callback
-    std::uint32_t lastHandle_ = 0;
-    std::map<std::uint32_t, std::shared_ptr<CriSession>> sessions_;
+    std::map<std::string, Application, std::less<>> applications;
+    mutable std::mutex mutex;  // guards all below; never held during a callback
+    std::uint32_t lastHandle = 0;
+    std::map<std::uint32_t, std::shared_ptr<CriSession>> sessions;
 };
 
 }  // namespace vexa::unit

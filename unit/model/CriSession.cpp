@@ -6,72 +6,72 @@
 
 namespace vexa::unit {
 
-CriSession::CriSession(Application& application, CriCallback callback, void* context,
-                       Witness witness)
-    : application_(application),
-      callback_(callback),
-      context_(context),
-      witness_(std::move(witness)) {}
+CriSession::CriSession(Application& application_, CriCallback callback_, void* context_,
+                       Witness witness_)
+    : application(application_),
+      callback(callback_),
+      context(context_),
+      witness(std::move(witness_)) {}
 
 void CriSession::Start() {
-    const std::lock_guard lock(mutex_);
-    thread_ = StartQuietThread([self = shared_from_this()] { self->Run(); });
+    const std::lock_guard lock(mutex);
+    thread = StartQuietThread([self = shared_from_this()] { self->Run(); });
 }
 
 bool CriSession::Command(std::uint32_t command) {
-    const auto& settings = application_.settings;
+    const auto& settings = application.settings;
     if (settings.refuses.contains(command)) return false;
     if (settings.silent) return true;
     {
-        const std::lock_guard lock(mutex_);
-        pending_.push_back({Clock::now() + std::chrono::milliseconds(settings.delayMs), command});
+        const std::lock_guard lock(mutex);
+        pending.push_back({Clock::now() + std::chrono::milliseconds(settings.delayMs), command});
     }
-    changed_.notify_one();
+    changed.notify_one();
     return true;
 }
 
 void CriSession::Terminate() {
-    std::thread thread;
+    std::thread ending;
     {
-        const std::lock_guard lock(mutex_);
-        stopping_ = true;
-        thread = std::move(thread_);
+        const std::lock_guard lock(mutex);
+        stopping = true;
+        ending = std::move(thread);
     }
-    changed_.notify_one();
-    if (thread.get_id() == std::this_thread::get_id()) {
-        thread.detach();  // terminated by its own callback: it ends when that returns
+    changed.notify_one();
+    if (ending.get_id() == std::this_thread::get_id()) {
+        ending.detach();  // terminated by its own callback: it ends when that returns
     } else {
-        thread.join();
+        ending.join();
     }
 }
 
 std::int32_t CriSession::Perform(std::uint32_t command) {
-    const auto& responses = application_.settings.responses;
+    const auto& responses = application.settings.responses;
     const auto replaced = responses.find(command);
-    if (command == kQuery && replaced == responses.end()) return application_.holds ? 1 : 0;
+    if (command == kQuery && replaced == responses.end()) return application.holds ? 1 : 0;
     const std::int32_t response = replaced == responses.end() ? 1 : replaced->second;
-    if (response == 1 && command == kActivate) application_.holds = true;
-    if (response == 1 && command == kDeactivate) application_.holds = false;
+    if (response == 1 && command == kActivate) application.holds = true;
+    if (response == 1 && command == kDeactivate) application.holds = false;
     return response;
 }
 
 void CriSession::Run() {
-    std::unique_lock lock(mutex_);
-    while (!stopping_) {
-        if (pending_.empty()) {
-            changed_.wait(lock);
+    std::unique_lock lock(mutex);
+    while (!stopping) {
+        if (pending.empty()) {
+            changed.wait(lock);
             continue;
         }
-        const PendingAnswer next = pending_.front();
+        const PendingAnswer next = pending.front();
         if (next.due > Clock::now()) {
-            changed_.wait_until(lock, next.due);
+            changed.wait_until(lock, next.due);
             continue;
         }
-        pending_.pop_front();
+        pending.pop_front();
         lock.unlock();
         const std::int32_t response = Perform(next.command);
-        witness_(application_.name, next.command, response);
-        callback_(context_, next.command, response);
+        witness(application.name, next.command, response);
+        callback(context, next.command, response);
         lock.lock();
     }
 }

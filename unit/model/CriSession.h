@@ -45,7 +45,7 @@ class CriSession : public std::enable_shared_from_this<CriSession> {
     // Ends the thread. Once it has returned no callback runs, except the one that called it. Once.
     void Terminate();
 
-    [[nodiscard]] const std::string& ApplicationName() const { return application_.name; }
+    [[nodiscard]] const std::string& ApplicationName() const { return application.name; }
 
   private:
     struct PendingAnswer {
@@ -57,16 +57,16 @@ class CriSession : public std::enable_shared_from_this<CriSession> {
     // What the application does on a command, and its response.
     [[nodiscard]] std::int32_t Perform(std::uint32_t command);
 
-    Application& application_;
-    const CriCallback callback_;
-    void* const context_;
-    const Witness witness_;
+    Application& application;
+    const CriCallback callback;
+    void* const context;
+    const Witness witness;
 
-    std::mutex mutex_;  // guards pending_, stopping_ and thread_
-    std::condition_variable changed_;
-    std::deque<PendingAnswer> pending_;
-    bool stopping_ = false;
-    std::thread thread_;
+    std::mutex mutex;  // guards pending, stopping and thread
+    std::condition_variable changed;
+    std::deque<PendingAnswer> pending;
+    bool stopping = false;
+    std::thread thread;
 };
 
 }  // namespace vexa::unit

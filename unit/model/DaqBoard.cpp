@@ -16,17 +16,17 @@ bool IsInitialSync(std::span<const std::uint8_t> packet) {
 
 }  // namespace
 
-DaqBoard::DaqBoard(const DaqSettings& settings, TimePoint opened)
-    : PacedDevice(opened, settings.measurementSize, settings.measurementRate, Waveform::kSine),
-      settings_(settings) {}
+DaqBoard::DaqBoard(const DaqSettings& settings_, TimePoint opened)
+    : PacedDevice(opened, settings_.measurementSize, settings_.measurementRate, Waveform::kSine),
+      settings(settings_) {}
 
 void DaqBoard::Take(std::span<const std::uint8_t> written, TimePoint now) {
     if (written.size() <= kCommandOffset || TypeClass(written[kTypeOffset]) != kClassCommand) {
         return;
     }
     if (IsInitialSync(written)) {
-        if (settings_.answersSync) AnswerSync(written[kSequenceOffset], now);
-    } else if (settings_.acknowledges) {
+        if (settings.answersSync) AnswerSync(written[kSequenceOffset], now);
+    } else if (settings.acknowledges) {
         Acknowledge(written, now);
     }
 }
@@ -38,7 +38,7 @@ void DaqBoard::AnswerSync(std::uint8_t requestSequence, TimePoint now) {
     reply[kCommandOffset] = kInitialSyncCommand;
     reply[kInitialSyncReplySequenceOffset] = requestSequence;
     std::ranges::copy(kInitialSyncReplySignature, reply.begin() + kInitialSyncReplySignatureOffset);
-    Answer(std::move(reply), now + std::chrono::milliseconds(settings_.syncDelayMs));
+    Answer(std::move(reply), now + std::chrono::milliseconds(settings.syncDelayMs));
 }
 
 void DaqBoard::Acknowledge(std::span<const std::uint8_t> request, TimePoint now) {
@@ -53,19 +53,19 @@ void DaqBoard::Acknowledge(std::span<const std::uint8_t> request, TimePoint now)
 
 void DaqBoard::FinishAnswer(std::span<std::uint8_t> answer, TimePoint now) {
     // Numbered as it leaves, not when it was asked for: measurements may leave in between.
-    answer[kSequenceOffset] = sequence_++;
+    answer[kSequenceOffset] = sequence++;
     SealPacket(answer.data());
-    if (answer.size() == kInitialSyncReplySize && !synced_) {
-        synced_ = true;
+    if (answer.size() == kInitialSyncReplySize && !synced) {
+        synced = true;
         StartBlocks(now);
     }
 }
 
 void DaqBoard::MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseconds) {
-    FillSamplePacket(block, sequence_++, milliseconds, Wave());
+    FillSamplePacket(block, sequence++, milliseconds, Wave());
     SealPacket(block.data());
-    ++measurements_;
-    if (settings_.checksumErrorEvery != 0 && measurements_ % settings_.checksumErrorEvery == 0) {
+    ++measurements;
+    if (settings.checksumErrorEvery != 0 && measurements % settings.checksumErrorEvery == 0) {
         ++block[kChecksumOffset];
     }
 }

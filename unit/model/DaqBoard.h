@@ -19,10 +19,10 @@ class DaqBoard : public PacedDevice {
     void MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseconds) override;
     void FinishAnswer(std::span<std::uint8_t> answer, TimePoint now) override;
 
-    const DaqSettings settings_;
-    bool synced_ = false;
-    std::uint8_t sequence_ = 0;
-    std::uint64_t measurements_ = 0;
+    const DaqSettings settings;
+    bool synced = false;
+    std::uint8_t sequence = 0;
+    std::uint64_t measurements = 0;
 };
 
 }  // namespace vexa::unit

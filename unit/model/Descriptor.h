@@ -10,24 +10,24 @@ namespace vexa::unit {
 class Descriptor {
   public:
     Descriptor() = default;
-    explicit Descriptor(int descriptor) : descriptor_(descriptor) {}
-    Descriptor(Descriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+    explicit Descriptor(int descriptor_) : descriptor(descriptor_) {}
+    Descriptor(Descriptor&& other) noexcept : descriptor(std::exchange(other.descriptor, -1)) {}
     Descriptor& operator=(Descriptor&& other) noexcept {
-        std::swap(descriptor_, other.descriptor_);
+        std::swap(descriptor, other.descriptor);
         return *this;
     }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     ~Descriptor() {
-        if (descriptor_ >= 0) ::close(descriptor_);
+        if (descriptor >= 0) ::close(descriptor);
     }
 
     // -1 when nothing is owned.
-    [[nodiscard]] int Get() const { return descriptor_; }
-    explicit operator bool() const { return descriptor_ >= 0; }
+    [[nodiscard]] int Get() const { return descriptor; }
+    explicit operator bool() const { return descriptor >= 0; }
 
   private:
-    int descriptor_ = -1;
+    int descriptor = -1;
 };
 
 }  // namespace vexa::unit

@@ -11,73 +11,73 @@ namespace {
 constexpr std::size_t kMaxWaitingWrites = 1000;
 }  // namespace
 
-DeviceStream::DeviceStream(std::string deviceName, std::unique_ptr<DeviceModel> model,
-                           VEXA_ReadCallback callback, void* context)
-    : deviceName_(std::move(deviceName)),
-      model_(std::move(model)),
-      callback_(callback),
-      context_(context) {}
+DeviceStream::DeviceStream(std::string deviceName_, std::unique_ptr<DeviceModel> model_,
+                           VEXA_ReadCallback callback_, void* context_)
+    : deviceName(std::move(deviceName_)),
+      model(std::move(model_)),
+      callback(callback_),
+      context(context_) {}
 
 void DeviceStream::Start() {
-    const std::lock_guard lock(mutex_);
-    thread_ = StartQuietThread([self = shared_from_this()] { self->Run(); });
+    const std::lock_guard lock(mutex);
+    thread = StartQuietThread([self = shared_from_this()] { self->Run(); });
 }
 
 bool DeviceStream::Write(std::span<const std::uint8_t> bytes) {
     {
-        const std::lock_guard lock(mutex_);
-        if (requests_.size() >= kMaxWaitingWrites) return false;
-        requests_.emplace_back(bytes.begin(), bytes.end());
+        const std::lock_guard lock(mutex);
+        if (requests.size() >= kMaxWaitingWrites) return false;
+        requests.emplace_back(bytes.begin(), bytes.end());
     }
-    ++writes_;
-    changed_.notify_one();
+    ++writes;
+    changed.notify_one();
     return true;
 }
 
 void DeviceStream::Close() {
-    std::thread thread;
+    std::thread ending;
     {
-        const std::lock_guard lock(mutex_);
-        stopping_ = true;
-        thread = std::move(thread_);
+        const std::lock_guard lock(mutex);
+        stopping = true;
+        ending = std::move(thread);
     }
-    changed_.notify_one();
-    if (thread.get_id() == std::this_thread::get_id()) {
-        thread.detach();  // closed by its own callback: it ends when that returns
+    changed.notify_one();
+    if (ending.get_id() == std::this_thread::get_id()) {
+        ending.detach();  // closed by its own callback: it ends when that returns
     } else {
-        thread.join();
+        ending.join();
     }
 }
 
-StreamCounts DeviceStream::Counts() const { return {blocks_, taken_, refused_, writes_}; }
+StreamCounts DeviceStream::Counts() const { return {blocks, taken, refused, writes}; }
 
 DeviceStream::Requests DeviceStream::AwaitWork() {
-    std::unique_lock lock(mutex_);
-    const auto woken = [this] { return stopping_ || !requests_.empty(); };
-    const TimePoint due = model_->NextDue();
+    std::unique_lock lock(mutex);
+    const auto woken = [this] { return stopping || !requests.empty(); };
+    const TimePoint due = model->NextDue();
     if (due == kNever) {
-        changed_.wait(lock, woken);
+        changed.wait(lock, woken);
     } else {
-        changed_.wait_until(lock, due, woken);
+        changed.wait_until(lock, due, woken);
     }
-    return std::exchange(requests_, {});
+    return std::exchange(requests, {});
 }
 
 void DeviceStream::DeliverWhatIsDue() {
-    while (!stopping_) {
+    while (!stopping) {
         const TimePoint now = Clock::now();
-        if (model_->NextDue() > now) return;
-        const auto block = model_->Next(now);
-        ++blocks_;
-        const bool taken =
-            callback_(block.data(), static_cast<std::int32_t>(block.size()), context_) == 0;
-        ++(taken ? taken_ : refused_);
+        if (model->NextDue() > now) return;
+        const auto block = model->Next(now);
+        ++blocks;
+        const bool accepted =
+            callback(block.data(), static_cast<std::int32_t>(block.size()), context) == 0;
+        ++(accepted ? taken : refused);
     }
 }
 
 void DeviceStream::Run() {
-    while (!stopping_) {
-        for (const auto& request : AwaitWork()) model_->Take(request, Clock::now());
+    while (!stopping) {
+        for (const auto& request : AwaitWork()) model->Take(request, Clock::now());
         DeliverWhatIsDue();
     }
 }

@@ -43,7 +43,7 @@ class DeviceStream : public std::enable_shared_from_this<DeviceStream> {
     // Any thread; complete after Close().
     [[nodiscard]] StreamCounts Counts() const;
 
-    [[nodiscard]] const std::string& DeviceName() const { return deviceName_; }
+    [[nodiscard]] const std::string& DeviceName() const { return deviceName; }
 
   private:
     using Requests = std::deque<std::vector<std::uint8_t>>;
@@ -53,21 +53,21 @@ class DeviceStream : public std::enable_shared_from_this<DeviceStream> {
     [[nodiscard]] Requests AwaitWork();
     void DeliverWhatIsDue();
 
-    const std::string deviceName_;
-    const std::unique_ptr<DeviceModel> model_;  // the stream's thread only
-    const VEXA_ReadCallback callback_;
-    void* const context_;
+    const std::string deviceName;
+    const std::unique_ptr<DeviceModel> model;  // the stream's thread only
+    const VEXA_ReadCallback callback;
+    void* const context;
 
-    std::mutex mutex_;  // guards requests_ and thread_
-    std::condition_variable changed_;
-    Requests requests_;
-    std::thread thread_;
-    std::atomic<bool> stopping_ = false;  // set under mutex_
+    std::mutex mutex;  // guards requests and thread
+    std::condition_variable changed;
+    Requests requests;
+    std::thread thread;
+    std::atomic<bool> stopping = false;  // set under mutex
 
-    std::atomic<std::uint64_t> blocks_ = 0;
-    std::atomic<std::uint64_t> taken_ = 0;
-    std::atomic<std::uint64_t> refused_ = 0;
-    std::atomic<std::uint64_t> writes_ = 0;
+    std::atomic<std::uint64_t> blocks = 0;
+    std::atomic<std::uint64_t> taken = 0;
+    std::atomic<std::uint64_t> refused = 0;
+    std::atomic<std::uint64_t> writes = 0;
 };
 
 }  // namespace vexa::unit

@@ -18,8 +18,8 @@ constexpr std::uint8_t kInitAnswer = 0x80;
 
 HidSensor::HidSensor(const DeviceSettings& settings, TimePoint opened)
     : PacedDevice(opened, kHidReportSize, settings.rate, settings.waveform),
-      type_(static_cast<std::uint8_t>(settings.type)),
-      echo_(settings.echo) {
+      type(static_cast<std::uint8_t>(settings.type)),
+      echo(settings.echo) {
     StartBlocks(opened);
 }
 
@@ -29,16 +29,16 @@ void HidSensor::Take(std::span<const std::uint8_t> written, TimePoint now) {
     std::ranges::copy(written.first(std::min(written.size(), report.size())), report.begin());
     if ((report[0] & kReportKindMask) == kInitRequest) {
         report[0] = kInitAnswer;
-        report[kReportTypeOffset] = type_;
-    } else if (!echo_) {
+        report[kReportTypeOffset] = type;
+    } else if (!echo) {
         return;
     }
     Answer(std::move(report), now);
 }
 
 void HidSensor::MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseconds) {
-    block[0] = static_cast<std::uint8_t>(counter_++ & ~kReportKindMask);
-    block[kReportTypeOffset] = type_;
+    block[0] = static_cast<std::uint8_t>(counter++ & ~kReportKindMask);
+    block[kReportTypeOffset] = type;
     Wave().Fill(block.subspan(kReportSampleOffset, kReportTimeOffset - kReportSampleOffset));
     StoreLe32(&block[kReportTimeOffset], milliseconds);
 }

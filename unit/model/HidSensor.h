@@ -23,9 +23,9 @@ class HidSensor : public PacedDevice {
   private:
     void MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseconds) override;
 
-    const std::uint8_t type_;
-    const bool echo_;
-    std::uint8_t counter_ = 0;
+    const std::uint8_t type;
+    const bool echo;
+    std::uint8_t counter = 0;
 };
 
 }  // namespace vexa::unit

@@ -20,7 +20,7 @@ class VEXA_UNIT_EXPORT Journal {
     void Write(std::string line) const;
 
   private:
-    Descriptor file_;
+    Descriptor file;
 };
 
 }  // namespace vexa::unit

@@ -11,27 +11,27 @@ constexpr std::size_t kSamplesOffset = kPayloadOffset + 4;
 }
 
 PacedDevice::PacedDevice(TimePoint opened, std::size_t blockSize, double rate, Waveform waveform)
-    : opened_(opened), pacer_(rate), wave_(waveform), block_(blockSize) {}
+    : openedAt(opened), pacer(rate), wave(waveform), lastBlock(blockSize) {}
 
 TimePoint PacedDevice::NextDue() const {
-    return answers_.empty() ? pacer_.Due() : std::min(answers_.front().due, pacer_.Due());
+    return answers.empty() ? pacer.Due() : std::min(answers.front().due, pacer.Due());
 }
 
 std::span<const std::uint8_t> PacedDevice::Next(TimePoint now) {
-    if (!answers_.empty() && answers_.front().due <= now) {
-        answer_ = std::move(answers_.front().bytes);
-        answers_.pop_front();
-        FinishAnswer(answer_, now);
-        return answer_;
+    if (!answers.empty() && answers.front().due <= now) {
+        lastAnswer = std::move(answers.front().bytes);
+        answers.pop_front();
+        FinishAnswer(lastAnswer, now);
+        return lastAnswer;
     }
-    MakeBlock(block_, MillisecondsBetween(opened_, now));
-    pacer_.Advance(now);
-    return block_;
+    MakeBlock(lastBlock, MillisecondsBetween(openedAt, now));
+    pacer.Advance(now);
+    return lastBlock;
 }
 
-void PacedDevice::Answer(std::vector<std::uint8_t> answer, TimePoint due) {
-    if (!answers_.empty()) due = std::max(due, answers_.back().due);
-    answers_.push_back({due, std::move(answer)});
+void PacedDevice::Answer(std::vector<std::uint8_t> bytes, TimePoint due) {
+    if (!answers.empty()) due = std::max(due, answers.back().due);
+    answers.push_back({due, std::move(bytes)});
 }
 
 void PacedDevice::FinishAnswer(std::span<std::uint8_t> /*answer*/, TimePoint /*now*/) {}

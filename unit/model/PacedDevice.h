@@ -21,10 +21,10 @@ class PacedDevice : public DeviceModel {
     // StartBlocks() has been called.
     PacedDevice(TimePoint opened, std::size_t blockSize, double rate, Waveform waveform);
 
-    void StartBlocks(TimePoint now) { pacer_.Start(now); }
+    void StartBlocks(TimePoint now) { pacer.Start(now); }
 
     // Queues an answer, due at `due` or after the answers before it.
-    void Answer(std::vector<std::uint8_t> answer, TimePoint due);
+    void Answer(std::vector<std::uint8_t> bytes, TimePoint due);
 
     // Fills in the next block. `milliseconds` have passed since the stream was opened.
     virtual void MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseconds) = 0;
@@ -32,7 +32,7 @@ class PacedDevice : public DeviceModel {
     // An answer is about to be sent.
     virtual void FinishAnswer(std::span<std::uint8_t> answer, TimePoint now);
 
-    [[nodiscard]] WaveSource& Wave() { return wave_; }
+    [[nodiscard]] WaveSource& Wave() { return wave; }
 
   private:
     struct PendingAnswer {
@@ -40,12 +40,12 @@ class PacedDevice : public DeviceModel {
         std::vector<std::uint8_t> bytes;
     };
 
-    const TimePoint opened_;
-    Pacer pacer_;
-    WaveSource wave_;
-    std::deque<PendingAnswer> answers_;
-    std::vector<std::uint8_t> answer_;  // the one sent last
-    std::vector<std::uint8_t> block_;
+    const TimePoint openedAt;
+    Pacer pacer;
+    WaveSource wave;
+    std::deque<PendingAnswer> answers;
+    std::vector<std::uint8_t> lastAnswer;
+    std::vector<std::uint8_t> lastBlock;
 };
 
 // Fills `block`, of at least kMinBlockSize bytes, with a packet of samples without its checksum:

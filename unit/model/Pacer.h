@@ -12,7 +12,7 @@ namespace vexa::unit {
 class Pacer {
   public:
     // `rate`: blocks per second; with 0 nothing is ever due.
-    explicit Pacer(double rate) : rate_(rate) {}
+    explicit Pacer(double rate_) : rate(rate_) {}
 
     // The first block is due 1/rate seconds after `now`.
     void Start(TimePoint now);
@@ -25,9 +25,9 @@ class Pacer {
     void Advance(TimePoint now);
 
   private:
-    const double rate_;
-    TimePoint start_ = kNever;
-    std::uint64_t made_ = 0;  // blocks since start_
+    const double rate;
+    TimePoint start = kNever;
+    std::uint64_t made = 0;  // blocks since start
 };
 
 }  // namespace vexa::unit

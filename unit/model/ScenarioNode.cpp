@@ -24,18 +24,18 @@ std::string Range(std::string_view kind, const std::string& least, const std::st
 }  // namespace
 
 std::string ScenarioNode::PathOf(std::string_view key) const {
-    return path_.empty() ? std::string(key) : path_ + "." + std::string(key);
+    return path.empty() ? std::string(key) : path + "." + std::string(key);
 }
 
 void ScenarioNode::Complain(std::string_view expected) const {
-    const std::string place = path_.empty() ? "the whole file" : path_;
+    const std::string place = path.empty() ? "the whole file" : path;
     throw ScenarioComplaint(place + ": expected " + std::string(expected) + ", not " +
-                            Quoted(value_));
+                            Quoted(value));
 }
 
 void ScenarioNode::RequireKeys(std::initializer_list<std::string_view> keys) const {
-    if (!value_.is_object()) Complain("an object");
-    for (const auto& item : value_.items()) {
+    if (!value.is_object()) Complain("an object");
+    for (const auto& item : value.items()) {
         if (std::ranges::find(keys, item.key()) != keys.end()) continue;
         std::string known;
         for (const auto key : keys) known += (known.empty() ? "" : ", ") + std::string(key);
@@ -43,17 +43,17 @@ void ScenarioNode::RequireKeys(std::initializer_list<std::string_view> keys) con
     }
 }
 
-bool ScenarioNode::Has(std::string_view key) const { return value_.contains(key); }
+bool ScenarioNode::Has(std::string_view key) const { return value.contains(key); }
 
 ScenarioNode ScenarioNode::Member(std::string_view key) const {
-    return {*value_.find(key), PathOf(key)};
+    return {*value.find(key), PathOf(key)};
 }
 
 void ScenarioNode::ReadBool(std::string_view key, bool& into) const {
     if (!Has(key)) return;
     const ScenarioNode member = Member(key);
-    if (!member.value_.is_boolean()) member.Complain("true or false");
-    into = member.value_.get<bool>();
+    if (!member.value.is_boolean()) member.Complain("true or false");
+    into = member.value.get<bool>();
 }
 
 void ScenarioNode::ReadUnsigned(std::string_view key, std::uint32_t least, std::uint32_t most,
@@ -64,7 +64,7 @@ void ScenarioNode::ReadUnsigned(std::string_view key, std::uint32_t least, std::
 void ScenarioNode::ReadRate(std::string_view key, double& into) const {
     if (!Has(key)) return;
     const ScenarioNode member = Member(key);
-    const double rate = member.value_.is_number() ? member.value_.get<double>() : -1;
+    const double rate = member.value.is_number() ? member.value.get<double>() : -1;
     if (rate < 0 || rate > kMaxRate) {
         member.Complain(
             Range("a number per second", "0", std::to_string(static_cast<int>(kMaxRate))));
@@ -87,8 +87,8 @@ void ScenarioNode::ReadName(std::string_view key, bool required, std::string& in
 }
 
 std::uint32_t ScenarioNode::Unsigned(std::uint32_t least, std::uint32_t most) const {
-    if (value_.is_number_unsigned()) {
-        const auto number = value_.get<std::uint64_t>();
+    if (value.is_number_unsigned()) {
+        const auto number = value.get<std::uint64_t>();
         if (number >= least && number <= most) return static_cast<std::uint32_t>(number);
     }
     Complain(Range("a whole number", std::to_string(least), std::to_string(most)));
@@ -97,29 +97,29 @@ std::uint32_t ScenarioNode::Unsigned(std::uint32_t least, std::uint32_t most) co
 std::int32_t ScenarioNode::Signed32() const {
     using Limits = std::numeric_limits<std::int32_t>;
     // A large unsigned number would wrap when read as a signed one.
-    const bool fits = value_.is_number_integer() &&
-                      (!value_.is_number_unsigned() ||
-                       value_.get<std::uint64_t>() <= static_cast<std::uint64_t>(Limits::max()));
-    if (fits && value_.get<std::int64_t>() >= Limits::min()) return value_.get<std::int32_t>();
+    const bool fits = value.is_number_integer() &&
+                      (!value.is_number_unsigned() ||
+                       value.get<std::uint64_t>() <= static_cast<std::uint64_t>(Limits::max()));
+    if (fits && value.get<std::int64_t>() >= Limits::min()) return value.get<std::int32_t>();
     Complain("a 32-bit whole number");
 }
 
 std::string ScenarioNode::Text(std::string_view expected) const {
-    if (!value_.is_string()) Complain(expected);
-    return value_.get<std::string>();
+    if (!value.is_string()) Complain(expected);
+    return value.get<std::string>();
 }
 
 void ScenarioNode::EachElement(const std::function<void(const ScenarioNode&)>& visit) const {
-    if (!value_.is_array()) Complain("a list");
-    for (std::size_t index = 0; index < value_.size(); ++index) {
-        visit({value_[index], path_ + "[" + std::to_string(index) + "]"});
+    if (!value.is_array()) Complain("a list");
+    for (std::size_t index = 0; index < value.size(); ++index) {
+        visit({value[index], path + "[" + std::to_string(index) + "]"});
     }
 }
 
 void ScenarioNode::EachMember(
     const std::function<void(const std::string& key, const ScenarioNode&)>& visit) const {
-    if (!value_.is_object()) Complain("an object");
-    for (const auto& item : value_.items()) visit(item.key(), {item.value(), PathOf(item.key())});
+    if (!value.is_object()) Complain("an object");
+    for (const auto& item : value.items()) visit(item.key(), {item.value(), PathOf(item.key())});
 }
 
 }  // namespace vexa::unit

@@ -19,11 +19,11 @@ class ScenarioComplaint : public std::runtime_error {
 };
 
 // The Read... functions leave `into` as it is when the key is absent, and complain about anything
-// that is not as asked for. `value` must outlive the node.
+// that is not as asked for. `value_` must outlive the node.
 class ScenarioNode {
   public:
-    ScenarioNode(const nlohmann::json& value, std::string path)
-        : value_(value), path_(std::move(path)) {}
+    ScenarioNode(const nlohmann::json& value_, std::string path_)
+        : value(value_), path(std::move(path_)) {}
 
     // Complains unless this is an object that has no keys but these.
     void RequireKeys(std::initializer_list<std::string_view> keys) const;
@@ -54,8 +54,8 @@ class ScenarioNode {
   private:
     [[nodiscard]] std::string PathOf(std::string_view key) const;
 
-    const nlohmann::json& value_;
-    std::string path_;
+    const nlohmann::json& value;
+    std::string path;
 };
 
 }  // namespace vexa::unit

@@ -15,8 +15,8 @@ class StreamSensor : public PacedDevice {
   private:
     void MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseconds) override;
 
-    const bool echo_;
-    std::uint8_t counter_ = 0;
+    const bool echo;
+    std::uint8_t counter = 0;
 };
 
 }  // namespace vexa::unit

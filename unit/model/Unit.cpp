@@ -62,10 +62,10 @@ auto OrEndProcess(Make make) {
 }  // namespace
 
 Unit::Unit(const Scenario& scenario)
-    : journal_(Variable(kJournalVariable)),
-      vexa_(scenario),
-      cri_(scenario.applications),
-      nodePresent_(scenario.nodePresent) {}
+    : journal(Variable(kJournalVariable)),
+      vexa(scenario),
+      cri(scenario.applications),
+      nodePresent(scenario.nodePresent) {}
 
 Unit& Unit::Instance() {
     static Unit& instance = OrEndProcess(
@@ -74,14 +74,14 @@ Unit& Unit::Instance() {
 }
 
 Cable& Unit::HostCable() {
-    std::call_once(cableMade_, [this] {
-        cable_ = OrEndProcess([this] {
+    std::call_once(cableMade, [this] {
+        cable = OrEndProcess([this] {
             return std::make_unique<Cable>(HostSocketOfEnvironment(), [this](bool in) {
-                journal_.Write(in ? "cable in" : "cable out");
+                journal.Write(in ? "cable in" : "cable out");
             });
         });
     });
-    return *cable_;
+    return *cable;
 }
 
 }  // namespace vexa::unit

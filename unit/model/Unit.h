@@ -20,11 +20,11 @@ class VEXA_UNIT_EXPORT Unit {
     // Never destroyed: threads may use it until the process is gone.
     [[nodiscard]] static Unit& Instance();
 
-    [[nodiscard]] const Journal& CallJournal() const { return journal_; }
-    [[nodiscard]] VexaLibrary& Vexa() { return vexa_; }
-    [[nodiscard]] CriLibrary& Cri() { return cri_; }
+    [[nodiscard]] const Journal& CallJournal() const { return journal; }
+    [[nodiscard]] VexaLibrary& Vexa() { return vexa; }
+    [[nodiscard]] CriLibrary& Cri() { return cri; }
 
-    [[nodiscard]] bool HasNode() const { return nodePresent_; }
+    [[nodiscard]] bool HasNode() const { return nodePresent; }
     // Any thread. Hosts are served from the first call on: of the processes that a program may
     // start, only the one that uses the node may take them.
     [[nodiscard]] Cable& HostCable();
@@ -32,12 +32,12 @@ class VEXA_UNIT_EXPORT Unit {
   private:
     explicit Unit(const Scenario& scenario);
 
-    const Journal journal_;
-    VexaLibrary vexa_;
-    CriLibrary cri_;
-    const bool nodePresent_;
-    std::once_flag cableMade_;
-    std::unique_ptr<Cable> cable_;  // set once, under cableMade_
+    const Journal journal;
+    VexaLibrary vexa;
+    CriLibrary cri;
+    const bool nodePresent;
+    std::once_flag cableMade;
+    std::unique_ptr<Cable> cable;  // set once, under cableMade
 };
 
 }  // namespace vexa::unit

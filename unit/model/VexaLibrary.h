@@ -50,7 +50,7 @@ class VEXA_UNIT_EXPORT VexaLibrary {
     // Also closes all that was opened through this handle.
     [[nodiscard]] Status Uninit(std::uint32_t library);
     [[nodiscard]] bool IsOpen(std::uint32_t library) const;
-    [[nodiscard]] const LibrarySettings& Settings() const { return settings_; }
+    [[nodiscard]] const LibrarySettings& Settings() const { return settings; }
 
     // Type of the device of that name, attached or not.
     [[nodiscard]] std::optional<std::uint32_t> TypeOf(std::string_view name) const;
@@ -87,7 +87,7 @@ class VEXA_UNIT_EXPORT VexaLibrary {
         std::string name;
     };
 
-    // These need mutex_.
+    // These need the mutex held.
     [[nodiscard]] bool IsOpenLocked(std::uint32_t library) const;
     [[nodiscard]] bool IsAttached(std::string_view name) const;
     [[nodiscard]] std::vector<std::string> AttachedNames(std::uint32_t type) const;
@@ -95,16 +95,16 @@ class VEXA_UNIT_EXPORT VexaLibrary {
 
     [[nodiscard]] std::shared_ptr<DeviceStream> FindStream(std::uint32_t stream) const;
 
-    const LibrarySettings settings_;
-    mutable std::mutex mutex_;  // guards all below; never held during a callback
-    std::vector<DeviceSettings> devices_;
-    DaqSettings daq_;
-    std::uint32_t lastHandle_ = 0;
-    std::uint32_t listSignature_ = 1;  // of the state of the device list
-    std::vector<std::uint32_t> libraries_;
-    std::map<std::uint32_t, OpenedList> lists_;
-    std::map<std::uint32_t, OpenedStream> streams_;
-    std::map<std::uint32_t, OpenedDevice> openDevices_;
+    const LibrarySettings settings;
+    mutable std::mutex mutex;  // guards all below; never held during a callback
+    std::vector<DeviceSettings> devices;
+    DaqSettings daq;
+    std::uint32_t lastHandle = 0;
+    std::uint32_t listSignature = 1;  // of the state of the device list
+    std::vector<std::uint32_t> libraries;
+    std::map<std::uint32_t, OpenedList> lists;
+    std::map<std::uint32_t, OpenedStream> streams;
+    std::map<std::uint32_t, OpenedDevice> openDevices;
 };
 
 }  // namespace vexa::unit

@@ -6,24 +6,24 @@
 namespace vexa::unit {
 
 std::int16_t WaveSource::NextNoise() {
-    noise_ ^= noise_ << 13U;
-    noise_ ^= noise_ >> 17U;
-    noise_ ^= noise_ << 5U;
+    noise ^= noise << 13U;
+    noise ^= noise >> 17U;
+    noise ^= noise << 5U;
     constexpr std::uint32_t kValues = 2 * kWavePeak + 1;
-    return static_cast<std::int16_t>(static_cast<std::int32_t>(noise_ % kValues) - kWavePeak);
+    return static_cast<std::int16_t>(static_cast<std::int32_t>(noise % kValues) - kWavePeak);
 }
 
 std::int16_t WaveSource::NextSample() {
-    const int phase = phase_;
-    phase_ = (phase_ + 1) % kWavePeriod;
-    switch (waveform_) {
+    const int at = phase;
+    phase = (phase + 1) % kWavePeriod;
+    switch (waveform) {
         case Waveform::kSine:
             return static_cast<std::int16_t>(
-                std::lround(kWavePeak * std::sin(2 * std::numbers::pi * phase / kWavePeriod)));
+                std::lround(kWavePeak * std::sin(2 * std::numbers::pi * at / kWavePeriod)));
         case Waveform::kRamp:
-            return static_cast<std::int16_t>(-kWavePeak + phase * 2 * kWavePeak / kWavePeriod);
+            return static_cast<std::int16_t>(-kWavePeak + at * 2 * kWavePeak / kWavePeriod);
         case Waveform::kSquare:
-            return phase < kWavePeriod / 2 ? kWavePeak : static_cast<std::int16_t>(-kWavePeak);
+            return at < kWavePeriod / 2 ? kWavePeak : static_cast<std::int16_t>(-kWavePeak);
         case Waveform::kNoise:
             return NextNoise();
     }

@@ -14,7 +14,7 @@ inline constexpr std::int16_t kWavePeak = 10000;  // largest magnitude of every 
 // Not thread-safe.
 class WaveSource {
   public:
-    explicit WaveSource(Waveform waveform) : waveform_(waveform) {}
+    explicit WaveSource(Waveform waveform_) : waveform(waveform_) {}
 
     [[nodiscard]] std::int16_t NextSample();
 
@@ -24,9 +24,9 @@ class WaveSource {
   private:
     [[nodiscard]] std::int16_t NextNoise();
 
-    const Waveform waveform_;
-    int phase_ = 0;                     // 0 to kWavePeriod - 1
-    std::uint32_t noise_ = 0x2545F491;  // xorshift state, never 0
+    const Waveform waveform;
+    int phase = 0;                     // 0 to kWavePeriod - 1
+    std::uint32_t noise = 0x2545F491;  // xorshift state, never 0
 };
 
 }  // namespace vexa::unit

@@ -59,29 +59,29 @@ std::string FindProgram(const std::string& name) {
     Fail(name, ENOENT);
 }
 
-Program::Program(const ProgramCall& call) : parent_(::getpid()) {
+Program::Program(const ProgramCall& call) : parent(::getpid()) {
     const sigset_t passed = PassedSignals();
-    sigprocmask(SIG_BLOCK, &passed, &formerMask_);
+    sigprocmask(SIG_BLOCK, &passed, &formerMask);
 
     // The new process reports a failed start through the pipe; a good one closes it.
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) Fail(call.path, errno);
     const Descriptor reading(ends[0]);
     Descriptor writing(ends[1]);
-    child_ = ::fork();
-    if (child_ < 0) Fail(call.path, errno);
-    if (child_ == 0) BecomeProgram(call, writing.Get());
+    child = ::fork();
+    if (child < 0) Fail(call.path, errno);
+    if (child == 0) BecomeProgram(call, writing.Get());
     writing = Descriptor();
     int error = 0;
     if (::read(reading.Get(), &error, sizeof error) == sizeof error) {
-        ::waitpid(child_, nullptr, 0);
+        ::waitpid(child, nullptr, 0);
         Fail(call.path, error);
     }
 }
 
 void Program::BecomeProgram(const ProgramCall& call, int failurePipe) const {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
-    if (::getppid() != parent_)
+    if (::getppid() != parent)
         std::_Exit(EXIT_FAILURE);  // the parent was faster than the line above
     ::fcntl(call.inherited, F_SETFD, 0);
     for (const auto& [name, value] : call.changes) {
@@ -97,7 +97,7 @@ void Program::BecomeProgram(const ProgramCall& call, int failurePipe) const {
         arguments.push_back(const_cast<char*>(argument.c_str()));  // execv's, which leaves it alone
     }
     arguments.push_back(nullptr);
-    sigprocmask(SIG_SETMASK, &formerMask_, nullptr);
+    sigprocmask(SIG_SETMASK, &formerMask, nullptr);
     ::execv(call.path.c_str(), arguments.data());
     const int error = errno;
     [[maybe_unused]] const auto written = ::write(failurePipe, &error, sizeof error);
@@ -110,11 +110,11 @@ int Program::Wait() {
         siginfo_t signal{};
         if (sigwaitinfo(&passed, &signal) < 0) continue;
         if (signal.si_signo != SIGCHLD) {
-            if (!IsFromTerminal(signal)) ::kill(child_, signal.si_signo);
+            if (!IsFromTerminal(signal)) ::kill(child, signal.si_signo);
             continue;
         }
         int status = 0;
-        if (::waitpid(child_, &status, WNOHANG) != child_) continue;
+        if (::waitpid(child, &status, WNOHANG) != child) continue;
         if (WIFEXITED(status)) return WEXITSTATUS(status);
         if (WIFSIGNALED(status)) return kSignalExitBase + WTERMSIG(status);
     }

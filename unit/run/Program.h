@@ -38,9 +38,9 @@ class Program {
   private:
     [[noreturn]] void BecomeProgram(const ProgramCall& call, int failurePipe) const;
 
-    const pid_t parent_;
-    sigset_t formerMask_{};
-    pid_t child_ = -1;
+    const pid_t parent;
+    sigset_t formerMask{};
+    pid_t child = -1;
 };
 
 }  // namespace vexa::unit

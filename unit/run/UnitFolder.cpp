@@ -22,11 +22,11 @@ namespace {
 
 }  // namespace
 
-UnitFolder::UnitFolder(const std::string& path) {
-    if (path.empty()) {
+UnitFolder::UnitFolder(const std::string& path_) {
+    if (path_.empty()) {
         MakeTemporary();
     } else {
-        Make(path);
+        Make(path_);
     }
     try {
         Lock();
@@ -42,43 +42,43 @@ UnitFolder::~UnitFolder() {
     RemoveFolder();
 }
 
-std::string UnitFolder::HostSocketPath() const { return vexa::unit::HostSocketPath(path_); }
+std::string UnitFolder::HostSocketPath() const { return vexa::unit::HostSocketPath(path); }
 
 void UnitFolder::MakeTemporary() {
     const char* const parent = std::getenv("TMPDIR");
-    std::string path = parent == nullptr || *parent == '\0' ? "/tmp" : parent;
-    path += "/vexa-unit-XXXXXX";
-    if (::mkdtemp(path.data()) == nullptr) Fail(path, std::strerror(errno));
-    path_ = std::filesystem::absolute(path);
-    made_ = true;
+    std::string pattern = parent == nullptr || *parent == '\0' ? "/tmp" : parent;
+    pattern += "/vexa-unit-XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) Fail(pattern, std::strerror(errno));
+    path = std::filesystem::absolute(pattern);
+    made = true;
 }
 
-void UnitFolder::Make(const std::string& path) {
-    path_ = std::filesystem::absolute(path).lexically_normal();
-    while (path_.size() > 1 && path_.back() == '/') path_.pop_back();
-    made_ = ::mkdir(path_.c_str(), 0777) == 0;
-    if (!made_ && errno != EEXIST) Fail(path, std::strerror(errno));
-    if (!std::filesystem::is_directory(path_)) Fail(path, "there is a file of that name");
+void UnitFolder::Make(const std::string& path_) {
+    path = std::filesystem::absolute(path_).lexically_normal();
+    while (path.size() > 1 && path.back() == '/') path.pop_back();
+    made = ::mkdir(path.c_str(), 0777) == 0;
+    if (!made && errno != EEXIST) Fail(path_, std::strerror(errno));
+    if (!std::filesystem::is_directory(path)) Fail(path_, "there is a file of that name");
 }
 
 void UnitFolder::Lock() {
-    lock_ = Descriptor(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!lock_) throw UserError("cannot open the folder " + path_ + ": " + std::strerror(errno));
-    if (::flock(lock_.Get(), LOCK_EX | LOCK_NB) == 0) return;
-    if (errno == EWOULDBLOCK) throw UserError("another unit is running in " + path_);
-    throw UserError("cannot lock the folder " + path_ + ": " + std::strerror(errno));
+    lock = Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!lock) throw UserError("cannot open the folder " + path + ": " + std::strerror(errno));
+    if (::flock(lock.Get(), LOCK_EX | LOCK_NB) == 0) return;
+    if (errno == EWOULDBLOCK) throw UserError("another unit is running in " + path);
+    throw UserError("cannot lock the folder " + path + ": " + std::strerror(errno));
 }
 
 void UnitFolder::Listen() {
     try {
-        hostSocket_ = ListenForHosts(path_);
+        hostSocket = ListenForHosts(path);
     } catch (const std::runtime_error& error) {
         throw UserError(error.what());
     }
 }
 
 void UnitFolder::RemoveFolder() {
-    if (made_) ::rmdir(path_.c_str());
+    if (made) ::rmdir(path.c_str());
 }
 
 }  // namespace vexa::unit

@@ -19,13 +19,13 @@ class UnitFolder {
     ~UnitFolder();
 
     // Absolute.
-    [[nodiscard]] const std::string& Path() const { return path_; }
+    [[nodiscard]] const std::string& Path() const { return path; }
     [[nodiscard]] std::string HostSocketPath() const;
 
     // The listening host socket, for the program to inherit.
-    [[nodiscard]] int HostSocket() const { return hostSocket_.Get(); }
+    [[nodiscard]] int HostSocket() const { return hostSocket.Get(); }
     // The program has it: once that is gone, hosts are refused.
-    void ReleaseHostSocket() { hostSocket_ = Descriptor(); }
+    void ReleaseHostSocket() { hostSocket = Descriptor(); }
 
   private:
     void MakeTemporary();
@@ -35,10 +35,10 @@ class UnitFolder {
     void Listen();
     void RemoveFolder();
 
-    std::string path_;
-    bool made_ = false;
-    Descriptor lock_;
-    Descriptor hostSocket_;
+    std::string path;
+    bool made = false;
+    Descriptor lock;
+    Descriptor hostSocket;
 };
 
 }  // namespace vexa::unit

@@ -26,20 +26,20 @@ using namespace vexa::unit;
 template <typename Function>
 class NextDefinition {
   public:
-    explicit constexpr NextDefinition(const char* name) : name_(name) {}
+    explicit constexpr NextDefinition(const char* name_) : name(name_) {}
 
     [[nodiscard]] Function* Get() {
-        Function* function = function_.load(std::memory_order_acquire);
-        if (function == nullptr) {
-            function = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name_));
-            function_.store(function, std::memory_order_release);
+        Function* found = function.load(std::memory_order_acquire);
+        if (found == nullptr) {
+            found = reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+            function.store(found, std::memory_order_release);
         }
-        return function;
+        return found;
     }
 
   private:
-    const char* const name_;
-    std::atomic<Function*> function_ = nullptr;
+    const char* const name;
+    std::atomic<Function*> function = nullptr;
 };
 
 constinit NextDefinition<int(const char*, int, ...)> nextOpen("open");
