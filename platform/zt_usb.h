@@ -2,8 +2,9 @@
  * zt_usb.h - the unit's USB gadget bulk driver, as seen through its character device.
  *
  * read() blocks until the host has sent something and returns what has come, up to the size asked
- * for; write() sends to the host. Both work with the cable out: read() goes on waiting, write()
- * fails or waits as the driver decides.
+ * for; write() sends to the host, and waits while the host takes nothing. With the cable out read()
+ * goes on waiting, while write() fails: the thread that writes is also the one that asks for the
+ * cable's state. Both return early with EINTR when a signal comes.
  */
 #ifndef PLATFORM_ZT_USB_H
 #define PLATFORM_ZT_USB_H

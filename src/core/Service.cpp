@@ -1,6 +1,6 @@
 #include "core/Service.h"
 
-#include <algorithm>
+#include <array>
 #include <cstdio>
 
 #include "VEXA.h"
@@ -67,7 +67,7 @@ bool Service::StartUp() {
 
 void Service::Loop() {
     while (!stopRequested) {
-        TakeHostBytes();
+        HostLink_TakeInput();
         FollowConnection();
         if (mux.IsHostConnected()) {
             mux.Pass();
@@ -77,15 +77,6 @@ void Service::Loop() {
         PollSessions();
         if (mux.IsHostConnected() && HostLink_BytesAvailable() != 0) continue;
         OSSleep(kPauseMs);
-    }
-}
-
-void Service::TakeHostBytes() {
-    const std::uint32_t room = hostLink.hostRing.Capacity() - hostLink.hostRing.Count();
-    const auto asked = static_cast<std::int32_t>(std::min<std::size_t>(room, transfer.size()));
-    const std::int32_t taken = hostLink.inputBuffer->Read(transfer.data(), asked);
-    if (taken > 0) {
-        hostLink.hostRing.WriteBlock(transfer.data(), static_cast<std::uint32_t>(taken));
     }
 }
 

@@ -2,7 +2,6 @@
 // fixed order. Everything runs on the thread that calls Run.
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstdint>
 
@@ -25,7 +24,6 @@ class Service {
   private:
     bool StartUp();
     void Loop();
-    void TakeHostBytes();
     void FollowConnection();
     void HandHardwareBack();
     void PollSessions();
@@ -40,7 +38,6 @@ class Service {
     DAQIO daqLink;
     AppSessions sessions;
     HostMux mux{daqLink, sessions};
-    std::array<std::uint8_t, kHostBufferSize> transfer{};  // host bytes on their way to the ring
 };
 
 }  // namespace vexa

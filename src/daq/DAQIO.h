@@ -34,7 +34,7 @@ class DAQIO {
 
     // Sends `length` bytes to the board. Returns `length`, or 0 when the link is closed or the
     // library fails.
-    int Write(const std::uint8_t* packet, int length);
+    int Write(const std::uint8_t* data, int length);
 
     // Closes the stream and resets the board by opening and closing it plainly. Always true.
     bool Close();

@@ -29,7 +29,7 @@ class GDeviceIO {
     // `port` must not be null; it is copied.
     explicit GDeviceIO(const GPortRef* port);
 
-    // The virtual operations stand in slot order; transports rely on neither more nor fewer.
+    // The virtual operations keep this order, which is that of their slots.
     virtual ~GDeviceIO();
 
     // Opens the transport and, with bufferedOutput, its output buffer and writer thread.
@@ -104,7 +104,8 @@ class GDeviceIO {
     std::int32_t reserved = 2000;  // no operation reads it
     GPortRef portRef;
     std::int32_t threadPriority = 1;          // a hint for the transport's OSOpen
-    std::atomic<bool> bufferedOutput{false};  // set before Open; also read by the writer thread
+    std::atomic<bool> bufferedOutput{false};  // set before Open; cleared when a signalled writer is
+                                              // stopped; also read by the writer threads
     bool signalledWriter = false;             // set before Open: semaphore-driven or polling writer
     std::int32_t outputBufferCapacity = 50000;
     std::unique_ptr<CeilingMutex> outputLock;

@@ -87,10 +87,11 @@ int GServerUSBBulkDevice::UpdateLinkStatus() {
         return -1;
     }
     if (linkUp != (pluggedIn != 0)) {
-        linkUp = pluggedIn != 0;
+        // The line first: the main thread prints lines of its own as soon as it sees the change.
         Trace(kTraceLevel,
               pluggedIn != 0 ? "USB gadget cable is plugged in." : "USB gadget cable is unplugged.",
               kModule, kCableLine);
+        linkUp = pluggedIn != 0;
     }
     return 0;
 }

@@ -1,5 +1,6 @@
 #include "devices/HostLink.h"
 
+#include <algorithm>
 #include <mutex>
 #include <utility>
 
@@ -70,6 +71,15 @@ unsigned char HostLink_Write(const unsigned char* data, int count) {
 }
 
 unsigned char HostLink_WriteByte(unsigned char value) { return HostLink_Write(&value, 1); }
+
+void HostLink_TakeInput() {
+    if (link == nullptr || !link->inputBuffer) return;
+    std::array<std::uint8_t, kHostBufferSize> bytes;  // filled as far as it is read
+    const std::uint32_t room = link->hostRing.Capacity() - link->hostRing.Count();
+    const auto asked = static_cast<std::int32_t>(std::min<std::size_t>(room, bytes.size()));
+    const std::int32_t taken = link->inputBuffer->Read(bytes.data(), asked);
+    if (taken > 0) link->hostRing.WriteBlock(bytes.data(), static_cast<std::uint32_t>(taken));
+}
 
 std::uint16_t HostLink_BytesAvailable() {
     return link == nullptr ? 0 : static_cast<std::uint16_t>(link->hostRing.Count());

@@ -2,7 +2,7 @@
 // and the ring that the packet parser reads. The rest of the service talks to the host through
 // these functions alone.
 //
-//   host -> unit:  reader thread -> input buffer -> (main loop) -> host ring -> HostLink_ReadByte
+//   host -> unit:  reader thread -> input buffer -> HostLink_TakeInput -> host ring -> ReadByte
 //   unit -> host:  HostLink_Write -> output buffer of the device -> its writer thread
 //
 // All functions belong to the main thread but HostLink_Write and HostLink_WriteByte, which any
@@ -60,6 +60,10 @@ int HostDeviceReadCallback(const unsigned char* data, int count, void* context);
 // (callers send packets, at most 255 bytes), 0 on failure.
 unsigned char HostLink_Write(const unsigned char* data, int count);
 unsigned char HostLink_WriteByte(unsigned char value);
+
+// Moves what the transport has read on to the host ring, as far as there is room, at most 10000
+// bytes.
+void HostLink_TakeInput();
 
 // Bytes held in the host ring.
 std::uint16_t HostLink_BytesAvailable();

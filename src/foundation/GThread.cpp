@@ -31,9 +31,8 @@ void WaitAndJoin(std::optional<pthread_t>& handle, const std::atomic<bool>& busy
 
 void WakeUntilEnded(const std::optional<pthread_t>& handle, const std::atomic<bool>& busy,
                     std::uint32_t graceMs) {
-    const std::uint32_t start = OSGetMilliseconds();
-    while (busy) {
-        if (OSGetMilliseconds() - start >= graceMs) pthread_kill(*handle, IO_ABORT_SIGNAL);
+    for (std::uint32_t waitedMs = 0; busy; waitedMs += kEndPollMs) {
+        if (waitedMs >= graceMs) pthread_kill(*handle, IO_ABORT_SIGNAL);
         OSSleep(kEndPollMs);
     }
 }

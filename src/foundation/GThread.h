@@ -63,7 +63,7 @@ class GThread {
 // A one-call worker with a stop hook.
 class GLiteThread {
   public:
-    // `stopFunction` makes `runFunction` return; it may be null.
+    // `stopFunction` makes `runFunction` return; it may be null and may be called twice.
     GLiteThread(GThreadFunction runFunction, GThreadFunction stopFunction, void* context);
 
     // Calls the stop function and waits for the thread; does nothing if it was never started.

@@ -62,7 +62,11 @@ int OSAssert(int condition, const char* file, int line) {
 
 double OSGetProcessorTime() { return static_cast<double>(std::clock()); }
 
-std::string GetBuildDateTime() { return __DATE__ " " __TIME__; }
+#ifndef VEXA_BUILD_DATE_TIME  // given by a reproducible build
+#define VEXA_BUILD_DATE_TIME __DATE__ " " __TIME__
+#endif
+
+std::string GetBuildDateTime() { return VEXA_BUILD_DATE_TIME; }
 
 std::string GeneralExceptionText() { return "Truly exceptional."; }
 

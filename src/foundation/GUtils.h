@@ -39,8 +39,8 @@ void OSSleep(std::uint32_t milliseconds);
 // Processor time of the process in clock ticks.
 double OSGetProcessorTime();
 
-// Date and time of the build, such as "Aug 24 2009 06:29:03"; SOURCE_DATE_EPOCH, where the compiler
-// knows it, stands in for the clock.
+// Date and time of the build, such as "Aug 24 2009 06:29:03"; where SOURCE_DATE_EPOCH was set at
+// configuration, that moment in UTC.
 std::string GetBuildDateTime();
 
 // Texts of the two kinds of exception report.

@@ -80,11 +80,6 @@ bool MuxChildren::Add(const MuxChild& entry) {
     return true;
 }
 
-bool MuxChildren::Update(const MuxChild& entry) {
-    MuxChild before;
-    return FindAndChange(entry.id, before, [&](MuxChild& child) { child = entry; });
-}
-
 bool MuxChildren::Remove(std::uint32_t id) {
     const Hold hold(*this);
     MuxChild* found = hold.Held() ? Locate(id) : nullptr;

@@ -61,8 +61,6 @@ class MuxChildren {
     bool Find(std::uint32_t id, MuxChild& entry);
     // Fails when the id exists or ten entries are present.
     bool Add(const MuxChild& entry);
-    // Writes back the entry with the same id.
-    bool Update(const MuxChild& entry);
     // Later entries move down one place.
     bool Remove(std::uint32_t id);
     bool Get(std::size_t index, MuxChild& entry);

@@ -43,6 +43,9 @@ void MuxController::CloseAll() {
             VEXA_Device_Stream_Close(child.stream);
         }
     }
+    // A take-over that a disconnect interrupted opens the link with no controller entry to stand
+    // for it.
+    daqLink.Close();
     children.Clear();
 }
 

@@ -41,8 +41,7 @@ class MuxController {
     // Advances the command by one step.
     void Step();
 
-    // Closes the DAQ link if the controller is open and every child's stream, then empties the
-    // table.
+    // Closes the DAQ link and every child's stream, then empties the table.
     void CloseAll();
 
   private:

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <spawn.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <sys/wait.h>
@@ -48,7 +49,7 @@ Bytes Le32(std::uint32_t value) {
 
 }  // namespace
 
-RunningUnit::RunningUnit(const std::string& scenario) {
+RunningUnit::RunningUnit(const std::string& scenario, const Lines& program) {
     std::string path = (fs::temp_directory_path() / "vexa-e2e-XXXXXX").string();
     folder = mkdtemp(path.data());
     std::ofstream(folder + "/scenario.json") << scenario;
@@ -65,6 +66,8 @@ RunningUnit::RunningUnit(const std::string& scenario) {
                                       "--dir",      folder,
                                       "--scenario", folder + "/scenario.json",
                                       "--journal",  folder + "/journal"};
+    if (!program.empty()) words.push_back("--");
+    words.insert(words.end(), program.begin(), program.end());
     std::vector<char*> arguments;
     arguments.reserve(words.size() + 1);
     for (std::string& word : words) arguments.push_back(word.data());
@@ -146,13 +149,19 @@ std::pair<std::size_t, std::size_t> RunningUnit::ThreadsAndDescriptors() const {
 }
 
 Host::Host(RunningUnit& unit) {
-    unit.AwaitLine(" .");  // it is up
     const std::size_t before = unit.Printed().size();
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, unit.SocketPath().c_str(), sizeof address.sun_path - 1);
     descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (connect(descriptor, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ADD_FAILURE() << "cannot connect to " << address.sun_path;
+            break;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     unit.AwaitLine("USB gadget cable is plugged in.", before);
 }
 
@@ -187,8 +196,14 @@ std::string Host::Ask(const Bytes& bytes) {
     return Receive();
 }
 
-bool Host::Silent(int milliseconds) {
-    return payload.empty() && left.empty() && !Fill(milliseconds);
+void Host::AwaitFullWindow() const {
+    int before = -1;
+    for (int waiting = 0; waiting == 0 || waiting > before;) {
+        before = waiting;
+        // Longer than the service's writer pauses between two writes.
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        ASSERT_EQ(ioctl(descriptor, FIONREAD, &waiting), 0);
+    }
 }
 
 Bytes InitialSync() {

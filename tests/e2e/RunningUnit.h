@@ -21,8 +21,9 @@ using Lines = std::vector<std::string>;
 // Runs from construction on; Stop or the destructor ends it.
 class RunningUnit {
   public:
-    // `scenario` is the text of a scenario file, "{}" for the built-in one.
-    explicit RunningUnit(const std::string& scenario);
+    // `scenario` is the text of a scenario file, "{}" for the built-in one; `program` stands in for
+    // the service.
+    explicit RunningUnit(const std::string& scenario, const Lines& program = {});
     ~RunningUnit();
     RunningUnit(const RunningUnit&) = delete;
     RunningUnit& operator=(const RunningUnit&) = delete;
@@ -74,8 +75,8 @@ class Host {
     std::string Receive();
     // Sends and receives.
     std::string Ask(const Bytes& bytes);
-    // True when nothing comes within `milliseconds`.
-    bool Silent(int milliseconds);
+    // Waits until so much has come unread that no more fits.
+    void AwaitFullWindow() const;
 
   private:
     bool Fill(int milliseconds);

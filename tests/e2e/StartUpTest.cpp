@@ -51,5 +51,16 @@ TEST(StartUp, EndsOnSigtermWithAHostAndStreamsOpen) {
     EXPECT_EQ(unit.Journal().back(), "VEXA_Uninit(1) = 0");
 }
 
+TEST(StartUp, EndsOnSigtermAlthoughTheHostTakesNothing) {
+    RunningUnit unit(
+        R"({"devices": [{"name": "Fast", "type": 8, "rate": 2000, "blockSize": 240}]})");
+    Host host(unit);
+    host.Send(OpenController(false));
+    host.Send(OpenChild(5, "Fast"));
+    host.AwaitFullWindow();
+    EXPECT_EQ(unit.Stop(), 0);
+    EXPECT_EQ(unit.Printed().back(), "VEXADevMgr(130) : VEXADevMgr is shutting down.");
+}
+
 }  // namespace
 }  // namespace vexa::test

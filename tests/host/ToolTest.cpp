@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "CommandOptions.h"
 #include "DeviceData.h"
+#include "Duration.h"
 #include "FakeService.h"
 
 namespace vexahost {
@@ -131,7 +131,7 @@ TEST_F(Tool, DemoIsCleanWhenInterrupted) {
     EXPECT_TRUE(std::filesystem::is_empty(folder));
 }
 
-TEST(CommandOptions, DurationsHaveUnitsAndLimits) {
+TEST(Duration, HasUnitsAndLimits) {
     EXPECT_EQ(ParseDuration("3s"), std::chrono::seconds(3));
     EXPECT_EQ(ParseDuration("1.5"), std::chrono::milliseconds(1500));
     EXPECT_EQ(ParseDuration("250ms"), std::chrono::milliseconds(250));

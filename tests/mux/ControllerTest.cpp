@@ -129,6 +129,26 @@ TEST_F(Controller, RepliesWithoutAnEntryCarryZeros) {
     EXPECT_EQ(Reply({}), ToHex(Sealed(Hex("60 0f 00 00 00 00 00 00") + inner)));
 }
 
+// A take-over goes on after a disconnect and opens the DAQ link without a controller entry.
+TEST_F(Controller, ClosesTheDaqLinkAlsoWithoutAnEntry) {
+    for (const bool reopens : {false, true}) {
+        OpenController();
+        AnswerAll(1);
+        Pass(Tunnel(kController, Command(0x74, {})));
+        mux.DisconnectCleanUp();
+        mux.MarkConnected();
+        Reply({});
+        EXPECT_TRUE(daq.IsOpen());
+        if (reopens) {
+            Reply(Tunnel(0, Command(0x72, Hex("44 33 22 11 00"))));
+        } else {
+            mux.DisconnectCleanUp();
+            mux.MarkConnected();
+        }
+        EXPECT_FALSE(daq.IsOpen()) << reopens;
+    }
+}
+
 TEST_F(Controller, ForwardsBetweenHostAndDaq) {
     OpenController(true);
     script.writes.clear();
