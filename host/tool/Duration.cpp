@@ -1,4 +1,4 @@
-#include "CommandOptions.h"
+#include "Duration.h"
 
 #include <charconv>
 #include <cmath>

@@ -4,7 +4,7 @@
 
 using vexahost::ErrorKind;
 
-int ReportError(const vexahost::Error& error) {
+ExitCode ReportError(const vexahost::Error& error) {
     std::fflush(stdout);
     std::fprintf(stderr, "vexa-host: %s\n", error.message.c_str());
     switch (error.kind) {

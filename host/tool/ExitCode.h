@@ -13,4 +13,4 @@ enum ExitCode : int {
 };
 
 /// Says the error in one line on standard error and gives the exit code for it.
-int ReportError(const vexahost::Error& error);
+ExitCode ReportError(const vexahost::Error& error);

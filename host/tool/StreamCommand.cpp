@@ -1,12 +1,14 @@
+#include "StreamCommand.h"
+
+#include <algorithm>
+#include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <memory>
-#include <set>
+#include <optional>
 
-#include "CommandOptions.h"
-#include "Commands.h"
+#include "Connection.h"
 #include "DeviceData.h"
-#include "ExitCode.h"
+#include "Duration.h"
 #include "Interrupt.h"
 
 namespace {
@@ -18,13 +20,6 @@ using vexahost::ErrorKind;
 using vexahost::Expected;
 using vexahost::Milliseconds;
 using Clock = std::chrono::steady_clock;
-
-struct StreamOptions {
-    std::string unit;
-    std::vector<std::string> names;
-    std::set<std::string> arm;
-    std::string duration;
-};
 
 ChildId IdOf(std::size_t index) { return kFirstDeviceId + static_cast<ChildId>(index); }
 
@@ -78,7 +73,9 @@ void PrintTotals(const Client& client, const StreamOptions& options) {
     }
 }
 
-int RunStream(const StreamOptions& options) {
+}  // namespace
+
+ExitCode RunStream(const StreamOptions& options) {
     std::optional<Milliseconds> duration;
     if (!options.duration.empty()) {
         duration = ParseDuration(options.duration);
@@ -103,23 +100,5 @@ int RunStream(const StreamOptions& options) {
     const auto end = duration ? Clock::now() + *duration : Clock::time_point::max();
     const auto printed = PrintUntil(**client, options, end);
     PrintTotals(**client, options);
-    return printed ? int{kExitDone} : ReportError(printed.Failure());
-}
-
-}  // namespace
-
-void AddStreamCommand(CLI::App& program, int& exitCode) {
-    auto options = std::make_shared<StreamOptions>();
-    auto* command = program.add_subcommand(
-        "stream", "Open sensors and print what they send, a line for each block");
-    AddUnitOption(*command, options->unit);
-    command->add_option("NAME", options->names, "names of the sensors")->required()->expected(1, 9);
-    command->add_option("--arm", options->arm, "HID sensors that are to be sent the init request")
-        ->option_text("NAME ...");
-    command->add_option("--for", options->duration, "how long, e.g. 3s, 500ms, 2m (until Ctrl-C)")
-        ->option_text("TIME");
-    command->footer(
-        "Examples: vexa-host stream Accelerometer Microphone --for 3s\n"
-        "          vexa-host stream Thermometer --arm Thermometer --for 10s");
-    command->callback([options, &exitCode] { exitCode = RunStream(*options); });
+    return printed ? kExitDone : ReportError(printed.Failure());
 }

@@ -10,6 +10,7 @@
 #include "DeviceData.h"
 #include "Duration.h"
 #include "FakeService.h"
+#include "vexahost/Describe.h"
 
 namespace vexahost {
 namespace {

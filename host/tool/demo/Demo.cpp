@@ -5,7 +5,6 @@
 
 #include "../Connection.h"
 #include "../DeviceData.h"
-#include "../ExitCode.h"
 #include "../Interrupt.h"
 
 using vexahost::ChildId;
@@ -65,7 +64,7 @@ const std::vector<Demo::Step>& Demo::Steps() {
     return steps;
 }
 
-int Demo::Run() {
+ExitCode Demo::Run() {
     std::size_t right = 0;
     std::size_t number = 0;
     for (const Step& step : Steps()) {

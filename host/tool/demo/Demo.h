@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "../Console.h"
+#include "../ExitCode.h"
 #include "Journal.h"
 #include "UnitProcess.h"
 #include "vexahost/Client.h"
@@ -19,7 +20,7 @@ class Demo {
     ~Demo();
 
     /// Plays all steps and ends the unit. The exit code of the program.
-    int Run();
+    ExitCode Run();
 
   private:
     struct Step {
