@@ -49,6 +49,10 @@ Error Client::Receiver::ReadUntilError() {
         const auto count = client.transport->Read(buffer, kReadTimeout);
         if (!count) return count.Failure();
         std::span<const std::uint8_t> input = std::span(buffer).first(*count);
+        if (client.transport->UnitFraming() == Framing::kNone) {
+            TakePayload(input);
+            input = {};
+        }
         for (auto piece = frames.Next(input); !piece.empty(); piece = frames.Next(input)) {
             TakePayload(piece);
         }

@@ -1,12 +1,11 @@
 // "vexa-host query": who holds the acquisition hardware.
 #pragma once
 
-#include <string>
-
+#include "Connection.h"
 #include "ExitCode.h"
 
 struct QueryOptions {
-    std::string unit;  // its directory or its host socket
+    UnitAddress unit;
 };
 
 /// Prints whether the unit's own DAQ application holds the acquisition hardware. Errors are said on

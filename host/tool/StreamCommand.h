@@ -5,10 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "Connection.h"
 #include "ExitCode.h"
 
 struct StreamOptions {
-    std::string unit;                // its directory or its host socket
+    UnitAddress unit;
     std::vector<std::string> names;  // of the sensors
     std::set<std::string> arm;       // those of them that are to be sent the init request
     std::string duration;            // as ParseDuration() takes it; empty: until interrupted

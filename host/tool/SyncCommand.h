@@ -1,12 +1,11 @@
 // "vexa-host sync": brings the unit in step, and no more.
 #pragma once
 
-#include <string>
-
+#include "Connection.h"
 #include "ExitCode.h"
 
 struct SyncOptions {
-    std::string unit;  // its directory or its host socket
+    UnitAddress unit;
 };
 
 /// Connects to the unit, brings its packet parser in step and leaves again. Errors are said on

@@ -15,19 +15,24 @@ namespace {
 // Each Add... function below adds a command that fills `options`, runs when it is chosen, and puts
 // its exit code into `exitCode`.
 
-// Gives `directory` its default.
-void AddUnitOption(CLI::App& command, std::string& directory) {
-    directory = DefaultUnitDirectory();
-    command
-        .add_option("--unit", directory,
-                    "directory of the unit, or its host socket ($VEXA_UNIT_DIR, else build/unit)")
-        ->option_text("DIR");
+// Gives the directory its default.
+void AddUnitOptions(CLI::App& command, UnitAddress& unit) {
+    unit.directory = DefaultUnitDirectory();
+    auto* directory =
+        command
+            .add_option(
+                "--unit", unit.directory,
+                "directory of the unit, or its host socket ($VEXA_UNIT_DIR, else build/unit)")
+            ->option_text("DIR");
+    command.add_option("--tcp", unit.tcp, "a unit that serves its link over TCP (port 38144)")
+        ->option_text("HOST[:PORT]")
+        ->excludes(directory);
 }
 
 void AddSyncCommand(CLI::App& program, SyncOptions& options, ExitCode& exitCode) {
     auto* command = program.add_subcommand(
         "sync", "Connect, bring the unit's packet parser in step, and leave again");
-    AddUnitOption(*command, options.unit);
+    AddUnitOptions(*command, options.unit);
     command->footer("Example: vexa-host sync --unit build/unit");
     command->callback([&options, &exitCode] { exitCode = RunSync(options); });
 }
@@ -35,7 +40,7 @@ void AddSyncCommand(CLI::App& program, SyncOptions& options, ExitCode& exitCode)
 void AddQueryCommand(CLI::App& program, QueryOptions& options, ExitCode& exitCode) {
     auto* command = program.add_subcommand(
         "query", "Ask whether the unit's own DAQ application holds the acquisition hardware");
-    AddUnitOption(*command, options.unit);
+    AddUnitOptions(*command, options.unit);
     command->footer("Example: vexa-host query --unit build/unit");
     command->callback([&options, &exitCode] { exitCode = RunQuery(options); });
 }
@@ -43,7 +48,7 @@ void AddQueryCommand(CLI::App& program, QueryOptions& options, ExitCode& exitCod
 void AddStreamCommand(CLI::App& program, StreamOptions& options, ExitCode& exitCode) {
     auto* command = program.add_subcommand(
         "stream", "Open sensors and print what they send, a line for each block");
-    AddUnitOption(*command, options.unit);
+    AddUnitOptions(*command, options.unit);
     command->add_option("NAME", options.names, "names of the sensors")->required()->expected(1, 9);
     command->add_option("--arm", options.arm, "HID sensors that are to be sent the init request")
         ->option_text("NAME ...");

@@ -20,6 +20,10 @@ struct ReaderThread::Launch {
     std::shared_ptr<void> record;
 };
 
+ReaderThread::~ReaderThread() {
+    if (threadHandle) pthread_detach(*threadHandle);
+}
+
 bool ReaderThread::Start(Body body, std::shared_ptr<void> record) {
     auto launch = std::make_unique<Launch>(Launch{this, body, std::move(record)});
     pthread_t thread{};

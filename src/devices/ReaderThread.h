@@ -20,6 +20,12 @@ class ReaderThread {
     // body returns when StopRequested is true or its link has ended for good.
     using Body = void (*)(void* record);
 
+    ReaderThread() = default;
+    // A thread that was given up is let go: it ends, last of all that shares the record, by itself.
+    ~ReaderThread();
+    ReaderThread(const ReaderThread&) = delete;
+    ReaderThread& operator=(const ReaderThread&) = delete;
+
     // Starts `body(record.get())` on a thread of its own, which shares the record until it ends: a
     // reader that could not be stopped never touches freed memory. False when no thread could be
     // created.

@@ -72,6 +72,9 @@ TEST(Example, AnswersOverTcp) {
         EXPECT_EQ(SyncOver(host), kReply);
         close(host);
     }
+    const std::string sync =
+        std::string(PROGRAM_DIR) + "/vexa-host sync --tcp 127.0.0.1:" + std::to_string(port);
+    EXPECT_EQ(std::system(sync.c_str()), 0);  // NOLINT: as a person would
 }
 
 TEST(Example, AnswersOverASerialLine) {

@@ -9,7 +9,7 @@
 
 #include "mux/Packet.h"
 #include "vexahost/PacketReader.h"
-#include "vexahost/UnitSocketTransport.h"
+#include "vexahost/SocketTransport.h"
 
 namespace vexahost {
 
@@ -87,7 +87,7 @@ FakeService::~FakeService() {
 }
 
 std::unique_ptr<Transport> FakeService::TakeTransport() {
-    return std::make_unique<UnitSocketTransport>(hostEnd);
+    return std::make_unique<SocketTransport>(hostEnd, Framing::kFrameHeaders);
 }
 
 void FakeService::SendBytes(const Bytes& bytes) {

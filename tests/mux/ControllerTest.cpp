@@ -1,5 +1,7 @@
 // The control channel: opening and closing, the conversations with the applications, the DAQ.
 
+#include <thread>
+
 #include "mux/MuxTest.h"
 
 namespace vexa {
@@ -198,6 +200,25 @@ TEST_F(Controller, SyncsWithTheBoardOnlyOnItsRightAnswer) {
     SetTraceThreshold(100);
     EXPECT_EQ(reply, ControllerReply(0, 0x9C, 0x72, 59));
     EXPECT_TRUE(script.streams.empty());
+}
+
+TEST_F(Controller, CountsTheComingsAndGoingsThatATransportReports) {
+    std::uint32_t generation = 77;
+    const auto report = [&](bool connected) {
+        SetHostConnected(connected, &generation);
+        return generation;
+    };
+    EXPECT_EQ(report(true), 1U);
+    EXPECT_EQ(report(true), 1U) << "no news";
+    EXPECT_EQ(report(false), 2U);
+    SetHostConnected(true, nullptr);
+    EXPECT_EQ(mux.Children().ConnectionGeneration(1), 3U) << "the count that the main loop follows";
+
+    ASSERT_TRUE(mux.Children().Lock(0));
+    const std::string text = Printed([&] { std::thread([&] { report(false); }).join(); });
+    mux.Children().Unlock();
+    EXPECT_EQ(text, "Trying to lock mutex failed\n");
+    EXPECT_EQ(generation, 0U);
 }
 
 }  // namespace

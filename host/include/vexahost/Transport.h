@@ -10,6 +10,12 @@
 
 namespace vexahost {
 
+/// What a unit puts around the chunks that it sends.
+enum class Framing {
+    kFrameHeaders,  // the 8-byte header of FrameReader.h: the USB link and virtual units
+    kNone,          // nothing: TCP and serial links
+};
+
 /// One thread may read while another writes; each side is used by one thread at a time.
 class Transport {
   public:
@@ -25,6 +31,9 @@ class Transport {
     /// connection has ended.
     virtual Expected<Done> WriteAll(std::span<const std::uint8_t> bytes,
                                     std::chrono::milliseconds timeout) = 0;
+
+    /// What the unit at the other end puts around what it sends.
+    [[nodiscard]] virtual Framing UnitFraming() const = 0;
 
     /// Ends the connection; from any thread, also twice. A Read that is waiting returns kLinkLost.
     virtual void Close() = 0;

@@ -5,13 +5,13 @@
 #include "../DeviceData.h"
 #include "../Interrupt.h"
 #include "Demo.h"
-#include "vexahost/UnitSocketTransport.h"
+#include "vexahost/SocketTransport.h"
 
 using vexahost::Client;
 using vexahost::ClientOptions;
 using vexahost::Direction;
 using vexahost::Milliseconds;
-using vexahost::UnitSocketTransport;
+using vexahost::SocketTransport;
 
 namespace {
 
@@ -37,10 +37,10 @@ void Demo::StartUnit() {
 void Demo::Connect() {
     constexpr Milliseconds kRetry{20};
     const auto deadline = std::chrono::steady_clock::now() + kConnectTimeout;
-    auto transport = UnitSocketTransport::Connect(directory);
+    auto transport = SocketTransport::ConnectUnit(directory);
     while (!transport && std::chrono::steady_clock::now() < deadline && !IsInterrupted()) {
         std::this_thread::sleep_for(kRetry);
-        transport = UnitSocketTransport::Connect(directory);
+        transport = SocketTransport::ConnectUnit(directory);
     }
     if (!transport) return Fail("a host socket to connect to", transport.Failure().message);
     ClientOptions options;

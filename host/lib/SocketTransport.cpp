@@ -1,5 +1,6 @@
-#include "vexahost/UnitSocketTransport.h"
+#include "vexahost/SocketTransport.h"
 
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -37,7 +38,7 @@ bool WaitFor(int handle, short events, Clock::time_point deadline) {
 
 }  // namespace
 
-Expected<std::unique_ptr<Transport>> UnitSocketTransport::Connect(const std::string& path) {
+Expected<std::unique_ptr<Transport>> SocketTransport::ConnectUnit(const std::string& path) {
     struct stat status {};
     const bool isDirectory = stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     const std::string socketPath = isDirectory ? path + "/" + kSocketName : path;
@@ -51,19 +52,42 @@ Expected<std::unique_ptr<Transport>> UnitSocketTransport::Connect(const std::str
 
     const int handle = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (handle < 0) return CannotConnect(socketPath, std::strerror(errno));
-    auto transport = std::make_unique<UnitSocketTransport>(handle);
+    auto transport = std::make_unique<SocketTransport>(handle, Framing::kFrameHeaders);
     if (connect(handle, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         return CannotConnect(socketPath, std::strerror(errno));
     }
     return std::unique_ptr<Transport>(std::move(transport));
 }
 
-UnitSocketTransport::UnitSocketTransport(int connectedSocket) : socketHandle(connectedSocket) {}
+Expected<std::unique_ptr<Transport>> SocketTransport::ConnectTcp(const std::string& address) {
+    const std::size_t colon = address.rfind(':');
+    const std::string host = address.substr(0, colon);
+    const std::string port = colon == std::string::npos ? kTcpPort : address.substr(colon + 1);
 
-UnitSocketTransport::~UnitSocketTransport() { close(socketHandle); }
+    addrinfo wanted{};
+    wanted.ai_family = AF_INET;
+    wanted.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    const int result = getaddrinfo(host.c_str(), port.c_str(), &wanted, &found);
+    if (result != 0) return CannotConnect(address, gai_strerror(result));
+    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, freeaddrinfo);
 
-Expected<std::size_t> UnitSocketTransport::Read(std::span<std::uint8_t> buffer,
-                                                std::chrono::milliseconds timeout) {
+    const int handle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (handle < 0) return CannotConnect(address, std::strerror(errno));
+    auto transport = std::make_unique<SocketTransport>(handle, Framing::kNone);
+    if (connect(handle, found->ai_addr, found->ai_addrlen) != 0) {
+        return CannotConnect(address, std::strerror(errno));
+    }
+    return std::unique_ptr<Transport>(std::move(transport));
+}
+
+SocketTransport::SocketTransport(int connectedSocket, Framing unitFraming)
+    : socketHandle(connectedSocket), framing(unitFraming) {}
+
+SocketTransport::~SocketTransport() { close(socketHandle); }
+
+Expected<std::size_t> SocketTransport::Read(std::span<std::uint8_t> buffer,
+                                            std::chrono::milliseconds timeout) {
     if (!WaitFor(socketHandle, POLLIN, Clock::now() + timeout)) return std::size_t{0};
     const ssize_t count = recv(socketHandle, buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (count > 0) return static_cast<std::size_t>(count);
@@ -72,8 +96,8 @@ Expected<std::size_t> UnitSocketTransport::Read(std::span<std::uint8_t> buffer,
     return LinkLost(std::strerror(errno));
 }
 
-Expected<Done> UnitSocketTransport::WriteAll(std::span<const std::uint8_t> bytes,
-                                             std::chrono::milliseconds timeout) {
+Expected<Done> SocketTransport::WriteAll(std::span<const std::uint8_t> bytes,
+                                         std::chrono::milliseconds timeout) {
     const auto deadline = Clock::now() + timeout;
     while (!bytes.empty()) {
         const ssize_t count =
@@ -91,6 +115,6 @@ Expected<Done> UnitSocketTransport::WriteAll(std::span<const std::uint8_t> bytes
     return Done{};
 }
 
-void UnitSocketTransport::Close() { shutdown(socketHandle, SHUT_RDWR); }
+void SocketTransport::Close() { shutdown(socketHandle, SHUT_RDWR); }
 
 }  // namespace vexahost
