@@ -17,8 +17,6 @@
 #include <fstream>
 #include <sstream>
 
-#include "mux/Packet.h"
-
 extern char** environ;  // NOLINT
 
 namespace vexa::test {
@@ -39,12 +37,6 @@ Lines Split(const std::string& text) {
 std::size_t EntriesOf(const fs::path& folder) {
     return static_cast<std::size_t>(
         std::distance(fs::directory_iterator(folder), fs::directory_iterator()));
-}
-
-Bytes Le32(std::uint32_t value) {
-    Bytes bytes(4);
-    StoreLe32(bytes.data(), value);
-    return bytes;
 }
 
 }  // namespace
@@ -204,49 +196,6 @@ void Host::AwaitFullWindow() const {
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
         ASSERT_EQ(ioctl(descriptor, FIONREAD, &waiting), 0);
     }
-}
-
-Bytes InitialSync() {
-    Bytes packet(kInitialSyncSize);
-    BuildInitialSync(std::span<std::uint8_t, kInitialSyncSize>(packet), 7);
-    return packet;
-}
-
-Bytes Tunnel(std::uint32_t id, const Bytes& payload) {
-    const Bytes header = {0x60, static_cast<std::uint8_t>(payload.size() + 8), 7, 0};
-    return Sealed(header + Le32(id) + payload);
-}
-
-Bytes InnerCommand(std::uint8_t command, const Bytes& rest) {
-    return Sealed(Bytes{0x40, static_cast<std::uint8_t>(rest.size() + 5), 7, 0, command} + rest);
-}
-
-Bytes OpenController(bool withDaq) {
-    const Bytes flag = {static_cast<std::uint8_t>(withDaq ? 1 : 0)};
-    return Tunnel(0, InnerCommand(0x72, Le32(kControllerId) + flag));
-}
-
-Bytes ToController(std::uint8_t command, const Bytes& rest) {
-    return Tunnel(kControllerId, InnerCommand(command, rest));
-}
-
-Bytes OpenChild(std::uint32_t id, const std::string& name) {
-    const Bytes length = {static_cast<std::uint8_t>(name.size() + 1)};
-    return ToController(0x70, Le32(id) + length + Bytes(name.begin(), name.end()) + Bytes{0});
-}
-
-Bytes CloseChild(std::uint32_t id) { return ToController(0x71, Le32(id)); }
-
-std::string ControllerReply(std::uint8_t sequence, std::uint8_t type, std::uint8_t command,
-                            std::uint8_t code) {
-    const Bytes inner = Sealed({type, 7, sequence, 0, command, 7, code});
-    return ToHex(Sealed(Bytes{0x60, 15, sequence, 0} + Le32(kControllerId) + inner));
-}
-
-std::string ChildData(std::uint32_t id, std::uint8_t sequence, const Bytes& block) {
-    Bytes packet = Tunnel(id, block);
-    packet[2] = sequence;
-    return ToHex(Sealed(packet));
 }
 
 }  // namespace vexa::test

@@ -10,7 +10,7 @@
 #include <thread>
 #include <vector>
 
-#include "support/Bytes.h"
+#include "support/HostPackets.h"
 #include "vexahost/FrameReader.h"
 #include "vexahost/PacketReader.h"
 
@@ -88,22 +88,5 @@ class Host {
     std::span<const std::uint8_t> left;  // of them, not looked at yet
     std::span<const std::uint8_t> payload;
 };
-
-// Packets that a host sends; their sequence numbers are all 7.
-Bytes InitialSync();
-Bytes Tunnel(std::uint32_t id, const Bytes& payload);
-Bytes InnerCommand(std::uint8_t command, const Bytes& rest);
-Bytes OpenController(bool withDaq);  // under the id 0x11223344
-Bytes ToController(std::uint8_t command, const Bytes& rest);
-Bytes OpenChild(std::uint32_t id, const std::string& name);
-Bytes CloseChild(std::uint32_t id);
-
-// What the controller replies.
-std::string ControllerReply(std::uint8_t sequence, std::uint8_t type, std::uint8_t command,
-                            std::uint8_t code);
-// What a block of a child's data arrives as.
-std::string ChildData(std::uint32_t id, std::uint8_t sequence, const Bytes& block);
-
-inline constexpr std::uint32_t kControllerId = 0x11223344;
 
 }  // namespace vexa::test

@@ -91,39 +91,5 @@ TEST(Session, ReportsADaqAndAnApplicationThatFail) {
     unit.AwaitLine("vexAppSession(120) : criCommand() failed.");
 }
 
-TEST(Session, RefusesTheEleventhChild) {
-    RunningUnit unit(kQuiet);
-    Host host(unit);
-    host.Ask(OpenController(false));
-    for (std::uint8_t child = 1; child <= 9; ++child) {
-        EXPECT_EQ(host.Ask(OpenChild(child, "Stream")), ControllerReply(child, 0x98, 0x70, 0));
-    }
-    EXPECT_EQ(host.Ask(OpenChild(10, "Stream")), ControllerReply(10, 0x9C, 0x70, 50));
-    const Bytes reopen = OpenController(false);
-    EXPECT_EQ(host.Ask(reopen), ControllerReply(0, 0x98, 0x72, 0));
-    unit.AwaitLine("Input from Host - Reopening Controller and abandoning children.: " +
-                   ToHex(reopen));
-    EXPECT_EQ(Starting(unit.Journal(), "VEXA_Device_Stream_Close").size(), 9U);
-}
-
-TEST(Session, ForwardsDaqPacketsWithAWrongChecksumAndLogsTen) {
-    RunningUnit unit(R"({"daq": {"measurementRate": 100, "checksumErrorEvery": 1}})");
-    Host host(unit);
-    host.Send(OpenController(true));
-    int forwarded = 0;
-    while (forwarded < 12) {
-        const Bytes packet = Hex(host.Receive());
-        ASSERT_GE(packet.size(), 4U);
-        if (packet[0] != 0xA0) continue;
-        EXPECT_EQ(packet[3], static_cast<std::uint8_t>(Sealed(packet)[3] + 1));
-        ++forwarded;
-    }
-    EXPECT_EQ(unit.Stop(), 0);
-    const Lines lines = unit.Printed();
-    EXPECT_EQ(Starting(lines, "DAQIO(239) : DAQ->Host good blob: 00 00 00 00 00 00 00 00").size(),
-              1U);
-    EXPECT_EQ(Starting(lines, "DAQIO(245) : DAQ->Host blob checksum err: a0 18 ").size(), 10U);
-}
-
 }  // namespace
 }  // namespace vexa::test

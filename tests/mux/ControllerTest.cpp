@@ -18,30 +18,27 @@ class Controller : public MuxTest {
 
 TEST_F(Controller, OpensUnderEitherCommand) {
     const Bytes byName = Hex("44 33 22 11 0b") + Hex("43 6f 6e 74 72 6f 6c 6c 65 72 00");
-    EXPECT_EQ(Reply(Tunnel(0x99, Command(0x70, byName))), ControllerReply(0, 0x98, 0x70, 0));
+    EXPECT_EQ(Reply(ToController(0x70, byName)), ControllerReply(0, 0x98, 0x70, 0));
     EXPECT_TRUE(daq.IsOpen()) << "by name the DAQ link is opened, too";
-    EXPECT_EQ(Reply(Tunnel(0, Command(0x72, Hex("44 33 22 11 00")))),
-              ControllerReply(0, 0x98, 0x72, 0));
+    EXPECT_EQ(Reply(OpenController(false)), ControllerReply(0, 0x98, 0x72, 0));
     EXPECT_FALSE(daq.IsOpen());
-    EXPECT_EQ(Reply(Tunnel(0, Command(0x72, Hex("44 33 22 11 01")))),
-              ControllerReply(0, 0x98, 0x72, 0));
+    EXPECT_EQ(Reply(OpenController(true)), ControllerReply(0, 0x98, 0x72, 0));
     EXPECT_TRUE(daq.IsOpen());
 
     FailDaq();
     mux.DisconnectCleanUp();
     mux.MarkConnected();
-    EXPECT_EQ(Reply(Tunnel(0, Command(0x70, byName))), ControllerReply(0, 0x9C, 0x70, 59));
-    EXPECT_EQ(Reply(Tunnel(kController, OpenChild(1, "Controlle"))),
-              ControllerReply(1, 0x9C, 0x70, 54))
+    EXPECT_EQ(Reply(ToController(0x70, byName)), ControllerReply(0, 0x9C, 0x70, 59));
+    EXPECT_EQ(Reply(OpenChild(1, "Controlle")), ControllerReply(1, 0x9C, 0x70, 54))
         << "another name is a child's";
 }
 
 TEST_F(Controller, ReopeningAbandonsTheChildren) {
-    OpenController(true);
+    OpenControllerFirst(true);
     Open(1, "stream8");
     const std::uint32_t stream = script.lastHandle;
     script.TakeCalls();
-    const Bytes packet = Tunnel(0, Command(0x72, Hex("44 33 22 11 00")));
+    const Bytes packet = OpenController(false);
     EXPECT_EQ(
         Printed([&] { Pass(packet); }),
         "Input from Host - Reopening Controller and abandoning children.: " + ToHex(packet) + "\n");
@@ -53,25 +50,25 @@ TEST_F(Controller, ReopeningAbandonsTheChildren) {
 }
 
 TEST_F(Controller, QueryReportsTheAnswerOfTheDaqApplication) {
-    OpenController();
+    OpenControllerFirst();
     AnswerAll(1);
-    EXPECT_EQ(Reply(Tunnel(kController, Command(0x73, {}))), ControllerReply(1, 0x98, 0x73, 1));
+    EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(1, 0x98, 0x73, 1));
     EXPECT_EQ(script.TakeCalls(), Calls{"criCommand(DAQ, 3, 1000)"});
     AnswerAll(2);
-    EXPECT_EQ(Reply(Tunnel(kController, Command(0x73, {}))), ControllerReply(2, 0x98, 0x73, 0));
+    EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(2, 0x98, 0x73, 0));
 
     script.commandsSucceed = false;
-    EXPECT_EQ(Reply(Tunnel(kController, Command(0x73, {}))), ControllerReply(3, 0x98, 0x73, 0))
+    EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(3, 0x98, 0x73, 0))
         << "not sent: no answer";
-    EXPECT_EQ(Reply(Tunnel(kController, Command(0x73, {}))), ControllerReply(4, 0x9C, 0x73, 50))
+    EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(4, 0x9C, 0x73, 50))
         << "the session has an error from now on";
-    EXPECT_EQ(Reply(Tunnel(kController, Command(0x74, {}))), ControllerReply(5, 0x9C, 0x74, 50));
+    EXPECT_EQ(Reply(ToController(0x74, {})), ControllerReply(5, 0x9C, 0x74, 50));
 }
 
 TEST_F(Controller, TakesTheDaqOver) {
-    OpenController();
+    OpenControllerFirst();
     AnswerAll(1);
-    EXPECT_EQ(Reply(Tunnel(kController, Command(0x74, {}))), ControllerReply(1, 0x98, 0x74, 0));
+    EXPECT_EQ(Reply(ToController(0x74, {})), ControllerReply(1, 0x98, 0x74, 0));
     Pass();
     Pass();
     Calls calls = script.TakeCalls();
@@ -86,8 +83,7 @@ TEST_F(Controller, TakesTheDaqOver) {
 
     // Closing the controller hands everything back.
     const std::uint32_t board = script.streams.begin()->first;
-    EXPECT_EQ(Reply(Tunnel(kController, CloseChild(kController))),
-              ControllerReply(2, 0x98, 0x71, 0));
+    EXPECT_EQ(Reply(CloseChild(kControllerId)), ControllerReply(2, 0x98, 0x71, 0));
     EXPECT_EQ(script.TakeCalls(),
               (Calls{"VEXA_Device_Stream_Close(" + std::to_string(board) + ")",
                      "VEXA_Device_Open(board, mode 1)", "VEXA_Device_Close()",
@@ -96,16 +92,16 @@ TEST_F(Controller, TakesTheDaqOver) {
 }
 
 TEST_F(Controller, TakesOverWithoutAnAnswerAndReportsADaqThatFails) {
-    OpenController();
+    OpenControllerFirst();
     AnswerAll(-1);
     FailDaq();
-    EXPECT_EQ(Reply(Tunnel(kController, Command(0x74, {}))), ControllerReply(1, 0x9C, 0x74, 57));
+    EXPECT_EQ(Reply(ToController(0x74, {})), ControllerReply(1, 0x9C, 0x74, 57));
     EXPECT_EQ(sessions.daq.Holder(), SessionHolder::kDeactivated);
 }
 
 TEST_F(Controller, KeepsOneCommandAtATimeAndRefusesUnknownOnes) {
-    OpenController();
-    const Bytes query = Tunnel(kController, Command(0x73, {}));
+    OpenControllerFirst();
+    const Bytes query = ToController(0x73, {});
     EXPECT_EQ(Printed([&] {
                   for (int i = 0; i < 5; ++i) Pass(query);
               }),
@@ -115,14 +111,14 @@ TEST_F(Controller, KeepsOneCommandAtATimeAndRefusesUnknownOnes) {
               "VEXADevMgr controller ignored new cmd because it was busy.\n");
     script.Answer("DAQ", 3, 1);
     EXPECT_EQ(Reply({}), ControllerReply(1, 0x98, 0x73, 1));
-    EXPECT_EQ(Reply(Tunnel(kController, Command(0x75, {}))), ControllerReply(2, 0x9C, 0x75, 49));
-    EXPECT_EQ(Reply(Tunnel(kController, {})), ControllerReply(3, 0x9C, 0, 49, 0))
+    EXPECT_EQ(Reply(ToController(0x75, {})), ControllerReply(2, 0x9C, 0x75, 49));
+    EXPECT_EQ(Reply(Tunnel(kControllerId, {})), ControllerReply(3, 0x9C, 0, 49, 0))
         << "no field of an earlier command";
 }
 
 TEST_F(Controller, RepliesWithoutAnEntryCarryZeros) {
-    OpenController();
-    Pass(Tunnel(kController, Command(0x73, {})));
+    OpenControllerFirst();
+    Pass(ToController(0x73, {}));
     mux.DisconnectCleanUp();
     mux.MarkConnected();
     for (int i = 0; i < 5; ++i) Pass();
@@ -134,15 +130,15 @@ TEST_F(Controller, RepliesWithoutAnEntryCarryZeros) {
 // A take-over goes on after a disconnect and opens the DAQ link without a controller entry.
 TEST_F(Controller, ClosesTheDaqLinkAlsoWithoutAnEntry) {
     for (const bool reopens : {false, true}) {
-        OpenController();
+        OpenControllerFirst();
         AnswerAll(1);
-        Pass(Tunnel(kController, Command(0x74, {})));
+        Pass(ToController(0x74, {}));
         mux.DisconnectCleanUp();
         mux.MarkConnected();
         Reply({});
         EXPECT_TRUE(daq.IsOpen());
         if (reopens) {
-            Reply(Tunnel(0, Command(0x72, Hex("44 33 22 11 00"))));
+            Reply(OpenController(false));
         } else {
             mux.DisconnectCleanUp();
             mux.MarkConnected();
@@ -152,7 +148,7 @@ TEST_F(Controller, ClosesTheDaqLinkAlsoWithoutAnEntry) {
 }
 
 TEST_F(Controller, ForwardsBetweenHostAndDaq) {
-    OpenController(true);
+    OpenControllerFirst(true);
     script.writes.clear();
     const std::uint32_t board = script.streams.begin()->first;
     Printed([&] { Pass(Hex(kSync)); });
@@ -184,7 +180,7 @@ TEST_F(Controller, ForwardsBetweenHostAndDaq) {
 
 TEST_F(Controller, SyncsWithTheBoardOnlyOnItsRightAnswer) {
     const Bytes packet = Sealed(Hex("a0 05 01 00 11"));
-    const Bytes reopen = Tunnel(0, Command(0x72, Hex("44 33 22 11 01")));
+    const Bytes reopen = OpenController(true);
     // Noise before it, the first packet behind it in the same block.
     script.daqAnswer = Bytes(300, 0xA1) + DaqSyncAnswer() + packet;
     EXPECT_EQ(Reply(reopen), ToHex(packet) + " " + ControllerReply(0, 0x98, 0x72, 0));

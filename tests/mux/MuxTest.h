@@ -7,6 +7,7 @@
 
 #include "foundation/GUtils.h"
 #include "mux/HostMux.h"
+#include "support/HostPackets.h"
 #include "support/Output.h"
 #include "support/QueuedHostLink.h"
 #include "support/ScriptedLibraries.h"
@@ -37,30 +38,6 @@ class MuxTest : public testing::Test {
         script.TakeCalls();
     }
 
-    // A sealed packet around an inner command; both carry the sequence number 7.
-    static Bytes Tunnel(std::uint32_t id, const Bytes& payload) {
-        Bytes packet = {0x60, static_cast<std::uint8_t>(payload.size() + 8), 7, 0, 0, 0, 0, 0};
-        StoreLe32(&packet[4], id);
-        return Sealed(packet + payload);
-    }
-    static Bytes Command(std::uint8_t command, const Bytes& rest) {
-        return Sealed(Bytes{0x40, static_cast<std::uint8_t>(rest.size() + 5), 7, 0, command} +
-                      rest);
-    }
-    static Bytes OpenChild(std::uint32_t id, const std::string& name) {
-        Bytes rest(5);
-        StoreLe32(rest.data(), id);
-        rest[4] = static_cast<std::uint8_t>(name.size() + 1);
-        rest.insert(rest.end(), name.begin(), name.end());
-        rest.push_back(0);
-        return Command(0x70, rest);
-    }
-    static Bytes CloseChild(std::uint32_t id) {
-        Bytes rest(4);
-        StoreLe32(rest.data(), id);
-        return Command(0x71, rest);
-    }
-
     // One pass with these bytes from the host, polling the sessions as the main loop does.
     void Pass(const Bytes& bytes = {}) {
         link.HostSends(bytes);
@@ -80,24 +57,14 @@ class MuxTest : public testing::Test {
         return reply;
     }
 
-    // Opens the controller under id 0x11223344, without the DAQ unless asked for.
-    void OpenController(bool withDaq = false) {
-        const Bytes rest = Hex("44 33 22 11") + Bytes{static_cast<std::uint8_t>(withDaq ? 1 : 0)};
-        ASSERT_EQ(Reply(Tunnel(0, Command(0x72, rest))), ControllerReply(0, 0x98, 0x72, 0));
+    void OpenControllerFirst(bool withDaq = false) {
+        ASSERT_EQ(Reply(OpenController(withDaq)), ControllerReply(0, 0x98, 0x72, 0));
         script.TakeCalls();
-    }
-    static constexpr std::uint32_t kController = 0x11223344;
-
-    static std::string ControllerReply(std::uint8_t sequence, std::uint8_t type,
-                                       std::uint8_t command, std::uint8_t code,
-                                       std::uint8_t requestSequence = 7) {
-        const Bytes inner = Sealed({type, 7, sequence, 0, command, requestSequence, code});
-        return ToHex(Sealed(Bytes{0x60, 15, sequence, 0, 0x44, 0x33, 0x22, 0x11} + inner));
     }
 
     // Opens a child and returns its stream.
     std::uint32_t Open(std::uint32_t id, const std::string& name) {
-        const std::string reply = Reply(Tunnel(kController, OpenChild(id, name)));
+        const std::string reply = Reply(OpenChild(id, name));
         EXPECT_EQ(reply.substr(24, 8), "98 07 " + reply.substr(6, 2)) << name;
         return script.lastHandle;
     }

@@ -13,7 +13,7 @@ using RoutingLoad = MuxTest;
 
 TEST_F(RoutingLoad, AllocatesNothingPerPacket) {
     constexpr int kPackets = 100000;
-    OpenController(true);
+    OpenControllerFirst(true);
     const std::uint32_t stream = Open(1, "stream8");
     const auto sensor = script.streams[stream];
     const auto board = script.streams[stream - 1];

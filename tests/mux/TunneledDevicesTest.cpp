@@ -14,23 +14,15 @@ using Calls = std::vector<std::string>;
 
 class Children : public MuxTest {
   protected:
-    Children() { OpenController(); }
+    Children() { OpenControllerFirst(); }
 
-    // What the host gets for a block of device data.
-    static std::string Data(std::uint32_t id, std::uint8_t sequence, const Bytes& block) {
-        Bytes packet = Tunnel(id, block);
-        packet[2] = sequence;
-        return ToHex(Sealed(packet));
-    }
     void ExpectOpenError(std::uint8_t sequence, const Bytes& command, std::uint8_t code) {
-        EXPECT_EQ(Reply(Tunnel(kController, command)), ControllerReply(sequence, 0x9C, 0x70, code))
-            << ToHex(command);
+        EXPECT_EQ(Reply(command), ControllerReply(sequence, 0x9C, 0x70, code)) << ToHex(command);
     }
 };
 
 TEST_F(Children, OpenTheFirstAttachedDeviceOfTheNamesType) {
-    EXPECT_EQ(Reply(Tunnel(kController, OpenChild(0xAABBCCDD, "stream8"))),
-              ControllerReply(1, 0x98, 0x70, 0));
+    EXPECT_EQ(Reply(OpenChild(0xAABBCCDD, "stream8")), ControllerReply(1, 0x98, 0x70, 0));
     EXPECT_EQ(script.TakeCalls(),
               (Calls{"VEXA_SearchForDevices(9, 8, 1, 0)", "VEXA_CloseDeviceListSnapshot(108)",
                      "VEXA_Device_Stream_Open(first of 8, mode 3) = 4"}));
@@ -38,11 +30,9 @@ TEST_F(Children, OpenTheFirstAttachedDeviceOfTheNamesType) {
     Pass(Tunnel(0xAABBCCDD, {}));
     EXPECT_EQ(script.writes, (Calls{"4: 40 06 01 47 aa bb", "4: "}));
 
-    EXPECT_EQ(Reply(Tunnel(kController, CloseChild(0xAABBCCDD))),
-              ControllerReply(2, 0x98, 0x71, 0));
+    EXPECT_EQ(Reply(CloseChild(0xAABBCCDD)), ControllerReply(2, 0x98, 0x71, 0));
     EXPECT_EQ(script.TakeCalls(), Calls{"VEXA_Device_Stream_Close(4)"});
-    EXPECT_EQ(Reply(Tunnel(kController, CloseChild(0xAABBCCDD))),
-              ControllerReply(3, 0x9C, 0x70, 54))
+    EXPECT_EQ(Reply(CloseChild(0xAABBCCDD)), ControllerReply(3, 0x9C, 0x70, 54))
         << "an unknown child, reported under the open command";
 }
 
@@ -56,8 +46,8 @@ TEST_F(Children, AreRefusedForEveryReasonThereIs) {
     ExpectOpenError(sequence++, OpenChild(2, "hid4"), 54);                 // none attached
     ExpectOpenError(sequence++, OpenChild(2, std::string(220, 'x')), 54);  // length 221
     Bytes cut = OpenChild(2, "stream8-and-more");
-    cut[9] = 7;  // the length ends the name
-    EXPECT_EQ(Reply(Tunnel(kController, cut)), ControllerReply(sequence++, 0x98, 0x70, 0));
+    cut[17] = 7;  // the length ends the name
+    EXPECT_EQ(Reply(Sealed(cut)), ControllerReply(sequence++, 0x98, 0x70, 0));
     script.streamsOpen = false;
     ExpectOpenError(sequence++, OpenChild(3, "stream8"), 54);
     script.streamsOpen = true;
@@ -72,7 +62,8 @@ TEST_F(Children, WrapTheirDataUpTo245Bytes) {
     const std::uint32_t stream = Open(0x01020304, "stream11");
     EXPECT_EQ(script.Send(stream, Bytes(245, 0x5A)), 0);
     EXPECT_EQ(script.Send(stream, {}), 0);
-    EXPECT_EQ(link.Take(), Data(0x01020304, 0, Bytes(245, 0x5A)) + " " + Data(0x01020304, 1, {}));
+    EXPECT_EQ(link.Take(),
+              ChildData(0x01020304, 0, Bytes(245, 0x5A)) + " " + ChildData(0x01020304, 1, {}));
     EXPECT_EQ(Printed([&] {
                   for (const std::size_t size : {246U, 300U}) {
                       EXPECT_EQ(script.Send(stream, Bytes(size, 0)), -1);
@@ -83,7 +74,7 @@ TEST_F(Children, WrapTheirDataUpTo245Bytes) {
     for (int i = 2; i < 256; ++i) script.Send(stream, {1});
     link.Take();
     script.Send(stream, {1});
-    EXPECT_EQ(link.Take(), Data(0x01020304, 0, {1})) << "256 packets on";
+    EXPECT_EQ(link.Take(), ChildData(0x01020304, 0, {1})) << "256 packets on";
 }
 
 TEST_F(Children, OfTheHIDKindPassReportsOnceArmed) {
@@ -95,8 +86,8 @@ TEST_F(Children, OfTheHIDKindPassReportsOnceArmed) {
     EXPECT_EQ(Printed([&] { EXPECT_EQ(script.Send(stream, init), 0); }), "Tarn Init Response \n");
     script.Send(stream, plain);
     EXPECT_EQ(Printed([&] { script.Send(stream, Hex("c0 00 00 00 00 00 00 02")); }), "");
-    EXPECT_EQ(link.Take(), Data(5, 0, init) + " " + Data(5, 1, plain) + " " +
-                               Data(5, 2, Hex("c0 00 00 00 00 00 00 02")));
+    EXPECT_EQ(link.Take(), ChildData(5, 0, init) + " " + ChildData(5, 1, plain) + " " +
+                               ChildData(5, 2, Hex("c0 00 00 00 00 00 00 02")));
     EXPECT_EQ(Printed([&] {
                   for (const std::size_t size : {7U, 9U, 0U}) {
                       EXPECT_EQ(script.Send(stream, Bytes(size, 0xFF)), -1);
@@ -108,7 +99,7 @@ TEST_F(Children, OfTheHIDKindPassReportsOnceArmed) {
 TEST_F(Children, ThatAreGoneRefuseTheirDataAndTheirPackets) {
     const std::uint32_t stream = Open(5, "stream8");
     const auto late = script.streams[stream];
-    Reply(Tunnel(kController, CloseChild(5)));
+    Reply(CloseChild(5));
     EXPECT_EQ(
         Printed([&] { EXPECT_EQ(late.callback(Bytes(300, 1).data(), 300, late.context), -1); }),
         "");
@@ -156,10 +147,10 @@ TEST_F(Children, KeepTheirSequenceWhileOthersComeAndGo) {
     });
     Printed([&] {
         for (int round = 0; round < 50; ++round) {
-            Reply(Tunnel(kController, OpenChild(2, "stream9")));
-            Reply(Tunnel(kController, OpenChild(3, "hid2")));
-            Reply(Tunnel(kController, CloseChild(2)));
-            Reply(Tunnel(kController, CloseChild(3)));
+            Reply(OpenChild(2, "stream9"));
+            Reply(OpenChild(3, "hid2"));
+            Reply(CloseChild(2));
+            Reply(CloseChild(3));
         }
         sender.join();
         stop = true;
@@ -168,7 +159,7 @@ TEST_F(Children, KeepTheirSequenceWhileOthersComeAndGo) {
     EXPECT_EQ(mux.Children().Count(), 2U);
     link.Take();
     callback.callback(Bytes{7}.data(), 1, callback.context);
-    EXPECT_EQ(link.Take(), Data(1, 300 % 256, {7}));
+    EXPECT_EQ(link.Take(), ChildData(1, 300 % 256, {7}));
 }
 
 }  // namespace
