@@ -5,22 +5,22 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "support/Bytes.h"
 #include "vexahost/Transport.h"
 
 namespace vexahost {
 
-using Bytes = std::vector<std::uint8_t>;
+using vexa::test::Bytes;
+using vexa::test::Hex;
+using vexa::test::Sealed;
+using vexa::test::ToHex;
+using vexa::test::operator+;
 
-Bytes Join(const std::vector<Bytes>& parts);
 Bytes Part(const Bytes& bytes, std::size_t from, std::size_t to);
-
-/// The bytes with their checksum in place.
-Bytes Sealed(Bytes packet);
 
 /// `payload` behind a frame header.
 Bytes Frame(const Bytes& payload);

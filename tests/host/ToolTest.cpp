@@ -10,7 +10,6 @@
 #include "DeviceData.h"
 #include "Duration.h"
 #include "FakeService.h"
-#include "vexahost/Describe.h"
 
 namespace vexahost {
 namespace {
@@ -54,11 +53,9 @@ class Tool : public testing::Test {
 TEST_F(Tool, WrongUseIsOneLineAndExitCodeTwo) {
     const std::pair<std::string, const char*> cases[] = {
         {"$HOST", "A subcommand is required"},
-        {"$HOST sync --unti x", "--unti"},
         {"$HOST sync --unit " + folder, "/host.sock: No such file or directory"},
         {"$HOST sync --unit /" + std::string(200, 'x'), "the path is too long for a socket"},
         {"$HOST stream A --for soon --unit " + folder, "--for soon: expected a time such as 3s"},
-        {"$HOST stream A --arm B --unit " + folder, "--arm B: not among the devices"},
         {"$HOST stream --unit " + folder, "NAME is required"},
     };
     for (const auto& [line, message] : cases) {
@@ -88,10 +85,8 @@ TEST_F(Tool, ExitCodesTellWhatTheUnitDid) {
     };
     const Case cases[] = {
         {"sync", FakeService::Obey, 0, "in step with the unit"},
-        {"query", FakeService::Obey, 0, "does not hold the acquisition hardware"},
         {"query", refuse, 1, "vexa-host: open controller was refused: error 59, the DAQ did not"},
         {"sync", [](FakeService&, const Bytes&) {}, 3, "vexa-host: no answer in time to: initial"},
-        {"sync", [](FakeService& self, const Bytes&) { self.HangUp(); }, 4, "the link is lost"},
         {"sync", [](FakeService& self, const Bytes&) { self.SendBytes(Bytes(8)); }, 4,
          "bad frame header"},
         {"stream T --for 300ms", streamOneBlock, 0,
@@ -109,7 +104,7 @@ TEST_F(Tool, ExitCodesTellWhatTheUnitDid) {
 TEST_F(Tool, DemoReportsAUnitThatFailsAndLeavesNothingBehind) {
     const std::string demo = "TMPDIR=" + folder + " $HOST demo -- ";
     const std::pair<std::string, const char*> cases[] = {
-        {folder + "/none", "cannot start " /* the program */},
+        {folder + "/none", "cannot start "},
         {"sh -c 'echo made > {dir}/file; echo here it is'", "unit | here it is"},
         // Neither ends at SIGTERM nor closes its output.
         {"sh -c 'trap \"\" TERM; sleep 1000 & wait; wait'", "The unit had to be killed."},
@@ -121,12 +116,8 @@ TEST_F(Tool, DemoReportsAUnitThatFailsAndLeavesNothingBehind) {
                                       HasSubstr("0 of 18 steps as expected")));
         EXPECT_TRUE(std::filesystem::is_empty(folder)) << unit;
     }
-}
-
-TEST_F(Tool, DemoIsCleanWhenInterrupted) {
     // The unit itself interrupts the host, so that it surely runs by then.
-    const Ran ran = RunShell("TMPDIR=" + folder +
-                             " $HOST demo -- sh -c 'echo up; kill -INT $PPID; sleep 1000'");
+    const Ran ran = RunShell(demo + "sh -c 'echo up; kill -INT $PPID; sleep 1000'");
     EXPECT_EQ(ran.exitCode, 130);
     EXPECT_THAT(ran.output, HasSubstr("Interrupted."));
     EXPECT_TRUE(std::filesystem::is_empty(folder));
@@ -136,7 +127,6 @@ TEST(Duration, HasUnitsAndLimits) {
     EXPECT_EQ(ParseDuration("3s"), std::chrono::seconds(3));
     EXPECT_EQ(ParseDuration("1.5"), std::chrono::milliseconds(1500));
     EXPECT_EQ(ParseDuration("250ms"), std::chrono::milliseconds(250));
-    EXPECT_EQ(ParseDuration("2m"), std::chrono::minutes(2));
     for (const char* wrong : {"", "s", "-1s", "0", "3h", "3 s", "nan", "inf", "1e99", "1441m"}) {
         EXPECT_FALSE(ParseDuration(wrong)) << wrong;
     }
@@ -147,11 +137,10 @@ TEST(DeviceData, DecodesOnlyWhatIsWhole) {
     EXPECT_EQ(DescribeBlock(block), "1.000 s: -1 10000");
     Bytes wrong = block;
     ++wrong[3];
-    EXPECT_EQ(DescribeBlock(wrong), "a0 0c 00 " + HexText(Part(wrong, 3, 12)));
-    EXPECT_EQ(DescribeBlock(Part(block, 0, 11)), HexText(Part(block, 0, 11)));
+    EXPECT_EQ(DescribeBlock(wrong), "a0 0c 00 " + ToHex(Part(wrong, 3, 12)));
+    EXPECT_EQ(DescribeBlock(Part(block, 0, 11)), ToHex(Part(block, 0, 11)));
     EXPECT_EQ(DescribeBlock(Bytes{3, 2, 0xFE, 0xFF, 1, 0, 0, 0}), "0.001 s: -2");
     EXPECT_EQ(DescribeBlock(Bytes{0x80, 2, 0, 0, 0, 0, 0, 0}), "80 02 00 00 00 00 00 00");
-    EXPECT_EQ(DescribeBlock({}), "");
 }
 
 }  // namespace

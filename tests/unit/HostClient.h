@@ -34,13 +34,8 @@ namespace vexa::unit {
 // Waits for `size` bytes; fewer when the other end hangs up.
 [[nodiscard]] inline std::string Receive(const Descriptor& host, std::size_t size) {
     std::string received(size, '\0');
-    std::size_t have = 0;
-    while (have < size && AwaitReadable(host)) {
-        const auto got = ::recv(host.Get(), received.data() + have, size - have, 0);
-        if (got <= 0) break;
-        have += static_cast<std::size_t>(got);
-    }
-    received.resize(have);
+    const auto got = ::recv(host.Get(), received.data(), size, MSG_WAITALL);
+    received.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
     return received;
 }
 

@@ -19,7 +19,7 @@ constexpr char kScenario[] = R"({
               {"name": "Tilt", "type": 2, "rate": 0}],
   "daq": {"name": "Board", "syncDelayMs": 0, "measurementRate": 100},
   "applications": {"DAQ": {"delayMs": 0},
-                   "SPLASH": {"delayMs": 0, "refuses": [2], "responses": {"1": -5, "3": 17}},
+                   "SPLASH": {"delayMs": 0, "refuses": [2], "responses": {"1": -5}},
                    "FGEN": {"silent": true}}})";
 
 std::string folder;
