@@ -43,10 +43,10 @@ struct SocketOSData : TransportRecord {
     void Receive(int accepted) const;
 
     std::atomic<int> listener{-1};  // set and closed by the owner, also read by the reader
-    std::atomic<int> client{-1};    // changed by the reader, under clientMutex
+    std::atomic<int> client{-1};    // set by the reader, and cleared by it under clientMutex
     std::uint16_t tcpPort = 0;
-    std::mutex
-        clientMutex;  // held while a writer sends, so that the socket is not closed meanwhile
+    // Held while a writer sends, so that the socket is not closed meanwhile.
+    std::mutex clientMutex;
     std::function<void(bool)> report;  // set before Open
 };
 

@@ -20,8 +20,11 @@ struct ReaderThread::Launch {
     std::shared_ptr<void> record;
 };
 
-ReaderThread::~ReaderThread() {
+ReaderThread::~ReaderThread() { LetGo(); }
+
+void ReaderThread::LetGo() {
     if (threadHandle) pthread_detach(*threadHandle);
+    threadHandle.reset();
 }
 
 bool ReaderThread::Start(Body body, std::shared_ptr<void> record) {
@@ -29,6 +32,7 @@ bool ReaderThread::Start(Body body, std::shared_ptr<void> record) {
     pthread_t thread{};
     if (pthread_create(&thread, nullptr, ThreadMain, launch.get()) != 0) return false;
     static_cast<void>(launch.release());
+    LetGo();  // of one that was given up before
     threadHandle = thread;
     return true;
 }

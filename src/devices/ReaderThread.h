@@ -45,6 +45,7 @@ class ReaderThread {
   private:
     struct Launch;
     static void* ThreadMain(void* launch);
+    void LetGo();
 
     std::optional<pthread_t> threadHandle;
     std::atomic<bool> stopRequested{false};  // written by Stop, read by the thread

@@ -38,11 +38,7 @@ void CriSession::Terminate() {
         ending = std::move(thread);
     }
     changed.notify_one();
-    if (ending.get_id() == std::this_thread::get_id()) {
-        ending.detach();  // terminated by its own callback: it ends when that returns
-    } else {
-        ending.join();
-    }
+    AwaitEnd(std::move(ending));
 }
 
 std::int32_t CriSession::Perform(std::uint32_t command) {

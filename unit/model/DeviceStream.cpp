@@ -42,11 +42,7 @@ void DeviceStream::Close() {
         ending = std::move(thread);
     }
     changed.notify_one();
-    if (ending.get_id() == std::this_thread::get_id()) {
-        ending.detach();  // closed by its own callback: it ends when that returns
-    } else {
-        ending.join();
-    }
+    AwaitEnd(std::move(ending));
 }
 
 StreamCounts DeviceStream::Counts() const { return {blocks, taken, refused, writes}; }

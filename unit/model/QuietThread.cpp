@@ -14,4 +14,12 @@ std::thread StartQuietThread(std::function<void()> body) {
     return thread;
 }
 
+void AwaitEnd(std::thread ending) {
+    if (ending.get_id() == std::this_thread::get_id()) {
+        ending.detach();
+    } else {
+        ending.join();
+    }
+}
+
 }  // namespace vexa::unit
