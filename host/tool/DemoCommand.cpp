@@ -1,9 +1,12 @@
 #include "DemoCommand.h"
 
+#include <CLI/CLI.hpp>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <string>
 #include <string_view>
+#include <vector>
 
 #include "Console.h"
 #include "Interrupt.h"
@@ -12,6 +15,11 @@
 namespace {
 
 using vexahost::ErrorKind;
+
+struct DemoOptions {
+    std::string directory;             // of the unit; empty: a temporary one, removed at the end
+    std::vector<std::string> command;  // starts the unit; "{dir}" in it stands for the directory
+};
 
 // A directory of its own for the unit, removed with all that is in it.
 class TemporaryDirectory {
@@ -43,8 +51,6 @@ void ReplaceDirectory(std::string& word, const std::string& directory) {
     }
 }
 
-}  // namespace
-
 ExitCode RunDemo(const DemoOptions& options) {
     CatchInterrupts();
     std::string directory = options.directory;
@@ -61,4 +67,26 @@ ExitCode RunDemo(const DemoOptions& options) {
     const Console console;
     Demo demo(console, command, directory);
     return demo.Run();
+}
+
+}  // namespace
+
+void AddDemoCommand(CLI::App& program, ExitCode& exitCode) {
+    auto* command = program.add_subcommand(
+        "demo", "Start a virtual unit, play a whole host session against it, and show both sides");
+    const auto options = std::make_shared<DemoOptions>();
+    command
+        ->add_option("--dir", options->directory,
+                     "directory of the unit (a temporary one, removed at the end)")
+        ->option_text("DIR");
+    command
+        ->add_option("COMMAND", options->command,
+                     "what starts the unit; {dir} stands for the directory")
+        ->required()
+        ->option_text("-- COMMAND ARGS...");
+    command->positionals_at_end();
+    command->footer(
+        "Example: vexa-host demo -- vexa-unit run --dir {dir} --journal {dir}/journal\n"
+        "Exit codes: 0 when every step went as expected, else 1.");
+    OnChosen(*command, exitCode, [options] { return RunDemo(*options); });
 }

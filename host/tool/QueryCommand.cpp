@@ -1,13 +1,14 @@
 #include "QueryCommand.h"
 
+#include <CLI/CLI.hpp>
 #include <cstdio>
 
-#include "Connection.h"
+namespace {
 
 // Leaves by disconnecting: closing the controller would tell the applications to take the hardware
 // back, although nobody took it from them.
-ExitCode RunQuery(const QueryOptions& options) {
-    auto client = ConnectAndSync(options.unit);
+ExitCode RunQuery(const UnitAddress& unit) {
+    auto client = ConnectAndSync(unit);
     if (!client) return ReportError(client.Failure());
     if (const auto opened = (*client)->OpenController(kControllerId, false); !opened) {
         return ReportError(opened.Failure());
@@ -17,4 +18,15 @@ ExitCode RunQuery(const QueryOptions& options) {
     std::printf("the unit's DAQ application %s the acquisition hardware\n",
                 *holds ? "holds" : "does not hold");
     return kExitDone;
+}
+
+}  // namespace
+
+void AddQueryCommand(CLI::App& program, ExitCode& exitCode) {
+    auto* command = program.add_subcommand(
+        "query", "Ask whether the unit's own DAQ application holds the acquisition hardware");
+    const auto unit = std::make_shared<UnitAddress>();
+    AddUnitOptions(*command, *unit);
+    command->footer("Example: vexa-host query --dir build/unit");
+    OnChosen(*command, exitCode, [unit] { return RunQuery(*unit); });
 }

@@ -1,14 +1,16 @@
 #include "StreamCommand.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
 #include <optional>
+#include <set>
+#include <string>
+#include <vector>
 
-#include "Connection.h"
 #include "DeviceData.h"
-#include "Duration.h"
 #include "Interrupt.h"
 
 namespace {
@@ -20,6 +22,13 @@ using vexahost::ErrorKind;
 using vexahost::Expected;
 using vexahost::Milliseconds;
 using Clock = std::chrono::steady_clock;
+
+struct StreamOptions {
+    UnitAddress unit;
+    std::vector<std::string> names;        // of the sensors
+    std::set<std::string> arm;             // those of them that are to be sent the init request
+    std::optional<Milliseconds> duration;  // nothing: until interrupted
+};
 
 ChildId IdOf(std::size_t index) { return kFirstDeviceId + static_cast<ChildId>(index); }
 
@@ -73,17 +82,7 @@ void PrintTotals(const Client& client, const StreamOptions& options) {
     }
 }
 
-}  // namespace
-
 ExitCode RunStream(const StreamOptions& options) {
-    std::optional<Milliseconds> duration;
-    if (!options.duration.empty()) {
-        duration = ParseDuration(options.duration);
-        if (!duration) {
-            return ReportError({ErrorKind::kInvalidArgument,
-                                "--for " + options.duration + ": expected a time such as 3s"});
-        }
-    }
     for (const std::string& name : options.arm) {
         if (std::ranges::find(options.names, name) == options.names.end()) {
             return ReportError({ErrorKind::kInvalidArgument,
@@ -97,8 +96,26 @@ ExitCode RunStream(const StreamOptions& options) {
         return ReportError(opened.Failure());
     }
     // Counted from here: until the unit has seen the cable, half a second may have gone.
-    const auto end = duration ? Clock::now() + *duration : Clock::time_point::max();
+    const auto end = options.duration ? Clock::now() + *options.duration : Clock::time_point::max();
     const auto printed = PrintUntil(**client, options, end);
     PrintTotals(**client, options);
     return printed ? kExitDone : ReportError(printed.Failure());
+}
+
+}  // namespace
+
+void AddStreamCommand(CLI::App& program, ExitCode& exitCode) {
+    auto* command = program.add_subcommand(
+        "stream", "Open sensors and print what they send, a line for each block");
+    const auto options = std::make_shared<StreamOptions>();
+    AddUnitOptions(*command, options->unit);
+    command->add_option("NAME", options->names, "names of the sensors")->required()->expected(1, 9);
+    command->add_option("--arm", options->arm, "HID sensors that are to be sent the init request")
+        ->option_text("NAME ...");
+    AddDurationOption(*command, "--for", options->duration,
+                      "how long, e.g. 3s, 500ms, 2m (until Ctrl-C)");
+    command->footer(
+        "Examples: vexa-host stream Accelerometer Microphone --for 3s\n"
+        "          vexa-host stream Thermometer --arm Thermometer --for 10s");
+    OnChosen(*command, exitCode, [options] { return RunStream(*options); });
 }

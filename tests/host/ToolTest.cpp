@@ -53,10 +53,10 @@ class Tool : public testing::Test {
 TEST_F(Tool, WrongUseIsOneLineAndExitCodeTwo) {
     const std::pair<std::string, const char*> cases[] = {
         {"$HOST", "A subcommand is required"},
-        {"$HOST sync --unit " + folder, "/host.sock: No such file or directory"},
-        {"$HOST sync --unit /" + std::string(200, 'x'), "the path is too long for a socket"},
-        {"$HOST stream A --for soon --unit " + folder, "--for soon: expected a time such as 3s"},
-        {"$HOST stream --unit " + folder, "NAME is required"},
+        {"$HOST sync --dir " + folder, "/host.sock: No such file or directory"},
+        {"$HOST sync --dir /" + std::string(200, 'x'), "the path is too long for a socket"},
+        {"$HOST stream A --for soon --dir " + folder, "--for soon: expected a time such as 3s"},
+        {"$HOST stream --dir " + folder, "NAME is required"},
     };
     for (const auto& [line, message] : cases) {
         const Ran ran = RunShell(line);
