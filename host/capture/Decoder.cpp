@@ -1,0 +1,210 @@
+#include "capture/Decoder.h"
+
+#include <algorithm>
+
+#include "capture/FrameCutter.h"
+#include "vexahost/Requests.h"
+
+namespace vexahost {
+
+namespace {
+
+using Bytes = std::span<const std::uint8_t>;
+
+bool IsTunnel(Bytes packet) {
+    return vexa::TypeClass(packet[vexa::kTypeOffset]) == vexa::kClassTunnel &&
+           packet.size() >= vexa::kTunnelHeaderSize;
+}
+
+ChildId TunnelId(Bytes packet) { return vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset); }
+
+bool IsReply(Bytes packet) {
+    return packet.size() == vexa::kReplySize &&
+           (packet[vexa::kTypeOffset] == vexa::kTypeAcknowledge ||
+            packet[vexa::kTypeOffset] == vexa::kTypeError);
+}
+
+bool IsCommand(Bytes inner, vexa::ControllerCommand command) {
+    return inner.size() >= vexa::kCommandNameLengthOffset &&
+           inner[vexa::kCommandOffset] == static_cast<std::uint8_t>(command);
+}
+
+// The name in an open command: as far as the packet goes and up to a zero byte.
+std::string NameIn(Bytes inner) {
+    if (inner.size() <= vexa::kCommandNameOffset) return {};
+    const auto text = inner.subspan(vexa::kCommandNameOffset);
+    const auto most =
+        text.first(std::min<std::size_t>(text.size(), inner[vexa::kCommandNameLengthOffset]));
+    std::string name(most.begin(), std::ranges::find(most, 0));
+    std::ranges::replace_if(
+        name, [](char letter) { return letter < ' ' || letter > '~'; }, '?');
+    return name;
+}
+
+}  // namespace
+
+const char* KindName(PacketKind kind) {
+    switch (kind) {
+        case PacketKind::kInitialSync:
+            return "initial-sync";
+        case PacketKind::kMultiplexerCommand:
+            return "multiplexer-command";
+        case PacketKind::kControllerCommand:
+            return "controller-command";
+        case PacketKind::kChildData:
+            return "child-data";
+        case PacketKind::kInitialSyncReply:
+            return "initial-sync-reply";
+        case PacketKind::kMultiplexerReply:
+            return "multiplexer-reply";
+        case PacketKind::kControllerReply:
+            return "controller-reply";
+        case PacketKind::kDaqPacket:
+            return "daq-packet";
+        case PacketKind::kOther:
+            return "other";
+        case PacketKind::kBroken:
+            return "broken";
+        case PacketKind::kEvent:
+            return "event";
+    }
+    return "other";
+}
+
+void CaptureDecoder::Take(const CapturedFrame& frame) {
+    if (frame.bytes.empty()) {
+        TakeEvent(frame);
+    } else if (frame.direction == Direction::kToUnit) {
+        TakeRequests(frame);
+    } else {
+        TakeFrameOfUnit(frame);
+    }
+}
+
+void CaptureDecoder::TakeEvent(const CapturedFrame& frame) {
+    if (frame.comment == kCableIn) {
+        toUnit.Reset();
+        fromUnit = {};
+        fromUnit.AwaitSyncReply();
+        violationSaid = false;
+        controller.reset();
+        names.clear();
+    }
+    std::string text = frame.comment.empty() ? "no bytes" : frame.comment;
+    std::ranges::replace_if(
+        text, [](char letter) { return letter >= 0 && letter < ' '; }, '?');
+    sink({frame.time, frame.direction, PacketKind::kEvent, true, std::nullopt, {}, text});
+}
+
+void CaptureDecoder::Finish(CaptureTime time) {
+    const Bytes unfinished = toUnit.Unfinished();
+    if (unfinished.empty()) return;
+    SayBroken(time, Direction::kToUnit, unfinished,
+              "the beginning of a packet that never came whole");
+}
+
+void CaptureDecoder::TakeRequests(const CapturedFrame& frame) {
+    Bytes input = frame.bytes;
+    while (const auto packet = toUnit.Next(input)) {
+        const PacketKind kind =
+            packet->checksumRight ? KindOfRequest(packet->bytes) : PacketKind::kBroken;
+        if (packet->checksumRight) Follow(packet->bytes);
+        if (kind == PacketKind::kInitialSync) {
+            fromUnit.AwaitSyncReply();
+            violationSaid = false;
+        }
+        Say(frame.time, frame.direction, kind, *packet);
+    }
+}
+
+void CaptureDecoder::TakeFrameOfUnit(const CapturedFrame& frame) {
+    if (frame.bytes.size() < kFrameHeaderSize || !ReadFrameHeader(frame.bytes).good) {
+        return SayBroken(frame.time, frame.direction, frame.bytes, "no frame header");
+    }
+    Bytes payload = frame.bytes.subspan(kFrameHeaderSize);
+    const std::size_t length = ReadFrameHeader(frame.bytes).length;
+    while (const auto packet = fromUnit.Next(payload)) {
+        Say(frame.time, frame.direction, KindFromUnit(packet->bytes), *packet);
+    }
+    if (fromUnit.IsViolated() && !violationSaid) {
+        violationSaid = true;
+        SayBroken(frame.time, frame.direction, {}, "no packet: " + fromUnit.Violation());
+    }
+    if (frame.bytes.size() != kFrameHeaderSize + length) {
+        SayBroken(frame.time, frame.direction, {},
+                  "frame of " + std::to_string(length) + " bytes with " +
+                      std::to_string(frame.bytes.size() - kFrameHeaderSize));
+    }
+}
+
+PacketKind CaptureDecoder::KindOfRequest(Bytes packet) const {
+    if (IsTunnel(packet)) {
+        const Bytes inner = packet.subspan(vexa::kTunnelHeaderSize);
+        const bool command = ReopensController(inner) || TunnelId(packet) == controller;
+        return command ? PacketKind::kControllerCommand : PacketKind::kChildData;
+    }
+    if (vexa::TypeClass(packet[vexa::kTypeOffset]) != vexa::kClassCommand)
+        return PacketKind::kOther;
+    const bool sync = packet.size() == vexa::kInitialSyncSize &&
+                      packet[vexa::kCommandOffset] == vexa::kInitialSyncCommand;
+    return sync ? PacketKind::kInitialSync : PacketKind::kMultiplexerCommand;
+}
+
+PacketKind CaptureDecoder::KindFromUnit(Bytes packet) const {
+    if (IsTunnel(packet)) {
+        // The controller answers under 0 when its entry is gone by then.
+        const ChildId id = TunnelId(packet);
+        const bool ofController = id == controller || (id == 0 && !names.contains(id));
+        return ofController && IsReply(packet.subspan(vexa::kTunnelHeaderSize))
+                   ? PacketKind::kControllerReply
+                   : PacketKind::kChildData;
+    }
+    if (IsInitialSyncReply(packet)) return PacketKind::kInitialSyncReply;
+    if (vexa::TypeClass(packet[vexa::kTypeOffset]) == vexa::kClassDaqReply) {
+        const bool reply = packet[vexa::kTypeOffset] == vexa::kTypeInitialSyncReply &&
+                           packet.size() == vexa::kReplySize;
+        return reply ? PacketKind::kMultiplexerReply : PacketKind::kDaqPacket;
+    }
+    return IsReply(packet) ? PacketKind::kMultiplexerReply : PacketKind::kOther;
+}
+
+void CaptureDecoder::Follow(Bytes request) {
+    if (KindOfRequest(request) != PacketKind::kControllerCommand) return;
+    const Bytes inner = request.subspan(vexa::kTunnelHeaderSize);
+    if (inner.size() < vexa::kCommandNameLengthOffset) return;
+    const ChildId id = vexa::LoadLe32(inner.data() + vexa::kCommandChildIdOffset);
+    if (ReopensController(inner)) {
+        controller = id;
+        names.clear();
+    } else if (IsCommand(inner, vexa::ControllerCommand::kOpenChild)) {
+        names.emplace(id, NameIn(inner));  // an id that is in use already stays what it is
+    }
+}
+
+std::string CaptureDecoder::ChildText(Direction direction, ChildId child, std::size_t bytes) const {
+    char id[16];
+    std::snprintf(id, sizeof id, "0x%X", child);
+    std::string text = std::to_string(bytes) + (bytes == 1 ? " byte " : " bytes ");
+    text += direction == Direction::kToUnit ? "to child " : "from child ";
+    text += id;
+    const auto name = names.find(child);
+    return name == names.end() ? text : text + " \"" + name->second + '"';
+}
+
+void CaptureDecoder::Say(CaptureTime time, Direction direction, PacketKind kind,
+                         const PacketView& packet) {
+    DecodedPacket decoded{time, direction, kind, packet.checksumRight, {}, packet.bytes, {}};
+    if (IsTunnel(packet.bytes)) decoded.child = TunnelId(packet.bytes);
+    decoded.text =
+        kind == PacketKind::kChildData && packet.checksumRight
+            ? ChildText(direction, *decoded.child, packet.bytes.size() - vexa::kTunnelHeaderSize)
+            : DescribePacket(direction, packet.bytes);
+    sink(decoded);
+}
+
+void CaptureDecoder::SayBroken(CaptureTime time, Direction direction, Bytes bytes,
+                               const std::string& text) {
+    sink({time, direction, PacketKind::kBroken, false, std::nullopt, bytes, text});
+}
+
+}  // namespace vexahost
