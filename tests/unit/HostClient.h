@@ -3,27 +3,17 @@
 
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 
-#include <cstring>
 #include <string>
 
 #include "model/Descriptor.h"
-#include "model/HostSocket.h"
+#include "model/UnitSocket.h"
 
 namespace vexa::unit {
 
 // A connection to the host socket in `folder`; owns nothing when there is none to be had.
 [[nodiscard]] inline Descriptor ConnectHost(const std::string& folder) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = HostSocketPath(folder);
-    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    Descriptor host(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    if (::connect(host.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        return {};
-    }
-    return host;
+    return ConnectTo(HostSocketPath(folder));
 }
 
 [[nodiscard]] inline bool AwaitReadable(const Descriptor& host) {

@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 
-#include "model/HostSocket.h"
+#include "model/UnitSocket.h"
 #include "unit/HostClient.h"
 #include "unit/RunningTool.h"
 
@@ -81,7 +81,7 @@ TEST_F(RunCommand, RefusesAFolderInWhichAUnitRuns) {
     }
     // A socket that somebody else listens on.
     fs::create_directory(Scratch("unit"));
-    const Descriptor listener = ListenForHosts(Scratch("unit"));
+    const Descriptor listener = ListenOn(HostSocketPath(Scratch("unit")));
     RunningTool third(Run({}, {"exit", "0"}));
     EXPECT_EQ(third.Wait(), 2);
     EXPECT_TRUE(ConnectHost(Scratch("unit")));

@@ -21,6 +21,7 @@ inline constexpr std::uint32_t kMaxBlockSize = 65536;
 inline constexpr std::uint32_t kMaxMeasurementSize = 255;
 inline constexpr std::size_t kMaxDeviceName = 219;  // bytes; callers' name buffers hold 220
 inline constexpr double kMaxRate = 10000;           // blocks per second
+inline constexpr std::uint32_t kMaxDelayMs = 600000;
 
 enum class Waveform { kSine, kRamp, kSquare, kNoise };
 

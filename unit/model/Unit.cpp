@@ -11,9 +11,9 @@
 #include <string>
 #include <variant>
 
-#include "model/HostSocket.h"
 #include "model/ScenarioFile.h"
 #include "model/UnitEnvironment.h"
+#include "model/UnitSocket.h"
 
 namespace vexa::unit {
 
@@ -40,10 +40,11 @@ Descriptor HostSocketOfEnvironment() {
     if (folder.empty()) {
         throw std::runtime_error(std::string(kFolderVariable) + " does not name a folder");
     }
+    const std::string path = HostSocketPath(folder);
     const std::string text = Variable(kHostSocketVariable);
     int inherited = -1;
     std::from_chars(text.data(), text.data() + text.size(), inherited);
-    if (inherited < 0 || !ListensForHosts(inherited, folder)) return ListenForHosts(folder);
+    if (inherited < 0 || !ListensOn(inherited, path)) return ListenOn(path);
     ::fcntl(inherited, F_SETFD, FD_CLOEXEC);
     return Descriptor(inherited);
 }

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <filesystem>
 
-#include "model/HostSocket.h"
+#include "model/UnitSocket.h"
 #include "run/UserError.h"
 
 namespace vexa::unit {
@@ -71,7 +71,7 @@ void UnitFolder::Lock() {
 
 void UnitFolder::Listen() {
     try {
-        hostSocket = ListenForHosts(path);
+        hostSocket = ListenOn(HostSocketPath());
     } catch (const std::runtime_error& error) {
         throw UserError(error.what());
     }

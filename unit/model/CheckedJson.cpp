@@ -1,4 +1,4 @@
-#include "model/ScenarioNode.h"
+#include "model/CheckedJson.h"
 
 #include <algorithm>
 #include <limits>
@@ -23,47 +23,46 @@ std::string Range(std::string_view kind, const std::string& least, const std::st
 
 }  // namespace
 
-std::string ScenarioNode::PathOf(std::string_view key) const {
+std::string CheckedJson::PathOf(std::string_view key) const {
     return path.empty() ? std::string(key) : path + "." + std::string(key);
 }
 
-void ScenarioNode::Complain(std::string_view expected) const {
-    const std::string place = path.empty() ? "the whole file" : path;
-    throw ScenarioComplaint(place + ": expected " + std::string(expected) + ", not " +
-                            Quoted(value));
+void CheckedJson::Complain(std::string_view expected) const {
+    const std::string place = path.empty() ? "the whole" : path;
+    throw JsonComplaint(place + ": expected " + std::string(expected) + ", not " + Quoted(value));
 }
 
-void ScenarioNode::RequireKeys(std::initializer_list<std::string_view> keys) const {
+void CheckedJson::RequireKeys(std::initializer_list<std::string_view> keys) const {
     if (!value.is_object()) Complain("an object");
     for (const auto& item : value.items()) {
         if (std::ranges::find(keys, item.key()) != keys.end()) continue;
         std::string known;
         for (const auto key : keys) known += (known.empty() ? "" : ", ") + std::string(key);
-        throw ScenarioComplaint(PathOf(item.key()) + ": unknown key; expected one of: " + known);
+        throw JsonComplaint(PathOf(item.key()) + ": unknown key; expected one of: " + known);
     }
 }
 
-bool ScenarioNode::Has(std::string_view key) const { return value.contains(key); }
+bool CheckedJson::Has(std::string_view key) const { return value.contains(key); }
 
-ScenarioNode ScenarioNode::Member(std::string_view key) const {
+CheckedJson CheckedJson::Member(std::string_view key) const {
     return {*value.find(key), PathOf(key)};
 }
 
-void ScenarioNode::ReadBool(std::string_view key, bool& into) const {
+void CheckedJson::ReadBool(std::string_view key, bool& into) const {
     if (!Has(key)) return;
-    const ScenarioNode member = Member(key);
+    const CheckedJson member = Member(key);
     if (!member.value.is_boolean()) member.Complain("true or false");
     into = member.value.get<bool>();
 }
 
-void ScenarioNode::ReadUnsigned(std::string_view key, std::uint32_t least, std::uint32_t most,
-                                std::uint32_t& into) const {
+void CheckedJson::ReadUnsigned(std::string_view key, std::uint32_t least, std::uint32_t most,
+                               std::uint32_t& into) const {
     if (Has(key)) into = Member(key).Unsigned(least, most);
 }
 
-void ScenarioNode::ReadRate(std::string_view key, double& into) const {
+void CheckedJson::ReadRate(std::string_view key, double& into) const {
     if (!Has(key)) return;
-    const ScenarioNode member = Member(key);
+    const CheckedJson member = Member(key);
     const double rate = member.value.is_number() ? member.value.get<double>() : -1;
     if (rate < 0 || rate > kMaxRate) {
         member.Complain(
@@ -72,13 +71,13 @@ void ScenarioNode::ReadRate(std::string_view key, double& into) const {
     into = rate;
 }
 
-void ScenarioNode::ReadName(std::string_view key, bool required, std::string& into) const {
+void CheckedJson::ReadName(std::string_view key, bool required, std::string& into) const {
     const std::string expected = "a name of 1 to " + std::to_string(kMaxDeviceName) + " bytes";
     if (!Has(key)) {
         if (!required) return;
-        throw ScenarioComplaint(PathOf(key) + ": expected " + expected + ", but it is missing");
+        throw JsonComplaint(PathOf(key) + ": expected " + expected + ", but it is missing");
     }
-    const ScenarioNode member = Member(key);
+    const CheckedJson member = Member(key);
     auto name = member.Text(expected);
     if (name.empty() || name.size() > kMaxDeviceName || name.find('\0') != std::string::npos) {
         member.Complain(expected);
@@ -86,7 +85,7 @@ void ScenarioNode::ReadName(std::string_view key, bool required, std::string& in
     into = std::move(name);
 }
 
-std::uint32_t ScenarioNode::Unsigned(std::uint32_t least, std::uint32_t most) const {
+std::uint32_t CheckedJson::Unsigned(std::uint32_t least, std::uint32_t most) const {
     if (value.is_number_unsigned()) {
         const auto number = value.get<std::uint64_t>();
         if (number >= least && number <= most) return static_cast<std::uint32_t>(number);
@@ -94,7 +93,7 @@ std::uint32_t ScenarioNode::Unsigned(std::uint32_t least, std::uint32_t most) co
     Complain(Range("a whole number", std::to_string(least), std::to_string(most)));
 }
 
-std::int32_t ScenarioNode::Signed32() const {
+std::int32_t CheckedJson::Signed32() const {
     using Limits = std::numeric_limits<std::int32_t>;
     // A large unsigned number would wrap when read as a signed one.
     const bool fits = value.is_number_integer() &&
@@ -104,20 +103,31 @@ std::int32_t ScenarioNode::Signed32() const {
     Complain("a 32-bit whole number");
 }
 
-std::string ScenarioNode::Text(std::string_view expected) const {
+std::string CheckedJson::Text(std::string_view expected) const {
     if (!value.is_string()) Complain(expected);
     return value.get<std::string>();
 }
 
-void ScenarioNode::EachElement(const std::function<void(const ScenarioNode&)>& visit) const {
+std::size_t CheckedJson::Choice(const std::vector<std::string_view>& words) const {
+    std::string expected;
+    for (std::size_t index = 0; index < words.size(); ++index) {
+        if (index > 0) expected += index + 1 == words.size() ? " or " : ", ";
+        expected += '"' + std::string(words[index]) + '"';
+    }
+    const auto found = std::ranges::find(words, Text(expected));
+    if (found == words.end()) Complain(expected);
+    return static_cast<std::size_t>(found - words.begin());
+}
+
+void CheckedJson::EachElement(const std::function<void(const CheckedJson&)>& visit) const {
     if (!value.is_array()) Complain("a list");
     for (std::size_t index = 0; index < value.size(); ++index) {
         visit({value[index], path + "[" + std::to_string(index) + "]"});
     }
 }
 
-void ScenarioNode::EachMember(
-    const std::function<void(const std::string& key, const ScenarioNode&)>& visit) const {
+void CheckedJson::EachMember(
+    const std::function<void(const std::string& key, const CheckedJson&)>& visit) const {
     if (!value.is_object()) Complain("an object");
     for (const auto& item : value.items()) visit(item.key(), {item.value(), PathOf(item.key())});
 }
