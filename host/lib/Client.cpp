@@ -39,20 +39,41 @@ class Registration {
 
 }  // namespace
 
-Client::Client(std::unique_ptr<Transport> connected, ClientOptions clientOptions)
+Client::Client(TransportFactory transportFactory, ClientOptions clientOptions)
     : options(std::move(clientOptions)),
-      transport(std::move(connected)),
+      factory(std::move(transportFactory)),
       pending(std::make_unique<PendingReplies>()),
       inbox(std::make_unique<Inbox>(options.queueCapacity)),
       receiver(std::make_unique<Receiver>(*this)) {}
 
-Client::~Client() { transport->Close(); }
+Client::Client(std::unique_ptr<Transport> connected, ClientOptions clientOptions)
+    : Client(TransportFactory{}, std::move(clientOptions)) {
+    transport = std::move(connected);
+    receiver->Start(transport);
+}
+
+Client::~Client() { EndConnection(); }
+
+Error Client::ClosedHere() { return {ErrorKind::kLinkLost, "the link was closed by this side"}; }
+
+void Client::EndConnection() {
+    pending->Fail(ClosedHere());
+    inbox->Fail(ClosedHere());
+    std::shared_ptr<Transport> ending;
+    {
+        const std::lock_guard lock(linkMutex);
+        ending = transport;
+    }
+    if (ending) ending->Close();
+}
 
 void Client::Close() {
-    const Error closed{ErrorKind::kLinkLost, "the link was closed by this side"};
-    pending->Fail(closed);
-    inbox->Fail(closed);
-    transport->Close();
+    {
+        const std::lock_guard lock(linkMutex);
+        ++closes;
+    }
+    linkChanged.notify_all();
+    EndConnection();
 }
 
 Expected<Done> Client::SendPacket(std::span<const std::uint8_t> packet) {

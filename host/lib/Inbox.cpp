@@ -59,11 +59,13 @@ void Inbox::DeliverDaq(Block block) {
 template <typename FindQueue>
 Expected<Block> Inbox::TakeFrom(FindQueue find, Deadline deadline) {
     std::unique_lock lock(mutex);
+    const std::uint64_t mine = connection;
     std::deque<Block>* queue = nullptr;
     changed.wait_until(lock, deadline, [&] {
         queue = find();
-        return queue == nullptr || !queue->empty() || linkError;
+        return queue == nullptr || !queue->empty() || linkError || connection != mine;
     });
+    if (connection != mine) return lastError;
     if (queue == nullptr)
         return Error{ErrorKind::kInvalidArgument, "no child with this id is open"};
     if (!queue->empty()) {
@@ -91,6 +93,17 @@ Expected<Block> Inbox::ReceiveDaq(Deadline deadline) {
 void Inbox::Fail(const Error& error) {
     const std::lock_guard lock(mutex);
     if (!linkError) linkError = error;
+    changed.notify_all();
+}
+
+void Inbox::Restart() {
+    const std::lock_guard lock(mutex);
+    if (!linkError) return;
+    children.clear();
+    daqPackets.clear();
+    lastError = *linkError;
+    linkError.reset();
+    ++connection;
     changed.notify_all();
 }
 

@@ -42,6 +42,10 @@ class Inbox {
     /// Ends all waits, present and to come, with `error`; the first call counts.
     void Fail(const Error& error);
 
+    /// After Fail: drops all children and packets and lets new waits begin. Those that waited at
+    /// Fail still end with its error.
+    void Restart();
+
     [[nodiscard]] std::optional<ChildStatistics> StatisticsOf(ChildId child) const;
     [[nodiscard]] std::uint64_t DaqDropped() const;
 
@@ -62,7 +66,9 @@ class Inbox {
     std::map<ChildId, Child> children;
     std::deque<Block> daqPackets;
     std::uint64_t daqDropped = 0;
+    std::uint64_t connection = 0;  // counts the calls of Restart
     std::optional<Error> linkError;
+    Error lastError{};  // of the connection before this one
 };
 
 }  // namespace vexahost

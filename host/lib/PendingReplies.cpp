@@ -21,6 +21,7 @@ bool Answers(const Reply& reply, const PendingRequest& request) {
 
 void PendingReplies::Add(PendingRequest& request) {
     const std::lock_guard lock(mutex);
+    request.connection = connection;
     requests.push_back(&request);
 }
 
@@ -32,8 +33,10 @@ void PendingReplies::Remove(PendingRequest& request) {
 Expected<Reply> PendingReplies::Wait(PendingRequest& request, Deadline deadline,
                                      const std::string& what) {
     std::unique_lock lock(mutex);
-    changed.wait_until(lock, deadline, [&] { return request.reply || linkError; });
+    const auto isOver = [&] { return request.connection != connection; };
+    changed.wait_until(lock, deadline, [&] { return request.reply || linkError || isOver(); });
     if (request.reply) return *request.reply;
+    if (isOver()) return lastError;
     if (linkError) return *linkError;
     return Error{ErrorKind::kTimeout, "no answer in time to: " + what};
 }
@@ -41,7 +44,8 @@ Expected<Reply> PendingReplies::Wait(PendingRequest& request, Deadline deadline,
 bool PendingReplies::Deliver(Reply reply) {
     const std::lock_guard lock(mutex);
     for (PendingRequest* request : requests) {
-        if (request->reply || !Answers(reply, *request)) continue;
+        if (request->reply || request->connection != connection) continue;
+        if (!Answers(reply, *request)) continue;
         request->reply = std::move(reply);
         changed.notify_all();
         return true;
@@ -52,6 +56,15 @@ bool PendingReplies::Deliver(Reply reply) {
 void PendingReplies::Fail(const Error& error) {
     const std::lock_guard lock(mutex);
     if (!linkError) linkError = error;
+    changed.notify_all();
+}
+
+void PendingReplies::Restart() {
+    const std::lock_guard lock(mutex);
+    if (!linkError) return;
+    lastError = *linkError;
+    linkError.reset();
+    ++connection;
     changed.notify_all();
 }
 

@@ -30,7 +30,8 @@ struct PendingRequest {
     ReplySource source;
     std::uint8_t command;
     std::uint8_t sequence;
-    std::optional<Reply> reply;  // guarded by the table's mutex
+    std::optional<Reply> reply;    // guarded by the table's mutex
+    std::uint64_t connection = 0;  // that it was added in
 };
 
 /// Safe from any thread.
@@ -53,14 +54,20 @@ class PendingReplies {
     /// Ends all waits, present and to come, with `error`; the first call counts.
     void Fail(const Error& error);
 
-    /// The error that Fail was called with.
+    /// After Fail: lets new requests wait again. Those that waited at Fail still end with its
+    /// error.
+    void Restart();
+
+    /// The error that Fail was called with, until Restart.
     [[nodiscard]] std::optional<Error> LinkError() const;
 
   private:
     mutable std::mutex mutex;  // guards all below, and `reply` of the requests
     std::condition_variable changed;
     std::vector<PendingRequest*> requests;
+    std::uint64_t connection = 0;  // counts the calls of Restart
     std::optional<Error> linkError;
+    Error lastError{};  // of the connection before this one
 };
 
 }  // namespace vexahost

@@ -32,31 +32,43 @@ Block MakeBlock(std::span<const std::uint8_t> bytes, bool checksumRight) {
 
 }  // namespace
 
-Client::Receiver::Receiver(Client& owner) : client(owner), thread([this] { Run(); }) {}
+Client::Receiver::Receiver(Client& owner) : client(owner) {}
 
-Client::Receiver::~Receiver() { thread.join(); }
+Client::Receiver::~Receiver() { Stop(); }
 
-void Client::Receiver::Run() {
-    const Error error = ReadUntilError();
-    client.transport->Close();
+void Client::Receiver::Start(std::shared_ptr<Transport> transport) {
+    frames = {};
+    packets = {};
+    syncAwaited = true;
+    thread = std::thread([this, transport = std::move(transport)] { Run(*transport); });
+}
+
+void Client::Receiver::Stop() {
+    if (thread.joinable()) thread.join();
+}
+
+void Client::Receiver::Run(Transport& transport) {
+    const Error error = ReadUntilError(transport);
+    transport.Close();
     client.pending->Fail(error);
     client.inbox->Fail(error);
 }
 
-Error Client::Receiver::ReadUntilError() {
+Error Client::Receiver::ReadUntilError(Transport& transport) {
     std::array<std::uint8_t, kReadSize> buffer;
+    const std::uint64_t framesBefore = frameCount;
     for (;;) {
-        const auto count = client.transport->Read(buffer, kReadTimeout);
+        const auto count = transport.Read(buffer, kReadTimeout);
         if (!count) return count.Failure();
         std::span<const std::uint8_t> input = std::span(buffer).first(*count);
-        if (client.transport->UnitFraming() == Framing::kNone) {
+        if (transport.UnitFraming() == Framing::kNone) {
             TakePayload(input);
             input = {};
         }
         for (auto piece = frames.Next(input); !piece.empty(); piece = frames.Next(input)) {
             TakePayload(piece);
         }
-        frameCount = frames.FrameCount();
+        frameCount = framesBefore + frames.FrameCount();
         if (frames.IsViolated()) return {ErrorKind::kProtocolViolation, frames.Violation()};
         if (packets.IsViolated()) return {ErrorKind::kProtocolViolation, packets.Violation()};
     }

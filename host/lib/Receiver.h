@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <thread>
 
@@ -16,12 +17,19 @@ namespace vexahost {
 
 class Client::Receiver {
   public:
-    /// Starts the thread, which uses parts of `client` until the destructor has returned. The
-    /// transport must be closed before that.
+    /// The thread uses parts of `client` while it runs.
     explicit Receiver(Client& client);
+
+    /// Stops.
     ~Receiver();
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
+
+    /// Starts the thread on a transport. Not while it runs; by one thread at a time, as Stop.
+    void Start(std::shared_ptr<Transport> transport);
+
+    /// Waits for the thread's end, if it runs; its transport must be closed before that.
+    void Stop();
 
     /// From here to the next initial-sync reply that reply is looked for at every byte.
     void AwaitSyncReply() { syncAwaited.store(true); }
@@ -29,8 +37,8 @@ class Client::Receiver {
     [[nodiscard]] ClientStatistics Statistics() const;
 
   private:
-    void Run();
-    Error ReadUntilError();
+    void Run(Transport& transport);
+    Error ReadUntilError(Transport& transport);
     void TakePayload(std::span<const std::uint8_t> payload);
     void Dispatch(const PacketView& packet);
     void TakeTunnel(std::span<const std::uint8_t> packet);

@@ -1,7 +1,6 @@
 #include "vexahost/SocketTransport.h"
 
 #include <netdb.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -10,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+#include "PollDescriptor.h"
 
 namespace vexahost {
 
@@ -21,19 +22,19 @@ Error LinkLost(const std::string& why) {
     return {ErrorKind::kLinkLost, "the link is lost: " + why};
 }
 
-Error CannotConnect(const std::string& path, const std::string& why) {
-    return {ErrorKind::kCannotConnect, "cannot connect to a unit at " + path + ": " + why};
+Error CannotConnect(const std::string& where, const std::string& why) {
+    return {ErrorKind::kCannotConnect, "cannot connect to a unit at " + where + ": " + why};
 }
 
-// Waits until `events` or an end of the connection can be seen. False when `deadline` came first.
-bool WaitFor(int handle, short events, Clock::time_point deadline) {
-    for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now());
-        pollfd entry{handle, events, 0};
-        const int ready = poll(&entry, 1, static_cast<int>(std::max<long>(left.count(), 0)));
-        if (ready > 0) return true;
-        if (ready == 0 || errno != EINTR) return false;
-    }
+// What keeps a host from a virtual unit's socket, and what to do when none runs: the socket is
+// missing, or nobody listens at it any more.
+std::string WhyNoUnit(int error, const std::string& path, bool isDirectory) {
+    std::string why = std::strerror(error);
+    if (error != ENOENT && error != ECONNREFUSED) return why;
+    const bool isSocket = !isDirectory && path.ends_with(".sock");
+    const std::string directory = isSocket ? path.substr(0, path.rfind('/') + 1) : path;
+    return why + "; is a unit running there? Start one with: vexa-unit run --dir " +
+           (directory.empty() ? "." : directory);
 }
 
 }  // namespace
@@ -54,7 +55,7 @@ Expected<std::unique_ptr<Transport>> SocketTransport::ConnectUnit(const std::str
     if (handle < 0) return CannotConnect(socketPath, std::strerror(errno));
     auto transport = std::make_unique<SocketTransport>(handle, Framing::kFrameHeaders);
     if (connect(handle, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        return CannotConnect(socketPath, std::strerror(errno));
+        return CannotConnect(socketPath, WhyNoUnit(errno, path, isDirectory));
     }
     return std::unique_ptr<Transport>(std::move(transport));
 }
@@ -88,7 +89,7 @@ SocketTransport::~SocketTransport() { close(socketHandle); }
 
 Expected<std::size_t> SocketTransport::Read(std::span<std::uint8_t> buffer,
                                             std::chrono::milliseconds timeout) {
-    if (!WaitFor(socketHandle, POLLIN, Clock::now() + timeout)) return std::size_t{0};
+    if (!PollDescriptor(socketHandle, POLLIN, Clock::now() + timeout)) return std::size_t{0};
     const ssize_t count = recv(socketHandle, buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (count > 0) return static_cast<std::size_t>(count);
     if (count == 0) return LinkLost("the unit closed the connection");
@@ -105,7 +106,7 @@ Expected<Done> SocketTransport::WriteAll(std::span<const std::uint8_t> bytes,
         if (count > 0) {
             bytes = bytes.subspan(static_cast<std::size_t>(count));
         } else if (errno == EAGAIN) {
-            if (!WaitFor(socketHandle, POLLOUT, deadline)) {
+            if (!PollDescriptor(socketHandle, POLLOUT, deadline)) {
                 return Error{ErrorKind::kTimeout, "the unit took no bytes in time"};
             }
         } else if (errno != EINTR) {

@@ -12,9 +12,18 @@ void AddUnitOptions(CLI::App& command, UnitAddress& unit) {
                 "--dir", unit.directory,
                 "directory of the unit, or its host socket ($VEXA_UNIT_DIR, else build/unit)")
             ->option_text("DIR");
-    command.add_option("--tcp", unit.tcp, "a unit that serves its link over TCP (port 38144)")
-        ->option_text("HOST[:PORT]")
-        ->excludes(directory);
+    auto* tcp =
+        command.add_option("--tcp", unit.tcp, "a unit that serves its link over TCP (port 38144)")
+            ->option_text("HOST[:PORT]")
+            ->excludes(directory);
+    auto* serial = command
+                       .add_option("--serial", unit.serial,
+                                   "a unit at the end of a serial line (38400 baud, raw, 8N1)")
+                       ->option_text("PATH[:BAUD]")
+                       ->excludes(directory)
+                       ->excludes(tcp);
+    command.add_flag("--rts-cts", unit.flowControl, "flow control on the serial line")
+        ->needs(serial);
 }
 
 void AddDurationOption(CLI::App& command, const std::string& name,

@@ -12,17 +12,27 @@ inline constexpr vexahost::ChildId kControllerId = 1;
 /// Id of the first device that a command opens; more count up from it.
 inline constexpr vexahost::ChildId kFirstDeviceId = 0x1001;
 
-/// Where the unit is.
+/// Where the unit is. One of the three counts: the serial line or the TCP address if there is one.
 struct UnitAddress {
-    std::string directory;  // of a virtual unit, or its host socket
-    std::string tcp;        // "HOST" or "HOST:PORT"; stands before the directory when not empty
+    std::string directory;     // of a virtual unit, or its host socket
+    std::string tcp;           // "HOST" or "HOST:PORT"
+    std::string serial;        // "PATH" or "PATH:BAUD"
+    bool flowControl = false;  // on the serial line
 
-    /// The one of the two that counts.
-    [[nodiscard]] const std::string& Text() const { return tcp.empty() ? directory : tcp; }
+    /// The one that counts.
+    [[nodiscard]] const std::string& Text() const;
+
+    /// What makes connections to the unit.
+    [[nodiscard]] vexahost::TransportFactory Factory() const;
 };
 
 /// The unit's directory when none is given: $VEXA_UNIT_DIR, else "build/unit".
 std::string DefaultUnitDirectory();
 
 /// Connects to the unit and brings both sides in step.
-vexahost::Expected<std::unique_ptr<vexahost::Client>> ConnectAndSync(const UnitAddress& unit);
+vexahost::Expected<std::unique_ptr<vexahost::Client>> ConnectAndSync(
+    const UnitAddress& unit, vexahost::ClientOptions options = {});
+
+/// The same, and opens the controller without the DAQ.
+vexahost::Expected<std::unique_ptr<vexahost::Client>> ConnectWithController(
+    const UnitAddress& unit, vexahost::ClientOptions options = {});

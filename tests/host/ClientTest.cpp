@@ -1,12 +1,18 @@
 // The client against a service that answers as each test tells it to.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <filesystem>
 #include <future>
 #include <map>
+#include <numeric>
 
 #include "FakeService.h"
 #include "vexahost/Client.h"
+#include "vexahost/SerialTransport.h"
+#include "vexahost/SocketTransport.h"
 
 namespace vexahost {
 namespace {
@@ -272,6 +278,89 @@ TEST(Client, CloseEndsAllWaits) {
     client.Close();
     for (auto& each : waits) EXPECT_EQ(each.get(), "link lost");
     EXPECT_EQ(Outcome(client.SendRaw(Bytes{1})), "link lost");
+    EXPECT_EQ(Outcome(client.Reconnect(kLong)), "invalid argument") << "it cannot make connections";
+}
+
+TEST(Client, ReconnectsUnderThreadsThatWait) {
+    const std::string path = testing::TempDir() + "vexa-reconnect-" + std::to_string(getpid());
+    std::atomic<bool> silent{false};
+    FakeService service(path, [&](FakeService& self, const Bytes& packet) {
+        if (!silent) FakeService::Obey(self, packet);
+    });
+    int attempts = 0;
+    std::function<void()> beforeAttempt = [] {};
+    auto connected = Client::Connect([&]() -> Expected<std::unique_ptr<Transport>> {
+        beforeAttempt();
+        // Every other attempt finds nobody: the first connection is the one of attempt 0.
+        return SocketTransport::ConnectUnit(attempts++ % 2 == 0 ? path : path + "-none");
+    });
+    ASSERT_EQ(Outcome(connected), "done");
+    Client& client = **connected;
+    for (int round = 0; round < 3; ++round) {
+        ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+        ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
+        auto waiting =
+            std::async(std::launch::async, [&] { return Outcome(client.Receive(10, kLong)); });
+        if (round == 1) service.HangUp();
+        EXPECT_EQ(Outcome(client.Reconnect(kLong)), "done");
+        EXPECT_THAT(waiting.get(), testing::AnyOf("link lost", "invalid argument"));
+        EXPECT_EQ(Outcome(client.Receive(10, kShort)), "invalid argument") << "children are gone";
+        EXPECT_FALSE(client.LinkError());
+    }
+    silent = true;
+    EXPECT_EQ(Outcome(client.Reconnect(kShort)), "cannot connect") << "at the last attempt";
+    EXPECT_EQ(Outcome(client.SendRaw(Bytes{1})), "link lost");
+    beforeAttempt = [&] { client.Close(); };
+    EXPECT_EQ(Outcome(client.Reconnect(kLong)), "link lost") << "Close ends a Reconnect";
+    std::filesystem::remove(path);
+}
+
+TEST(SerialTransport, TakesAWholeConversationAndLeavesTheLineAsItWas) {
+    const int master = posix_openpt(O_RDWR | O_NOCTTY);
+    ASSERT_TRUE(grantpt(master) == 0 && unlockpt(master) == 0);
+    const std::string path = ptsname(master);
+    const int line = open(path.c_str(), O_RDWR | O_NOCTTY);
+    termios before{};
+    ASSERT_EQ(tcgetattr(line, &before), 0);
+    std::thread unit([&] {  // echoes: a reply to each byte, whatever it is
+        std::array<std::uint8_t, 100> bytes{};
+        for (ssize_t n = 0; (n = read(master, bytes.data(), bytes.size())) > 0;) {
+            if (write(master, bytes.data(), static_cast<std::size_t>(n)) != n) return;
+        }
+    });
+    EXPECT_EQ(Outcome(SerialTransport::Open(path, {12345})), "invalid argument");
+    EXPECT_EQ(Outcome(SerialTransport::Open("/dev/null", {})), "cannot connect");
+    auto opened = SerialTransport::Open(path, {9600, true});
+    ASSERT_EQ(Outcome(opened), "done");
+    termios during{};
+    tcgetattr(line, &during);
+    EXPECT_EQ(cfgetospeed(&during), speed_t{B9600});
+    EXPECT_NE(during.c_cflag & CRTSCTS, 0U);
+    Bytes all(256);
+    std::iota(all.begin(), all.end(), std::uint8_t{0});
+    EXPECT_EQ(Outcome((*opened)->WriteAll(all, kLong)), "done");
+    Bytes back;
+    while (back.size() < all.size()) {
+        std::array<std::uint8_t, 100> bytes{};
+        const auto count = (*opened)->Read(bytes, kLong);
+        if (!count || *count == 0) break;
+        back.insert(back.end(), bytes.begin(), bytes.begin() + static_cast<long>(*count));
+    }
+    EXPECT_EQ(back, all) << "control characters and all";
+    auto waiting = std::async(std::launch::async, [&] {
+        std::array<std::uint8_t, 1> byte{};
+        return Outcome((*opened)->Read(byte, kLong));
+    });
+    (*opened)->Close();
+    EXPECT_EQ(waiting.get(), "link lost");
+    termios after{};
+    tcgetattr(line, &after);
+    EXPECT_EQ(after.c_lflag, before.c_lflag);
+    EXPECT_EQ(after.c_cflag, before.c_cflag);
+    opened->reset();
+    close(line);
+    unit.join();  // with the last holder of the line gone, the unit's end reads no more
+    close(master);
 }
 
 }  // namespace

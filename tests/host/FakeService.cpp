@@ -62,8 +62,13 @@ FakeService::FakeService(const std::string& path, Handler packetHandler)
         return;
     }
     thread = std::thread([this] {
-        connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-        Serve();
+        for (;;) {
+            const int host = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            if (host < 0) return;
+            const int former = connection.exchange(host);
+            if (former >= 0) close(former);
+            Serve();
+        }
     });
 }
 

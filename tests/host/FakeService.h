@@ -42,7 +42,7 @@ class FakeService {
     /// A service at one end of a connection; the other end is TakeTransport's.
     explicit FakeService(Handler handler);
 
-    /// A service that takes one host at the socket `path`.
+    /// A service that takes hosts at the socket `path`, one after the other.
     FakeService(const std::string& path, Handler handler);
 
     ~FakeService();

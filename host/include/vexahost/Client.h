@@ -37,6 +37,10 @@ struct ClientOptions {
     std::function<void(Direction, std::span<const std::uint8_t>)> tap;
 };
 
+/// Makes a new connection to a unit, e.g. by SocketTransport::ConnectUnit; called whenever a client
+/// connects, on the thread that asks for it.
+using TransportFactory = std::function<Expected<std::unique_ptr<Transport>>()>;
+
 /// All functions may be called from any thread. Requests to the controller are made one after the
 /// other, as the unit drops a command that comes while another is under way; the time-out of a
 /// request includes the wait for its turn. Every function may give kLinkLost or
@@ -46,13 +50,27 @@ class Client {
     static constexpr Milliseconds kDefaultTimeout{3000};
     static constexpr Milliseconds kTakeOverTimeout{15000};  // the applications have 10 s to let go
 
-    /// Starts the conversation's receiving thread on a connected transport.
+    /// Connects and brings both sides in step. kCannotConnect when no connection comes about at the
+    /// first attempt; `timeout` is for the unit's answer.
+    static Expected<std::unique_ptr<Client>> Connect(TransportFactory factory,
+                                                     ClientOptions options = {},
+                                                     Milliseconds timeout = kDefaultTimeout);
+
+    /// Starts the conversation's receiving thread on a connected transport. Such a client cannot
+    /// reconnect.
     explicit Client(std::unique_ptr<Transport> connected, ClientOptions options = {});
 
     /// Ends the connection and the thread.
     ~Client();
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
+
+    /// Ends the connection, if there is one, connects anew and brings both sides in step; tries
+    /// again until `timeout` is up. All that was open is gone then: the controller is to be opened
+    /// first, then the devices. Blocks that were not received are dropped. Calls of other threads
+    /// that wait end with kLinkLost, and so does this one when Close is called meanwhile. At the
+    /// end of the time: the error of the last attempt. kInvalidArgument without a factory.
+    Expected<Done> Reconnect(Milliseconds timeout);
 
     /// Brings the unit's parser and this side in step; sends the request again every 500 ms, since
     /// a unit that has just been plugged in may take its time. Answered by the service, or by the
@@ -109,15 +127,25 @@ class Client {
     /// Counts since the child was opened; nothing when it is not open.
     [[nodiscard]] std::optional<ChildStatistics> StatisticsOf(ChildId child) const;
 
-    /// Why the link has ended; nothing while it is up.
+    /// Why the link has ended; nothing while it is up, or up again.
     [[nodiscard]] std::optional<Error> LinkError() const;
 
-    /// Ends the connection (for the unit: pulls the cable). Waiting calls return with kLinkLost.
+    /// Ends the connection (for the unit: pulls the cable) and any Reconnect that is under way.
+    /// Waiting calls return with kLinkLost.
     void Close();
 
   private:
     class Receiver;
 
+    Client(TransportFactory transportFactory, ClientOptions clientOptions);
+
+    static Error ClosedHere();
+    Expected<Done> AttemptUntil(std::chrono::steady_clock::time_point deadline,
+                                std::uint64_t closesSeen);
+    Expected<Done> Attempt(std::chrono::steady_clock::time_point deadline,
+                           std::uint64_t closesSeen);
+    Expected<Done> PutToUse(std::shared_ptr<Transport> connected, std::uint64_t closesSeen);
+    void EndConnection();
     Expected<Done> SendPacket(std::span<const std::uint8_t> packet);
     Expected<Done> ControllerRequest(const std::string& what, vexa::ControllerCommand command,
                                      Milliseconds timeout,
@@ -125,11 +153,17 @@ class Client {
                                      std::uint8_t* result = nullptr);
 
     const ClientOptions options;
-    const std::unique_ptr<Transport> transport;
+    const TransportFactory factory;  // null when the connection was given
     std::atomic<std::uint8_t> nextSequence{1};
     std::atomic<ChildId> controllerId{0};
 
     std::mutex writeMutex;  // held while one packet is written, so that packets stay whole
+
+    std::mutex linkMutex;  // guards the rest of this group
+    std::condition_variable linkChanged;
+    std::shared_ptr<Transport> transport;  // set with writeMutex held too; null before the first
+    std::uint64_t closes = 0;              // calls of Close
+    bool reconnecting = false;  // one thread is at it; the receiver's thread is in its hands
 
     std::mutex controllerMutex;  // guards controllerBusy
     std::condition_variable controllerFree;

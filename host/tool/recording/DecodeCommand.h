@@ -1,0 +1,6 @@
+// "vexa-host decode": a recording in words.
+#pragma once
+
+#include "CommandLine.h"
+
+AddCommand AddDecodeCommand;
