@@ -3,20 +3,27 @@
 #include <cstdio>
 #include <exception>
 
+#include "CloseCommand.h"
 #include "CommandLine.h"
 #include "DemoCommand.h"
+#include "OpenCommand.h"
+#include "PingCommand.h"
 #include "QueryCommand.h"
+#include "SendCommand.h"
 #include "StreamCommand.h"
 #include "SyncCommand.h"
+#include "TakeoverCommand.h"
+#include "recording/DecodeCommand.h"
+#include "recording/RecordCommand.h"
+#include "recording/ReplayCommand.h"
 
 namespace {
 
 // In the order of the help text.
 constexpr AddCommand* kCommands[] = {
-    AddSyncCommand,
-    AddQueryCommand,
-    AddStreamCommand,
-    AddDemoCommand,
+    AddSyncCommand,   AddQueryCommand,  AddTakeoverCommand, AddOpenCommand,
+    AddCloseCommand,  AddSendCommand,   AddStreamCommand,   AddPingCommand,
+    AddRecordCommand, AddDecodeCommand, AddReplayCommand,   AddDemoCommand,
 };
 
 int Run(int argc, char** argv) {

@@ -107,13 +107,32 @@ void Replay::PullOut() {
     link.reset();
 }
 
+// A missing answer is waited for once: from there on one fewer of its origin will do.
+std::map<std::string, std::size_t> Replay::StillExpected(
+    const std::map<std::string, std::size_t>& counts) const {
+    auto expected = counts;
+    for (const auto& [origin, count] : missing) {
+        if (const auto found = expected.find(origin); found != expected.end()) {
+            found->second -= std::min(found->second, count);
+        }
+    }
+    return expected;
+}
+
 Expected<Done> Replay::Await(Clock::time_point time,
                              const std::map<std::string, std::size_t>& counts) {
-    // A missing answer is waited for in the step after it only: from there on it is just missing.
+    const auto expected = StillExpected(counts);
     const auto patienceEnds = std::max(time, Clock::now()) + options.patience;
     while (!IsInterrupted()) {
         const auto now = Clock::now();
-        if (now >= patienceEnds || (now >= time && answers.HasAtLeast(counts))) return Done{};
+        if (now >= time && answers.HasAtLeast(expected)) return Done{};
+        if (now >= patienceEnds) {
+            auto came = answers.Counts();
+            for (const auto& [origin, count] : counts) {
+                missing[origin] = count - std::min(count, came[origin]);
+            }
+            return Done{};
+        }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(time - now);
         const auto pause = now < time ? std::min(left, kLookUp) : kLookUp;
         if (const auto taken = TakeWhatComes(pause); !taken) return taken.Failure();

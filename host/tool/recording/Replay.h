@@ -59,6 +59,8 @@ class Replay {
     // Takes what comes until the time has come and so many answers are there, or patience ends.
     vexahost::Expected<vexahost::Done> Await(Clock::time_point time,
                                              const std::map<std::string, std::size_t>& counts);
+    [[nodiscard]] std::map<std::string, std::size_t> StillExpected(
+        const std::map<std::string, std::size_t>& counts) const;
     vexahost::Expected<vexahost::Done> TakeWhatComes(std::chrono::milliseconds timeout);
     void Decode(vexahost::Direction direction, std::span<const std::uint8_t> bytes,
                 const char* event = "");
@@ -66,6 +68,7 @@ class Replay {
     const vexahost::TransportFactory connect;
     const ReplayOptions options;
     AnswerLog answers;
+    std::map<std::string, std::size_t> missing;  // by origin: answers that were waited for in vain
     vexahost::CaptureDecoder decoder;
     std::unique_ptr<vexahost::Transport> link;
     std::optional<vexahost::FrameCutter> frames;  // of the link
