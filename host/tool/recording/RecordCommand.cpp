@@ -68,7 +68,11 @@ ExitCode RunRecord(const RecordOptions& options) {
     std::optional<Program> program;
     if (!options.program.empty()) {
         auto started = Program::Start(options.program, directory.Path());
-        if (!started) return ReportError(started.Failure());
+        if (!started) {
+            std::error_code ignored;
+            std::filesystem::remove(options.file, ignored);
+            return ReportError(started.Failure());
+        }
         program = *started;
     } else {
         std::fprintf(stderr, "vexa-host: recording hosts that connect to --dir %s\n",
@@ -104,7 +108,6 @@ void AddRecordCommand(CLI::App& program, ExitCode& exitCode) {
                      "host program to run and record, with its arguments; it finds the socket's "
                      "directory in $VEXA_UNIT_DIR")
         ->option_text("-- PROGRAM ARGS...");
-    command->positionals_at_end();
     command->footer(
         "Ends with the program, and with its exit code; without a program, after --for or with\n"
         "Ctrl-C. Every frame is in the file as soon as it has passed.\n"
