@@ -36,13 +36,13 @@ void Inbox::RemoveAll() {
     changed.notify_all();
 }
 
-bool Inbox::Deliver(ChildId child, std::uint8_t sequence, Block block) {
+bool Inbox::Deliver(ChildId child, Block block) {
     const std::lock_guard lock(mutex);
     const auto found = children.find(child);
     if (found == children.end()) return false;
     Child& entry = found->second;
-    if (sequence != entry.expectedSequence) ++entry.statistics.sequenceGaps;
-    entry.expectedSequence = static_cast<std::uint8_t>(sequence + 1);
+    if (block.sequence != entry.expectedSequence) ++entry.statistics.sequenceGaps;
+    entry.expectedSequence = static_cast<std::uint8_t>(block.sequence + 1);
     ++entry.statistics.blocks;
     entry.statistics.bytes += block.bytes.size();
     if (Append(entry.blocks, std::move(block), capacity)) ++entry.statistics.dropped;

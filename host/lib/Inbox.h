@@ -30,8 +30,8 @@ class Inbox {
     void Remove(ChildId child);
     void RemoveAll();
 
-    /// A block of `child` in a packet with that sequence number. False when it is not open.
-    bool Deliver(ChildId child, std::uint8_t sequence, Block block);
+    /// A block of `child`. False when it is not open.
+    bool Deliver(ChildId child, Block block);
 
     void DeliverDaq(Block block);
 

@@ -26,8 +26,9 @@ std::optional<ReplySource> ReplySourceOf(const PacketView& packet) {
     return std::nullopt;
 }
 
-Block MakeBlock(std::span<const std::uint8_t> bytes, bool checksumRight) {
-    return {{bytes.begin(), bytes.end()}, std::chrono::steady_clock::now(), checksumRight};
+Block MakeBlock(std::span<const std::uint8_t> bytes, bool checksumRight, std::uint8_t sequence) {
+    return {
+        {bytes.begin(), bytes.end()}, std::chrono::steady_clock::now(), checksumRight, sequence};
 }
 
 }  // namespace
@@ -94,7 +95,8 @@ void Client::Receiver::Dispatch(const PacketView& packet) {
     } else if (const auto source = ReplySourceOf(packet)) {
         TakeReply(*source, bytes);
     } else if (fromDaq) {
-        client.inbox->DeliverDaq(MakeBlock(bytes, packet.checksumRight));
+        client.inbox->DeliverDaq(
+            MakeBlock(bytes, packet.checksumRight, bytes[vexa::kSequenceOffset]));
     } else if (typeClass == vexa::kClassTunnel && bytes.size() >= vexa::kTunnelHeaderSize) {
         TakeTunnel(bytes);
     } else {
@@ -105,7 +107,7 @@ void Client::Receiver::Dispatch(const PacketView& packet) {
 void Client::Receiver::TakeTunnel(std::span<const std::uint8_t> packet) {
     const ChildId id = vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset);
     const auto inner = packet.subspan(vexa::kTunnelHeaderSize);
-    if (client.inbox->Deliver(id, packet[vexa::kSequenceOffset], MakeBlock(inner, true))) return;
+    if (client.inbox->Deliver(id, MakeBlock(inner, true, packet[vexa::kSequenceOffset]))) return;
     // The controller answers under its own id, or under 0 when its entry is gone by then.
     if ((id == client.controllerId || id == 0) && IsReply(inner)) {
         TakeReply(ReplySource::kController, inner);

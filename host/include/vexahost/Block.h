@@ -12,6 +12,8 @@ struct Block {
     std::vector<std::uint8_t> bytes;
     std::chrono::steady_clock::time_point receivedAt;
     bool checksumRight = true;  // of a DAQ packet: the unit passes them on right or wrong
+    std::uint8_t sequence =
+        0;  // the unit's own count of the child's blocks; of a DAQ packet its own
 };
 
 struct ChildStatistics {
