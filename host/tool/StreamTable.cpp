@@ -1,19 +1,15 @@
 #include "StreamTable.h"
 
-#include <algorithm>
-#include <array>
 #include <cstdio>
 
 #include "DeviceData.h"
+#include "SparkLine.h"
 
 namespace {
 
 constexpr std::size_t kGraphColumns = 32;
 constexpr std::chrono::milliseconds kRedraw{100};
 constexpr std::chrono::milliseconds kFigures{1000};
-
-constexpr std::array<const char*, 8> kBlocks = {"▁", "▂", "▃", "▄", "▅", "▆", "▇", "█"};
-constexpr std::array<const char*, 8> kLetters = {"_", ".", ",", "-", "=", "+", "*", "#"};
 
 }  // namespace
 
@@ -77,24 +73,14 @@ void StreamTable::Draw() {
 
 std::string StreamTable::RowText(const Row& row) const {
     char text[96];
-    const int last = row.graph.empty() ? 0 : row.graph.back();
+    const int last = row.graph.empty() ? 0 : static_cast<int>(row.graph.back());
     std::snprintf(text, sizeof text, "%-14.14s  %8.1f %8.0f  %11d  ", row.name.c_str(),
                   row.blocksPerSecond, row.bytesPerSecond, last);
     return text + Graph(row);
 }
 
-// The newest samples, each as high as its place between the lowest and the highest of them.
 std::string StreamTable::Graph(const Row& row) const {
-    if (row.graph.empty()) return "";
-    const auto& levels = console.HasUnicode() ? kBlocks : kLetters;
-    const auto [lowest, highest] = std::ranges::minmax(row.graph);
-    const int range = std::max(highest - lowest, 1);
-    const std::size_t room = console.Width() > 56 ? console.Width() - 56 : 0;
-    const std::size_t shown = std::min(row.graph.size(), room);
-    std::string text;
-    for (std::size_t i = row.graph.size() - shown; i < row.graph.size(); ++i) {
-        const int level = (row.graph[i] - lowest) * static_cast<int>(levels.size() - 1) / range;
-        text += levels[static_cast<std::size_t>(level)];
-    }
-    return text;
+    constexpr std::size_t kBeside = 56;  // columns in front of it
+    const std::size_t room = console.Width() > kBeside ? console.Width() - kBeside : 0;
+    return SparkLine(row.graph, room, console.HasUnicode());
 }

@@ -31,11 +31,11 @@ class StreamTable {
   private:
     struct Row {
         std::string name;
-        std::uint64_t blocks = 0;        // since the last figures
-        std::uint64_t bytes = 0;         // since the last figures
-        double blocksPerSecond = 0;      // the last figures
-        double bytesPerSecond = 0;       // the last figures
-        std::deque<std::int16_t> graph;  // newest samples
+        std::uint64_t blocks = 0;    // since the last figures
+        std::uint64_t bytes = 0;     // since the last figures
+        double blocksPerSecond = 0;  // the last figures
+        double bytesPerSecond = 0;   // the last figures
+        std::deque<double> graph;    // newest samples
     };
 
     void TakeFigures(Clock::time_point now);

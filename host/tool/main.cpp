@@ -10,12 +10,12 @@
 #include "PingCommand.h"
 #include "QueryCommand.h"
 #include "SendCommand.h"
-#include "StreamCommand.h"
 #include "SyncCommand.h"
 #include "TakeoverCommand.h"
 #include "recording/DecodeCommand.h"
 #include "recording/RecordCommand.h"
 #include "recording/ReplayCommand.h"
+#include "stream/StreamCommand.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 // "vexa-host stream": what sensors send.
 #pragma once
 
-#include "CommandLine.h"
+#include "../CommandLine.h"
 
 AddCommand AddStreamCommand;
