@@ -1,6 +1,7 @@
 #include "capture/Decoder.h"
 
 #include <algorithm>
+#include <cstdio>
 
 #include "capture/FrameCutter.h"
 #include "vexahost/Requests.h"
@@ -27,6 +28,20 @@ bool IsReply(Bytes packet) {
 bool IsCommand(Bytes inner, vexa::ControllerCommand command) {
     return inner.size() >= vexa::kCommandNameLengthOffset &&
            inner[vexa::kCommandOffset] == static_cast<std::uint8_t>(command);
+}
+
+bool KnowsCommand(Bytes inner) {
+    return inner.size() > vexa::kCommandOffset &&
+           inner[vexa::kCommandOffset] >=
+               static_cast<std::uint8_t>(vexa::ControllerCommand::kOpenChild) &&
+           inner[vexa::kCommandOffset] <=
+               static_cast<std::uint8_t>(vexa::ControllerCommand::kTakeDaqOver);
+}
+
+std::string HexId(ChildId id) {
+    char text[16];
+    std::snprintf(text, sizeof text, "0x%X", id);
+    return text;
 }
 
 // The name in an open command: as far as the packet goes and up to a zero byte.
@@ -82,7 +97,8 @@ void CaptureDecoder::Take(const CapturedFrame& frame) {
 }
 
 void CaptureDecoder::TakeEvent(const CapturedFrame& frame) {
-    if (frame.comment == kCableIn) {
+    if (frame.comment == kCableIn || frame.comment == kCableOut) {
+        Finish(frame.time);
         toUnit.Reset();
         fromUnit = {};
         fromUnit.AwaitSyncReply();
@@ -182,11 +198,9 @@ void CaptureDecoder::Follow(Bytes request) {
 }
 
 std::string CaptureDecoder::ChildText(Direction direction, ChildId child, std::size_t bytes) const {
-    char id[16];
-    std::snprintf(id, sizeof id, "0x%X", child);
     std::string text = std::to_string(bytes) + (bytes == 1 ? " byte " : " bytes ");
     text += direction == Direction::kToUnit ? "to child " : "from child ";
-    text += id;
+    text += HexId(child);
     const auto name = names.find(child);
     return name == names.end() ? text : text + " \"" + name->second + '"';
 }
@@ -195,10 +209,16 @@ void CaptureDecoder::Say(CaptureTime time, Direction direction, PacketKind kind,
                          const PacketView& packet) {
     DecodedPacket decoded{time, direction, kind, packet.checksumRight, {}, packet.bytes, {}};
     if (IsTunnel(packet.bytes)) decoded.child = TunnelId(packet.bytes);
-    decoded.text =
-        kind == PacketKind::kChildData && packet.checksumRight
-            ? ChildText(direction, *decoded.child, packet.bytes.size() - vexa::kTunnelHeaderSize)
-            : DescribePacket(direction, packet.bytes);
+    const bool known = kind != PacketKind::kControllerCommand ||
+                       KnowsCommand(packet.bytes.subspan(vexa::kTunnelHeaderSize));
+    if (kind == PacketKind::kChildData && packet.checksumRight) {
+        decoded.text =
+            ChildText(direction, *decoded.child, packet.bytes.size() - vexa::kTunnelHeaderSize);
+    } else {
+        decoded.text = known ? DescribePacket(direction, packet.bytes)
+                             : "packet to controller " + HexId(*decoded.child) +
+                                   " that is none of its commands";
+    }
     sink(decoded);
 }
 

@@ -55,8 +55,8 @@ class CaptureDecoder {
     /// Hands the packets that `frame` completes to the sink.
     void Take(const CapturedFrame& frame);
 
-    /// The end of the capture: says what the host sent of a packet that it never completed. `time`
-    /// is that of the last frame.
+    /// The end of the capture, or of a connection: says what the host sent of a packet that it
+    /// never completed. `time` is that of the last frame.
     void Finish(CaptureTime time);
 
   private:
