@@ -15,15 +15,16 @@
 #include "recording/DecodeCommand.h"
 #include "recording/RecordCommand.h"
 #include "recording/ReplayCommand.h"
+#include "shell/ShellCommand.h"
 #include "stream/StreamCommand.h"
 
 namespace {
 
 // In the order of the help text.
 constexpr AddCommand* kCommands[] = {
-    AddSyncCommand,   AddQueryCommand,  AddTakeoverCommand, AddOpenCommand,
-    AddCloseCommand,  AddSendCommand,   AddStreamCommand,   AddPingCommand,
-    AddRecordCommand, AddDecodeCommand, AddReplayCommand,   AddDemoCommand,
+    AddSyncCommand,   AddQueryCommand,  AddTakeoverCommand, AddOpenCommand,  AddCloseCommand,
+    AddSendCommand,   AddStreamCommand, AddPingCommand,     AddShellCommand, AddRecordCommand,
+    AddDecodeCommand, AddReplayCommand, AddDemoCommand,
 };
 
 int Run(int argc, char** argv) {

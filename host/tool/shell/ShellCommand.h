@@ -1,0 +1,6 @@
+// "vexa-host shell": a session by hand, or by a script.
+#pragma once
+
+#include "../CommandLine.h"
+
+AddCommand AddShellCommand;
