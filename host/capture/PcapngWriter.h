@@ -24,7 +24,7 @@ class PcapngWriter {
 
   private:
     struct Closer {
-        void operator()(std::FILE* file) const { std::fclose(file); }
+        void operator()(std::FILE* open) const { std::fclose(open); }
     };
 
     PcapngWriter(std::string path, std::FILE* file);

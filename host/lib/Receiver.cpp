@@ -37,32 +37,32 @@ Client::Receiver::Receiver(Client& owner) : client(owner) {}
 
 Client::Receiver::~Receiver() { Stop(); }
 
-void Client::Receiver::Start(std::shared_ptr<Transport> transport) {
+void Client::Receiver::Start(std::shared_ptr<Transport> connected) {
     frames = {};
     packets = {};
     syncAwaited = true;
-    thread = std::thread([this, transport = std::move(transport)] { Run(*transport); });
+    thread = std::thread([this, link = std::move(connected)] { Run(*link); });
 }
 
 void Client::Receiver::Stop() {
     if (thread.joinable()) thread.join();
 }
 
-void Client::Receiver::Run(Transport& transport) {
-    const Error error = ReadUntilError(transport);
-    transport.Close();
+void Client::Receiver::Run(Transport& link) {
+    const Error error = ReadUntilError(link);
+    link.Close();
     client.pending->Fail(error);
     client.inbox->Fail(error);
 }
 
-Error Client::Receiver::ReadUntilError(Transport& transport) {
+Error Client::Receiver::ReadUntilError(Transport& link) {
     std::array<std::uint8_t, kReadSize> buffer;
     const std::uint64_t framesBefore = frameCount;
     for (;;) {
-        const auto count = transport.Read(buffer, kReadTimeout);
+        const auto count = link.Read(buffer, kReadTimeout);
         if (!count) return count.Failure();
         std::span<const std::uint8_t> input = std::span(buffer).first(*count);
-        if (transport.UnitFraming() == Framing::kNone) {
+        if (link.UnitFraming() == Framing::kNone) {
             TakePayload(input);
             input = {};
         }
