@@ -1,54 +1,20 @@
 // vexa-host as a program: what it prints, its exit codes, and what it leaves behind.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <array>
-#include <cstdio>
 #include <filesystem>
 
 #include "DeviceData.h"
 #include "Duration.h"
 #include "FakeService.h"
+#include "Number.h"
+#include "ToolFixture.h"
 
 namespace vexahost {
 namespace {
 
 using testing::AllOf;
 using testing::HasSubstr;
-
-struct Ran {
-    int exitCode;
-    std::string output;  // both streams
-};
-
-// Runs a shell command line in which $HOST is vexa-host.
-Ran RunShell(const std::string& commandLine) {
-    const std::string line = "exec 2>&1; HOST='" VEXA_HOST_PROGRAM "'; " + commandLine;
-    Ran ran{-1, ""};
-    FILE* pipe = popen(line.c_str(), "re");
-    if (pipe == nullptr) return ran;
-    std::array<char, 500> text{};
-    while (const std::size_t count = fread(text.data(), 1, text.size(), pipe)) {
-        ran.output.append(text.data(), count);
-    }
-    const int status = pclose(pipe);
-    ran.exitCode = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return ran;
-}
-
-class Tool : public testing::Test {
-  protected:
-    Tool() {
-        std::string pattern = testing::TempDir() + "vexa-host-XXXXXX";
-        if (mkdtemp(pattern.data()) != nullptr) folder = pattern;
-    }
-    ~Tool() override { std::filesystem::remove_all(folder); }
-
-    [[nodiscard]] std::string Socket() const { return folder + "/host.sock"; }
-
-    std::string folder;
-};
 
 TEST_F(Tool, WrongUseIsOneLineAndExitCodeTwo) {
     const std::pair<std::string, const char*> cases[] = {
@@ -57,6 +23,15 @@ TEST_F(Tool, WrongUseIsOneLineAndExitCodeTwo) {
         {"$HOST sync --dir /" + std::string(200, 'x'), "the path is too long for a socket"},
         {"$HOST stream A --for soon --dir " + folder, "--for soon: expected a time such as 3s"},
         {"$HOST stream --dir " + folder, "NAME is required"},
+        {"$HOST stream A --format u9@1", "--format u9@1: \"u9\" is no type"},
+        {"$HOST stream A --arm B", "--arm B: not among the devices"},
+        {"$HOST send 4", "expected bytes in hex"},
+        {"$HOST close x", "\"x\": expected a child's id, or \"controller\""},
+        {"$HOST ping A -n 0", "Value 0 not in range"},
+        {"$HOST sync --serial /dev/null", "it is not a terminal device"},
+        {"$HOST sync --serial x --tcp y", "--tcp excludes --serial"},
+        {"$HOST shell --script /none", "cannot read /none: No such file"},
+        {"echo 'wait 1s\nrepeat 2' | $HOST shell", "standard input:2: \"repeat\" without \"end\""},
     };
     for (const auto& [line, message] : cases) {
         const Ran ran = RunShell(line);
@@ -83,6 +58,18 @@ TEST_F(Tool, ExitCodesTellWhatTheUnitDid) {
             self.SendFramed(ChildBlock(0x1001, 1, {0x05, 2, 0x10, 0xFF, 0xE8, 3, 0, 0}));
         }
     };
+    const auto refuseB = [](FakeService& self, const Bytes& packet) {
+        if (packet[0] != 0x60 || packet[12] != 0x70 || packet[18] != 'B') {
+            return FakeService::Obey(self, packet);
+        }
+        self.SendFramed(ControllerReply(1, 2, 0x9C, 0x70, packet[10], 54));
+    };
+    const auto echo = [](FakeService& self, const Bytes& packet) {
+        FakeService::Obey(self, packet);
+        if (packet[0] == 0x60 && packet[5] == 0x10) {
+            self.SendFramed(ChildBlock(0x1001, 0, Part(packet, 8, packet.size())));
+        }
+    };
     const Case cases[] = {
         {"sync", FakeService::Obey, 0, "in step with the unit"},
         {"query", refuse, 1, "vexa-host: open controller was refused: error 59, the DAQ did not"},
@@ -91,11 +78,29 @@ TEST_F(Tool, ExitCodesTellWhatTheUnitDid) {
          "bad frame header"},
         {"stream T --for 300ms", streamOneBlock, 0,
          "T              1.000 s: -240\nT: 1 blocks, 8 bytes, 1 gaps in the sequence, 0 blocks"},
+        {"stream T --csv --for 300ms 2>&-", streamOneBlock, 0,
+         "time_s,device,sequence,device_time_s,channel,index,value\n0.0"},
+        {"stream T,1 --csv --for 300ms | tail -n1", streamOneBlock, 0,
+         ",\"T,1\",1,1,value,0,-240\n"},
+        {"stream T --json --for 300ms", streamOneBlock, 0,
+         R"("device":"T","sequence":1,"device_time_s":1.0,"channels":{"value":[-240]}})"},
+        {"stream T --format T:x=i8@2x2 --json --for 300ms", streamOneBlock, 0,
+         R"("channels":{"x":[16,-1]}})"},
+        {"stream T --format u8@8 --csv --for 300ms", streamOneBlock, 0,
+         ",T,1,,bytes,0,05 02 10 ff e8 03 00 00\n"},
+        {"send --to T 01 02 --for 300ms --json", streamOneBlock, 3, "nothing came back"},
+        {"send --seal 40 05 09 00 1a --for 300ms", FakeService::Obey, 0,
+         "  initial-sync reply (request 9)"},
+        {"open A B --for 100ms --json", refuseB, 1, R"({"child":4097,"device":"A","opened":true})"},
+        {"open A B --for 100ms", refuseB, 1, "open B was refused: error 54"},
+        {"close 5", FakeService::Obey, 0, "5 is closed"},
+        {"ping T -n 3 --json", echo, 0, R"({"device":"T","bytes":8,"sent":3,"lost":0,"min_ms":)"},
+        {"ping T -n 3 --timeout 50ms", FakeService::Obey, 3, "3 round trips, 3 lost"},
     };
     for (const Case& unit : cases) {
         std::filesystem::remove(Socket());
         FakeService service(Socket(), unit.handler);
-        const Ran ran = RunShell(std::string("VEXA_UNIT_DIR=") + folder + " $HOST " + unit.line);
+        const Ran ran = RunOnUnit(std::string("$HOST ") + unit.line);
         EXPECT_EQ(ran.exitCode, unit.exitCode) << unit.line << ran.output;
         EXPECT_THAT(ran.output, HasSubstr(unit.output));
     }
@@ -121,6 +126,16 @@ TEST_F(Tool, DemoReportsAUnitThatFailsAndLeavesNothingBehind) {
     EXPECT_EQ(ran.exitCode, 130);
     EXPECT_THAT(ran.output, HasSubstr("Interrupted."));
     EXPECT_TRUE(std::filesystem::is_empty(folder));
+}
+
+TEST(Number, TakesWhatIsWholeAndFits) {
+    EXPECT_EQ(ParseNumber<std::uint8_t>("255"), 255);
+    EXPECT_EQ(ParseNumber<std::uint32_t>("0xFFFFFFFF"), 0xFFFFFFFF);
+    for (const char* wrong : {"", "256", "-1", "1 ", "0x", "0x1g"}) {
+        EXPECT_FALSE(ParseNumber<std::uint8_t>(wrong)) << wrong;
+    }
+    EXPECT_EQ(ParseHex("0aFF:1b 2c"), (Bytes{0x0A, 0xFF, 0x1B, 0x2C}));
+    for (const char* wrong : {"", " ", "1", "0a1", "0x1a", "1 2"}) EXPECT_FALSE(ParseHex(wrong));
 }
 
 TEST(Duration, HasUnitsAndLimits) {
