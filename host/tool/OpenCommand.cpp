@@ -78,7 +78,7 @@ void AddOpenCommand(CLI::App& program, ExitCode& exitCode) {
     command->add_option("NAME", options->names, "device names")
         ->required()
         ->expected(1, 100)
-        ->option_text("...");
+        ->option_text(" ");
     AddDurationOption(*command, "--for", options->duration, "how long to hold them (until Ctrl-C)");
     command->add_flag("--json", options->json, "a JSON object for each device");
     command->footer(

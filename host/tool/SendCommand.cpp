@@ -127,7 +127,7 @@ void AddSendCommand(CLI::App& program, ExitCode& exitCode) {
     command->add_option("HEX", options->hex, "the bytes, two digits each")
         ->required()
         ->expected(1, 300)
-        ->option_text("...");
+        ->option_text(" ");
     command->add_option("--to", options->device, "open this device and tunnel the bytes to it")
         ->option_text("NAME");
     command->add_flag("--arm", options->arm,

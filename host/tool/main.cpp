@@ -6,6 +6,7 @@
 #include "CloseCommand.h"
 #include "CommandLine.h"
 #include "DemoCommand.h"
+#include "HelpText.h"
 #include "OpenCommand.h"
 #include "PingCommand.h"
 #include "QueryCommand.h"
@@ -31,7 +32,10 @@ int Run(int argc, char** argv) {
     ExitCode exitCode = kExitDone;
     CLI::App program("Talks to a unit as its host computer does.", "vexa-host");
     program.require_subcommand(1);
+    program.formatter(std::make_shared<HelpText>());
     program.footer(
+        "Try it: vexa-unit run --dir build/unit, and in another terminal:\n"
+        "vexa-host stream Accelerometer Microphone. Each command's --help has examples.\n\n"
         "Exit codes: 0 done; 1 the unit refused or answered wrongly; 2 wrong usage, or no unit to\n"
         "connect to; 3 no answer in time; 4 the link was lost, or the unit broke the protocol;\n"
         "130 interrupted.");

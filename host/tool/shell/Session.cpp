@@ -33,10 +33,8 @@ const std::vector<Session::Verb>& Session::Verbs() {
         {"receive", "ID|NAME|daq [N] [TIME]", "show the next N blocks (1), each within TIME (3s)",
          1, 3, &Session::Receive},
         {"stats", "", "what has come of each device since it was opened", 0, 0, &Session::Stats},
-        {"check", "NAME|ID|daq FIGURE OP NUMBER",
-         "FIGURE: blocks bytes rate gaps dropped, of the daq: packets rate badsums dropped; "
-         "OP: < <= = >= >",
-         4, 4, &Session::Check},
+        {"check", "ID|NAME|daq FIGURE OP N", "pass only if the figure (below) is so", 4, 4,
+         &Session::Check},
         {"reconnect", "[TIME]", "connect anew, trying for TIME (5s); nothing is open then", 0, 1,
          &Session::Reconnect},
         {"disconnect", "", "end the connection", 0, 0, &Session::Disconnect},
@@ -120,6 +118,10 @@ std::string Session::HelpText() {
         text += line + verb.help + "\n";
     }
     return text +
+           "figures to check                blocks bytes rate gaps dropped, since the device was\n"
+           "                                opened; of the daq: packets rate badsums dropped;\n"
+           "                                rate is a second's; OP: < <= = >= >; N: a whole "
+           "number\n"
            "expect OUTCOME COMMAND          passes only if COMMAND ends so: done, refused [CODE],\n"
            "                                timeout, lost, violation, unconnected\n"
            "try COMMAND                     its failure is no failure\n"

@@ -83,7 +83,7 @@ Outcome Session::Check(const Words& arguments) {
     const auto compare = operators.find(arguments[2]);
     const auto wanted = ParseNumber<long>(arguments[3]);
     if (compare == operators.end() || !wanted) {
-        return Outcome::Wrong("usage: check NAME|ID|daq FIGURE <|<=|=|>=|> NUMBER");
+        return Outcome::Wrong("usage: check ID|NAME|daq FIGURE <|<=|=|>=|> N, a whole number");
     }
     const auto figure = Figure(arguments[0], arguments[1]);
     if (!figure) {

@@ -125,7 +125,7 @@ void AddStreamCommand(CLI::App& program, ExitCode& exitCode) {
     AddUnitOptions(*command, options->unit);
     command->add_option("NAME", options->devices.names, "names of the sensors")
         ->expected(0, 100)
-        ->option_text("...");
+        ->option_text(" ");
     command->add_flag("--daq", options->devices.daq,
                       "take the DAQ over and stream its packets too");
     command->add_option("--arm", options->devices.arm, "a HID sensor to be sent the init request")
