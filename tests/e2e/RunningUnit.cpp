@@ -136,7 +136,10 @@ int RunningUnit::Stop() {
 std::pair<std::size_t, std::size_t> RunningUnit::ThreadsAndDescriptors() const {
     const std::string tool = std::to_string(process);
     std::string service;
-    std::ifstream("/proc/" + tool + "/task/" + tool + "/children") >> service;
+    // The program is the last: what tidies up after the tool has been started before it.
+    std::ifstream children("/proc/" + tool + "/task/" + tool + "/children");
+    while (children >> service) {
+    }
     return {EntriesOf("/proc/" + service + "/task"), EntriesOf("/proc/" + service + "/fd")};
 }
 

@@ -5,8 +5,10 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 #include "model/QuietThread.h"
@@ -38,16 +40,22 @@ bool WouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
 }  // namespace
 
-Cable::Cable(Descriptor listener_, std::function<void(bool)> changed_)
+Cable::Cable(Descriptor listener_, const CableSettings& settings_,
+             std::function<void(bool)> changed_)
     : listener(std::move(listener_)),
-      stop(::eventfd(0, EFD_CLOEXEC)),
+      wake(::eventfd(0, EFD_CLOEXEC)),
       changed(std::move(changed_)),
-      state(NewState()) {
+      state(NewState()),
+      settings(settings_) {
     thread = StartQuietThread([this] { Run(); });
 }
 
 Cable::~Cable() {
-    Signal(stop);
+    {
+        const std::lock_guard lock(mutex);
+        stopping = true;
+    }
+    Signal(wake);
     thread.join();
 }
 
@@ -64,6 +72,16 @@ std::shared_ptr<Cable::State> Cable::Current() const {
 
 bool Cable::IsIn() const { return Current()->in; }
 
+void Cable::Change(const CableSettings& settings_) {
+    std::unique_lock lock(mutex);
+    settings = settings_;
+    const std::uint64_t number = ++wanted;
+    Signal(wake);
+    followedChanged.wait(lock, [&] { return followed >= number; });
+}
+
+CableCounts Cable::Counts() const { return {hosts, bytesFromHost, bytesToHost}; }
+
 void Cable::Enter(std::shared_ptr<State> next) {
     const bool in = next->in;
     std::shared_ptr<State> last;
@@ -79,6 +97,7 @@ void Cable::PlugIn(Descriptor client) {
     auto next = NewState();
     next->client = std::move(client);
     next->in = true;
+    ++hosts;
     Enter(std::move(next));
 }
 
@@ -99,7 +118,10 @@ ssize_t Cable::Read(std::span<std::uint8_t> into) {
         if (source != nullptr) {
             got = ::recv(source->client.Get(), into.data(), into.size(), MSG_DONTWAIT);
         }
-        if (got > 0) return got;
+        if (got > 0) {
+            bytesFromHost += static_cast<std::uint64_t>(got);
+            return got;
+        }
         // A client that has hung up is always readable: wait for the state to end instead.
         const bool open = current->in && got < 0 && WouldBlock(errno);
         if (!Await(open ? source->client.Get() : -1, POLLIN, current->ended)) return -1;
@@ -115,6 +137,7 @@ ssize_t Cable::Write(std::span<const std::uint8_t> bytes) {
             ::send(current->client.Get(), left.data(), left.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (went > 0) {
             sent += static_cast<std::size_t>(went);
+            bytesToHost += static_cast<std::uint64_t>(went);
             continue;
         }
         if (!WouldBlock(errno)) break;
@@ -132,10 +155,11 @@ void Cable::TakeClient() {
     Descriptor client(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!client) {
         if (errno != EMFILE && errno != ENFILE) return;
-        pollfd stopped{stop.Get(), POLLIN, 0};
-        ::poll(&stopped, 1, kRetryAcceptMs);
+        pollfd woken{wake.Get(), POLLIN, 0};
+        ::poll(&woken, 1, kRetryAcceptMs);
         return;
     }
+    if (!mayBeIn) return;  // closes the newcomer
     const auto current = Current();
     if (current->in) {
         if (!HasHungUp(current->client.Get())) return;  // one host at a time: closes the newcomer
@@ -144,15 +168,68 @@ void Cable::TakeClient() {
     PlugIn(std::move(client));
 }
 
+void Cable::LetIn(bool in) {
+    mayBeIn = in;
+    const auto current = Current();
+    if (!in && current->in) PullOut(current);
+}
+
+void Cable::FollowSettings() {
+    CableSettings current;
+    std::uint64_t number = 0;
+    {
+        const std::lock_guard lock(mutex);
+        if (followed == wanted) return;
+        current = settings;
+        number = wanted;
+    }
+    LetIn(current.in);
+    nextFlap = kNever;
+    if (current.in && current.flapping) {
+        flapping = *current.flapping;
+        flaps = 0;
+        nextFlap = Clock::now() + std::chrono::milliseconds(flapping.inMs);
+    }
+    const std::lock_guard lock(mutex);
+    followed = number;
+    followedChanged.notify_all();
+}
+
+void Cable::Flap() {
+    if (Clock::now() < nextFlap) return;
+    const bool in = !mayBeIn;
+    LetIn(in);
+    if (!in) ++flaps;
+    if (in && flapping.times != 0 && flaps >= flapping.times) {
+        nextFlap = kNever;
+        return;
+    }
+    nextFlap = Clock::now() + std::chrono::milliseconds(in ? flapping.inMs : flapping.outMs);
+}
+
+int Cable::UntilNextFlapMs() const {
+    if (nextFlap == kNever) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextFlap - Clock::now());
+    return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
+}
+
 void Cable::Run() {
     while (true) {
+        {
+            const std::lock_guard lock(mutex);
+            if (stopping) return;
+        }
+        FollowSettings();
+        Flap();
         const auto current = Current();
-        std::array<pollfd, 3> entries{{{stop.Get(), POLLIN, 0},
+        std::array<pollfd, 3> entries{{{wake.Get(), POLLIN, 0},
                                        {listener.Get(), POLLIN, 0},
                                        {current->in ? current->client.Get() : -1, POLLRDHUP, 0}}};
-        if (::poll(entries.data(), entries.size(), -1) < 0) continue;
-        if (entries[0].revents != 0) return;
-        if (entries[1].revents != 0) {
+        if (::poll(entries.data(), entries.size(), UntilNextFlapMs()) <= 0) continue;
+        if (entries[0].revents != 0) {
+            std::uint64_t signals = 0;
+            [[maybe_unused]] const auto got = ::read(wake.Get(), &signals, sizeof signals);
+        } else if (entries[1].revents != 0) {
             TakeClient();
         } else if (entries[2].revents != 0) {
             PullOut(current);

@@ -10,6 +10,7 @@ namespace vexa::unit {
 namespace {
 
 constexpr std::size_t kMaxQuotedValue = 60;
+constexpr int kMaxDepth = 16;
 
 std::string Quoted(const nlohmann::json& value) {
     auto text = value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
@@ -32,13 +33,17 @@ void CheckedJson::Complain(std::string_view expected) const {
     throw JsonComplaint(place + ": expected " + std::string(expected) + ", not " + Quoted(value));
 }
 
+void CheckedJson::ComplainAbout(std::string_view key, const std::string& what) const {
+    throw JsonComplaint(PathOf(key) + ": " + what);
+}
+
 void CheckedJson::RequireKeys(std::initializer_list<std::string_view> keys) const {
     if (!value.is_object()) Complain("an object");
     for (const auto& item : value.items()) {
         if (std::ranges::find(keys, item.key()) != keys.end()) continue;
         std::string known;
         for (const auto key : keys) known += (known.empty() ? "" : ", ") + std::string(key);
-        throw JsonComplaint(PathOf(item.key()) + ": unknown key; expected one of: " + known);
+        ComplainAbout(item.key(), "unknown key; expected one of: " + known);
     }
 }
 
@@ -46,6 +51,11 @@ bool CheckedJson::Has(std::string_view key) const { return value.contains(key); 
 
 CheckedJson CheckedJson::Member(std::string_view key) const {
     return {*value.find(key), PathOf(key)};
+}
+
+CheckedJson CheckedJson::Required(std::string_view key) const {
+    if (!Has(key)) ComplainAbout(key, "is missing");
+    return Member(key);
 }
 
 void CheckedJson::ReadBool(std::string_view key, bool& into) const {
@@ -75,7 +85,7 @@ void CheckedJson::ReadName(std::string_view key, bool required, std::string& int
     const std::string expected = "a name of 1 to " + std::to_string(kMaxDeviceName) + " bytes";
     if (!Has(key)) {
         if (!required) return;
-        throw JsonComplaint(PathOf(key) + ": expected " + expected + ", but it is missing");
+        ComplainAbout(key, "expected " + expected + ", but it is missing");
     }
     const CheckedJson member = Member(key);
     auto name = member.Text(expected);
@@ -130,6 +140,23 @@ void CheckedJson::EachMember(
     const std::function<void(const std::string& key, const CheckedJson&)>& visit) const {
     if (!value.is_object()) Complain("an object");
     for (const auto& item : value.items()) visit(item.key(), {item.value(), PathOf(item.key())});
+}
+
+nlohmann::json ParseJson(const std::string& text) {
+    // To write a deeply nested value down again would take more stack than there is.
+    const auto limitDepth = [](int depth, nlohmann::json::parse_event_t, const nlohmann::json&) {
+        if (depth > kMaxDepth) throw JsonComplaint("nested too deeply");
+        return true;
+    };
+    try {
+        return nlohmann::json::parse(text, limitDepth);
+    } catch (const nlohmann::json::exception& error) {
+        // The parser's text starts with its name for the error in brackets: nothing to a user.
+        const std::string what = error.what();
+        const auto end = what.find("] ");
+        throw JsonComplaint("not valid JSON: " +
+                            (end == std::string::npos ? what : what.substr(end + 2)));
+    }
 }
 
 }  // namespace vexa::unit

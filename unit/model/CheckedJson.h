@@ -2,6 +2,7 @@
 // complaint names the place.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -33,6 +34,8 @@ class CheckedJson {
 
     [[nodiscard]] bool Has(std::string_view key) const;
     [[nodiscard]] CheckedJson Member(std::string_view key) const;
+    // Complains when it is missing.
+    [[nodiscard]] CheckedJson Required(std::string_view key) const;
 
     void ReadBool(std::string_view key, bool& into) const;
     void ReadUnsigned(std::string_view key, std::uint32_t least, std::uint32_t most,
@@ -67,6 +70,8 @@ class CheckedJson {
 
     // Complains that this value is not what was expected.
     [[noreturn]] void Complain(std::string_view expected) const;
+    // Complains about the member `key`, in these words.
+    [[noreturn]] void ComplainAbout(std::string_view key, const std::string& what) const;
 
   private:
     [[nodiscard]] std::string PathOf(std::string_view key) const;
@@ -74,5 +79,14 @@ class CheckedJson {
     const nlohmann::json& value;
     std::string path;
 };
+
+// The word of a table of choices that stands for `value`, which must be one of them.
+template <typename Choices, typename Value>
+[[nodiscard]] std::string_view NameIn(const Choices& choices, Value value) {
+    return std::ranges::find(choices, value, [](const auto& each) { return each.second; })->first;
+}
+
+// `text` as JSON. Throws JsonComplaint, with the place, when it is not valid or nested too deeply.
+[[nodiscard]] nlohmann::json ParseJson(const std::string& text);
 
 }  // namespace vexa::unit

@@ -4,19 +4,14 @@
 
 namespace vexa::unit {
 
-CriLibrary::CriLibrary(const ApplicationMap& applications_) {
-    for (const auto& [name, settings] : applications_) {
-        Application& application = applications[name];
-        application.name = name;
-        application.settings = settings;
-        application.holds = settings.holds;
-    }
+CriLibrary::CriLibrary(const ApplicationMap& settings) {
+    for (const auto& [name, behaviour] : settings) applications.try_emplace(name, name, behaviour);
 }
 
 std::uint32_t CriLibrary::Init(std::string_view name, CriCallback callback, void* context,
                                CriSession::Witness witness) {
     const auto application = applications.find(name);
-    if (application == applications.end() || application->second.settings.initFails) return 0;
+    if (application == applications.end() || application->second.Settings().initFails) return 0;
     const auto session =
         std::make_shared<CriSession>(application->second, callback, context, std::move(witness));
     const std::lock_guard lock(mutex);
@@ -53,6 +48,22 @@ std::optional<std::string> CriLibrary::ApplicationName(std::uint32_t session) co
     const auto found = Find(session);
     if (!found) return std::nullopt;
     return found->ApplicationName();
+}
+
+ApplicationMap CriLibrary::Applications() const {
+    ApplicationMap all;
+    for (const auto& [name, application] : applications) all[name] = application.Settings();
+    return all;
+}
+
+void CriLibrary::ChangeApplication(std::string_view name, const ApplicationSettings& settings) {
+    const auto application = applications.find(name);
+    if (application == applications.end()) return;
+    application->second.Change(settings);
+    const std::lock_guard lock(mutex);
+    for (const auto& [handle, session] : sessions) {
+        if (session->ApplicationName() == name) session->FollowSettings();
+    }
 }
 
 }  // namespace vexa::unit

@@ -19,7 +19,7 @@ namespace vexa::unit {
 // All calls from any thread. Session handles are never used again.
 class VEXA_UNIT_EXPORT CriLibrary {
   public:
-    explicit CriLibrary(const ApplicationMap& applications);
+    explicit CriLibrary(const ApplicationMap& settings);
 
     // Handle of a session with the application of that name; 0 when there is none or it will not.
     // `witness` is told of each answer just before the callback is.
@@ -33,6 +33,11 @@ class VEXA_UNIT_EXPORT CriLibrary {
     [[nodiscard]] std::optional<std::string> Terminate(std::uint32_t session);
 
     [[nodiscard]] std::optional<std::string> ApplicationName(std::uint32_t session) const;
+
+    // All applications as they are now.
+    [[nodiscard]] ApplicationMap Applications() const;
+    // The application of that name, which there must be, behaves in this way from now on.
+    void ChangeApplication(std::string_view name, const ApplicationSettings& settings);
 
   private:
     [[nodiscard]] std::shared_ptr<CriSession> Find(std::uint32_t session) const;

@@ -1,10 +1,13 @@
 #include "model/CriSession.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "model/QuietThread.h"
 
 namespace vexa::unit {
+
+using std::chrono::milliseconds;
 
 CriSession::CriSession(Application& application_, CriCallback callback_, void* context_,
                        Witness witness_)
@@ -15,19 +18,28 @@ CriSession::CriSession(Application& application_, CriCallback callback_, void* c
 
 void CriSession::Start() {
     const std::lock_guard lock(mutex);
+    StartIntervals();
     thread = StartQuietThread([self = shared_from_this()] { self->Run(); });
 }
 
 bool CriSession::Command(std::uint32_t command) {
-    const auto& settings = application.settings;
+    const auto settings = application.Settings();
     if (settings.refuses.contains(command)) return false;
     if (settings.silent) return true;
     {
         const std::lock_guard lock(mutex);
-        pending.push_back({Clock::now() + std::chrono::milliseconds(settings.delayMs), command});
+        pending.push_back({Clock::now() + milliseconds(settings.delayMs), command});
     }
     changed.notify_one();
     return true;
+}
+
+void CriSession::FollowSettings() {
+    {
+        const std::lock_guard lock(mutex);
+        StartIntervals();
+    }
+    changed.notify_one();
 }
 
 void CriSession::Terminate() {
@@ -41,34 +53,70 @@ void CriSession::Terminate() {
     AwaitEnd(std::move(ending));
 }
 
-std::int32_t CriSession::Perform(std::uint32_t command) {
-    const auto& responses = application.settings.responses;
-    const auto replaced = responses.find(command);
-    if (command == kQuery && replaced == responses.end()) return application.holds ? 1 : 0;
-    const std::int32_t response = replaced == responses.end() ? 1 : replaced->second;
-    if (response == 1 && command == kActivate) application.holds = true;
-    if (response == 1 && command == kDeactivate) application.holds = false;
-    return response;
+void CriSession::StartIntervals() {
+    intervals.clear();
+    const TimePoint now = Clock::now();
+    for (const auto& stray : application.Settings().strays) {
+        if (stray.when != StrayTime::kInterval) continue;
+        intervals.push_back({now + milliseconds(stray.intervalMs), stray});
+    }
+}
+
+TimePoint CriSession::NextDue() const {
+    TimePoint due = pending.empty() ? kNever : pending.front().due;
+    for (const auto& interval : intervals) due = std::min(due, interval.due);
+    return due;
+}
+
+void CriSession::AwaitDue(std::unique_lock<std::mutex>& lock) {
+    while (!stopping) {
+        const TimePoint due = NextDue();
+        if (due <= Clock::now()) return;
+        if (due == kNever) {
+            changed.wait(lock);
+        } else {
+            changed.wait_until(lock, due);
+        }
+    }
+}
+
+std::vector<CriSession::Answer> CriSession::TakeDue() {
+    std::vector<Answer> answers;
+    const TimePoint now = Clock::now();
+    if (!pending.empty() && pending.front().due <= now) {
+        AddAnswer(pending.front().command, answers);
+        pending.pop_front();
+    }
+    for (auto& [due, stray] : intervals) {
+        if (due > now) continue;
+        answers.push_back({stray.command, stray.response});
+        due = now + milliseconds(stray.intervalMs);
+    }
+    return answers;
+}
+
+void CriSession::AddAnswer(std::uint32_t command, std::vector<Answer>& into) {
+    const auto strays = application.Settings().strays;
+    const auto addStrays = [&](StrayTime when) {
+        for (const auto& stray : strays) {
+            if (stray.when == when) into.push_back({stray.command, stray.response});
+        }
+    };
+    addStrays(StrayTime::kBeforeAnswer);
+    into.push_back({command, application.Perform(command)});
+    addStrays(StrayTime::kAfterAnswer);
 }
 
 void CriSession::Run() {
     std::unique_lock lock(mutex);
-    while (!stopping) {
-        if (pending.empty()) {
-            changed.wait(lock);
-            continue;
+    for (AwaitDue(lock); !stopping; AwaitDue(lock)) {
+        for (const auto& [command, response] : TakeDue()) {
+            if (stopping) return;
+            lock.unlock();
+            witness(application.Name(), command, response);
+            callback(context, command, response);
+            lock.lock();
         }
-        const PendingAnswer next = pending.front();
-        if (next.due > Clock::now()) {
-            changed.wait_until(lock, next.due);
-            continue;
-        }
-        pending.pop_front();
-        lock.unlock();
-        const std::int32_t response = Perform(next.command);
-        witness(application.name, next.command, response);
-        callback(context, next.command, response);
-        lock.lock();
     }
 }
 

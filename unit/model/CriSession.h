@@ -1,7 +1,7 @@
-// One conversation with an application: a thread that answers the commands sent to it.
+// One conversation with an application: a thread that answers the commands sent to it, and sends
+// what nobody asked for.
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -9,24 +9,13 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "model/Application.h"
 #include "model/Clock.h"
-#include "model/Scenario.h"
 #include "vexcri.h"
 
 namespace vexa::unit {
-
-// Session commands.
-inline constexpr std::uint32_t kActivate = 1;
-inline constexpr std::uint32_t kDeactivate = 2;
-inline constexpr std::uint32_t kQuery = 3;
-
-// An application on the unit; several sessions may talk to one.
-struct Application {
-    std::string name;
-    ApplicationSettings settings;
-    std::atomic<bool> holds = false;  // drives the hardware
-};
 
 class CriSession : public std::enable_shared_from_this<CriSession> {
   public:
@@ -42,29 +31,48 @@ class CriSession : public std::enable_shared_from_this<CriSession> {
     // False when the application does not take the command. Any thread.
     [[nodiscard]] bool Command(std::uint32_t command);
 
+    // The application's settings have changed: intervals start anew. Any thread.
+    void FollowSettings();
+
     // Ends the thread. Once it has returned no callback runs, except the one that called it. Once.
     void Terminate();
 
-    [[nodiscard]] const std::string& ApplicationName() const { return application.name; }
+    [[nodiscard]] const std::string& ApplicationName() const { return application.Name(); }
 
   private:
     struct PendingAnswer {
         TimePoint due;
         std::uint32_t command;
     };
+    struct PendingStray {
+        TimePoint due;
+        Stray stray;
+    };
+    struct Answer {
+        std::uint32_t command;
+        std::int32_t response;
+    };
 
     void Run();
-    // What the application does on a command, and its response.
-    [[nodiscard]] std::int32_t Perform(std::uint32_t command);
+    // These need the mutex held.
+    void StartIntervals();
+    [[nodiscard]] TimePoint NextDue() const;
+    void AwaitDue(std::unique_lock<std::mutex>& lock);
+    // What is due now, in the order in which it is sent.
+    [[nodiscard]] std::vector<Answer> TakeDue();
+
+    // `command` is answered, with the strays around the answer.
+    void AddAnswer(std::uint32_t command, std::vector<Answer>& into);
 
     Application& application;
     const CriCallback callback;
     void* const context;
     const Witness witness;
 
-    std::mutex mutex;  // guards pending, stopping and thread
+    std::mutex mutex;  // guards all below
     std::condition_variable changed;
     std::deque<PendingAnswer> pending;
+    std::vector<PendingStray> intervals;
     bool stopping = false;
     std::thread thread;
 };

@@ -31,6 +31,11 @@ void DaqBoard::Take(std::span<const std::uint8_t> written, TimePoint now) {
     }
 }
 
+void DaqBoard::Change(const DaqSettings& changed, TimePoint now) {
+    settings = changed;
+    ChangeBlocks(settings.measurementSize, settings.measurementRate, now);
+}
+
 void DaqBoard::AnswerSync(std::uint8_t requestSequence, TimePoint now) {
     std::vector<std::uint8_t> reply(kInitialSyncReplySize);
     reply[kTypeOffset] = kTypeInitialSyncReply;

@@ -13,13 +13,16 @@ class DaqBoard : public PacedDevice {
 
     void Take(std::span<const std::uint8_t> written, TimePoint now) override;
 
+    // Behaves in this way from now on; measurements start anew.
+    void Change(const DaqSettings& changed, TimePoint now);
+
   private:
     void AnswerSync(std::uint8_t requestSequence, TimePoint now);
     void Acknowledge(std::span<const std::uint8_t> request, TimePoint now);
     void MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseconds) override;
     void FinishAnswer(std::span<std::uint8_t> answer, TimePoint now) override;
 
-    const DaqSettings settings;
+    DaqSettings settings;
     bool synced = false;
     std::uint8_t sequence = 0;
     std::uint64_t measurements = 0;

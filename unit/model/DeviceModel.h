@@ -23,7 +23,8 @@ class DeviceModel {
     // When the device sends next; kNever when nothing is due unless more is written.
     [[nodiscard]] virtual TimePoint NextDue() const = 0;
 
-    // The block that is due; call only once NextDue() has come. Valid until the next call.
+    // The block that is due, or, before anything is, the next block of samples. Valid until the
+    // next call.
     [[nodiscard]] virtual std::span<const std::uint8_t> Next(TimePoint now) = 0;
 };
 

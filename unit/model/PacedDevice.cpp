@@ -29,6 +29,11 @@ std::span<const std::uint8_t> PacedDevice::Next(TimePoint now) {
     return lastBlock;
 }
 
+void PacedDevice::ChangeBlocks(std::size_t blockSize, double rate, TimePoint now) {
+    lastBlock.resize(blockSize);
+    pacer.ChangeRate(rate, now);
+}
+
 void PacedDevice::Answer(std::vector<std::uint8_t> bytes, TimePoint due) {
     if (!answers.empty()) due = std::max(due, answers.back().due);
     answers.push_back({due, std::move(bytes)});

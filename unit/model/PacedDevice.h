@@ -23,6 +23,9 @@ class PacedDevice : public DeviceModel {
 
     void StartBlocks(TimePoint now) { pacer.Start(now); }
 
+    // Goes on with blocks of another size or at another rate.
+    void ChangeBlocks(std::size_t blockSize, double rate, TimePoint now);
+
     // Queues an answer, due at `due` or after the answers before it.
     void Answer(std::vector<std::uint8_t> bytes, TimePoint due);
 

@@ -17,6 +17,12 @@ class Pacer {
     // The first block is due 1/rate seconds after `now`.
     void Start(TimePoint now);
 
+    // Goes on at another rate; what was due before is no more.
+    void ChangeRate(double rate_, TimePoint now) {
+        rate = rate_;
+        if (start != kNever) Start(now);
+    }
+
     // When the next block is due; kNever before Start.
     [[nodiscard]] TimePoint Due() const;
 
@@ -25,7 +31,7 @@ class Pacer {
     void Advance(TimePoint now);
 
   private:
-    const double rate;
+    double rate;
     TimePoint start = kNever;
     std::uint64_t made = 0;  // blocks since start
 };

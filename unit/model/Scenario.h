@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "model/Fault.h"
+
 namespace vexa::unit {
 
 // Device types of the device-access library that the model treats specially; every other type is
@@ -52,6 +54,18 @@ struct DaqSettings {
     bool operator==(const DaqSettings&) const = default;
 };
 
+enum class StrayTime { kInterval, kBeforeAnswer, kAfterAnswer };
+
+// An answer that nobody asked for.
+struct Stray {
+    StrayTime when = StrayTime::kInterval;
+    std::uint32_t intervalMs = 1000;  // of kInterval
+    std::uint32_t command = 0;
+    std::int32_t response = 0;
+
+    bool operator==(const Stray&) const = default;
+};
+
 // One application on the unit.
 struct ApplicationSettings {
     bool holds = false;  // drives the hardware when the unit starts
@@ -60,6 +74,7 @@ struct ApplicationSettings {
     std::set<std::uint32_t> refuses = {};                  // commands that it does not take
     std::map<std::uint32_t, std::int32_t> responses = {};  // answers that replace its own
     bool initFails = false;
+    std::vector<Stray> strays = {};
 
     bool operator==(const ApplicationSettings&) const = default;
 };
@@ -70,6 +85,22 @@ struct LibrarySettings {
     std::uint16_t minorVersion = 12;
 
     bool operator==(const LibrarySettings&) const = default;
+};
+
+// The cable goes in and out by itself.
+struct CableFlapping {
+    std::uint32_t inMs = 1000;
+    std::uint32_t outMs = 1000;
+    std::uint32_t times = 0;  // how often it goes out; 0: for good
+
+    bool operator==(const CableFlapping&) const = default;
+};
+
+struct CableSettings {
+    bool in = true;                         // hosts can plug in; otherwise they are turned away
+    std::optional<CableFlapping> flapping;  // starts with the cable in
+
+    bool operator==(const CableSettings&) const = default;
 };
 
 using ApplicationMap = std::map<std::string, ApplicationSettings, std::less<>>;
@@ -85,6 +116,9 @@ struct Scenario {
     ApplicationMap applications = DefaultApplications();
     bool nodePresent = true;
     LibrarySettings library;
+    CableSettings cable;
+    std::vector<Fault> faults;
+    std::string description;
 
     bool operator==(const Scenario&) const = default;
 };

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "model/CheckedJson.h"
+#include "model/FaultJson.h"
 #include "model/SettingsReader.h"
 
 namespace vexa::unit {
@@ -39,8 +40,12 @@ void RequireDistinctNames(const Scenario& scenario) {
 }
 
 Scenario ReadScenario(const CheckedJson& root) {
-    root.RequireKeys({"devices", "daq", "applications", "node", "library"});
+    root.RequireKeys({"$schema", "description", "devices", "daq", "applications", "node", "library",
+                      "cable", "faults"});
     Scenario scenario;
+    if (root.Has("description")) {
+        scenario.description = root.Member("description").Text("a line of text");
+    }
     if (root.Has("devices")) {
         scenario.devices.clear();
         root.Member("devices").EachElement([&](const CheckedJson& device) {
@@ -61,15 +66,13 @@ Scenario ReadScenario(const CheckedJson& root) {
         node.ReadBool("present", scenario.nodePresent);
     }
     if (root.Has("library")) ReadLibrary(root.Member("library"), scenario.library);
+    if (root.Has("cable")) ReadCable(root.Member("cable"), scenario.cable);
+    if (root.Has("faults")) {
+        root.Member("faults").EachElement(
+            [&](const CheckedJson& fault) { scenario.faults.push_back(ReadFault(fault)); });
+    }
     RequireDistinctNames(scenario);
     return scenario;
-}
-
-// The parser's own text starts with its name for the error in brackets, which tells a user nothing.
-std::string ParserText(const std::exception& error) {
-    const std::string text = error.what();
-    const auto end = text.find("] ");
-    return end == std::string::npos ? text : text.substr(end + 2);
 }
 
 }  // namespace
@@ -83,12 +86,10 @@ std::variant<Scenario, ScenarioError> LoadScenario(const std::string& path) {
         return ScenarioError{path + ": cannot read it: " + std::strerror(errno)};
     }
     try {
-        const auto json = nlohmann::json::parse(content.str());
+        const auto json = ParseJson(content.str());
         return ReadScenario(CheckedJson(json, ""));
     } catch (const JsonComplaint& complaint) {
         return ScenarioError{path + ": " + complaint.what()};
-    } catch (const nlohmann::json::exception& error) {
-        return ScenarioError{path + ": not valid JSON: " + ParserText(error)};
     }
 }
 

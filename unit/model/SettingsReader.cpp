@@ -17,6 +17,21 @@ constexpr std::array<std::pair<std::string_view, Waveform>, 4> kWaveforms = {
      {"square", Waveform::kSquare},
      {"noise", Waveform::kNoise}}};
 
+constexpr std::array<std::pair<std::string_view, StrayTime>, 3> kStrayTimes = {
+    {{"interval", StrayTime::kInterval},
+     {"before", StrayTime::kBeforeAnswer},
+     {"after", StrayTime::kAfterAnswer}}};
+
+Stray ReadStray(const CheckedJson& node) {
+    node.RequireKeys({"when", "intervalMs", "command", "response"});
+    Stray stray;
+    node.ReadChoice<StrayTime>("when", kStrayTimes, stray.when);
+    node.ReadUnsigned("intervalMs", 1, kMaxDelayMs, stray.intervalMs);
+    stray.command = node.Required("command").Unsigned(0, kMaxUnsigned);
+    stray.response = node.Required("response").Signed32();
+    return stray;
+}
+
 std::uint32_t ReadCommandKey(const std::string& key, const CheckedJson& node) {
     std::uint32_t command = 0;
     const char* const end = key.data() + key.size();
@@ -59,7 +74,7 @@ void ReadDaq(const CheckedJson& node, DaqSettings& daq) {
 }
 
 void ReadApplication(const CheckedJson& node, ApplicationSettings& application) {
-    node.RequireKeys({"holds", "delayMs", "silent", "refuses", "responses", "initFails"});
+    node.RequireKeys({"holds", "delayMs", "silent", "refuses", "responses", "initFails", "strays"});
     node.ReadBool("holds", application.holds);
     node.ReadUnsigned("delayMs", 0, kMaxDelayMs, application.delayMs);
     node.ReadBool("silent", application.silent);
@@ -76,6 +91,28 @@ void ReadApplication(const CheckedJson& node, ApplicationSettings& application) 
             application.responses[ReadCommandKey(key, value)] = value.Signed32();
         });
     }
+    if (node.Has("strays")) {
+        application.strays.clear();
+        node.Member("strays").EachElement(
+            [&](const CheckedJson& stray) { application.strays.push_back(ReadStray(stray)); });
+    }
 }
+
+void ReadCable(const CheckedJson& node, CableSettings& cable) {
+    node.RequireKeys({"in", "flap"});
+    cable.flapping.reset();
+    node.ReadBool("in", cable.in);
+    if (!node.Has("flap")) return;
+    const CheckedJson flap = node.Member("flap");
+    flap.RequireKeys({"inMs", "outMs", "times"});
+    auto& flapping = cable.flapping.emplace();
+    flap.ReadUnsigned("inMs", 1, kMaxDelayMs, flapping.inMs);
+    flap.ReadUnsigned("outMs", 1, kMaxDelayMs, flapping.outMs);
+    flap.ReadUnsigned("times", 0, kMaxUnsigned, flapping.times);
+}
+
+std::string_view WaveformName(Waveform waveform) { return NameIn(kWaveforms, waveform); }
+
+std::string_view StrayTimeName(StrayTime when) { return NameIn(kStrayTimes, when); }
 
 }  // namespace vexa::unit

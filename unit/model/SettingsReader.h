@@ -13,5 +13,10 @@ namespace vexa::unit {
 void ReadDevice(const CheckedJson& node, DeviceSettings& device);
 void ReadDaq(const CheckedJson& node, DaqSettings& daq);
 void ReadApplication(const CheckedJson& node, ApplicationSettings& application);
+void ReadCable(const CheckedJson& node, CableSettings& cable);
+
+// The words that stand for the values.
+[[nodiscard]] std::string_view WaveformName(Waveform waveform);
+[[nodiscard]] std::string_view StrayTimeName(StrayTime when);
 
 }  // namespace vexa::unit

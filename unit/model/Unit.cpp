@@ -11,6 +11,7 @@
 #include <string>
 #include <variant>
 
+#include "model/ControlRequests.h"
 #include "model/ScenarioFile.h"
 #include "model/UnitEnvironment.h"
 #include "model/UnitSocket.h"
@@ -35,13 +36,13 @@ Scenario ScenarioOfEnvironment() {
 }
 
 // The listening socket that vexa-unit made; or one made here, for a program started without it.
-Descriptor HostSocketOfEnvironment() {
+Descriptor SocketOfEnvironment(const char* variable, std::string (*pathIn)(const std::string&)) {
     const std::string folder = Variable(kFolderVariable);
     if (folder.empty()) {
         throw std::runtime_error(std::string(kFolderVariable) + " does not name a folder");
     }
-    const std::string path = HostSocketPath(folder);
-    const std::string text = Variable(kHostSocketVariable);
+    const std::string path = pathIn(folder);
+    const std::string text = Variable(variable);
     int inherited = -1;
     std::from_chars(text.data(), text.data() + text.size(), inherited);
     if (inherited < 0 || !ListensOn(inherited, path)) return ListenOn(path);
@@ -64,9 +65,16 @@ auto OrEndProcess(Make make) {
 
 Unit::Unit(const Scenario& scenario)
     : journal(Variable(kJournalVariable)),
-      vexa(scenario),
+      faults(scenario.faults),
+      vexa(scenario, faults),
       cri(scenario.applications),
-      nodePresent(scenario.nodePresent) {}
+      nodePresent(scenario.nodePresent),
+      cableSettings(scenario.cable) {
+    if (Variable(kFolderVariable).empty()) return;  // a program that was started without a unit
+    control = std::make_unique<ControlServer>(
+        SocketOfEnvironment(kControlSocketVariable, ControlSocketPath),
+        [this](const std::string& line) { return AnswerControlLine(*this, line); });
+}
 
 Unit& Unit::Instance() {
     static Unit& instance = OrEndProcess(
@@ -75,14 +83,29 @@ Unit& Unit::Instance() {
 }
 
 Cable& Unit::HostCable() {
-    std::call_once(cableMade, [this] {
+    if (Cable* const served = servedCable) return *served;
+    const std::lock_guard lock(cableMutex);
+    if (cable == nullptr) {
         cable = OrEndProcess([this] {
-            return std::make_unique<Cable>(HostSocketOfEnvironment(), [this](bool in) {
-                journal.Write(in ? "cable in" : "cable out");
-            });
+            return std::make_unique<Cable>(
+                SocketOfEnvironment(kHostSocketVariable, HostSocketPath), cableSettings,
+                [this](bool in) { journal.Write(in ? "cable in" : "cable out"); });
         });
-    });
+        servedCable = cable.get();
+    }
     return *cable;
+}
+
+void Unit::ChangeCable(const CableSettings& settings) {
+    const std::lock_guard lock(cableMutex);
+    cableSettings = settings;
+    if (cable != nullptr) cable->Change(settings);
+}
+
+CableState Unit::StateOfCable() const {
+    const std::lock_guard lock(cableMutex);
+    if (cable == nullptr) return {cableSettings, false, {}};
+    return {cableSettings, cable->IsIn(), cable->Counts()};
 }
 
 }  // namespace vexa::unit

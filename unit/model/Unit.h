@@ -1,17 +1,27 @@
-// The unit around the service: one in each process, shared by the stand-in libraries and the node.
+// The unit around the service: one in each process, shared by the stand-in libraries, the node and
+// the control socket.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 
 #include "model/Cable.h"
+#include "model/ControlServer.h"
 #include "model/CriLibrary.h"
 #include "model/Export.h"
+#include "model/FaultTable.h"
 #include "model/Journal.h"
 #include "model/Scenario.h"
 #include "model/VexaLibrary.h"
 
 namespace vexa::unit {
+
+struct CableState {
+    CableSettings settings;
+    bool hostConnected = false;
+    CableCounts counts;
+};
 
 class VEXA_UNIT_EXPORT Unit {
   public:
@@ -21,6 +31,7 @@ class VEXA_UNIT_EXPORT Unit {
     [[nodiscard]] static Unit& Instance();
 
     [[nodiscard]] const Journal& CallJournal() const { return journal; }
+    [[nodiscard]] FaultTable& Faults() { return faults; }
     [[nodiscard]] VexaLibrary& Vexa() { return vexa; }
     [[nodiscard]] CriLibrary& Cri() { return cri; }
 
@@ -29,15 +40,23 @@ class VEXA_UNIT_EXPORT Unit {
     // start, only the one that uses the node may take them.
     [[nodiscard]] Cable& HostCable();
 
+    // Of the cable, also before it is served.
+    void ChangeCable(const CableSettings& settings);
+    [[nodiscard]] CableState StateOfCable() const;
+
   private:
     explicit Unit(const Scenario& scenario);
 
     const Journal journal;
+    FaultTable faults;
     VexaLibrary vexa;
     CriLibrary cri;
     const bool nodePresent;
-    std::once_flag cableMade;
-    std::unique_ptr<Cable> cable;  // set once, under cableMade
+    mutable std::mutex cableMutex;  // guards cableSettings and the making of the cable
+    CableSettings cableSettings;
+    std::atomic<Cable*> servedCable = nullptr;  // that of `cable`, once there is one
+    std::unique_ptr<Cable> cable;               // set once, under cableMutex
+    std::unique_ptr<ControlServer> control;     // last: its thread uses all the others; may be none
 };
 
 }  // namespace vexa::unit

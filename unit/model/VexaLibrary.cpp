@@ -8,8 +8,8 @@
 
 namespace vexa::unit {
 
-VexaLibrary::VexaLibrary(const Scenario& scenario)
-    : settings(scenario.library), devices(scenario.devices), daq(scenario.daq) {}
+VexaLibrary::VexaLibrary(const Scenario& scenario, FaultTable& faults_)
+    : settings(scenario.library), faults(faults_), devices(scenario.devices), daq(scenario.daq) {}
 
 std::uint32_t VexaLibrary::Init() {
     if (settings.initFails) return 0;
@@ -105,8 +105,8 @@ std::uint32_t VexaLibrary::OpenStream(std::uint32_t library, std::string_view na
                                       VEXA_ReadCallback callback, void* context) {
     const std::lock_guard lock(mutex);
     if (!IsOpenLocked(library) || !IsAttached(name)) return 0;
-    const auto stream =
-        std::make_shared<DeviceStream>(std::string(name), MakeModel(name), callback, context);
+    const auto stream = std::make_shared<DeviceStream>(std::string(name), MakeModel(name), faults,
+                                                       callback, context);
     streams[++lastHandle] = {library, stream};
     stream->Start();
     return lastHandle;
@@ -121,10 +121,11 @@ std::shared_ptr<DeviceStream> VexaLibrary::FindStream(std::uint32_t stream) cons
 Status VexaLibrary::Write(std::uint32_t stream, std::span<const std::uint8_t> bytes) {
     const auto found = FindStream(stream);
     if (!found) return Status::kBadHandle;
-    return found->Write(bytes) ? Status::kOk : Status::kBusy;
+    if (found->Write(bytes)) return Status::kOk;
+    return found->IsUnplugged() ? Status::kNoSuchDevice : Status::kBusy;
 }
 
-std::optional<ClosedStream> VexaLibrary::CloseStream(std::uint32_t stream) {
+std::optional<ClosedStream> VexaLibrary::CloseStream(std::uint32_t stream, bool sendsData) {
     std::shared_ptr<DeviceStream> closing;
     {
         const std::lock_guard lock(mutex);
@@ -133,7 +134,7 @@ std::optional<ClosedStream> VexaLibrary::CloseStream(std::uint32_t stream) {
         closing = std::move(found->second.stream);
         streams.erase(found);
     }
-    closing->Close();
+    closing->Close(sendsData);
     return ClosedStream{closing->DeviceName(), closing->Counts()};
 }
 
@@ -153,6 +154,65 @@ std::uint32_t VexaLibrary::OpenDevice(std::uint32_t library, std::string_view na
 Status VexaLibrary::CloseDevice(std::uint32_t device) {
     const std::lock_guard lock(mutex);
     return openDevices.erase(device) != 0 ? Status::kOk : Status::kBadHandle;
+}
+
+std::optional<std::string> VexaLibrary::OpenDeviceName(std::uint32_t device) const {
+    const std::lock_guard lock(mutex);
+    const auto found = openDevices.find(device);
+    if (found == openDevices.end()) return std::nullopt;
+    return found->second.name;
+}
+
+std::vector<DeviceSettings> VexaLibrary::Devices() const {
+    const std::lock_guard lock(mutex);
+    return devices;
+}
+
+DaqSettings VexaLibrary::Daq() const {
+    const std::lock_guard lock(mutex);
+    return daq;
+}
+
+std::vector<StreamState> VexaLibrary::Streams() const {
+    const std::lock_guard lock(mutex);
+    std::vector<StreamState> states;
+    states.reserve(streams.size());
+    for (const auto& [handle, opened] : streams) {
+        const auto& stream = *opened.stream;
+        states.push_back({handle, stream.DeviceName(), stream.Counts(), stream.IsUnplugged()});
+    }
+    return states;
+}
+
+void VexaLibrary::UnplugStreams(std::string_view deviceName) const {
+    for (const auto& [handle, opened] : streams) {
+        if (opened.stream->DeviceName() == deviceName) opened.stream->Unplug();
+    }
+}
+
+void VexaLibrary::ChangeDevice(const DeviceSettings& device) {
+    const std::lock_guard lock(mutex);
+    ++listSignature;
+    const auto known = std::ranges::find(devices, device.name, &DeviceSettings::name);
+    if (known == devices.end()) {
+        devices.push_back(device);
+    } else {
+        *known = device;
+    }
+    if (!device.attached) UnplugStreams(device.name);
+}
+
+void VexaLibrary::ChangeDaq(const DaqSettings& settings_) {
+    const std::lock_guard lock(mutex);
+    if (daq.present != settings_.present) ++listSignature;
+    daq = settings_;
+    if (!daq.present) UnplugStreams(daq.name);
+    for (const auto& [handle, opened] : streams) {
+        if (opened.stream->DeviceName() != daq.name) continue;
+        opened.stream->Change([changed = daq](DeviceModel& model) {
+            static_cast<DaqBoard&>(model).Change(changed, Clock::now());
+        });
+    }
 }
 
 }  // namespace vexa::unit

@@ -26,6 +26,7 @@ enum class Status : std::int32_t {
     kNoSuchDevice = -3,
     kNoSuchEntry = -4,
     kBusy = -5,
+    kFailed = -6,  // by a fault that was set
 };
 
 struct Snapshot {
@@ -40,10 +41,19 @@ struct ClosedStream {
     StreamCounts counts;
 };
 
+// A stream that is open.
+struct StreamState {
+    std::uint32_t handle = 0;
+    std::string deviceName;
+    StreamCounts counts;
+    bool unplugged = false;
+};
+
 // All calls from any thread. Handles of all kinds come from one counter and are never used again.
 class VEXA_UNIT_EXPORT VexaLibrary {
   public:
-    explicit VexaLibrary(const Scenario& scenario);
+    // `faults` must outlive the library.
+    VexaLibrary(const Scenario& scenario, FaultTable& faults);
 
     // Handle of a library; 0 when the scenario makes it fail.
     [[nodiscard]] std::uint32_t Init();
@@ -65,13 +75,26 @@ class VEXA_UNIT_EXPORT VexaLibrary {
     [[nodiscard]] std::uint32_t OpenStream(std::uint32_t library, std::string_view name,
                                            VEXA_ReadCallback callback, void* context);
     [[nodiscard]] Status Write(std::uint32_t stream, std::span<const std::uint8_t> bytes);
-    // Nothing when there is no such stream. No lock is held while its callback is waited for.
-    [[nodiscard]] std::optional<ClosedStream> CloseStream(std::uint32_t stream);
+    // Nothing when there is no such stream. No lock is held while its callback is waited for. With
+    // `sendsData` the device sends a block meanwhile.
+    [[nodiscard]] std::optional<ClosedStream> CloseStream(std::uint32_t stream, bool sendsData);
     [[nodiscard]] std::optional<std::string> StreamDeviceName(std::uint32_t stream) const;
 
     // A device without a stream, attached ones only; 0 when there is none.
     [[nodiscard]] std::uint32_t OpenDevice(std::uint32_t library, std::string_view name);
     [[nodiscard]] Status CloseDevice(std::uint32_t device);
+    [[nodiscard]] std::optional<std::string> OpenDeviceName(std::uint32_t device) const;
+
+    // What the unit consists of now.
+    [[nodiscard]] std::vector<DeviceSettings> Devices() const;
+    [[nodiscard]] DaqSettings Daq() const;
+    [[nodiscard]] std::vector<StreamState> Streams() const;
+
+    // Adds the device, or changes the one of its name: attached or taken away, and described anew
+    // for streams opened from now on. Streams to a device that is taken away stay open.
+    void ChangeDevice(const DeviceSettings& device);
+    // Likewise; all but the name, which stays. Open streams follow.
+    void ChangeDaq(const DaqSettings& settings);
 
   private:
     struct OpenedStream {
@@ -92,10 +115,12 @@ class VEXA_UNIT_EXPORT VexaLibrary {
     [[nodiscard]] bool IsAttached(std::string_view name) const;
     [[nodiscard]] std::vector<std::string> AttachedNames(std::uint32_t type) const;
     [[nodiscard]] std::unique_ptr<DeviceModel> MakeModel(std::string_view name) const;
+    void UnplugStreams(std::string_view deviceName) const;
 
     [[nodiscard]] std::shared_ptr<DeviceStream> FindStream(std::uint32_t stream) const;
 
     const LibrarySettings settings;
+    FaultTable& faults;
     mutable std::mutex mutex;  // guards all below; never held during a callback
     std::vector<DeviceSettings> devices;
     DaqSettings daq;

@@ -83,7 +83,7 @@ void Program::BecomeProgram(const ProgramCall& call, int failurePipe) const {
     ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (::getppid() != parent)
         std::_Exit(EXIT_FAILURE);  // the parent was faster than the line above
-    ::fcntl(call.inherited, F_SETFD, 0);
+    for (const int descriptor : call.inherited) ::fcntl(descriptor, F_SETFD, 0);
     for (const auto& [name, value] : call.changes) {
         if (value.empty()) {
             ::unsetenv(name.c_str());

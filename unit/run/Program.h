@@ -20,7 +20,7 @@ struct ProgramCall {
     std::string path;
     std::vector<std::string> arguments;  // the program's name first
     EnvironmentChanges changes;
-    int inherited = -1;  // descriptor that stays open in the program
+    std::vector<int> inherited;  // descriptors that stay open in the program
 };
 
 // A started program, which ends with this process at the latest. Signals to end this process are

@@ -62,10 +62,11 @@ int RunOnUnit(const RunOptions& options) {
     CheckJournal(options.journal);  // it may be in that folder
     call.changes[kFolderVariable] = folder.Path();
     call.changes[kHostSocketVariable] = std::to_string(folder.HostSocket());
-    call.inherited = folder.HostSocket();
+    call.changes[kControlSocketVariable] = std::to_string(folder.ControlSocket());
+    call.inherited = {folder.HostSocket(), folder.ControlSocket()};
 
     Program program(call);
-    folder.ReleaseHostSocket();
+    folder.ReleaseSockets();
     std::fprintf(stderr, "vexa-unit: host socket %s\n", folder.HostSocketPath().c_str());
     return program.Wait();
 }

@@ -16,6 +16,10 @@ namespace vexa::unit {
 
 namespace {
 
+// Whoever tidies up after a killed unit holds the lock for an instant.
+constexpr int kLockTries = 30;
+constexpr unsigned kLockPauseUs = 10000;
+
 [[noreturn]] void Fail(const std::string& path, const char* why) {
     throw UserError("cannot make the folder " + path + ": " + why);
 }
@@ -29,17 +33,18 @@ UnitFolder::UnitFolder(const std::string& path_) {
         Make(path_);
     }
     try {
-        Lock();
+        while (!Lock()) Make(path);
         Listen();
     } catch (...) {
-        RemoveFolder();
+        RemoveAll();
         throw;
     }
+    watcher = std::make_unique<Watcher>(WatchedFolder{path, made, sockets});
 }
 
 UnitFolder::~UnitFolder() {
-    ::unlink(HostSocketPath().c_str());
-    RemoveFolder();
+    RemoveAll();
+    watcher->Dismiss();
 }
 
 std::string UnitFolder::HostSocketPath() const { return vexa::unit::HostSocketPath(path); }
@@ -61,23 +66,38 @@ void UnitFolder::Make(const std::string& path_) {
     if (!std::filesystem::is_directory(path)) Fail(path_, "there is a file of that name");
 }
 
-void UnitFolder::Lock() {
+bool UnitFolder::Lock() {
     lock = Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!lock && errno == ENOENT) return false;
     if (!lock) throw UserError("cannot open the folder " + path + ": " + std::strerror(errno));
-    if (::flock(lock.Get(), LOCK_EX | LOCK_NB) == 0) return;
-    if (errno == EWOULDBLOCK) throw UserError("another unit is running in " + path);
-    throw UserError("cannot lock the folder " + path + ": " + std::strerror(errno));
+    for (int tries = kLockTries; ::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0; --tries) {
+        if (errno != EWOULDBLOCK) {
+            throw UserError("cannot lock the folder " + path + ": " + std::strerror(errno));
+        }
+        if (tries == 0) throw UserError("another unit is running in " + path);
+        ::usleep(kLockPauseUs);
+    }
+    return IsSameFile(path, FileOf(lock.Get()));
 }
 
 void UnitFolder::Listen() {
     try {
         hostSocket = ListenOn(HostSocketPath());
+        sockets.push_back(HostSocketPath());
+        controlSocket = ListenOn(ControlSocketPath(path));
+        sockets.push_back(ControlSocketPath(path));
     } catch (const std::runtime_error& error) {
         throw UserError(error.what());
     }
 }
 
-void UnitFolder::RemoveFolder() {
+void UnitFolder::ReleaseSockets() {
+    hostSocket = Descriptor();
+    controlSocket = Descriptor();
+}
+
+void UnitFolder::RemoveAll() const {
+    for (const auto& socket : sockets) ::unlink(socket.c_str());
     if (made) ::rmdir(path.c_str());
 }
 

@@ -1,8 +1,10 @@
 #include "Node.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -33,19 +35,27 @@ bool ReplaceSlot(int expected, int value) {
     return false;
 }
 
-}  // namespace
+// Waits as a driver does: false, with EINTR, when a signal comes first.
+bool Wait(std::uint32_t ms) { return ms == 0 || ::poll(nullptr, 0, static_cast<int>(ms)) == 0; }
 
-bool IsNodePath(const char* path) { return path != nullptr && std::strcmp(path, ZT_USB_NODE) == 0; }
-
-bool IsNode(int descriptor) {
-    if (descriptor < 0) return false;
-    for (const auto& slot : slots) {
-        if (slot.load(std::memory_order_relaxed) == descriptor + 1) return true;
-    }
-    return false;
+// Performs one system call on the node as the faults that are set for it allow.
+template <typename Work>
+ssize_t Perform(Call call, Work work) {
+    const FaultEffect effect = Unit::Instance().Faults().Use(call);
+    if (!Wait(effect.blockMs)) return -1;
+    if (effect.error) errno = *effect.error;
+    const ssize_t result = effect.error ? -1 : work(effect);
+    const int error = errno;
+    (void)Wait(effect.lateMs);
+    errno = error;
+    return result;
 }
 
-int OpenNode() {
+std::size_t Limited(std::size_t size, const FaultEffect& effect) {
+    return effect.atMost ? std::min<std::size_t>(size, *effect.atMost) : size;
+}
+
+ssize_t OpenNewDescriptor() {
     Unit& unit = Unit::Instance();
     if (!unit.HasNode()) {
         errno = ENOENT;
@@ -62,17 +72,7 @@ int OpenNode() {
     return descriptor;
 }
 
-void ForgetNode(int descriptor) { (void)ReplaceSlot(descriptor, kFree); }
-
-ssize_t ReadNode(void* into, std::size_t size) {
-    return Unit::Instance().HostCable().Read({static_cast<std::uint8_t*>(into), size});
-}
-
-ssize_t WriteNode(const void* bytes, std::size_t size) {
-    return Unit::Instance().HostCable().Write({static_cast<const std::uint8_t*>(bytes), size});
-}
-
-int ControlNode(unsigned long request, void* argument) {
+int QueryLink(unsigned long request, void* argument) {
     // The request number may reach us with its sign extended.
     if (static_cast<std::uint32_t>(request) != static_cast<std::uint32_t>(ZTG_LINK_STATUS)) {
         errno = ENOTTY;
@@ -84,6 +84,45 @@ int ControlNode(unsigned long request, void* argument) {
     }
     *static_cast<int*>(argument) = Unit::Instance().HostCable().IsIn() ? 1 : 0;
     return 0;
+}
+
+}  // namespace
+
+bool IsNodePath(const char* path) { return path != nullptr && std::strcmp(path, ZT_USB_NODE) == 0; }
+
+bool IsNode(int descriptor) {
+    if (descriptor < 0) return false;
+    for (const auto& slot : slots) {
+        if (slot.load(std::memory_order_relaxed) == descriptor + 1) return true;
+    }
+    return false;
+}
+
+int OpenNode() {
+    return static_cast<int>(
+        Perform(Call::kNodeOpen, [](const FaultEffect&) { return OpenNewDescriptor(); }));
+}
+
+void ForgetNode(int descriptor) { (void)ReplaceSlot(descriptor, kFree); }
+
+ssize_t ReadNode(void* into, std::size_t size) {
+    return Perform(Call::kNodeRead, [&](const FaultEffect& effect) {
+        return Unit::Instance().HostCable().Read(
+            {static_cast<std::uint8_t*>(into), Limited(size, effect)});
+    });
+}
+
+ssize_t WriteNode(const void* bytes, std::size_t size) {
+    return Perform(Call::kNodeWrite, [&](const FaultEffect& effect) {
+        return Unit::Instance().HostCable().Write(
+            {static_cast<const std::uint8_t*>(bytes), Limited(size, effect)});
+    });
+}
+
+int ControlNode(unsigned long request, void* argument) {
+    return static_cast<int>(Perform(Call::kNodeIoctl, [&](const FaultEffect&) -> ssize_t {
+        return QueryLink(request, argument);
+    }));
 }
 
 }  // namespace vexa::unit

@@ -1,16 +1,19 @@
-// The C face of the modelled device-access library: checks arguments, keeps the journal.
+// The C face of the modelled device-access library: checks arguments; LibraryCall does the rest.
 #include "VEXA.h"
 
 #include <cstring>
 #include <string>
 #include <string_view>
 
-#include "model/CallLine.h"
+#include "model/LibraryCall.h"
 #include "model/Unit.h"
 
 #define VEXA_PUBLIC extern "C" __attribute__((visibility("default")))
 
-using vexa::unit::CallLine;
+using vexa::unit::Call;
+using vexa::unit::CallOutcome;
+using vexa::unit::FaultEffect;
+using vexa::unit::LibraryCall;
 using vexa::unit::QuotedText;
 using vexa::unit::Status;
 using vexa::unit::Unit;
@@ -19,31 +22,30 @@ namespace {
 
 vexa::unit::VexaLibrary& Library() { return Unit::Instance().Vexa(); }
 
-void Note(const CallLine& line) { Unit::Instance().CallJournal().Write(line.Line()); }
-
-// Writes the line down with its result, and returns the result.
-std::int32_t Finish(CallLine& line, Status status, std::string_view note = "") {
-    const auto result = static_cast<std::int32_t>(status);
-    line.Result(result);
-    if (!note.empty()) line.Note(note);
-    Note(line);
-    return result;
+CallOutcome Result(Status status, std::string note = "") {
+    return {static_cast<std::int32_t>(status), std::move(note)};
 }
 
-std::uint32_t FinishHandle(CallLine& line, std::uint32_t handle, std::string_view note = "") {
-    line.Result(handle);
-    if (!note.empty()) line.Note(note);
-    Note(line);
-    return handle;
+// Performs a call that returns a status.
+template <typename Work>
+std::int32_t Perform(LibraryCall& call, Work work) {
+    return static_cast<std::int32_t>(call.Perform(static_cast<std::int32_t>(Status::kFailed),
+                                                  [&](const FaultEffect&) { return work(); }));
+}
+
+// Performs a call that returns a handle, 0 when it fails.
+template <typename Work>
+std::uint32_t PerformForHandle(LibraryCall& call, Work work) {
+    return static_cast<std::uint32_t>(call.Perform(0, [&](const FaultEffect&) { return work(); }));
 }
 
 std::string_view TextOf(const char* text) { return text == nullptr ? "" : text; }
 
-Status CopyName(std::string_view from, char* name, std::uint32_t capacity) {
-    if (name == nullptr || from.size() >= capacity) return Status::kBadArgument;
+CallOutcome CopyName(std::string_view from, char* name, std::uint32_t capacity) {
+    if (name == nullptr || from.size() >= capacity) return Result(Status::kBadArgument);
     std::memcpy(name, from.data(), from.size());
     name[from.size()] = '\0';
-    return Status::kOk;
+    return Result(Status::kOk, QuotedText(from));
 }
 
 // A context is a number of the caller's or an address, which would differ from run to run.
@@ -60,139 +62,163 @@ std::string CountsText(const vexa::unit::ClosedStream& closed) {
            " refused, " + std::to_string(counts.writes) + " writes in";
 }
 
+std::string StreamName(std::uint32_t stream) {
+    return Library().StreamDeviceName(stream).value_or("");
+}
+
 }  // namespace
 
 VEXA_PUBLIC std::uint32_t VEXA_Init(void) {
-    CallLine line("VEXA_Init");
-    return FinishHandle(line, Library().Init());
+    LibraryCall call(Call::kInit);
+    return PerformForHandle(call, [] { return CallOutcome{Library().Init()}; });
 }
 
 VEXA_PUBLIC std::int32_t VEXA_Uninit(std::uint32_t library) {
-    CallLine line("VEXA_Uninit");
-    line.Number(library);
-    return Finish(line, Library().Uninit(library));
+    LibraryCall call(Call::kUninit);
+    call.Line().Number(library);
+    return Perform(call, [&] { return Result(Library().Uninit(library)); });
 }
 
 VEXA_PUBLIC std::int32_t VEXA_GetDLLVersion(std::uint32_t library, std::uint16_t* major,
                                             std::uint16_t* minor) {
-    CallLine line("VEXA_GetDLLVersion");
-    line.Number(library);
-    if (!Library().IsOpen(library)) return Finish(line, Status::kBadHandle);
-    if (major == nullptr || minor == nullptr) return Finish(line, Status::kBadArgument);
-    const auto& settings = Library().Settings();
-    *major = settings.majorVersion;
-    *minor = settings.minorVersion;
-    return Finish(line, Status::kOk, std::to_string(*major) + "." + std::to_string(*minor));
+    LibraryCall call(Call::kGetDllVersion);
+    call.Line().Number(library);
+    return Perform(call, [&] {
+        if (!Library().IsOpen(library)) return Result(Status::kBadHandle);
+        if (major == nullptr || minor == nullptr) return Result(Status::kBadArgument);
+        const auto& settings = Library().Settings();
+        *major = settings.majorVersion;
+        *minor = settings.minorVersion;
+        return Result(Status::kOk, std::to_string(*major) + "." + std::to_string(*minor));
+    });
 }
 
 VEXA_PUBLIC std::int32_t VEXA_Diags_SetDebugTraceThreshold(std::uint32_t library,
                                                            std::int32_t level) {
-    CallLine line("VEXA_Diags_SetDebugTraceThreshold");
-    line.Number(library).Number(level);
-    return Finish(line, Library().IsOpen(library) ? Status::kOk : Status::kBadHandle);
+    LibraryCall call(Call::kSetDebugTraceThreshold);
+    call.Line().Number(library).Number(level);
+    return Perform(
+        call, [&] { return Result(Library().IsOpen(library) ? Status::kOk : Status::kBadHandle); });
 }
 
 VEXA_PUBLIC std::int32_t VEXA_GetDeviceTypeFromDeviceName(const char* name, std::uint32_t* type) {
-    CallLine line("VEXA_GetDeviceTypeFromDeviceName");
-    line.Text(TextOf(name));
-    if (name == nullptr || type == nullptr) return Finish(line, Status::kBadArgument);
-    const auto found = Library().TypeOf(name);
-    if (!found) return Finish(line, Status::kNoSuchDevice);
-    *type = *found;
-    return Finish(line, Status::kOk, "type " + std::to_string(*found));
+    LibraryCall call(Call::kGetDeviceType, TextOf(name));
+    call.Line().Text(TextOf(name));
+    return Perform(call, [&] {
+        if (name == nullptr || type == nullptr) return Result(Status::kBadArgument);
+        const auto found = Library().TypeOf(name);
+        if (!found) return Result(Status::kNoSuchDevice);
+        *type = *found;
+        return Result(Status::kOk, "type " + std::to_string(*found));
+    });
 }
 
 VEXA_PUBLIC std::int32_t VEXA_SearchForDevices(std::uint32_t library, std::uint32_t type,
                                                std::int32_t mode, std::int32_t reserved,
                                                std::uint32_t* status) {
-    CallLine line("VEXA_SearchForDevices");
-    line.Number(library).Number(type).Number(mode).Number(reserved);
-    if (status == nullptr) return Finish(line, Status::kBadArgument);
-    *status = 0;
-    // The model's list is always up to date.
-    return Finish(line, Library().IsOpen(library) ? Status::kOk : Status::kBadHandle);
+    LibraryCall call(Call::kSearchForDevices);
+    call.Line().Number(library).Number(type).Number(mode).Number(reserved);
+    return Perform(call, [&] {
+        if (status == nullptr) return Result(Status::kBadArgument);
+        *status = 0;
+        // The model's list is always up to date.
+        return Result(Library().IsOpen(library) ? Status::kOk : Status::kBadHandle);
+    });
 }
 
 VEXA_PUBLIC std::uint32_t VEXA_OpenDeviceListSnapshot(std::uint32_t library, std::uint32_t type,
                                                       std::uint32_t* count,
                                                       std::uint32_t* signature) {
-    CallLine line("VEXA_OpenDeviceListSnapshot");
-    line.Number(library).Number(type);
-    if (count == nullptr || signature == nullptr) return FinishHandle(line, 0);
-    const auto snapshot = Library().OpenSnapshot(library, type);
-    if (!snapshot) return FinishHandle(line, 0);
-    *count = snapshot->count;
-    *signature = snapshot->signature;
-    return FinishHandle(line, snapshot->handle, std::to_string(snapshot->count) + " found");
+    LibraryCall call(Call::kOpenSnapshot);
+    call.Line().Number(library).Number(type);
+    return PerformForHandle(call, [&] {
+        if (count == nullptr || signature == nullptr) return CallOutcome{};
+        const auto snapshot = Library().OpenSnapshot(library, type);
+        if (!snapshot) return CallOutcome{};
+        *count = snapshot->count;
+        *signature = snapshot->signature;
+        return CallOutcome{snapshot->handle, std::to_string(snapshot->count) + " found"};
+    });
 }
 
 VEXA_PUBLIC std::int32_t VEXA_DeviceListSnapshot_GetNthEntry(std::uint32_t snapshot,
                                                              std::uint32_t index, char* name,
                                                              std::uint32_t capacity,
                                                              std::uint32_t* status) {
-    CallLine line("VEXA_DeviceListSnapshot_GetNthEntry");
-    line.Number(snapshot).Number(index).Number(capacity);
-    if (status == nullptr) return Finish(line, Status::kBadArgument);
-    *status = 0;
     std::string entry;
-    Status result = Library().SnapshotEntry(snapshot, index, entry);
-    if (result == Status::kOk) result = CopyName(entry, name, capacity);
-    return Finish(line, result, result == Status::kOk ? QuotedText(entry) : "");
+    const Status found = Library().SnapshotEntry(snapshot, index, entry);
+    LibraryCall call(Call::kGetNthEntry, entry);
+    call.Line().Number(snapshot).Number(index).Number(capacity);
+    return Perform(call, [&] {
+        if (status == nullptr) return Result(Status::kBadArgument);
+        *status = 0;
+        return found == Status::kOk ? CopyName(entry, name, capacity) : Result(found);
+    });
 }
 
 VEXA_PUBLIC std::int32_t VEXA_CloseDeviceListSnapshot(std::uint32_t snapshot) {
-    CallLine line("VEXA_CloseDeviceListSnapshot");
-    line.Number(snapshot);
-    return Finish(line, Library().CloseSnapshot(snapshot));
+    LibraryCall call(Call::kCloseSnapshot);
+    call.Line().Number(snapshot);
+    return Perform(call, [&] { return Result(Library().CloseSnapshot(snapshot)); });
 }
 
 VEXA_PUBLIC std::uint32_t VEXA_Device_Stream_Open(std::uint32_t library, const char* name,
                                                   VEXA_ReadCallback callback, std::int32_t mode,
                                                   void* context) {
-    CallLine line("VEXA_Device_Stream_Open");
     const std::string_view deviceName = TextOf(name);
-    line.Number(library).Text(deviceName).Number(mode, "mode");
-    line.Word(ContextText(context, deviceName));
-    if (name == nullptr || callback == nullptr) return FinishHandle(line, 0);
-    return FinishHandle(line, Library().OpenStream(library, deviceName, callback, context));
+    LibraryCall call(Call::kStreamOpen, deviceName);
+    call.Line().Number(library).Text(deviceName).Number(mode, "mode");
+    call.Line().Word(ContextText(context, deviceName));
+    return PerformForHandle(call, [&] {
+        if (name == nullptr || callback == nullptr) return CallOutcome{};
+        return CallOutcome{Library().OpenStream(library, deviceName, callback, context)};
+    });
 }
 
 VEXA_PUBLIC std::int32_t VEXA_Device_Stream_Write(std::uint32_t stream, const void* data,
                                                   std::int32_t length) {
-    if (length < 0 || (data == nullptr && length > 0)) {
-        return static_cast<std::int32_t>(Status::kBadArgument);
-    }
-    const std::span bytes(static_cast<const std::uint8_t*>(data), static_cast<std::size_t>(length));
-    return static_cast<std::int32_t>(Library().Write(stream, bytes));
+    LibraryCall call(Call::kStreamWrite, StreamName(stream));
+    call.Line().Number(stream).Number(length, "length");
+    call.KeepQuiet();  // there would be too many
+    return Perform(call, [&] {
+        if (length < 0 || (data == nullptr && length > 0)) return Result(Status::kBadArgument);
+        const auto* const bytes = static_cast<const std::uint8_t*>(data);
+        return Result(Library().Write(stream, {bytes, static_cast<std::size_t>(length)}));
+    });
 }
 
 VEXA_PUBLIC std::int32_t VEXA_Device_Stream_Close(std::uint32_t stream) {
-    CallLine line("VEXA_Device_Stream_Close");
-    line.Number(stream);
-    const auto closed = Library().CloseStream(stream);
-    if (!closed) return Finish(line, Status::kBadHandle);
-    return Finish(line, Status::kOk, CountsText(*closed));
+    LibraryCall call(Call::kStreamClose, StreamName(stream));
+    call.Line().Number(stream);
+    const auto work = [&](const FaultEffect& effect) {
+        const auto closed = Library().CloseStream(stream, effect.sendsData);
+        return closed ? Result(Status::kOk, CountsText(*closed)) : Result(Status::kBadHandle);
+    };
+    return static_cast<std::int32_t>(
+        call.Perform(static_cast<std::int32_t>(Status::kFailed), work));
 }
 
 VEXA_PUBLIC std::int32_t VEXA_Device_GetOpenDeviceName(std::uint32_t stream, char* name,
                                                        std::uint32_t capacity) {
-    CallLine line("VEXA_Device_GetOpenDeviceName");
-    line.Number(stream).Number(capacity);
-    const auto found = Library().StreamDeviceName(stream);
-    if (!found) return Finish(line, Status::kBadHandle);
-    const Status result = CopyName(*found, name, capacity);
-    return Finish(line, result, result == Status::kOk ? QuotedText(*found) : "");
+    LibraryCall call(Call::kGetOpenDeviceName, StreamName(stream));
+    call.Line().Number(stream).Number(capacity);
+    return Perform(call, [&] {
+        const auto found = Library().StreamDeviceName(stream);
+        return found ? CopyName(*found, name, capacity) : Result(Status::kBadHandle);
+    });
 }
 
 VEXA_PUBLIC std::uint32_t VEXA_Device_Open(std::uint32_t library, const char* name,
                                            std::int32_t mode) {
-    CallLine line("VEXA_Device_Open");
-    line.Number(library).Text(TextOf(name)).Number(mode, "mode");
-    return FinishHandle(line, name == nullptr ? 0 : Library().OpenDevice(library, name));
+    LibraryCall call(Call::kDeviceOpen, TextOf(name));
+    call.Line().Number(library).Text(TextOf(name)).Number(mode, "mode");
+    return PerformForHandle(call, [&] {
+        return CallOutcome{name == nullptr ? 0 : Library().OpenDevice(library, name)};
+    });
 }
 
 VEXA_PUBLIC std::int32_t VEXA_Device_Close(std::uint32_t device) {
-    CallLine line("VEXA_Device_Close");
-    line.Number(device);
-    return Finish(line, Library().CloseDevice(device));
+    LibraryCall call(Call::kDeviceClose, Library().OpenDeviceName(device).value_or(""));
+    call.Line().Number(device);
+    return Perform(call, [&] { return Result(Library().CloseDevice(device)); });
 }
