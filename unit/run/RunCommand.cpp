@@ -9,6 +9,7 @@
 #include "model/ScenarioFile.h"
 #include "model/UnitEnvironment.h"
 #include "run/Program.h"
+#include "run/ScenarioFiles.h"
 #include "run/StandIns.h"
 #include "run/UnitFolder.h"
 #include "run/UserError.h"
@@ -48,14 +49,15 @@ std::string FindService() {
 }  // namespace
 
 int RunOnUnit(const RunOptions& options) {
-    CheckScenario(options.scenario);
+    const std::string scenario = FindScenario(options.scenario);
+    CheckScenario(scenario);
     const bool isService = options.program.empty();
 
     ProgramCall call;
     call.path = isService ? FindService() : FindProgram(options.program.front());
     call.arguments = isService ? std::vector<std::string>{kService} : options.program;
     PreferStandIns(StandInFolder(), call.changes);
-    call.changes[kScenarioVariable] = Absolute(options.scenario);
+    call.changes[kScenarioVariable] = scenario;
     call.changes[kJournalVariable] = Absolute(options.journal);
 
     UnitFolder folder(options.folder);

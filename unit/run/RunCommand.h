@@ -7,7 +7,7 @@
 namespace vexa::unit {
 
 struct RunOptions {
-    std::string scenario;              // file; empty: the built-in one
+    std::string scenario;              // name or file; empty: the built-in one
     std::string folder;                // empty: a temporary one
     std::string journal;               // file; empty: none
     std::vector<std::string> program;  // with its arguments; empty: the service

@@ -1,10 +1,12 @@
-// vexa-unit: runs the service, or any program, on a virtual unit.
+// vexa-unit: runs the service, or any program, on a virtual unit, and controls such a unit.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <string>
 
+#include "run/ControlCommand.h"
 #include "run/RunCommand.h"
+#include "run/ScenarioFiles.h"
 #include "run/UserError.h"
 
 namespace {
@@ -16,31 +18,198 @@ int Refuse(const std::string& why) {
     return kUserErrorStatus;
 }
 
+// Each Add... function below adds a command that fills `options`, runs when it is chosen, and puts
+// its exit status into `status`.
+
 void AddRunCommand(CLI::App& app, RunOptions& options, int& status) {
     CLI::App* const run = app.add_subcommand("run", "Run the service on a virtual unit");
-    run->add_option("--scenario", options.scenario, "What the unit consists of (JSON)")
-        ->type_name("FILE");
+    run->add_option("--scenario", options.scenario,
+                    "What the unit consists of: a name that vexa-unit scenarios lists, or a file")
+        ->option_text("NAME|FILE");
     run->add_option("--dir", options.folder,
-                    "Folder for the unit's socket, host.sock; a temporary one if left out")
-        ->type_name("DIR");
+                    "Folder for the unit's sockets, host.sock and control.sock; a temporary one if "
+                    "left out")
+        ->option_text("DIR");
     run->add_option("--journal", options.journal, "Append a line for each library call to a file")
-        ->type_name("FILE");
+        ->option_text("FILE");
     run->add_option("program", options.program,
                     "Program to run instead of VEXADevMgr, with its arguments, after --")
-        ->type_name("PROGRAM");
+        ->option_text("PROGRAM ...");
     run->footer(
+        "Examples: vexa-unit run --dir build/unit\n"
+        "          vexa-unit run --dir /tmp/second --scenario flaky-cable --journal calls.txt\n"
         "Ends when the program ends, with its exit status (128 + n after signal n);\n"
         "2 when something given here cannot be used.");
     run->callback([&options, &status] { status = RunOnUnit(options); });
+}
+
+void AddScenariosCommand(CLI::App& app) {
+    CLI::App* const scenarios =
+        app.add_subcommand("scenarios", "List the scenarios that run --scenario knows by name");
+    scenarios->footer("Example: vexa-unit scenarios");
+    scenarios->callback([] {
+        for (const auto& [name, description] : ShippedScenarios()) {
+            std::printf("%-16s  %s\n", name.c_str(), description.c_str());
+        }
+    });
+}
+
+// A subcommand of ctl that sends the request `verb`.
+CLI::App* AddRequest(CLI::App& ctl, const std::string& name, const std::string& description,
+                     ControlRequest& request, const std::string& verb) {
+    CLI::App* const command = ctl.add_subcommand(name, description);
+    command->callback([&request, verb] { request.verb = verb; });
+    return command;
+}
+
+// A positional argument that becomes the request's member `key`.
+CLI::Option* AddText(CLI::App* command, ControlRequest& request, const std::string& key,
+                     const std::string& label, const std::string& description) {
+    return command
+        ->add_option_function<std::string>(
+            label,
+            [&request, key](const std::string& text) {
+                request.texts.push_back({key, text});
+            },
+            description)
+        ->required()
+        ->option_text(" ");
+}
+
+CLI::Option* AddSettings(CLI::App* command, ControlRequest& request,
+                         const std::string& description) {
+    return command->add_option("KEY=VALUE", request.settings, description)->option_text("...");
+}
+
+void AddFaultRequests(CLI::App& ctl, ControlRequest& request) {
+    CLI::App* const fault = ctl.add_subcommand("fault", "Let calls fail, block or answer late");
+    fault->require_subcommand(1);
+    fault->footer(
+        "Examples: vexa-unit ctl fault set VEXA_Device_Stream_Open fail count=1\n"
+        "          vexa-unit ctl fault set VEXA_Device_Stream_Write block ms=1000 for=Microphone\n"
+        "          vexa-unit ctl fault set node.read fail errno=ENODEV skip=10 count=3\n"
+        "          vexa-unit ctl fault set data corrupt for=Accelerometer offset=1\n"
+        "          vexa-unit ctl fault clear");
+    CLI::App* const set = AddRequest(*fault, "set", "Set a fault", request, "fault.set");
+    AddText(set, request, "call", "CALL", "what it hits; vexa-unit ctl calls lists them");
+    AddText(set, request, "action", "ACTION",
+            "fail, block, late; short (node.read, node.write); data (VEXA_Device_Stream_Close);\n"
+            "oversize, corrupt (data)");
+    AddSettings(set, request, "for, skip, count, ms, bytes, offset, errno");
+
+    CLI::App* const clear = AddRequest(*fault, "clear", "Clear one fault, those of a call, or all",
+                                       request, "fault.clear");
+    clear
+        ->add_option_function<std::string>(
+            "ID|CALL",
+            [&request](const std::string& text) {
+                const bool isNumber = text.find_first_not_of("0123456789") == std::string::npos;
+                if (isNumber) {
+                    request.settings.push_back("id=" + text);
+                } else {
+                    request.texts.push_back({"call", text});
+                }
+            },
+            "which; all if left out")
+        ->option_text(" ");
+    AddRequest(*fault, "list", "List the faults and how often each has hit", request, "fault.list");
+}
+
+void AddCableRequests(CLI::App& ctl, ControlRequest& request) {
+    CLI::App* const cable = ctl.add_subcommand("cable", "Take the cable out and put it in");
+    cable->require_subcommand(1);
+    cable->footer(
+        "Examples: vexa-unit ctl cable out\n"
+        "          vexa-unit ctl cable flap inMs=2000 outMs=500 times=10");
+    for (const bool in : {true, false}) {
+        cable
+            ->add_subcommand(
+                in ? "in" : "out",
+                in ? "Hosts can plug in" : "The host, and each that comes, is turned away")
+            ->callback([&request, in] {
+                request.verb = "cable";
+                request.settings.push_back(in ? "in=true" : "in=false");
+            });
+    }
+    CLI::App* const flap = cable->add_subcommand("flap", "It goes out and in by itself");
+    AddSettings(flap, request, "inMs, outMs, times");
+    flap->callback([&request] {
+        request.verb = "cable";
+        request.inside = "flap";
+    });
+}
+
+void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
+    CLI::App* const ctl = app.add_subcommand("ctl", "Look into a running unit, and change it");
+    ctl->require_subcommand(0, 1);
+    options.folder = DefaultUnitFolder();
+    ctl->add_option("--dir", options.folder, "Folder of the unit ($VEXA_UNIT_DIR, else build/unit)")
+        ->option_text("DIR");
+    ctl->add_flag("--json", options.json, "Print the unit's answer as JSON");
+    ctl->add_option(
+           "--raw", options.raw,
+           "Send a request that is JSON, or with - each line of standard input, and print\n"
+           "the answers")
+        ->option_text("JSON|-");
+    ctl->footer(
+        "Examples: vexa-unit ctl state\n"
+        "          vexa-unit ctl --dir /tmp/second detach Microphone\n"
+        "          vexa-unit ctl attach Thermocouple type=9 rate=100 blockSize=40\n"
+        "          vexa-unit ctl app DAQ silent=true\n"
+        "          vexa-unit ctl daq answersSync=false\n"
+        "          vexa-unit ctl --raw '{\"request\": \"cable\", \"in\": false}'\n"
+        "Exit status: 0 done; 1 the unit refused; 2 wrong usage, or no unit.");
+
+    ControlRequest& request = options.request;
+    CLI::App* const state = AddRequest(*ctl, "state", "Tell all about the unit", request, "state");
+    state->add_flag("--json", options.json, "As JSON");
+    AddRequest(*ctl, "calls", "List all calls and how often each was used", request, "calls");
+    CLI::App* const attach =
+        AddRequest(*ctl, "attach", "Attach a device, changed or new", request, "attach");
+    AddText(attach, request, "name", "NAME", "of the device");
+    AddSettings(attach, request,
+                "type (needed for a new one), blockSize, rate, waveform, echo; they hold for "
+                "streams\nopened from now on");
+    CLI::App* const detach = AddRequest(*ctl, "detach", "Take a device away", request, "detach");
+    AddText(detach, request, "name", "NAME", "of the device");
+    AddCableRequests(*ctl, request);
+    CLI::App* const application =
+        AddRequest(*ctl, "app", "Change how an application behaves", request, "app");
+    AddText(application, request, "name", "NAME", "DAQ, SPLASH or FGEN");
+    AddSettings(application, request,
+                "holds, delayMs, silent, refuses, responses, initFails, strays")
+        ->required();
+    CLI::App* const daq =
+        AddRequest(*ctl, "daq", "Change how the acquisition board behaves", request, "daq");
+    AddSettings(daq, request,
+                "present, answersSync, syncDelayMs, measurementRate, measurementSize,\n"
+                "checksumErrorEvery, acknowledges")
+        ->required();
+    AddFaultRequests(*ctl, request);
+
+    ctl->final_callback([ctl, &options, &status] {
+        const bool isRequest = !ctl->get_subcommands().empty();
+        if (isRequest == !options.raw.empty()) {
+            throw UserError(isRequest ? "ctl takes either a command or --raw"
+                                      : "ctl: a command is required (vexa-unit ctl --help)");
+        }
+        status = ControlUnit(options);
+    });
 }
 
 int Main(int argc, char** argv) {
     CLI::App app("A virtual unit: stands in for the devices, applications and USB link of a unit.",
                  "vexa-unit");
     app.require_subcommand(1);
-    RunOptions options;
+    app.footer(
+        "Examples: vexa-unit run --dir build/unit       (then vexa-host from another terminal)\n"
+        "          vexa-unit ctl cable out");
+    RunOptions run;
+    ControlOptions control;
     int status = 0;
-    AddRunCommand(app, options, status);
+    AddRunCommand(app, run, status);
+    AddScenariosCommand(app);
+    AddCtlCommand(app, control, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {
