@@ -66,7 +66,8 @@ void TidyUp(const Watched& watched) {
 
 [[noreturn]] void Watch(const Watched& watched, int pipe) {
     ::setsid();
-    ::prctl(PR_SET_NAME, "vexa-unit-watch");
+    // Another name than the unit's, so that who kills units by name spares it.
+    ::prctl(PR_SET_NAME, "vexa-watch");
     for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) ::signal(signal, SIG_IGN);
     [[maybe_unused]] const int moved = ::chdir("/");  // holds no file system either
     ::dup2(pipe, kPipe);

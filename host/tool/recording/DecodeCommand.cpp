@@ -51,7 +51,6 @@ class Printer {
             PrintText(packet);
         }
         ++packets;
-        if (packet.kind == PacketKind::kBroken) ++broken;
         if (!packet.checksumRight) ++wrong;
     }
 
@@ -97,7 +96,6 @@ class Printer {
     std::optional<CaptureTime> start;
     std::size_t frame = 0;
     std::size_t packets = 0;
-    std::size_t broken = 0;
     std::size_t wrong = 0;
 };
 
@@ -114,8 +112,10 @@ ExitCode RunDecode(const DecodeOptions& options) {
         last = frame->time;
     }
     decoder.Finish(last);
-    printer.PrintSummary();
-    if (reader.Fault().empty()) return kExitDone;
+    if (reader.Fault().empty()) {
+        printer.PrintSummary();
+        return kExitDone;
+    }
     return ReportError(
         {vexahost::ErrorKind::kInvalidArgument, options.file + ": " + reader.Fault()});
 }
