@@ -76,8 +76,10 @@ Expected<Done> Measure(Client& client, const PingOptions& options, RoundTrips& t
         const auto start = Clock::now();
         if (auto sent = client.Send(kFirstDeviceId, payload); !sent) return sent;
         const auto echo = ReceiveUntil(
-            client, start + options.timeout.value_or(kDefaultTimeout),
-            [&](const Block& block) { return !std::ranges::search(block.bytes, payload).empty(); });
+            client, start + options.timeout.value_or(kDefaultTimeout), [&](const Block& block) {
+                return std::search(block.bytes.begin(), block.bytes.end(), payload.begin(),
+                                   payload.end()) != block.bytes.end();
+            });
         if (echo) {
             trips.Add(echo->receivedAt - start);
         } else if (echo.Failure().kind == ErrorKind::kTimeout) {
