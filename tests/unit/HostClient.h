@@ -21,6 +21,11 @@ namespace vexa::unit {
     return ::poll(&entry, 1, 30000) == 1;
 }
 
+[[nodiscard]] inline bool IsHungUp(const Descriptor& host) {
+    pollfd entry{host.Get(), POLLRDHUP, 0};
+    return ::poll(&entry, 1, 0) != 0;
+}
+
 // Waits for `size` bytes; fewer when the other end hangs up.
 [[nodiscard]] inline std::string Receive(const Descriptor& host, std::size_t size) {
     std::string received(size, '\0');

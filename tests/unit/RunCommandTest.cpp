@@ -83,6 +83,42 @@ TEST_F(RunCommand, WhenItIsKilledNothingIsLeftAndTheNextUnitStarts) {
     EXPECT_TRUE(Eventually([&] { return !fs::exists(Scratch("unit")); }));
 }
 
+TEST_F(RunCommand, UnitsSideBySideAreToldApartAndControlled) {
+    const auto ask = [&](const std::string& unit, std::vector<std::string> words) {
+        words.insert(words.begin(), {"ctl", "--dir", Scratch(unit)});
+        RunningTool tool(words);
+        const int status = tool.Wait();
+        return std::to_string(status) + " " + tool.Output();
+    };
+    RunningTool one({"run", "--dir", Scratch("one"), "--", UNIT_PROBE, "library"});
+    RunningTool two(
+        {"run", "--dir", Scratch("two"), "--scenario", "dead-daq", "--", UNIT_PROBE, "library"});
+    ASSERT_TRUE(one.AwaitOutput("waits\n") && two.AwaitOutput("waits\n"));
+    EXPECT_EQ(ask("one", {"fault", "set", "data", "corrupt", "for=7", "offset=1"}), "0 fault 1\n");
+    EXPECT_EQ(ask("one", {"fault", "list"}), "0 1  data corrupt  for 7, offset 1, hits 0\n");
+    EXPECT_EQ(ask("two", {"fault", "list"}), "0 no faults\n");
+    EXPECT_EQ(ask("one", {"fault", "clear", "data"}), "0 1 cleared\n");
+    EXPECT_EQ(ask("one", {"cable", "flap", "times=1"}), "0 ");
+    EXPECT_EQ(ask("one", {"detach", "None"}), "1 vexa-unit: name: there is no device \"None\"\n");
+    EXPECT_EQ(ask("one", {"app", "DAQ", "holds"}), "2 vexa-unit: expected KEY=VALUE, not holds\n");
+    EXPECT_EQ(ask("none", {"state"}), "2 vexa-unit: no unit to control in " + Scratch("none") +
+                                          ": No such file or directory\n");
+    EXPECT_EQ(ask("one", {"--raw", R"({"request": "daq"})"}), "0 {\"ok\":true}\n");
+    EXPECT_THAT(ask("one", {"state"}), HasSubstr("answersSync, syncDelayMs 20"));
+    EXPECT_THAT(ask("two", {"state"}), HasSubstr("not answersSync, syncDelayMs 20"));
+    EXPECT_THAT(ask("two", {"state", "--json"}), HasSubstr("\"answersSync\":false"));
+}
+
+TEST_F(RunCommand, ListsTheScenariosThatItKnows) {
+    RunningTool tool({"scenarios"});
+    EXPECT_EQ(tool.Wait(), 0);
+    for (const auto& entry : fs::directory_iterator(UNIT_SCENARIO_FOLDER)) {
+        const bool isSchema = entry.path().stem().extension() == ".schema";
+        const std::string name = entry.path().stem();
+        EXPECT_EQ(tool.Output().find(name + " ") != std::string::npos, !isSchema) << name;
+    }
+}
+
 TEST_F(RunCommand, RefusesAFolderInWhichAUnitRuns) {
     {
         RunningTool running(Run({}, {"wait"}));
@@ -112,6 +148,9 @@ TEST_F(RunCommand, SaysInOneLineWhatCannotBeUsed) {
     };
     const Case cases[] = {
         {{}, "subcommand is required"},
+        {Run({"--scenario", "none"}, {}), "scenario none: there is no file of that name"},
+        {{"ctl"}, "a command is required"},
+        {{"ctl", "--raw", "{}", "state"}, "either a command or --raw"},
         {Run({"--scenario", Scratch("none")}, {}), "scenario " + Scratch("none") + ": cannot read"},
         {Run({"--scenario", Scratch("scenario")}, {}), "daq.colour: unknown key"},
         {Run({"--journal", Scratch("none/journal")}, {}), "journal " + Scratch("none/journal")},

@@ -1,7 +1,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <set>
 
 #include "model/ScenarioFile.h"
 
@@ -19,7 +23,8 @@ std::variant<Scenario, ScenarioError> LoadText(const std::string& text) {
 TEST(ScenarioFile, TheShippedDefaultIsTheBuiltInOne) {
     const auto loaded = LoadScenario(std::string(UNIT_SCENARIO_FOLDER) + "/default.json");
     ASSERT_TRUE(std::holds_alternative<Scenario>(loaded)) << std::get<ScenarioError>(loaded).text;
-    const Scenario builtIn;
+    Scenario builtIn;
+    builtIn.description = std::get<Scenario>(loaded).description;
     EXPECT_EQ(std::get<Scenario>(loaded), builtIn);
 }
 
@@ -32,16 +37,99 @@ TEST(ScenarioFile, WhatIsLeftOutIsAsInTheDefaultUnit) {
     expected.daq.checksumErrorEvery = 4;
     expected.applications["DAQ"].refuses = {1, 2};
     expected.applications["FGEN"].responses = {{3, -1}};
+    expected.applications["SPLASH"].strays = {
+        {.when = StrayTime::kBeforeAnswer, .command = 7, .response = -1}};
     expected.nodePresent = false;
+    expected.cable = {.in = true, .flapping = CableFlapping{.outMs = 5}};
+    expected.faults = {{.call = Call::kNodeRead,
+                        .action = FaultAction::kFail,
+                        .skip = 1,
+                        .count = 2,
+                        .error = EINTR}};
     expected.library = {.initFails = true, .majorVersion = 9, .minorVersion = 65535};
     EXPECT_EQ(std::get<Scenario>(LoadText(R"({
         "devices": [{"name": "A", "type": 2, "attached": false},
                     {"name": "B", "type": 9, "rate": 0.25, "waveform": "noise"}],
         "daq": {"checksumErrorEvery": 4},
-        "applications": {"DAQ": {"refuses": [1, 2]}, "FGEN": {"responses": {"3": -1}}},
+        "applications": {"DAQ": {"refuses": [1, 2]}, "FGEN": {"responses": {"3": -1}},
+                         "SPLASH": {"strays": [{"when": "before", "command": 7, "response": -1}]}},
+        "cable": {"flap": {"outMs": 5}},
+        "faults": [{"call": "node.read", "action": "fail", "errno": "EINTR", "skip": 1,
+                    "count": 2}],
         "node": {"present": false},
         "library": {"initFails": true, "version": [9, 65535]}})")),
               expected);
+}
+
+using nlohmann::json;
+
+json SchemaOf(const std::string& name) {
+    const json whole =
+        json::parse(std::ifstream(std::string(UNIT_SCENARIO_FOLDER) + "/scenario.schema.json"));
+    return name.empty() ? whole : whole["definitions"][name];
+}
+
+// The words in quotes, or the comma-separated keys, at the end of a complaint about `text`.
+std::set<std::string> Offered(const std::string& text, const std::string& after) {
+    const std::string error = std::get<ScenarioError>(LoadText(text)).text;
+    const auto start = error.find(after);
+    EXPECT_NE(start, std::string::npos) << error;
+    std::string list = error.substr(start + after.size());
+    list = list.substr(0, list.find(", not"));
+    const std::regex word(R"([\w.$]+)");
+    std::set<std::string> words;
+    for (std::sregex_iterator each(list.begin(), list.end(), word), end; each != end; ++each) {
+        if (each->str() != "or") words.insert(each->str());
+    }
+    return words;
+}
+
+TEST(ScenarioFile, TheSchemaKnowsTheSameKeysAndWords) {
+    const auto keys = [](const json& schema) {
+        std::set<std::string> names;
+        for (const auto& item : schema["properties"].items()) names.insert(item.key());
+        return names;
+    };
+    const json application = SchemaOf("application");
+    const struct {
+        json schema;
+        std::string text;  // with an unknown key in the place that the schema describes
+    } places[] = {
+        {SchemaOf(""), R"({"?": 1})"},
+        {SchemaOf("")["properties"]["applications"], R"({"applications": {"?": 1}})"},
+        {SchemaOf("")["properties"]["node"], R"({"node": {"?": 1}})"},
+        {SchemaOf("")["properties"]["library"], R"({"library": {"?": 1}})"},
+        {SchemaOf("device"), R"({"devices": [{"?": 1}]})"},
+        {SchemaOf("daq"), R"({"daq": {"?": 1}})"},
+        {application, R"({"applications": {"DAQ": {"?": 1}}})"},
+        {application["properties"]["strays"]["items"],
+         R"({"applications": {"DAQ": {"strays": [{"?": 1}]}}})"},
+        {SchemaOf("cable"), R"({"cable": {"?": 1}})"},
+        {SchemaOf("cable")["properties"]["flap"], R"({"cable": {"flap": {"?": 1}}})"},
+        {SchemaOf("fault"), R"({"faults": [{"?": 1}]})"},
+    };
+    for (const auto& [schema, text] : places) {
+        EXPECT_EQ(keys(schema), Offered(text, "expected one of: ")) << text;
+    }
+    const auto words = [](const json& list) { return list.get<std::set<std::string>>(); };
+    EXPECT_EQ(words(SchemaOf("device")["properties"]["waveform"]["enum"]),
+              Offered(R"({"devices": [{"name": "A", "waveform": ""}]})", "expected "));
+    EXPECT_EQ(words(application["properties"]["strays"]["items"]["properties"]["when"]["enum"]),
+              Offered(R"({"applications": {"DAQ": {"strays": [{"when": ""}]}}})", "expected "));
+    const json fault = SchemaOf("fault")["properties"];
+    EXPECT_EQ(words(fault["errno"]["enum"]),
+              Offered(R"({"faults": [{"call": "node.read", "action": "fail", "errno": ""}]})",
+                      "expected "));
+    std::set<std::string> calls;
+    std::set<std::string> actions;
+    for (const auto& info : kCalls) {
+        calls.insert(std::string(info.name));
+        actions.merge(
+            Offered(R"({"faults": [{"call": ")" + std::string(info.name) + R"(", "action": ""}]})",
+                    "expected "));
+    }
+    EXPECT_EQ(words(fault["call"]["enum"]), calls);
+    EXPECT_EQ(words(fault["action"]["enum"]), actions);
 }
 
 TEST(ScenarioFile, WhatIsWrongIsNamedWithItsPlace) {
@@ -66,6 +154,8 @@ TEST(ScenarioFile, WhatIsWrongIsNamedWithItsPlace) {
         {R"({"devices": [{"name": "A", "echo": 1}]})", ".echo: expected true or false, not 1"},
         {R"({"applications": {"DAQ": {"responses": {"two": 1}}}})", "two: expected a command"},
         {R"({"applications": {"DAQ": {"responses": {"2": 4294967295}}}})", "2: expected a 32-bit"},
+        {R"({"faults": [{"call": "data", "action": "fail"}]})",
+         "faults[0].action: expected \"over"},
         {R"({"library": {"version": [3]}})", "library.version: expected a list of two"},
     };
     for (const auto& [text, complaint] : cases) {

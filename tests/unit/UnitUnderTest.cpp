@@ -1,12 +1,19 @@
 #include "unit/UnitUnderTest.h"
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <thread>
+
+#include "VEXA.h"
+#include "model/Descriptor.h"
+#include "model/UnitSocket.h"
 
 namespace vexa::unit {
 
@@ -34,6 +41,7 @@ class UnitEnvironment : public ::testing::Environment {
         ::setenv("VEXA_UNIT_DIR", folder.c_str(), 1);
         ::setenv("VEXA_UNIT_SCENARIO", (folder + "/scenario.json").c_str(), 1);
         ::setenv("VEXA_UNIT_JOURNAL", (folder + "/journal").c_str(), 1);
+        (void)VEXA_Uninit(VEXA_Init());  // from its first call on the unit is there
     }
     void TearDown() override { std::filesystem::remove_all(folder); }
 };
@@ -50,6 +58,19 @@ std::vector<std::string> JournalLines() {
     std::ifstream journal(folder + "/journal");
     for (std::string line; std::getline(journal, line);) lines.push_back(line);
     return lines;
+}
+
+nlohmann::json AskUnit(const std::string& request) {
+    static const Descriptor connection = ConnectTo(ControlSocketPath(folder));
+    std::string line = request + "\n";
+    std::replace(line.begin(), line.end() - 1, '\n', ' ');  // of a long literal
+    EXPECT_EQ(::send(connection.Get(), line.data(), line.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(line.size()));
+    std::string answer;
+    for (char letter = 0; ::recv(connection.Get(), &letter, 1, 0) == 1 && letter != '\n';) {
+        answer += letter;
+    }
+    return nlohmann::json::parse(answer, nullptr, false);
 }
 
 bool Eventually(const std::function<bool()>& condition) {

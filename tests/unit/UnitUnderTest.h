@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,9 @@ namespace vexa::unit {
 
 // Lines of the journal so far.
 [[nodiscard]] std::vector<std::string> JournalLines();
+
+// The unit's answer to a control request, a line of JSON.
+[[nodiscard]] nlohmann::json AskUnit(const std::string& request);
 
 // Looks until `condition` holds; false when it has not come true for a long time.
 [[nodiscard]] bool Eventually(const std::function<bool()>& condition);
