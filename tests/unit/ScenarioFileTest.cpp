@@ -1,5 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <fstream>
@@ -15,7 +16,8 @@ namespace {
 using ::testing::HasSubstr;
 
 std::variant<Scenario, ScenarioError> LoadText(const std::string& text) {
-    const std::string path = ::testing::TempDir() + "/scenario-under-test.json";
+    const std::string path =
+        ::testing::TempDir() + "/scenario-" + std::to_string(::getpid()) + ".json";
     std::ofstream(path) << text;
     return LoadScenario(path);
 }
