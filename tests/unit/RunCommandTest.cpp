@@ -74,13 +74,14 @@ TEST_F(RunCommand, WhenItIsKilledNothingIsLeftAndTheNextUnitStarts) {
     ASSERT_TRUE(tool.AwaitOutput("waits\n"));
     tool.Send(SIGKILL);
     EXPECT_EQ(tool.Wait(), -SIGKILL);  // returns only when the program has ended as well
-    EXPECT_EQ(RunningTool(Run({}, {"exit", "3"})).Wait(), 3) << "whatever is left by then";
+    EXPECT_TRUE(Eventually([&] { return !fs::exists(Scratch("unit")); }));
 
     RunningTool another(Run({}, {"wait"}));
     ASSERT_TRUE(another.AwaitOutput("waits\n"));
     another.Send(SIGKILL);
     EXPECT_EQ(another.Wait(), -SIGKILL);
-    EXPECT_TRUE(Eventually([&] { return !fs::exists(Scratch("unit")); }));
+    EXPECT_EQ(RunningTool(Run({}, {"exit", "3"})).Wait(), 3) << "whatever is left by then";
+    EXPECT_FALSE(fs::exists(Scratch("unit") + "/host.sock"));
 }
 
 TEST_F(RunCommand, UnitsSideBySideAreToldApartAndControlled) {

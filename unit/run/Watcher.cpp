@@ -36,18 +36,12 @@ struct Watched {
     [[nodiscard]] bool IsLeft(std::size_t index) const {
         return IsSameFile(folder.sockets[index], socketFiles[index]);
     }
-    [[nodiscard]] bool IsAnyLeft() const {
-        for (std::size_t index = 0; index < socketFiles.size(); ++index) {
-            if (IsLeft(index)) return true;
-        }
-        return false;
-    }
 };
 
 // Takes the folder as a unit does, so that a new one that has come meanwhile keeps its sockets. The
 // killed process may not have let go of it yet.
-bool Lock(const Watched& watched, const Descriptor& folder) {
-    for (int tries = kLockTries; tries > 0 && watched.IsAnyLeft(); --tries) {
+bool Lock(const Descriptor& folder) {
+    for (int tries = kLockTries; tries > 0; --tries) {
         if (::flock(folder.Get(), LOCK_EX | LOCK_NB) == 0) return true;
         ::usleep(kLockPauseUs);
     }
@@ -57,7 +51,7 @@ bool Lock(const Watched& watched, const Descriptor& folder) {
 void TidyUp(const Watched& watched) {
     const auto& path = watched.folder.path;
     const Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder || FileOf(folder.Get()) != watched.folderFile || !Lock(watched, folder)) return;
+    if (!folder || FileOf(folder.Get()) != watched.folderFile || !Lock(folder)) return;
     for (std::size_t index = 0; index < watched.folder.sockets.size(); ++index) {
         if (watched.IsLeft(index)) ::unlink(watched.folder.sockets[index].c_str());
     }
