@@ -91,6 +91,14 @@ unsigned char HostLink_ReadByte() {
     return value;
 }
 
+std::span<const std::uint8_t> HostLink_Input() {
+    return link == nullptr ? std::span<const std::uint8_t>() : link->hostRing.Oldest();
+}
+
+void HostLink_TakeBytes(std::size_t count) {
+    if (link != nullptr) link->hostRing.Drop(static_cast<std::uint32_t>(count));
+}
+
 int HostLink_Purge() {
     if (link != nullptr && link->device) link->device->Purge();
     return 1;

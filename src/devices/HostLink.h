@@ -2,8 +2,9 @@
 // and the ring that the packet parser reads. The rest of the service talks to the host through
 // these functions alone.
 //
-//   host -> unit:  reader thread -> input buffer -> HostLink_TakeInput -> host ring -> ReadByte
-//   unit -> host:  HostLink_Write -> output buffer of the device -> its writer thread
+//   host -> unit:  reader thread -> input buffer -> HostLink_TakeInput -> host ring ->
+//   HostLink_Input unit -> host:  HostLink_Write -> output buffer of the device -> its writer
+//   thread
 //
 // All functions belong to the main thread but HostLink_Write and HostLink_WriteByte, which any
 // thread may call at any time, and HostDeviceReadCallback, which runs on the reader thread.
@@ -14,6 +15,7 @@
 #include <cstdint>
 #include <memory>
 #include <shared_mutex>
+#include <span>
 
 #include "devices/GDeviceIO.h"
 #include "mux/MuxRing.h"
@@ -70,6 +72,13 @@ std::uint16_t HostLink_BytesAvailable();
 
 // Takes one byte from the host ring; only after HostLink_BytesAvailable returned non-zero.
 unsigned char HostLink_ReadByte();
+
+// The oldest bytes in the host ring, as many as stand in one piece; empty when none is held. Valid
+// until bytes are taken from the ring or moved into it.
+std::span<const std::uint8_t> HostLink_Input();
+
+// Removes the `count` oldest bytes from the host ring, at most as many as HostLink_Input gives.
+void HostLink_TakeBytes(std::size_t count);
 
 // Drops output that is queued. Always 1.
 int HostLink_Purge();

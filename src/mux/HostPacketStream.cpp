@@ -1,82 +1,109 @@
 #include "mux/HostPacketStream.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "devices/HostLink.h"
 
 namespace vexa {
 
 void HostPacketStream::Init() {
-    packet.fill(0);
-    syncRingStorage.fill(0);
-    syncRing.Init(syncRingStorage.data(), kSyncRingSize);
-    Reset();
-    state = State::kUnsynced;
-}
-
-void HostPacketStream::Reset() {
-    state = State::kCollecting;
+    buffer.fill(0);
     count = 0;
+    used = 0;
+    state = State::kUnsynced;
+    syncSearch.Reset();
 }
 
 bool HostPacketStream::ParsePass() {
     const bool waitingBefore = HasPacket();
-    while (HostLink_BytesAvailable() != 0) {
-        const std::uint8_t byte = HostLink_ReadByte();
-        if (CompletesInitialSync(byte)) {
-            TakeInitialSync();
-            return true;
-        }
+    for (auto input = HostLink_Input(); !input.empty(); input = HostLink_Input()) {
         if (waitingBefore) {
-            DumpHostInput(&byte, 1, "IGNORED");
+            HostLink_TakeBytes(1);
+            if (Ignore(input.front())) return true;
             continue;
         }
-        Assemble(byte);
+        if (Append(input)) return true;
         if (HasPacket()) return false;
     }
     return false;
 }
 
-bool HostPacketStream::CompletesInitialSync(std::uint8_t byte) {
-    syncRing.Put(byte);
-    if (byte != kInitialSyncSignature.back()) return false;
+// How many of the bytes to come end the packet, at most; its length may still be to come itself.
+std::size_t HostPacketStream::Missing(std::span<const std::uint8_t> input) const {
+    std::size_t length = Packet()[kLengthOffset];
+    if (count <= kLengthOffset) {
+        const std::size_t lengthAt = kLengthOffset - count;
+        if (input.size() <= lengthAt) return input.size();
+        length = input[lengthAt];
+    }
+    return std::max(length, kPacketHeaderSize) - count;
+}
+
+// Takes bytes up to the end of the packet or of an initial sync. True for the latter.
+bool HostPacketStream::Append(std::span<const std::uint8_t> input) {
+    const std::size_t missing = Missing(input);
+    const std::size_t size = std::min(missing, input.size());
+    std::uint8_t* const end = buffer.data() + kPacketAt + count;
+    std::memcpy(end, input.data(), size);
+    used = std::max(used, count + size);
+    const std::size_t syncEnd = syncSearch.Find(end, size);
+    if (syncEnd < size) {
+        HostLink_TakeBytes(syncEnd + 1);
+        count += syncEnd;
+        TakeInitialSync(end + syncEnd - SyncSearch::kHistory);
+        return true;
+    }
+    HostLink_TakeBytes(size);
+    count += size;
+    if (count >= kPacketHeaderSize && size == missing) FinishPacket();
+    return false;
+}
+
+// Drops a byte behind a waiting packet. True when it completes an initial sync nevertheless.
+bool HostPacketStream::Ignore(std::uint8_t byte) {
     std::array<std::uint8_t, kInitialSyncSize> newest{};
-    if (!syncRing.PeekNewest(newest.data(), kInitialSyncSize)) return false;
-    return std::equal(kInitialSyncSignature.rbegin(), kInitialSyncSignature.rend(),
-                      newest.rbegin()) &&
-           TypeClass(newest[kTypeOffset]) == kClassCommand &&
-           newest[kLengthOffset] == kInitialSyncSize &&
-           newest[kCommandOffset] == kInitialSyncCommand &&
-           newest[kChecksumOffset] == PacketChecksum(newest.data());
+    std::copy_n(buffer.begin(), SyncSearch::kHistory, newest.begin());
+    newest.back() = byte;
+    if (syncSearch.Find(&newest.back(), 1) == 0) {
+        TakeInitialSync(newest.data());
+        return true;
+    }
+    std::copy_n(newest.begin() + 1, SyncSearch::kHistory, buffer.begin());
+    DumpHostInput(&byte, 1, "IGNORED");
+    return false;
 }
 
-void HostPacketStream::TakeInitialSync() {
-    if (count > 0) DumpHostInput(packet.data(), count, "PRE_INIT");
-    Reset();
-    syncRing.PeekNewest(packet.data(), kInitialSyncSize);
+void HostPacketStream::TakeInitialSync(const std::uint8_t* sync) {
+    std::uint8_t* const packet = buffer.data() + kPacketAt;
+    if (count > 0) DumpHostInput(packet, static_cast<int>(count), "PRE_INIT");
+    std::memmove(packet, sync, kInitialSyncSize);
+    used = std::max(used, kInitialSyncSize);
     ClearPacketFrom(kInitialSyncSize);
-    syncRing.Reset();
+    count = 0;
     state = State::kWaiting;
-    DumpHostInput(packet.data(), kInitialSyncSize, "INIT");
+    syncSearch.Reset();
+    DumpHostInput(packet, kInitialSyncSize, "INIT");
 }
 
-void HostPacketStream::Assemble(std::uint8_t byte) {
-    packet[count++] = byte;
-    if (count < kPacketHeaderSize || count < packet[kLengthOffset]) return;
-    const bool good =
-        count == packet[kLengthOffset] && packet[kChecksumOffset] == PacketChecksum(packet.data());
-    if (good) {
+void HostPacketStream::FinishPacket() {
+    const std::uint8_t* const packet = Packet();
+    // The newest bytes become those before the next packet.
+    std::memmove(buffer.data(), buffer.data() + count, SyncSearch::kHistory);
+    if (count == packet[kLengthOffset] && packet[kChecksumOffset] == PacketChecksum(packet)) {
         // No field of an earlier, longer packet may be taken for this one's.
         ClearPacketFrom(count);
         state = State::kWaiting;
     } else {
-        DumpHostInput(packet.data(), count, "BAD CHECKSUM");
+        DumpHostInput(packet, static_cast<int>(count), "BAD CHECKSUM");
     }
     count = 0;
 }
 
 void HostPacketStream::ClearPacketFrom(std::size_t length) {
-    std::fill(packet.begin() + static_cast<std::ptrdiff_t>(length), packet.end(), std::uint8_t{0});
+    std::fill_n(buffer.begin() + static_cast<std::ptrdiff_t>(kPacketAt + length), used - length,
+                std::uint8_t{0});
+    used = length;
 }
 
 }  // namespace vexa

@@ -4,9 +4,10 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 
-#include "mux/MuxRing.h"
 #include "mux/Packet.h"
+#include "mux/SyncSearch.h"
 
 namespace vexa {
 
@@ -34,25 +35,33 @@ class HostPacketStream {
     [[nodiscard]] bool HasPacket() const { return state == State::kWaiting; }
 
     // The waiting packet. Bytes past its length are zero.
-    [[nodiscard]] const std::uint8_t* Packet() const { return packet.data(); }
+    [[nodiscard]] const std::uint8_t* Packet() const { return buffer.data() + kPacketAt; }
 
     // The waiting packet is done with.
     void Release() { state = State::kCollecting; }
 
   private:
-    static constexpr std::uint32_t kSyncRingSize = kInitialSyncSize + 1;
+    static constexpr std::size_t kPacketAt = SyncSearch::kHistory;
 
-    bool CompletesInitialSync(std::uint8_t byte);
-    void TakeInitialSync();
-    void Assemble(std::uint8_t byte);
-    void Reset();
+    std::size_t Missing(std::span<const std::uint8_t> input) const;
+    bool Append(std::span<const std::uint8_t> input);
+    bool Ignore(std::uint8_t byte);
+    void TakeInitialSync(const std::uint8_t* sync);
+    void FinishPacket();
     void ClearPacketFrom(std::size_t length);
 
-    std::array<std::uint8_t, kPacketBufferSize> packet{};
-    std::uint16_t count = 0;  // bytes of the packet received so far
+    // Bytes as they came, one piece: an initial sync is looked for across the packets' bounds.
+    //
+    //   0                     24                24 + count
+    //  +---------------------+-----------------+------------------------------+
+    //  | 24 bytes before the | bytes of the    | rest of earlier packets, or  |
+    //  | packet              | packet so far   | zero behind a waiting one    |
+    //  +---------------------+-----------------+------------------------------+
+    std::array<std::uint8_t, kPacketAt + kPacketBufferSize> buffer{};
+    std::size_t count = 0;  // bytes of the packet received so far
+    std::size_t used = 0;   // bytes of the packet buffer that may be other than zero
     State state = State::kUnsynced;
-    MuxRing syncRing;  // the newest 25 bytes received
-    std::array<std::uint8_t, kSyncRingSize> syncRingStorage{};
+    SyncSearch syncSearch;
 };
 
 }  // namespace vexa

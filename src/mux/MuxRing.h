@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 
 namespace vexa {
 
@@ -32,6 +33,18 @@ struct MuxRing {
 
     // Appends `count` bytes, losing the oldest as needed.
     void WriteBlock(const std::uint8_t* source, std::uint32_t count);
+
+    // The oldest bytes, as many as stand in one piece; empty when the ring is. Valid until the ring
+    // is written to.
+    [[nodiscard]] std::span<const std::uint8_t> Oldest() const {
+        return {storage + readIndex, (writeIndex >= readIndex ? writeIndex : size) - readIndex};
+    }
+
+    // Removes the `count` oldest bytes, at most as many as Oldest gives.
+    void Drop(std::uint32_t count) {
+        readIndex += count;
+        if (readIndex == size) readIndex = 0;
+    }
 
     // Empties the ring.
     void Reset();
