@@ -27,3 +27,7 @@ if(VEXA_SANITIZE)
     add_link_options(-rdynamic)
   endif()
 endif()
+
+if(VEXA_STATIC_RUNTIME)
+  add_link_options(-static-libstdc++ -static-libgcc)
+endif()

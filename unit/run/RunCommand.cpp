@@ -40,10 +40,16 @@ void CheckJournal(const std::string& path) {
     }
 }
 
+// Beside this program, as built; in the folder for services, as installed, which need not be in
+// PATH; else anywhere in PATH.
 std::string FindService() {
-    const std::string beside = ProgramFolder() + "/" + kService;
-    std::error_code error;
-    return FindProgram(std::filesystem::exists(beside, error) ? beside : kService);
+    const std::filesystem::path here = ProgramFolder();
+    for (const auto& folder : {here, here.parent_path() / VEXA_SERVICE_FOLDER}) {
+        std::error_code error;
+        if (std::filesystem::exists(folder / kService, error))
+            return FindProgram(folder / kService);
+    }
+    return FindProgram(kService);
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ std::string ProgramFolder() {
 
 std::string StandInFolder() {
     const auto above = std::filesystem::path(ProgramFolder()).parent_path();
-    const std::array candidates = {above / "lib", above / "lib" / "vexa-unit"};
+    const std::array candidates = {above / "lib", above / VEXA_STAND_IN_FOLDER};
     for (const auto& candidate : candidates) {
         std::error_code error;
         if (std::filesystem::exists(candidate / kNodeLibrary, error)) return candidate;

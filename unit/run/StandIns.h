@@ -12,8 +12,8 @@ using EnvironmentChanges = std::map<std::string, std::string>;
 // Folder of the running program, absolute.
 [[nodiscard]] std::string ProgramFolder();
 
-// Folder of the stand-in libraries: "lib" or "lib/vexa-unit" beside the program's folder. Throws
-// UserError when they are in neither.
+// Folder of the stand-in libraries: "lib" beside the program's folder, as built, or their own, as
+// installed. Throws UserError when they are in neither.
 [[nodiscard]] std::string StandInFolder();
 
 // Puts the stand-ins of `folder` before the libraries that the program would find otherwise.

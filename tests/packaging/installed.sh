@@ -1,0 +1,29 @@
+#!/bin/sh
+# Installs a build into an empty folder and uses what is there, as its users would: the demo, and a
+# project outside the tree that finds the library.
+# usage: installed.sh BUILD_FOLDER CONSUMER_PROJECT
+set -eu
+build=$1 consumer=$2
+scratch=$(mktemp -d)
+unit=
+trap 'test -z "$unit" || kill "$unit"; wait; rm -rf "$scratch"' EXIT
+
+cmake --install "$build" --prefix "$scratch/usr" >"$scratch/install.log"
+PATH=$scratch/usr/bin:/usr/bin:/bin
+cd "$scratch"  # nothing is found by way of the current folder
+
+vexa-host demo --dir "$scratch/demo" -- vexa-unit run --dir '{dir}' --journal '{dir}/journal' >demo.txt ||
+    { cat demo.txt; exit 1; }
+
+cmake -S "$consumer" -B consumer -DCMAKE_PREFIX_PATH="$scratch/usr" >configure.log
+cmake --build consumer >build.log || { cat build.log; exit 1; }
+vexa-unit run --dir unit --scenario daq-in-use >unit.txt 2>&1 &
+unit=$!
+tries=1000
+until test -S unit/host.sock; do
+    tries=$((tries - 1))
+    test $tries -gt 0 || { cat unit.txt; exit 1; }
+    sleep 0.02
+done
+answer=$(consumer/who_has_the_daq unit)
+test "$answer" = "the unit's DAQ application" || { echo "wrong answer: $answer"; exit 1; }
