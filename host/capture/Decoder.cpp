@@ -108,7 +108,7 @@ void CaptureDecoder::TakeEvent(const CapturedFrame& frame) {
     }
     std::string text = frame.comment.empty() ? "no bytes" : frame.comment;
     std::ranges::replace_if(
-        text, [](char letter) { return letter >= 0 && letter < ' '; }, '?');
+        text, [](char letter) { return static_cast<unsigned char>(letter) < ' '; }, '?');
     sink({frame.time, frame.direction, PacketKind::kEvent, true, std::nullopt, {}, text});
 }
 

@@ -75,12 +75,12 @@ Expected<Done> PcapngWriter::Write() {
     return Error{ErrorKind::kInvalidArgument, "cannot write " + path + ": " + std::strerror(errno)};
 }
 
-void PcapngWriter::Append16(std::size_t value) {
+void PcapngWriter::Append16(std::uint64_t value) {
     pending.push_back(static_cast<std::uint8_t>(value));
     pending.push_back(static_cast<std::uint8_t>(value >> 8U));
 }
 
-void PcapngWriter::Append32(std::size_t value) {
+void PcapngWriter::Append32(std::uint64_t value) {
     Append16(value);
     Append16(value >> 16U);
 }

@@ -30,8 +30,8 @@ class PcapngWriter {
     PcapngWriter(std::string path, std::FILE* file);
 
     Expected<Done> Write();
-    void Append16(std::size_t value);
-    void Append32(std::size_t value);
+    void Append16(std::uint64_t value);
+    void Append32(std::uint64_t value);
     void AppendPadded(std::span<const std::uint8_t> bytes);
     void AppendOption(std::uint16_t code, std::span<const std::uint8_t> value);
     // Begins a block with its length left open, and fills that in.

@@ -42,7 +42,7 @@ const char* ColourOf(Style style) {
 std::string Printable(std::string_view text) {
     std::string result(text);
     std::ranges::replace_if(
-        result, [](char c) { return c >= 0 && c < ' '; }, '?');
+        result, [](char c) { return static_cast<unsigned char>(c) < ' '; }, '?');
     return result;
 }
 

@@ -1,0 +1,5 @@
+# 32-bit ARM with hard-float registers.
+set(VEXA_CROSS_TRIPLET arm-linux-gnueabihf)
+set(VEXA_CROSS_QEMU qemu-arm-static)
+set(CMAKE_SYSTEM_PROCESSOR arm)
+include(${CMAKE_CURRENT_LIST_DIR}/DebianCross.cmake)
