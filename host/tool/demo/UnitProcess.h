@@ -29,6 +29,8 @@ class UnitProcess {
 
     LineLog& Log() { return log; }
 
+    [[nodiscard]] pid_t Id() const { return process; }
+
     /// Asks the program to end.
     void Terminate() const;
 

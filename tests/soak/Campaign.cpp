@@ -1,0 +1,153 @@
+#include "Campaign.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <thread>
+#include <utility>
+
+#include "Interrupt.h"
+
+namespace vexa::soak {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr int kInterrupted = 130;
+constexpr char kUsedUnitGroup[] = "a much used unit ends";
+
+std::vector<Trial> Chosen(const CampaignOptions& options) {
+    std::vector<Trial> chosen;
+    std::size_t fitting = 0;
+    for (auto& trial : AllTrials()) {
+        const bool fits = options.only.empty() ? trial.isShort || !options.isShort
+                                               : trial.name.starts_with(options.only);
+        if (fits && fitting++ % options.every == 0) chosen.push_back(std::move(trial));
+    }
+    return chosen;
+}
+
+// One that ended in order: the trial's outcome stands.
+void EndUnit(std::unique_ptr<WarmUnit>& warm, const Settings& settings, Outcome& outcome) {
+    warm->unit.Terminate();
+    const std::string wrong = warm->unit.AwaitEnd(settings.endLimit);
+    if (outcome.lost.empty() && !wrong.empty()) {
+        outcome.lost = "afterwards the unit " + wrong;
+        outcome.lines = warm->unit.LastLines();
+    }
+    warm.reset();
+}
+
+}  // namespace
+
+Campaign::Campaign(CampaignOptions options_)
+    : options(std::move(options_)), trials(Chosen(options)), start(Clock::now()) {
+    for (const auto& trial : trials) {
+        if (tallies.try_emplace(trial.group).second) groups.push_back(trial.group);
+    }
+    groups.emplace_back(kUsedUnitGroup);
+    tallies.try_emplace(kUsedUnitGroup);
+}
+
+int Campaign::Run() {
+    if (trials.empty()) {
+        std::fprintf(stderr, "vexa-soak: no trial begins with \"%s\" (--list shows all)\n",
+                     options.only.c_str());
+        return 2;
+    }
+    std::vector<std::thread> workers;
+    const auto count = std::min<std::size_t>(options.units, trials.size());
+    for (std::size_t number = 0; number < count; ++number) {
+        workers.emplace_back([this] { Work(); });
+    }
+    for (auto& worker : workers) worker.join();
+    if (options.json) {
+        PrintJson();
+    } else {
+        PrintTable();
+    }
+    if (IsInterrupted()) return kInterrupted;
+    return Total().lost == 0 ? 0 : 1;
+}
+
+std::optional<Campaign::Task> Campaign::Next() {
+    const std::lock_guard lock(mutex);
+    if (IsInterrupted()) return std::nullopt;
+    const bool isUp = options.time && Clock::now() - start >= *options.time;
+    if (isUp) return std::nullopt;
+    if (next == trials.size()) {
+        if (!options.time) return std::nullopt;
+        next = 0;
+        ++round;
+    }
+    return Task{&trials[next++], options.seed + round};
+}
+
+void Campaign::Work() {
+    std::unique_ptr<WarmUnit> warm;
+    while (const auto task = Next()) Account(*task, Perform(*task, warm));
+    if (!warm) return;
+    static const Trial kUsedUnit{.group = kUsedUnitGroup, .name = "used unit", .isShort = true};
+    Outcome outcome;
+    EndUnit(warm, options.settings, outcome);
+    Account({&kUsedUnit, options.seed}, outcome);
+}
+
+Outcome Campaign::Perform(const Task& task, std::unique_ptr<WarmUnit>& warm) const {
+    Outcome outcome;
+    try {
+        if (task.trial->onUnit) return PerformOnUnit(task, warm);
+        Random random(task.seed, task.trial->name);
+        return task.trial->alone(options.settings, random);
+    } catch (const std::exception& error) {  // no unit, or one that does not answer any more
+        outcome.lost = error.what();
+        if (warm) outcome.lines = warm->unit.LastLines();
+        warm.reset();
+    }
+    return outcome;
+}
+
+Outcome Campaign::PerformOnUnit(const Task& task, std::unique_ptr<WarmUnit>& warm) const {
+    const UnitTrial& trial = *task.trial->onUnit;
+    if (!warm) warm = std::make_unique<WarmUnit>(options.settings);
+    Random random(task.seed, task.trial->name);
+    const bool reached = trial.run(warm->unit, random);
+    Outcome outcome = CheckRecovered(*warm, trial, options.settings);
+    outcome.reached = reached;
+    const bool isSpoilt = !outcome.lost.empty() || trial.streamsMayStay ||
+                          trial.afterwards == Afterwards::kQueryMayFail;
+    if (isSpoilt) EndUnit(warm, options.settings, outcome);
+    return outcome;
+}
+
+void Campaign::Account(const Task& task, const Outcome& outcome) {
+    if (IsInterrupted()) return;  // waits are cut short: nothing can be said of it
+    const Trial& trial = *task.trial;
+    const std::lock_guard lock(mutex);
+    Tally& tally = tallies[trial.group];
+    ++tally.tried;
+    tally.reached += outcome.reached ? 1 : 0;
+    const bool survived = outcome.lost.empty();
+    ++(survived ? tally.survived : tally.lost);
+    if (survived && outcome.took.count() > 0) sessionTimes.push_back(outcome.took);
+    reconnects += static_cast<std::uint64_t>(outcome.reconnects);
+    mostGrowthKiB = std::max(mostGrowthKiB, outcome.growthKiB);
+    FILE* const out = options.json ? stderr : stdout;
+    if (!survived) {
+        std::fprintf(out, "LOST %s: %s\n", trial.name.c_str(), outcome.lost.c_str());
+        for (const auto& line : outcome.lines) std::fprintf(out, "     | %s\n", line.c_str());
+        std::fprintf(out, "     again: ./dev soak --only %s --seed %llu\n", trial.name.c_str(),
+                     static_cast<unsigned long long>(task.seed));
+    } else if (options.verbose) {
+        std::fprintf(out, "ok   %s%s", trial.name.c_str(),
+                     outcome.reached ? "" : "  (did not come about)");
+        if (outcome.took.count() > 0) {
+            std::fprintf(out, "  new session %lld ms",
+                         static_cast<long long>(outcome.took.count()));
+        }
+        std::fprintf(out, "\n");
+    }
+    std::fflush(out);
+}
+
+}  // namespace vexa::soak

@@ -1,0 +1,116 @@
+// The service is told to end at any moment, and while the calls of its end fail or block.
+#include <thread>
+
+#include "Trial.h"
+#include "vexahost/Requests.h"
+
+namespace vexa::soak {
+
+namespace {
+
+constexpr int kEnds = 24;
+constexpr int kShortEnds = 8;
+constexpr std::uint32_t kLatestEndMs = 2500;  // the session takes about as long
+constexpr std::uint32_t kStallMs = 1000;
+constexpr Milliseconds kPatience{5000};
+constexpr Milliseconds kPoll{10};
+
+// Calls of the end, with the use that is hit.
+constexpr std::pair<const char*, int> kEndCalls[] = {
+    {"VEXA_Device_Stream_Close", 1},
+    {"VEXA_Device_Stream_Close", 2},
+    {"VEXA_Device_GetOpenDeviceName", 1},
+    {"VEXA_Device_Open", 1},
+    {"VEXA_Device_Close", 1},
+    {"criTerminate", 1},
+    {"criTerminate", 2},
+    {"criTerminate", 3},
+    {"VEXA_Uninit", 1},
+    {"node.read", 1},
+    {"node.write", 1},
+    {"node.ioctl", 1},
+};
+
+// Whatever happens to it.
+void HoldSession(SoakUnit& unit) {
+    const auto client = vexahost::Client::Connect(unit.Cable(), {}, kPatience);
+    if (client) Exercise(**client, {});
+}
+
+Outcome AfterEnd(SoakUnit& unit, const Settings& settings) {
+    Outcome outcome;
+    outcome.lost = unit.AwaitEnd(settings.endLimit);
+    if (!outcome.lost.empty()) outcome.lines = unit.LastLines();
+    return outcome;
+}
+
+Outcome EndAtRandom(const Settings& settings, Random& random) {
+    SoakUnit unit(settings.unitProgram, Json::parse(TrialScenario()));
+    if (!unit.AwaitStart(settings.startLimit)) return {.lost = "does not start"};
+    const bool withHost = random.Between(1, 5) > 1;
+    std::thread host([&] {
+        if (withHost) HoldSession(unit);
+    });
+    std::this_thread::sleep_for(Milliseconds{random.Between(0, kLatestEndMs)});
+    unit.Terminate();
+    Outcome outcome = AfterEnd(unit, settings);
+    host.join();
+    return outcome;
+}
+
+// Waits until the fault has hit, while the host sends.
+bool AwaitHit(SoakUnit& unit, vexahost::Client& client, const Json& id) {
+    const auto deadline = std::chrono::steady_clock::now() + kPatience;
+    while (HitsOf(unit, id) == 0) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        (void)client.SendRaw(vexahost::BuildInitialSync(client.NextSequence()).Bytes());
+        std::this_thread::sleep_for(kPoll);
+    }
+    return true;
+}
+
+// With the DAQ link and two devices open. What goes on all the time goes wrong from before the end,
+// and for good.
+Outcome EndWith(Json fault, const Settings& settings) {
+    SoakUnit unit(settings.unitProgram, Json::parse(TrialScenario()));
+    if (!unit.AwaitStart(settings.startLimit)) return {.lost = "does not start"};
+    const auto client = vexahost::Client::Connect(unit.Cable(), {}, kPatience);
+    if (!client || !Exercise(**client, {})) return {.lost = "no session before the end"};
+    const bool isOfTheNode = fault["call"].get<std::string>().starts_with("node.");
+    if (isOfTheNode) fault.erase("count");
+    fault["request"] = "fault.set";
+    const Json id = unit.Ask(fault).at("id");
+    const bool isHit = isOfTheNode && AwaitHit(unit, **client, id);
+    unit.Terminate();
+    Outcome outcome = AfterEnd(unit, settings);
+    outcome.reached = isHit || unit.JournalHolds("fault ");
+    return outcome;
+}
+
+}  // namespace
+
+void AddEndTrials(std::vector<Trial>& trials) {
+    for (int number = 1; number <= kEnds; ++number) {
+        trials.push_back({.group = "told to end",
+                          .name = "end/" + std::to_string(number),
+                          .isShort = number <= kShortEnds,
+                          .alone = EndAtRandom});
+    }
+    for (const bool fails : {true, false}) {
+        for (const auto& [call, use] : kEndCalls) {
+            Json fault = {{"call", call}, {"count", 1}, {"skip", use - 1}};
+            fault["action"] = fails ? "fail" : "block";
+            if (!fails) fault["ms"] = kStallMs;
+            trials.push_back(
+                {.group = fails ? "call of the end fails" : "call of the end blocks 1 s",
+                 .name = std::string("end/") + call + "/" + (fails ? "fail" : "block") + "/" +
+                         std::to_string(use),
+                 .isShort = !fails || use == 1,
+                 .alone = [fault](const Settings& settings, Random&) {
+                     return EndWith(fault, settings);
+                 }});
+        }
+    }
+}
+
+}  // namespace vexa::soak

@@ -1,0 +1,149 @@
+#include "Trial.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <thread>
+
+namespace vexa::soak {
+
+namespace {
+
+constexpr int kWarmUps = 2;
+constexpr Milliseconds kWarmUpLimit{20000};
+constexpr Milliseconds kPoll{5};
+
+bool IsHostThere(SoakUnit& unit) {
+    return unit.Ask({{"request", "state"}}).at("cable").at("hostConnected").get<bool>();
+}
+
+std::size_t StreamsOf(SoakUnit& unit) {
+    return unit.Ask({{"request", "state"}}).at("streams").size();
+}
+
+// Waits until nothing is open and no host is there.
+bool AwaitNoSession(SoakUnit& unit, Milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        if (StreamsOf(unit) == 0 && !IsHostThere(unit)) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(kPoll);
+    }
+}
+
+std::uint64_t LinkQueriesOf(SoakUnit& unit) {
+    const Json calls = unit.Ask({{"request", "calls"}});
+    return calls.at("calls").at("node.ioctl").get<std::uint64_t>();
+}
+
+// Waits until the service has asked for the cable's state with the cable out.
+bool AwaitUnplugSeen(SoakUnit& unit, Milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    std::optional<std::uint64_t> queries;
+    while (!queries || LinkQueriesOf(unit) == *queries) {
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        if (!queries && !IsHostThere(unit)) queries = LinkQueriesOf(unit);
+        std::this_thread::sleep_for(kPoll);
+    }
+    return true;
+}
+
+std::string NotGivenBack(const SoakUnit& unit, const ProcessFigures& wanted) {
+    return "not all was given back: " + ToText(unit.Figures()) + ", before " + ToText(wanted);
+}
+
+// What may be in use when no session is under way. A stream that the library would not close is
+// lost to everybody, with the library's own thread for it.
+ProcessFigures WantedWhenIdle(WarmUnit& warm, const UnitTrial& trial) {
+    ProcessFigures wanted = warm.idle;
+    if (trial.streamsMayStay) wanted.threads += StreamsOf(warm.unit);
+    return wanted;
+}
+
+Outcome TryToCheck(WarmUnit& warm, const UnitTrial& trial, const Settings& settings) {
+    SoakUnit& unit = warm.unit;
+    Outcome outcome;
+    const auto lost = [&](const std::string& why) {
+        outcome.lost = why;
+        return outcome;
+    };
+    if (!unit.IsAlive()) return lost("the service has died");
+    unit.Ask({{"request", "fault.clear"}});
+    const auto isIdle = [&] {
+        return unit.AwaitFigures(WantedWhenIdle(warm, trial), settings.idleLimit);
+    };
+    if (!trial.returnsAtOnce) {
+        if (!AwaitUnplugSeen(unit, settings.idleLimit)) return lost("does not look at the cable");
+        if (!isIdle()) return lost(NotGivenBack(unit, warm.idle));
+    }
+
+    const auto session = HoldFreshSession(unit.Cable(), settings.sessionLimit,
+                                          trial.afterwards == Afterwards::kQueryMayFail);
+    outcome.took = session.took;
+    outcome.reconnects = session.reconnects;
+    if (!unit.IsAlive()) return lost("the service has died in the session afterwards");
+    if (!session.failure.empty()) return lost("no new session: " + session.failure);
+    if (!isIdle()) return lost("after the new session " + NotGivenBack(unit, warm.idle));
+
+    const std::size_t memory = unit.Figures().memoryKiB;
+    outcome.growthKiB = memory - std::min(memory, warm.idle.memoryKiB);
+    if (settings.watchMemory && outcome.growthKiB > settings.memoryAllowanceKiB) {
+        return lost("memory has grown by " + std::to_string(outcome.growthKiB) + " KiB to " +
+                    std::to_string(memory) + " KiB");
+    }
+    return outcome;
+}
+
+}  // namespace
+
+WarmUnit::WarmUnit(const Settings& settings)
+    : unit(settings.unitProgram, Json::parse(TrialScenario())) {
+    if (!unit.AwaitStart(settings.startLimit)) throw std::runtime_error("a unit does not start");
+    for (int round = 0; round < kWarmUps; ++round) {
+        {
+            const auto client = vexahost::Client::Connect(unit.Cable(), {}, kWarmUpLimit);
+            if (!client) throw std::runtime_error("no first session: " + client.Failure().message);
+            if (!Exercise(**client, {.patience = kWarmUpLimit})) {
+                throw std::runtime_error("a first session does not end");
+            }
+        }
+        const auto session = HoldFreshSession(unit.Cable(), kWarmUpLimit, false);
+        if (!session.failure.empty()) {
+            throw std::runtime_error("no first session: " + session.failure);
+        }
+    }
+    if (!AwaitNoSession(unit, settings.idleLimit)) {
+        throw std::runtime_error("a first session is not given back");
+    }
+    idle = unit.Figures();
+}
+
+Outcome CheckRecovered(WarmUnit& warm, const UnitTrial& trial, const Settings& settings) {
+    Outcome outcome;
+    try {
+        outcome = TryToCheck(warm, trial, settings);
+    } catch (const std::exception& error) {  // the unit's controls are silent, or refuse
+        outcome.lost = error.what();
+    }
+    if (!outcome.lost.empty()) outcome.lines = warm.unit.LastLines();
+    return outcome;
+}
+
+std::uint64_t HitsOf(SoakUnit& unit, const Json& id) {
+    const Json list = unit.Ask({{"request", "fault.list"}});
+    for (const auto& fault : list.at("faults")) {
+        if (fault.at("id") == id) return fault.at("hits").get<std::uint64_t>();
+    }
+    return 0;
+}
+
+std::vector<Trial> AllTrials() {
+    std::vector<Trial> trials;
+    AddFaultTrials(trials);
+    AddCableTrials(trials);
+    AddApplicationTrials(trials);
+    AddStartTrials(trials);
+    AddEndTrials(trials);
+    return trials;
+}
+
+}  // namespace vexa::soak
