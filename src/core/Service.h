@@ -5,9 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
-#include "daq/DAQIO.h"
+#include "core/ServiceLoop.h"
 #include "devices/HostLink.h"
-#include "mux/HostMux.h"
 
 namespace vexa {
 
@@ -24,20 +23,14 @@ class Service {
   private:
     bool StartUp();
     void Loop();
-    void FollowConnection();
-    void HandHardwareBack();
-    void PollSessions();
     void ShutDown();
 
     std::atomic<bool> stopRequested{false};
     static_assert(std::atomic<bool>::is_always_lock_free, "raised from signal handlers");
 
     std::uint32_t library = 0;  // of the device-access library; 0: not available
-    std::uint32_t lastGeneration = 0;
     HostLinkState hostLink;
-    DAQIO daqLink;
-    AppSessions sessions;
-    HostMux mux{daqLink, sessions};
+    ServiceLoop loop;
 };
 
 }  // namespace vexa
