@@ -26,6 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr auto kPatience = std::chrono::seconds(20);
+constexpr auto kGlance = std::chrono::milliseconds(2);
 
 Lines Split(const std::string& text) {
     Lines lines;
@@ -70,6 +71,9 @@ RunningUnit::RunningUnit(const std::string& scenario, const Lines& program) {
     close(ends[1]);
     if (result != 0) ADD_FAILURE() << "cannot run " << words[0];
     reader = std::thread([this, end = ends[0]] { ReadOutput(end); });
+
+    std::unique_lock lock(mutex);
+    while (!ended && !fs::exists(SocketPath())) changed.wait_for(lock, kGlance);
 }
 
 RunningUnit::~RunningUnit() {

@@ -22,7 +22,7 @@ using Lines = std::vector<std::string>;
 class RunningUnit {
   public:
     // `scenario` is the text of a scenario file, "{}" for the built-in one; `program` stands in for
-    // the service.
+    // the service. Returns when a host can connect, or the unit has ended already.
     explicit RunningUnit(const std::string& scenario, const Lines& program = {});
     ~RunningUnit();
     RunningUnit(const RunningUnit&) = delete;

@@ -20,6 +20,14 @@ namespace {
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
 
+bool Eventually(const std::function<bool()>& condition) {
+    for (int look = 0; look < 30000; ++look) {
+        if (condition()) return true;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return false;
+}
+
 class RunCommand : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -27,7 +35,14 @@ class RunCommand : public ::testing::Test {
         ASSERT_NE(::mkdtemp(path.data()), nullptr);
         scratch = fs::canonical(path);
     }
-    void TearDown() override { fs::remove_all(scratch); }
+    // What watches over a killed unit may be tidying up in there at the same time.
+    void TearDown() override {
+        EXPECT_TRUE(Eventually([&] {
+            std::error_code error;
+            fs::remove_all(scratch, error);
+            return !fs::exists(scratch);
+        }));
+    }
 
     [[nodiscard]] std::string Scratch(const std::string& name) const { return scratch / name; }
 
@@ -42,14 +57,6 @@ class RunCommand : public ::testing::Test {
 
     fs::path scratch;
 };
-
-bool Eventually(const std::function<bool()>& condition) {
-    for (int look = 0; look < 30000; ++look) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
 
 TEST_F(RunCommand, ExitsAsTheProgramAndLeavesNothingBehind) {
     EXPECT_EQ(RunningTool(Run({}, {"exit", "7"})).Wait(), 7);
