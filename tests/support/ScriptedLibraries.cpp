@@ -133,8 +133,9 @@ int32_t VEXA_Device_Stream_Write(uint32_t stream, const void* data, int32_t leng
     }
     if (!script.writesSucceed) return -1;
     const auto open = script.streams.find(stream);
-    if (open != script.streams.end() && !script.daqAnswer.empty() && length == 25 &&
-        open->second.device == script.attached[vexa::test::kDaqType]) {
+    const auto board = script.attached.find(vexa::test::kDaqType);
+    if (open != script.streams.end() && board != script.attached.end() &&
+        open->second.device == board->second && !script.daqAnswer.empty() && length == 25) {
         script.Send(stream, script.daqAnswer);
     }
     return 0;
