@@ -4,6 +4,7 @@
 #include <exception>
 #include <string>
 
+#include "check/CheckCommand.h"
 #include "run/ControlCommand.h"
 #include "run/RunCommand.h"
 #include "run/ScenarioFiles.h"
@@ -197,6 +198,31 @@ void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
     });
 }
 
+void AddCheckCommand(CLI::App& app, CheckOptions& options, int& status) {
+    CLI::App* const check = app.add_subcommand(
+        "check", "Check a real unit's libraries and node, before the service runs");
+    check
+        ->add_option("--vexa", options.vexa,
+                     "The unit's libVEXA.so; the one that the service would find if left out")
+        ->option_text("FILE");
+    check->add_option("--vexcri", options.vexcri, "The unit's libvexcri.so, likewise")
+        ->option_text("FILE");
+    check->add_option("--node", options.node, "The USB gadget node (/dev/zt-usb)")
+        ->option_text("FILE");
+    check->add_option("--device", options.devices, "Look up a device by its name; can be repeated")
+        ->option_text("NAME")
+        ->allow_extra_args(false);
+    check->add_flag("--sessions", options.sessions,
+                    "Begin and end a conversation with each application on the unit, too");
+    check->footer(
+        "Opens no device and sends nothing. To be run while the service is not.\n"
+        "Examples: vexa-unit check --device Accelerometer\n"
+        "          vexa-unit check --vexa ./libVEXA.so --vexcri ./libvexcri.so --sessions\n"
+        "          vexa-unit run -- vexa-unit check     (a virtual unit, to see what is good)\n"
+        "Exit status: 0 all is well; 1 something is missing or odd.");
+    check->callback([&options, &status] { status = CheckUnit(options); });
+}
+
 int Main(int argc, char** argv) {
     CLI::App app("A virtual unit: stands in for the devices, applications and USB link of a unit.",
                  "vexa-unit");
@@ -206,10 +232,12 @@ int Main(int argc, char** argv) {
         "          vexa-unit ctl cable out");
     RunOptions run;
     ControlOptions control;
+    CheckOptions check;
     int status = 0;
     AddRunCommand(app, run, status);
     AddScenariosCommand(app);
     AddCtlCommand(app, control, status);
+    AddCheckCommand(app, check, status);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp& help) {
