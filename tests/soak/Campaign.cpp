@@ -109,14 +109,16 @@ Outcome Campaign::Perform(const Task& task, std::unique_ptr<WarmUnit>& warm) con
 
 Outcome Campaign::PerformOnUnit(const Task& task, std::unique_ptr<WarmUnit>& warm) const {
     const UnitTrial& trial = *task.trial->onUnit;
-    if (!warm) warm = std::make_unique<WarmUnit>(options.settings);
+    // The worker's unit lives as long as it can, so that small leaks add up on it.
+    const bool spoils = trial.streamsMayStay || trial.afterwards == Afterwards::kQueryMayFail;
+    std::unique_ptr<WarmUnit> own;
+    std::unique_ptr<WarmUnit>& used = spoils ? own : warm;
+    if (!used) used = std::make_unique<WarmUnit>(options.settings);
     Random random(task.seed, task.trial->name);
-    const bool reached = trial.run(warm->unit, random);
-    Outcome outcome = CheckRecovered(*warm, trial, options.settings);
+    const bool reached = trial.run(used->unit, random);
+    Outcome outcome = CheckRecovered(*used, trial, options.settings);
     outcome.reached = reached;
-    const bool isSpoilt = !outcome.lost.empty() || trial.streamsMayStay ||
-                          trial.afterwards == Afterwards::kQueryMayFail;
-    if (isSpoilt) EndUnit(warm, options.settings, outcome);
+    if (spoils || !outcome.lost.empty()) EndUnit(used, options.settings, outcome);
     return outcome;
 }
 

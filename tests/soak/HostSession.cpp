@@ -14,7 +14,6 @@ namespace {
 using vexahost::ChildId;
 using vexahost::Client;
 using vexahost::Done;
-using vexahost::Error;
 using vexahost::ErrorKind;
 using vexahost::Expected;
 using Clock = std::chrono::steady_clock;

@@ -178,6 +178,7 @@ LoadResult Measure(SoakUnit& unit, const LoadOptions& options) {
     result.fromUnit = static_cast<double>(checker.Total().bytes - bytesBefore) / result.seconds;
     result.toUnit = static_cast<double>(sender.Bytes()) / result.seconds;
     sender.Stop();
+    result.longestPause = checker.LongestPause();
 
     for (const auto& device : kDevices) unit.Ask({{"request", "detach"}, {"name", device.name}});
     AwaitQuiet(checker);

@@ -57,6 +57,11 @@ void LoadChecker::AddChild(ChildId child, std::size_t blockSize, vexa::unit::Wav
 void LoadChecker::Take(std::span<const std::uint8_t> packet) {
     if (vexa::TypeClass(packet[vexa::kTypeOffset]) != vexa::kClassTunnel) return;
     const std::lock_guard lock(mutex);
+    const auto now = std::chrono::steady_clock::now();
+    if (lastCame.time_since_epoch().count() > 0) {
+        longestPause = std::max(longestPause, now - lastCame);
+    }
+    lastCame = now;
     const bool isRight = packet.size() >= vexa::kTunnelHeaderSize &&
                          vexa::PacketChecksum(packet.data()) == packet[vexa::kChecksumOffset];
     const ChildId id = isRight ? vexa::LoadLe32(&packet[vexa::kTunnelIdOffset]) : 0;
@@ -123,6 +128,11 @@ void LoadChecker::TakeEcho(Child& child, ChildId id, std::span<const std::uint8_
 LoadCounts LoadChecker::CountsOf(ChildId child) const {
     const std::lock_guard lock(mutex);
     return children.at(child).counts;
+}
+
+std::chrono::milliseconds LoadChecker::LongestPause() const {
+    const std::lock_guard lock(mutex);
+    return std::chrono::round<std::chrono::milliseconds>(longestPause);
 }
 
 LoadCounts LoadChecker::Total() const {

@@ -1,6 +1,7 @@
 // Holds each byte that the unit's devices send against what they must have sent.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -45,6 +46,10 @@ class LoadChecker {
     [[nodiscard]] LoadCounts CountsOf(vexahost::ChildId child) const;
     [[nodiscard]] LoadCounts Total() const;
 
+    // The longest time in which nothing came. Above about 120 ms the unit's output buffer of 50,000
+    // bytes overflows at full load, as it is made to: the machine, not the service, was too slow.
+    [[nodiscard]] std::chrono::milliseconds LongestPause() const;
+
   private:
     struct Child {
         std::size_t blockSize = 0;
@@ -62,6 +67,8 @@ class LoadChecker {
     const vexahost::ChildId controller;
     mutable std::mutex mutex;  // guards all below
     std::map<vexahost::ChildId, Child> children;
+    std::chrono::steady_clock::time_point lastCame;
+    std::chrono::steady_clock::duration longestPause{0};
     std::uint64_t strays = 0;  // packets that are nobody's, or whose checksum is wrong
 };
 

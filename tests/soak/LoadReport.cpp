@@ -18,6 +18,7 @@ void PrintText(const LoadResult& result) {
                 100 * result.fromUnit / kMostBytesPerSecond);
     std::printf("to the unit    %8.0f B/s\n", result.toUnit);
     std::printf("               (whole tunnel packets; frame headers not counted)\n");
+    std::printf("longest pause  %8lld ms\n", static_cast<long long>(result.longestPause.count()));
     std::printf("blocks %llu, echoes %llu of %llu, replies of the controller %llu\n",
                 number(counts.blocks), number(counts.echoes), number(result.echoesSent),
                 number(counts.replies));
@@ -35,6 +36,7 @@ void PrintJson(const LoadResult& result) {
                        {"from_unit_bytes_per_s", result.fromUnit},
                        {"share", result.fromUnit / kMostBytesPerSecond},
                        {"to_unit_bytes_per_s", result.toUnit},
+                       {"longest_pause_ms", result.longestPause.count()},
                        {"blocks", counts.blocks},
                        {"echoes_sent", result.echoesSent},
                        {"echoes", counts.echoes},

@@ -1,6 +1,7 @@
 // What a run under load came to.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 
@@ -16,6 +17,7 @@ struct LoadResult {
     double seconds = 0;
     double fromUnit = 0;  // bytes a second, as are those below
     double toUnit = 0;
+    std::chrono::milliseconds longestPause{0};  // in which nothing came from the unit
     LoadCounts counts;
     std::uint64_t echoesSent = 0;
     std::uint64_t openings = 0;  // of controller and children, each answered, as are

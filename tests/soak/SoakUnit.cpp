@@ -12,10 +12,11 @@ namespace vexa::soak {
 namespace {
 
 namespace fs = std::filesystem;
-using Clock = std::chrono::steady_clock;
 
-constexpr Milliseconds kPoll{5};
 constexpr std::size_t kLastLines = 8;
+constexpr Milliseconds kEndPatience{2000};
+constexpr Milliseconds kRemovePause{20};
+constexpr int kRemoveTries = 50;
 
 constexpr char kFirstLine[] = "is starting up.";
 constexpr char kShutDownLine[] = "VEXADevMgr is shutting down.";
@@ -52,11 +53,15 @@ SoakUnit::SoakUnit(const std::string& program, const Json& scenario) : folder(Ne
 }
 
 SoakUnit::~SoakUnit() {
-    // The unit first, so that the folder is nobody's any more.
     process->Terminate();
-    if (!process->Wait(Milliseconds{2000})) process.reset();
-    std::error_code ignored;
-    fs::remove_all(folder, ignored);
+    if (!process->Wait(kEndPatience)) process.reset();
+    // What tidies up after a killed unit may still be at it, and get in the way.
+    std::error_code error;
+    for (int tries = kRemoveTries; tries > 0; --tries) {
+        fs::remove_all(folder, error);
+        if (!error) return;
+        std::this_thread::sleep_for(kRemovePause);
+    }
 }
 
 bool SoakUnit::AwaitStart(Milliseconds timeout) {
@@ -67,7 +72,7 @@ bool SoakUnit::AwaitStart(Milliseconds timeout) {
 
 Json SoakUnit::Ask(const Json& request) {
     if (!control) control.emplace(folder);
-    const Json answer = Json::parse(control->Ask(request.dump()));
+    Json answer = Json::parse(control->Ask(request.dump()));
     if (!answer.at("ok").get<bool>()) {
         throw std::runtime_error("the unit refused " + request.dump() + ": " +
                                  answer.at("error").get<std::string>());
@@ -77,16 +82,6 @@ Json SoakUnit::Ask(const Json& request) {
 
 vexahost::TransportFactory SoakUnit::Cable() const {
     return [path = folder.string()] { return vexahost::SocketTransport::ConnectUnit(path); };
-}
-
-bool SoakUnit::AwaitFigures(const ProcessFigures& wanted, Milliseconds timeout) const {
-    const auto deadline = Clock::now() + timeout;
-    for (;;) {
-        const ProcessFigures now = Figures();
-        if (now.threads == wanted.threads && now.descriptors == wanted.descriptors) return true;
-        if (Clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(kPoll);
-    }
 }
 
 std::string SoakUnit::AwaitEnd(Milliseconds timeout) {

@@ -42,9 +42,6 @@ class SoakUnit {
     [[nodiscard]] bool IsAlive() const { return IsRunning(service); }
     [[nodiscard]] ProcessFigures Figures() const { return FiguresOf(service); }
 
-    // Waits until the service has as many threads and descriptors as `wanted`.
-    [[nodiscard]] bool AwaitFigures(const ProcessFigures& wanted, Milliseconds timeout) const;
-
     // Tells it to end, as a service manager does.
     void Terminate() const { process->Terminate(); }
 

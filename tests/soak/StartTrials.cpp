@@ -42,7 +42,7 @@ bool AwaitNode(SoakUnit& unit, Milliseconds limit) {
     return true;
 }
 
-Outcome EndInOrder(SoakUnit& unit, Milliseconds limit, Outcome outcome) {
+Outcome EndInOrder(SoakUnit& unit, Milliseconds limit, const Outcome& outcome) {
     const std::string wrong = unit.AwaitEnd(limit);
     return wrong.empty() ? outcome : Lost(unit, wrong);
 }

@@ -59,6 +59,18 @@ ProcessFigures WantedWhenIdle(WarmUnit& warm, const UnitTrial& trial) {
     return wanted;
 }
 
+// Waits until all that a session used is given back.
+bool AwaitIdle(WarmUnit& warm, const UnitTrial& trial, Milliseconds limit) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (;;) {
+        const ProcessFigures wanted = WantedWhenIdle(warm, trial);
+        const ProcessFigures now = warm.unit.Figures();
+        if (now.threads == wanted.threads && now.descriptors == wanted.descriptors) return true;
+        if (std::chrono::steady_clock::now() >= deadline) return false;
+        std::this_thread::sleep_for(kPoll);
+    }
+}
+
 Outcome TryToCheck(WarmUnit& warm, const UnitTrial& trial, const Settings& settings) {
     SoakUnit& unit = warm.unit;
     Outcome outcome;
@@ -68,9 +80,7 @@ Outcome TryToCheck(WarmUnit& warm, const UnitTrial& trial, const Settings& setti
     };
     if (!unit.IsAlive()) return lost("the service has died");
     unit.Ask({{"request", "fault.clear"}});
-    const auto isIdle = [&] {
-        return unit.AwaitFigures(WantedWhenIdle(warm, trial), settings.idleLimit);
-    };
+    const auto isIdle = [&] { return AwaitIdle(warm, trial, settings.idleLimit); };
     if (!trial.returnsAtOnce) {
         if (!AwaitUnplugSeen(unit, settings.idleLimit)) return lost("does not look at the cable");
         if (!isIdle()) return lost(NotGivenBack(unit, warm.idle));

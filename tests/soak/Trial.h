@@ -43,14 +43,14 @@ struct WarmUnit {
 
 enum class Afterwards {
     kSessionWorks,  // the unit goes on as if nothing had been
-    kQueryMayFail,  // the same, but for its session with the DAQ application; to be replaced then
+    kQueryMayFail,  // the same, but for its session with the DAQ application; it is of no use then
 };
 
 // A trial on a unit that runs.
 struct UnitTrial {
     std::function<bool(SoakUnit& unit, Random& random)> run;  // whether it went wrong as it was to
     Afterwards afterwards = Afterwards::kSessionWorks;
-    bool streamsMayStay = false;  // the library does not close them; the unit to be replaced then
+    bool streamsMayStay = false;  // the library does not close them; the unit is of no use then
     bool returnsAtOnce = false;   // the cable comes back before the unit may have seen it go
 };
 

@@ -16,6 +16,8 @@ using vexa::soak::LoadOptions;
 
 constexpr int kWrongUse = 2;
 
+const CLI::Range kSomeTime(0.01, 10000.0, "TIME");
+
 // The unit's program beside this one.
 std::string UnitProgram() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "vexa-unit";
@@ -45,13 +47,13 @@ int Run(int argc, char** argv) {
     program
         .add_option("--minutes", minutes, "rounds of all trials until the time is up (one round)")
         ->option_text("N")
-        ->check(CLI::PositiveNumber);
+        ->check(kSomeTime);
     program.add_flag("--short", campaign.isShort, "only each kind of trial once or a few times");
     program.add_option("--only", campaign.only, "the trials whose names begin so")
         ->option_text("NAME");
     program.add_option("--every", campaign.every, "of these only every nth")
         ->option_text("N")
-        ->check(CLI::PositiveNumber);
+        ->check(CLI::Range(1, 1000));
     program.add_flag("--list", lists, "prints the names of all trials");
     program
         .add_option("--seed", campaign.seed, "of what is drawn by lot (1); each round has the next")
@@ -61,10 +63,10 @@ int Run(int argc, char** argv) {
         ->check(CLI::Range(1, 32));
     program.add_option("--session", sessionSeconds, "time for a new session afterwards (2)")
         ->option_text("SECONDS")
-        ->check(CLI::PositiveNumber);
+        ->check(kSomeTime);
     program.add_option("--end", endSeconds, "time for the end of a unit (5)")
         ->option_text("SECONDS")
-        ->check(CLI::PositiveNumber);
+        ->check(kSomeTime);
     program.add_flag("--no-memory", ignoresMemory, "does not watch the memory");
     program.add_flag("--json", campaign.json, "prints the result as JSON");
     program.add_flag("--verbose", campaign.verbose, "prints each trial");
@@ -76,16 +78,18 @@ int Run(int argc, char** argv) {
     loading->formatter(std::make_shared<HelpText>());
     loading->add_option("--minutes", loadMinutes, "how long (1)")
         ->option_text("N")
-        ->check(CLI::PositiveNumber);
+        ->check(kSomeTime);
     loading->add_option("--share", load.share, "percent of 10,000 bytes every 30 ms (96)")
         ->option_text("PERCENT")
-        ->check(CLI::Range(1, 200));
+        ->check(CLI::Range(1.0, 200.0));
     loading->add_flag("--json", load.json, "prints the result as JSON");
 
     try {
         program.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return program.exit(error) == 0 ? 0 : kWrongUse;
+        if (error.get_exit_code() == 0) return program.exit(error);
+        std::fprintf(stderr, "vexa-soak: %s (vexa-soak --help says more)\n", error.what());
+        return kWrongUse;
     }
     const auto milliseconds = [](double seconds) {
         return vexa::soak::Milliseconds(static_cast<std::int64_t>(seconds * 1000));
