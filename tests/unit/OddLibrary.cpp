@@ -23,7 +23,7 @@ uint32_t VEXA_OpenDeviceListSnapshot(uint32_t, uint32_t type, uint32_t* count, u
 int32_t VEXA_DeviceListSnapshot_GetNthEntry(uint32_t snapshot, uint32_t, char* name,
                                             uint32_t capacity, uint32_t*) {
     std::memset(name, 'A', snapshot == 9 ? capacity + 1 : capacity);
-    if (snapshot == 4) std::strcpy(name, "Tilt");
+    if (snapshot == 4) std::memcpy(name, "Tilt", 5);
     return 0;
 }
 int32_t VEXA_CloseDeviceListSnapshot(uint32_t) { return 0; }

@@ -14,7 +14,7 @@ std::string FileOf(void* handle) {
 
 }  // namespace
 
-void SharedLibrary::Closer::operator()(void* handle) const { ::dlclose(handle); }
+void SharedLibrary::Closer::operator()(void* library) const { ::dlclose(library); }
 
 SharedLibrary::SharedLibrary(const std::string& name_, const std::string& path, Report& report_)
     : report(report_), name(name_) {

@@ -26,7 +26,7 @@ class SharedLibrary {
 
   private:
     struct Closer {
-        void operator()(void* handle) const;
+        void operator()(void* library) const;
     };
 
     void* Symbol(const char* symbol);
