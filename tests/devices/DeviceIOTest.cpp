@@ -80,6 +80,21 @@ TEST(GDeviceIO, KeepsItsStateInStepWithTheTransport) {
     EXPECT_TRUE(device.IsServer());
 }
 
+TEST(GDeviceIO, DoesNothingByItself) {
+    GDeviceIO device(&kPort);
+    int count = 3;
+    EXPECT_EQ(device.Open(&kPort), 0);
+    EXPECT_TRUE(device.isOpen && device.IsServer());
+    EXPECT_EQ(device.Query(), 0);
+    EXPECT_EQ(device.Read(1, 2, 3), 0);
+    EXPECT_EQ(device.Write("abc", &count), 0);
+    EXPECT_EQ(device.OSWriteUnlocked("abc", &count), -1);
+    EXPECT_EQ(device.Purge(), -1);
+    EXPECT_EQ(device.Close(), 0);
+    EXPECT_FALSE(device.isOpen);
+    EXPECT_EQ(Printed([] { GDeviceIO without(nullptr); }), "GDeviceIO Line: 24\n");
+}
+
 TEST(GDeviceIO, RefusesOtherThreadsButReportsSuccess) {
     SetTraceThreshold(100);
     NotingDevice device(&kPort);

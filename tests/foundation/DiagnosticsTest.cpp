@@ -37,6 +37,9 @@ TEST(Trace, PrintsLevelsFromTheThresholdOn) {
     SetTraceThreshold(kTraceLevel);
     EXPECT_EQ(Printed([] { Trace(kTraceLevel, "text", "M", 1); }), "M(1) : text\n");
     EXPECT_EQ(Printed([] { Trace(kTraceLevel - 1, std::string("text"), "M", 1); }), "");
+    const void* const nothing = nullptr;
+    EXPECT_EQ(Printed([&] { Trace(kTraceLevel, nothing, "M", 1); }), "M(1) : 0\n");
+    EXPECT_EQ(Printed([&] { Trace(kTraceLevel - 1, nothing, "M", 1); }), "");
     SetTraceThreshold(100);
 }
 
@@ -61,6 +64,12 @@ TEST(GetBuildDateTime, HasTheFormOfDateAndTime) {
         std::regex_match(GetBuildDateTime(), std::regex("[A-Z][a-z]{2} [ 123][0-9] 20[0-9]{2} "
                                                         "[0-9]{2}:[0-9]{2}:[0-9]{2}")))
         << GetBuildDateTime();
+}
+
+TEST(Diagnostics, HaveTheirFixedTextsAndTheProcessorTime) {
+    EXPECT_EQ(GeneralExceptionText(), "Truly exceptional.");
+    EXPECT_EQ(MemoryExceptionText(), "Memory exception.");
+    EXPECT_GE(OSGetProcessorTime(), 0.0);
 }
 
 TEST(BytePacking, PutsTheFirstByteLowest) {

@@ -172,17 +172,37 @@ TEST_F(Controller, ForwardsBetweenHostAndDaq) {
         expected += "DAQIO(245) : DAQ->Host blob checksum err: a0 03 00 00 00 00 00 00\n";
     }
     EXPECT_EQ(text, expected) << "the first ten errors";
+    EXPECT_EQ(DAQIO::ReadCallback(good.data(), 0, &daq), 0);
+    EXPECT_EQ(DAQIO::ReadCallback(good.data(), 3, nullptr), 0);
     std::string sent = ToHex(good + bad);
     for (int i = 0; i < 12; ++i) sent += " a0 03 00";
     EXPECT_EQ(link.Take().substr(ToHex(DaqSyncAnswer()).size() + 1), sent)
         << "the board's answer to the sync, then all as it came";
+    script.writesSucceed = false;
+    EXPECT_EQ(daq.Write(good.data(), 10), 0);
+    script.writesSucceed = true;
+    EXPECT_EQ(daq.Write(good.data(), 10), 10);
+    daq.Close();
+    EXPECT_EQ(daq.Write(good.data(), 10), 0);
+    EXPECT_EQ(Printed([] {
+                  const Bytes bytes = Hex("01 a0");
+                  DAQIO::DumpInput(bytes.data(), 2, "x");
+                  DAQIO::DumpOutput(bytes.data(), -1, "y");
+              }),
+              "DAQ Input - x: 01 a0\nDAQ Output - y:\n");
 }
 
 TEST_F(Controller, SyncsWithTheBoardOnlyOnItsRightAnswer) {
     const Bytes packet = Sealed(Hex("a0 05 01 00 11"));
     const Bytes reopen = OpenController(true);
-    // Noise before it, the first packet behind it in the same block.
-    script.daqAnswer = Bytes(300, 0xA1) + DaqSyncAnswer() + packet;
+    // Noise and near misses before it, the first packet behind it in the same block.
+    Bytes before(300, 0xA1);
+    for (const std::size_t position : {0U, 1U, 3U, 4U, 5U, 6U, 25U}) {
+        Bytes wrong = DaqSyncAnswer();
+        wrong[position] ^= 0x40U;
+        before = before + (position == 3 ? wrong : Sealed(wrong));
+    }
+    script.daqAnswer = before + DaqSyncAnswer() + packet;
     EXPECT_EQ(Reply(reopen), ToHex(packet) + " " + ControllerReply(0, 0x98, 0x72, 0));
 
     script.daqAnswer = DaqSyncAnswer();
@@ -215,6 +235,11 @@ TEST_F(Controller, CountsTheComingsAndGoingsThatATransportReports) {
     mux.Children().Unlock();
     EXPECT_EQ(text, "Trying to lock mutex failed\n");
     EXPECT_EQ(generation, 0U);
+    HostVEXMuxController_Destroy();
+    generation = 77;
+    SetHostConnected(true, &generation);
+    EXPECT_EQ(generation, 0U) << "nobody to report to";
+    HostVEXMuxController_Init(mux.Children());
 }
 
 }  // namespace

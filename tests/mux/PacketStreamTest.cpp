@@ -73,6 +73,22 @@ TEST_F(PacketStream, ChecksEveryLength) {
     }
 }
 
+TEST_F(PacketStream, DropsWhatComesBehindAWaitingPacketButASync) {
+    HostPacketStream stream;
+    const Bytes packet = Sealed(Hex("80 05 01 00 33"));
+    const Bytes sync = Hex(kSync);
+    link.HostSends(packet + Hex("77") + sync + packet);
+    EXPECT_FALSE(stream.ParsePass());
+    std::string expected = "Input from Host - IGNORED: 77\n";
+    for (std::size_t i = 0; i < 24; ++i) {
+        expected += "Input from Host - IGNORED: " + ToHex({&sync[i], 1}) + "\n";
+    }
+    EXPECT_EQ(Printed([&] { EXPECT_TRUE(stream.ParsePass()); }),
+              expected + "Input from Host - INIT: " + kSync + "\n");
+    EXPECT_EQ(ToHex({stream.Packet(), 25}), kSync);
+    EXPECT_EQ(HostLink_BytesAvailable(), packet.size()) << "a sync ends the pass";
+}
+
 TEST_F(PacketStream, HandsOverOnePacketAPass) {
     const Bytes packet = Sealed(Hex("40 05 01 00 33"));
     Pass(packet + packet + Hex("40 05"));

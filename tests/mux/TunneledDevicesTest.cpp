@@ -1,6 +1,8 @@
 // Children: opening, closing, and their data both ways.
 
 #include <atomic>
+#include <functional>
+#include <future>
 #include <thread>
 
 #include "mux/MuxTest.h"
@@ -48,9 +50,11 @@ TEST_F(Children, AreRefusedForEveryReasonThereIs) {
     Bytes cut = OpenChild(2, "stream8-and-more");
     cut[17] = 7;  // the length ends the name
     EXPECT_EQ(Reply(Sealed(cut)), ControllerReply(sequence++, 0x98, 0x70, 0));
-    script.streamsOpen = false;
-    ExpectOpenError(sequence++, OpenChild(3, "stream8"), 54);
-    script.streamsOpen = true;
+    for (bool* const works : {&script.streamsOpen, &script.snapshotsOpen}) {
+        *works = false;
+        ExpectOpenError(sequence++, OpenChild(3, "stream8"), 54);
+        *works = true;
+    }
 
     for (std::uint32_t id = 3; id < 10; ++id, ++sequence) Open(id, "hid2");
     script.TakeCalls();
@@ -125,6 +129,52 @@ TEST_F(Children, AreAllClosedWhenTheHostLeaves) {
     EXPECT_FALSE(mux.IsHostConnected());
     mux.DisconnectCleanUp();
     EXPECT_EQ(script.TakeCalls(), Calls{}) << "once";
+}
+
+// Each on a thread of its own, as each waits for its second.
+TEST_F(Children, AreNotFoundWhileTheirLockIsNotToBeHad) {
+    MuxChildren& children = mux.Children();
+    const auto childOf = [](std::uint32_t id) {
+        MuxChild child;
+        child.id = id;
+        return child;
+    };
+    ASSERT_TRUE(children.Add(childOf(5)));
+    const std::vector<std::function<bool()>> operations = {
+        [&] { return children.Count() != 0; },
+        [&] {
+            MuxChild child;
+            return children.Find(5, child);
+        },
+        [&] {
+            MuxChild child;
+            return children.Get(0, child);
+        },
+        [&] { return children.Add(childOf(6)); },
+        [&] { return children.Remove(5); },
+        [&] { return children.ControllerId() != 0; },
+        [&] { return children.TakeControllerSequence().id != 0; },
+        [&] { return children.MarkHostConnected(false); },
+        [&] {
+            children.Clear();
+            return false;
+        },
+        [&] {
+            return TunneledDeviceReadCallback(nullptr, 0, reinterpret_cast<void*>(5)) == 0;
+        },  // NOLINT
+    };
+    ASSERT_TRUE(children.Lock(0));
+    const std::string text = Printed([&] {
+        std::vector<std::future<bool>> results;
+        for (const auto& operation : operations) {
+            results.push_back(std::async(std::launch::async, operation));
+        }
+        for (auto& result : results) EXPECT_FALSE(result.get());
+    });
+    children.Unlock();
+    EXPECT_EQ(text.size(), operations.size() * std::string("Trying to lock mutex failed\n").size());
+    EXPECT_EQ(children.Count(), 2U) << "and nothing has changed";
+    EXPECT_TRUE(mux.IsHostConnected());
 }
 
 // Library threads send data while the main thread closes and opens children and replies.

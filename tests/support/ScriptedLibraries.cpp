@@ -100,7 +100,7 @@ int32_t VEXA_SearchForDevices(uint32_t library, uint32_t type, int32_t mode, int
 uint32_t VEXA_OpenDeviceListSnapshot(uint32_t /*library*/, uint32_t type, uint32_t* count,
                                      uint32_t* /*signature*/) {
     *count = static_cast<uint32_t>(Script().attached.count(type));
-    return vexa::test::kSnapshotBase + type;
+    return Script().snapshotsOpen ? vexa::test::kSnapshotBase + type : 0;
 }
 
 int32_t VEXA_DeviceListSnapshot_GetNthEntry(uint32_t snapshot, uint32_t index, char* name,

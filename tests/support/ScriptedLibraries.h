@@ -40,6 +40,7 @@ struct ScriptedLibraries {
     // The script.
     std::map<std::string, std::uint32_t> types;     // of all names known
     std::map<std::uint32_t, std::string> attached;  // first device of a type
+    bool snapshotsOpen = true;
     bool streamsOpen = true;
     bool writesSucceed = true;
     bool recordWrites = true;
