@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "Trial.h"
+#include "Wait.h"
 #include "vexahost/Requests.h"
 
 namespace vexa::soak {
@@ -13,7 +14,6 @@ constexpr int kShortEnds = 8;
 constexpr std::uint32_t kLatestEndMs = 2500;  // the session takes about as long
 constexpr std::uint32_t kStallMs = 1000;
 constexpr Milliseconds kPatience{5000};
-constexpr Milliseconds kPoll{10};
 
 // Calls of the end, with the use that is hit.
 constexpr std::pair<const char*, int> kEndCalls[] = {
@@ -60,13 +60,10 @@ Outcome EndAtRandom(const Settings& settings, Random& random) {
 
 // Waits until the fault has hit, while the host sends.
 bool AwaitHit(SoakUnit& unit, vexahost::Client& client, const Json& id) {
-    const auto deadline = std::chrono::steady_clock::now() + kPatience;
-    while (HitsOf(unit, id) == 0) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
+    return WaitUntil(kPatience, [&] {
         (void)client.SendRaw(vexahost::BuildInitialSync(client.NextSequence()).Bytes());
-        std::this_thread::sleep_for(kPoll);
-    }
-    return true;
+        return HitsOf(unit, id) > 0;
+    });
 }
 
 // With the DAQ link and two devices open. What goes on all the time goes wrong from before the end,

@@ -1,7 +1,6 @@
 // Every call fails, blocks, and does what else it can be made to do, with a session under way.
-#include <thread>
-
 #include "Trial.h"
+#include "Wait.h"
 #include "model/Call.h"
 
 namespace vexa::soak {
@@ -14,7 +13,6 @@ using vexa::unit::FaultAction;
 
 constexpr Milliseconds kConnectPatience{3000};
 constexpr Milliseconds kReachPatience{1500};  // for calls that the unit makes when the host is gone
-constexpr Milliseconds kPoll{10};
 constexpr int kRounds = 3;
 constexpr std::uint32_t kStallMs = 1000;
 
@@ -74,11 +72,7 @@ bool RunUntilHit(SoakUnit& unit, Json fault, Uses uses, Random& random) {
         auto client = vexahost::Client::Connect(unit.Cable(), {}, kConnectPatience);
         if (client) Exercise(**client, {});
     }
-    const auto deadline = std::chrono::steady_clock::now() + kReachPatience;
-    while (HitsOf(unit, id) == 0 && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(kPoll);
-    }
-    return HitsOf(unit, id) > 0;
+    return WaitUntil(kReachPatience, [&] { return HitsOf(unit, id) > 0; });
 }
 
 Trial MakeTrial(const CallInfo& call, const Action& action, const Placement& place) {

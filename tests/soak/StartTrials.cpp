@@ -1,13 +1,11 @@
 // Calls of the start-up fail or block: the service starts all the same, or ends in order.
-#include <thread>
-
 #include "Trial.h"
+#include "Wait.h"
 
 namespace vexa::soak {
 
 namespace {
 
-constexpr Milliseconds kPoll{10};
 constexpr std::uint32_t kStallMs = 1000;
 
 struct StartCall {
@@ -34,12 +32,7 @@ std::uint64_t UsesOf(SoakUnit& unit, const std::string& call) {
 
 // Waits until the service has the node open and hosts can plug in.
 bool AwaitNode(SoakUnit& unit, Milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (UsesOf(unit, "node.ioctl") == 0) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(kPoll);
-    }
-    return true;
+    return WaitUntil(limit, [&] { return UsesOf(unit, "node.ioctl") > 0; });
 }
 
 Outcome EndInOrder(SoakUnit& unit, Milliseconds limit, const Outcome& outcome) {

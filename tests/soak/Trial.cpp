@@ -2,7 +2,8 @@
 
 #include <algorithm>
 #include <stdexcept>
-#include <thread>
+
+#include "Wait.h"
 
 namespace vexa::soak {
 
@@ -10,7 +11,6 @@ namespace {
 
 constexpr int kWarmUps = 2;
 constexpr Milliseconds kWarmUpLimit{20000};
-constexpr Milliseconds kPoll{5};
 
 bool IsHostThere(SoakUnit& unit) {
     return unit.Ask({{"request", "state"}}).at("cable").at("hostConnected").get<bool>();
@@ -22,12 +22,7 @@ std::size_t StreamsOf(SoakUnit& unit) {
 
 // Waits until nothing is open and no host is there.
 bool AwaitNoSession(SoakUnit& unit, Milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
-        if (StreamsOf(unit) == 0 && !IsHostThere(unit)) return true;
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(kPoll);
-    }
+    return WaitUntil(limit, [&] { return StreamsOf(unit) == 0 && !IsHostThere(unit); });
 }
 
 std::uint64_t LinkQueriesOf(SoakUnit& unit) {
@@ -37,14 +32,9 @@ std::uint64_t LinkQueriesOf(SoakUnit& unit) {
 
 // Waits until the service has asked for the cable's state with the cable out.
 bool AwaitUnplugSeen(SoakUnit& unit, Milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    std::optional<std::uint64_t> queries;
-    while (!queries || LinkQueriesOf(unit) == *queries) {
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        if (!queries && !IsHostThere(unit)) queries = LinkQueriesOf(unit);
-        std::this_thread::sleep_for(kPoll);
-    }
-    return true;
+    if (!WaitUntil(limit, [&] { return !IsHostThere(unit); })) return false;
+    const std::uint64_t before = LinkQueriesOf(unit);
+    return WaitUntil(limit, [&] { return LinkQueriesOf(unit) != before; });
 }
 
 std::string NotGivenBack(const SoakUnit& unit, const ProcessFigures& wanted) {
@@ -61,14 +51,11 @@ ProcessFigures WantedWhenIdle(WarmUnit& warm, const UnitTrial& trial) {
 
 // Waits until all that a session used is given back.
 bool AwaitIdle(WarmUnit& warm, const UnitTrial& trial, Milliseconds limit) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    for (;;) {
+    return WaitUntil(limit, [&] {
         const ProcessFigures wanted = WantedWhenIdle(warm, trial);
         const ProcessFigures now = warm.unit.Figures();
-        if (now.threads == wanted.threads && now.descriptors == wanted.descriptors) return true;
-        if (std::chrono::steady_clock::now() >= deadline) return false;
-        std::this_thread::sleep_for(kPoll);
-    }
+        return now.threads == wanted.threads && now.descriptors == wanted.descriptors;
+    });
 }
 
 Outcome TryToCheck(WarmUnit& warm, const UnitTrial& trial, const Settings& settings) {
