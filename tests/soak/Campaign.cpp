@@ -19,9 +19,12 @@ constexpr char kUsedUnitGroup[] = "a much used unit ends";
 std::vector<Trial> Chosen(const CampaignOptions& options) {
     std::vector<Trial> chosen;
     std::size_t fitting = 0;
-    for (auto& trial : AllTrials()) {
-        const bool fits = options.only.empty() ? trial.isShort || !options.isShort
-                                               : trial.name.starts_with(options.only);
+    auto all = AllTrials();
+    const bool isOne = std::ranges::find(all, options.only, &Trial::name) != all.end();
+    for (auto& trial : all) {
+        const bool isNamed =
+            isOne ? trial.name == options.only : trial.name.starts_with(options.only);
+        const bool fits = options.only.empty() ? trial.isShort || !options.isShort : isNamed;
         if (fits && fitting++ % options.every == 0) chosen.push_back(std::move(trial));
     }
     return chosen;

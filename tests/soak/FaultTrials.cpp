@@ -16,6 +16,8 @@ constexpr Milliseconds kReachPatience{1500};  // for calls that the unit makes w
 constexpr int kRounds = 3;
 constexpr std::uint32_t kStallMs = 1000;
 
+constexpr const char* kErrors[] = {"EIO", "EINTR", "EAGAIN", "ENODEV", "ESHUTDOWN", "EBADF"};
+
 struct Action {
     const char* name;
     FaultAction action;
@@ -64,6 +66,9 @@ bool IsOfSessions(Call call) {
 // Sessions, until the fault has hit; then the cable is out.
 bool RunUntilHit(SoakUnit& unit, Json fault, Uses uses, Random& random) {
     fault["request"] = "fault.set";
+    if (fault["action"] == "fail" && fault["call"].get<std::string>().starts_with("node.")) {
+        fault["errno"] = kErrors[random.Between(0, std::size(kErrors) - 1)];
+    }
     if (uses == Uses::kSecond) fault["skip"] = 1;
     if (uses == Uses::kLater) fault["skip"] = random.Between(2, 5);
     if (uses != Uses::kAll) fault["count"] = 1;

@@ -49,7 +49,9 @@ int Run(int argc, char** argv) {
         ->option_text("N")
         ->check(kSomeTime);
     program.add_flag("--short", campaign.isShort, "only each kind of trial once or a few times");
-    program.add_option("--only", campaign.only, "the trials whose names begin so")
+    program
+        .add_option("--only", campaign.only,
+                    "the trial of this name, or those whose names begin so")
         ->option_text("NAME");
     program.add_option("--every", campaign.every, "of these only every nth")
         ->option_text("N")
