@@ -31,6 +31,9 @@ TEST_F(HostLink, IsDeadBeforeOpenAndAfterClose) {
         EXPECT_EQ(HostLink_Write(&byte, 1), 0);
         EXPECT_EQ(HostLink_WriteByte(1), 0);
         EXPECT_EQ(HostLink_BytesAvailable(), 0);
+        EXPECT_EQ(HostLink_ReadByte(), 0);
+        EXPECT_TRUE(HostLink_Input().empty());
+        HostLink_TakeBytes(0);
         EXPECT_EQ(HostLink_IsOpen(), 0);
         EXPECT_EQ(HostLink_IsLinkUp(), 0);
         EXPECT_EQ(HostLink_Purge(), 1);
