@@ -19,7 +19,7 @@ void CountBytes(benchmark::State& state, std::int64_t perIteration) {
 void Checksum(benchmark::State& state) {
     std::vector<std::uint8_t> packet(static_cast<std::size_t>(state.range(0)), 0x5A);
     packet[kLengthOffset] = static_cast<std::uint8_t>(state.range(0));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(packet.data());
         benchmark::ClobberMemory();
         benchmark::DoNotOptimize(PacketChecksum(packet.data()));
@@ -35,7 +35,7 @@ void MuxRingBlock(benchmark::State& state) {
     const auto size = static_cast<std::uint32_t>(state.range(0));
     MuxRing ring;
     ring.Init(storage.data(), kRingSize);
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         ring.WriteBlock(block.data(), size);
         benchmark::DoNotOptimize(ring.Peek(block.data(), 0, static_cast<std::int32_t>(size)));
         for (auto left = size; left > 0;) {
@@ -54,7 +54,7 @@ void CircularBufferBlock(benchmark::State& state) {
     buffer.lock = &lock;
     std::vector<std::uint8_t> block(static_cast<std::size_t>(state.range(0)), 0x5A);
     const auto size = static_cast<std::int32_t>(state.range(0));
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         buffer.Write(block.data(), size);
         benchmark::DoNotOptimize(buffer.Read(block.data(), size));
     }

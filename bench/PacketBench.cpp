@@ -8,7 +8,7 @@ namespace {
 void ParseAll(benchmark::State& state, const HostPackets& sent) {
     test::QueuedHostLink link;
     HostPacketStream stream;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (const auto& piece : sent.pieces) {
             link.HostSends(piece);
             while (HostLink_BytesAvailable() != 0) {

@@ -38,7 +38,7 @@ void ParseAndRoute(benchmark::State& state) {
     for (; bytes.size() + packet.size() < kHostBufferSize; ++packets) {
         bytes.insert(bytes.end(), packet.begin(), packet.end());
     }
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         open.link.HostSends(bytes);
         while (HostLink_BytesAvailable() != 0) open.mux.Pass();
     }
@@ -54,7 +54,7 @@ void BuildAndQueue(benchmark::State& state) {
     const auto count = static_cast<std::int32_t>(block.size());
     const OpenedStream stream = LastStream();
     constexpr std::size_t kPackets = 100;
-    for (auto _ : state) {
+    for ([[maybe_unused]] auto _ : state) {
         for (std::size_t i = 0; i < kPackets; ++i) {
             stream.callback(block.data(), count, stream.context);
         }

@@ -218,18 +218,7 @@ void MeasureSize(const Settings& settings, Figures& figures) {
     fs::remove(stripped);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    const auto here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-    Settings settings{here / "VEXADevMgr", here.parent_path() / "lib/measured", "", 10};
-    CLI::App app("Measures the service as a whole process");
-    app.add_option("--program", settings.program, "The service's binary")->check(CLI::ExistingFile);
-    app.add_option("--json", settings.json, "Write the figures to this file as well");
-    app.add_option("--seconds", settings.seconds, "How long each figure is measured")
-        ->check(CLI::Range(1, 3600));
-    CLI11_PARSE(app, argc, argv);
-
+void MeasureAll(const Settings& settings) {
     std::printf("%s, %u cores\n\n", Processor().c_str(), std::thread::hardware_concurrency());
     Figures figures;
     MeasureSize(settings, figures);
@@ -244,5 +233,24 @@ int main(int argc, char** argv) {
             << nlohmann::json{{"processor", Processor()}, {"figures", figures.Json()}}.dump(2)
             << '\n';
     }
-    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const auto here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+        Settings settings{here / "VEXADevMgr", here.parent_path() / "lib/measured", "", 10};
+        CLI::App app("Measures the service as a whole process");
+        app.add_option("--program", settings.program, "The service's binary")
+            ->check(CLI::ExistingFile);
+        app.add_option("--json", settings.json, "Write the figures to this file as well");
+        app.add_option("--seconds", settings.seconds, "How long each figure is measured")
+            ->check(CLI::Range(1, 3600));
+        CLI11_PARSE(app, argc, argv);
+        MeasureAll(settings);
+        return 0;
+    } catch (const std::exception& error) {
+        Fail(error.what());
+    }
 }

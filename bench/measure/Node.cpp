@@ -14,7 +14,10 @@
 extern "C" {
 
 int open(const char* path, int flags, ...) {
-    if (std::strcmp(path, ZT_USB_NODE) == 0) return ::dup(std::atoi(std::getenv("MEASURED_LINK")));
+    if (std::strcmp(path, ZT_USB_NODE) == 0) {
+        const char* const link = std::getenv("MEASURED_LINK");
+        return link == nullptr ? -1 : ::dup(std::atoi(link));
+    }
     va_list arguments;
     va_start(arguments, flags);
     const auto mode = (flags & O_CREAT) != 0 ? va_arg(arguments, mode_t) : 0;
