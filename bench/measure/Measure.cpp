@@ -228,11 +228,10 @@ void MeasureAll(const Settings& settings) {
     MeasureFromUnit(settings, figures, "nearly full", 0.97);
     MeasureFromUnit(settings, figures, "too many", 1.2);
     MeasureRoundTrips(settings, figures);
-    if (!settings.json.empty()) {
-        std::ofstream(settings.json)
-            << nlohmann::json{{"processor", Processor()}, {"figures", figures.Json()}}.dump(2)
-            << '\n';
-    }
+    if (settings.json.empty()) return;
+    std::ofstream file(settings.json);
+    file << nlohmann::json{{"processor", Processor()}, {"figures", figures.Json()}}.dump(2) << '\n';
+    if (!file.flush()) Fail("cannot write " + settings.json);
 }
 
 }  // namespace
