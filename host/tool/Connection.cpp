@@ -70,3 +70,5 @@ Expected<std::unique_ptr<Client>> ConnectWithController(const UnitAddress& unit,
     }
     return client;
 }
+
+void LeaveInOrder(Client& client) { static_cast<void>(client.CloseController()); }

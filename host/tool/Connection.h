@@ -36,3 +36,8 @@ vexahost::Expected<std::unique_ptr<vexahost::Client>> ConnectAndSync(
 /// The same, and opens the controller without the DAQ.
 vexahost::Expected<std::unique_ptr<vexahost::Client>> ConnectWithController(
     const UnitAddress& unit, vexahost::ClientOptions options = {});
+
+/// Closes the controller with all that is open. A unit need not see its host leave: over a serial
+/// line or with the cable still in, what is open would stay so. Whether the unit answers does not
+/// matter to a command that has done its work.
+void LeaveInOrder(vexahost::Client& client);

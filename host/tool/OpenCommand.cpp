@@ -65,7 +65,9 @@ ExitCode RunOpen(const OpenOptions& options) {
     CatchInterrupts();
     if (!options.duration) std::fprintf(stderr, "vexa-host: held open until Ctrl-C\n");
     const auto held = Hold(**client, options.duration);
-    return held ? result : ReportError(held.Failure());
+    if (!held) return ReportError(held.Failure());
+    LeaveInOrder(**client);
+    return result;
 }
 
 }  // namespace
@@ -83,8 +85,8 @@ void AddOpenCommand(CLI::App& program, ExitCode& exitCode) {
     command->add_flag("--json", options->json, "a JSON object for each device");
     command->footer(
         "A name stands for a type of device: the unit opens the first one of that type. It has no\n"
-        "way to list its devices; for a virtual unit, \"vexa-unit ctl state\" does. A unit closes\n"
-        "everything when its host leaves, so the devices are open as long as this command runs.\n"
+        "way to list its devices; for a virtual unit, \"vexa-unit ctl state\" does. The devices\n"
+        "are open as long as this command runs; at its end it closes the controller.\n"
         "Nine can be open beside the controller.\n"
         "Example: vexa-host open Accelerometer Microphone --for 10s\n"
         "Exit code 1 when one was refused; the others: vexa-host --help.");

@@ -134,6 +134,7 @@ ExitCode RunPing(const PingOptions& options) {
     const auto measured = Measure(**client, options, trips);
     options.json ? PrintJson(options, trips) : PrintText(trips);
     if (!measured) return ReportError(measured.Failure());
+    LeaveInOrder(**client);
     if (IsInterrupted()) return kExitInterrupted;
     if (trips.Count() > 0) return kExitDone;
     return ReportError(

@@ -113,7 +113,9 @@ ExitCode RunStream(const StreamOptions& options) {
     const auto end = options.duration ? start + *options.duration : Clock::time_point::max();
     const auto pumped = Pump(source, *MakeSink(options, source), *formats, end);
     source.PrintTotals(Clock::now() - start);
-    return pumped ? kExitDone : ReportError(pumped.Failure());
+    if (!pumped) return ReportError(pumped.Failure());
+    LeaveInOrder(**client);
+    return kExitDone;
 }
 
 }  // namespace
