@@ -16,8 +16,6 @@
 
 namespace {
 
-using vexahost::Error;
-using vexahost::ErrorKind;
 using Clock = std::chrono::steady_clock;
 
 struct RecordOptions {

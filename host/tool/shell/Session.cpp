@@ -82,14 +82,14 @@ Outcome Session::RunExpect(Words words) {
         return Outcome::Wrong(
             "usage: expect done|refused [CODE]|timeout|lost|violation|unconnected COMMAND");
     }
-    const Outcome outcome = Run(words);
+    Outcome outcome = Run(words);
     if (expected->IsMetBy(outcome)) return Outcome::Good();
     if (outcome.error && outcome.error->kind == ErrorKind::kInvalidArgument) return outcome;
     return Outcome::Unmet("it ended otherwise: " +
                           (outcome.error ? outcome.error->message : "done"));
 }
 
-Outcome Session::RunTry(Words words) {
+Outcome Session::RunTry(const Words& words) {
     Outcome outcome = Run(words);
     if (!outcome.error || outcome.error->kind == ErrorKind::kInvalidArgument) return outcome;
     Outcome tried = Outcome::Good("(" + outcome.error->message + ")");

@@ -74,7 +74,7 @@ class Session {
     Outcome Quit(const Words& arguments);
 
     Outcome RunExpect(Words words);
-    Outcome RunTry(Words words);
+    Outcome RunTry(const Words& words);
     void ForgetAll();
     [[nodiscard]] std::optional<vexahost::ChildId> FindId(const std::string& text) const;
     [[nodiscard]] vexahost::ChildId FreeId() const;
