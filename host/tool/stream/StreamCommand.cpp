@@ -39,8 +39,10 @@ Expected<std::vector<SampleFormat>> ParseFormats(const StreamOptions& options) {
         if (!format) return format.Failure();
         const std::string& device = format->device;
         if (!device.empty() && !options.devices.Contains(device)) {
-            return Error{ErrorKind::kInvalidArgument, "--format " + text + ": " + device +
-                                                          " is not among the devices to stream"};
+            std::string message = "--format " + text + ": ";
+            message += device;
+            message += " is not among the devices to stream";
+            return Error{ErrorKind::kInvalidArgument, std::move(message)};
         }
         formats.push_back(std::move(*format));
     }
