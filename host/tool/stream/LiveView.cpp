@@ -128,8 +128,8 @@ std::string LiveView::Title(Clock::time_point now) const {
 
 std::string LiveView::DeviceText(const DeviceRows& device, std::size_t index) const {
     const auto lost = losses(index);
-    return Text(kDeviceRow, device.name.c_str(), device.blocksPerSecond,
-                static_cast<unsigned long long>(lost.sequenceGaps + lost.dropped));
+    const unsigned long long blocks = lost.sequenceGaps + lost.dropped;
+    return Text(kDeviceRow, device.name.c_str(), device.blocksPerSecond, blocks);
 }
 
 std::string LiveView::ChannelText(const ChannelRow& channel, bool withExtremes) const {

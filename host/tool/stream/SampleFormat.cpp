@@ -31,19 +31,19 @@ std::optional<std::string> CutOff(std::string& text, char mark) {
 
 struct TypeName {
     const char* name;
-    SampleType type;
     std::size_t size;
+    SampleType type;
     bool bigEndian;
 };
 
 constexpr TypeName kTypes[] = {
-    {"u8", SampleType::kUnsigned, 1, false},    {"i8", SampleType::kSigned, 1, false},
-    {"u16le", SampleType::kUnsigned, 2, false}, {"u16be", SampleType::kUnsigned, 2, true},
-    {"i16le", SampleType::kSigned, 2, false},   {"i16be", SampleType::kSigned, 2, true},
-    {"u32le", SampleType::kUnsigned, 4, false}, {"u32be", SampleType::kUnsigned, 4, true},
-    {"i32le", SampleType::kSigned, 4, false},   {"i32be", SampleType::kSigned, 4, true},
-    {"f32le", SampleType::kFloat, 4, false},    {"f32be", SampleType::kFloat, 4, true},
-    {"f64le", SampleType::kFloat, 8, false},    {"f64be", SampleType::kFloat, 8, true},
+    {"u8", 1, SampleType::kUnsigned, false},    {"i8", 1, SampleType::kSigned, false},
+    {"u16le", 2, SampleType::kUnsigned, false}, {"u16be", 2, SampleType::kUnsigned, true},
+    {"i16le", 2, SampleType::kSigned, false},   {"i16be", 2, SampleType::kSigned, true},
+    {"u32le", 4, SampleType::kUnsigned, false}, {"u32be", 4, SampleType::kUnsigned, true},
+    {"i32le", 4, SampleType::kSigned, false},   {"i32be", 4, SampleType::kSigned, true},
+    {"f32le", 4, SampleType::kFloat, false},    {"f32be", 4, SampleType::kFloat, true},
+    {"f64le", 8, SampleType::kFloat, false},    {"f64be", 8, SampleType::kFloat, true},
 };
 
 // The number that a person would write for a single: 0.1, not 0.10000000149.

@@ -14,7 +14,6 @@
 
 namespace {
 
-using vexahost::Client;
 using vexahost::Done;
 using vexahost::Error;
 using vexahost::ErrorKind;
