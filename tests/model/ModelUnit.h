@@ -16,6 +16,20 @@
 
 namespace vexa::test {
 
+// 32-bit, little-endian.
+inline std::uint32_t NumberAt(const Bytes& bytes, std::size_t at) {
+    return bytes[at] | bytes[at + 1] << 8U | bytes[at + 2] << 16U |
+           static_cast<std::uint32_t>(bytes[at + 3]) << 24U;
+}
+inline Bytes NumberBytes(std::uint32_t number) {
+    return {static_cast<std::uint8_t>(number), static_cast<std::uint8_t>(number >> 8U),
+            static_cast<std::uint8_t>(number >> 16U), static_cast<std::uint8_t>(number >> 24U)};
+}
+
+inline std::string DeviceName(std::uint32_t type) {
+    return "device " + std::string(1, static_cast<char>('a' + type));
+}
+
 class ModelUnit {
   public:
     ModelUnit();
