@@ -200,7 +200,8 @@ TEST_F(Controller, SyncsWithTheBoardOnlyOnItsRightAnswer) {
     for (const std::size_t position : {0U, 1U, 3U, 4U, 5U, 6U, 25U}) {
         Bytes wrong = DaqSyncAnswer();
         wrong[position] ^= 0x40U;
-        before = before + (position == 3 ? wrong : Sealed(wrong));
+        const bool canBeSealed = position != kLengthOffset && position != kChecksumOffset;
+        before = before + (canBeSealed ? Sealed(wrong) : wrong);
     }
     script.daqAnswer = before + DaqSyncAnswer() + packet;
     EXPECT_EQ(Reply(reopen), ToHex(packet) + " " + ControllerReply(0, 0x98, 0x72, 0));
