@@ -1,6 +1,7 @@
 #include "ServiceProcess.h"
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,6 +32,7 @@ ServiceProcess::ServiceProcess(const std::string& program, const std::string& li
     started = std::chrono::steady_clock::now();
     process = ::fork();
     if (process == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // also when the measuring is interrupted
         ::setenv("LD_LIBRARY_PATH", libraries.c_str(), 1);
         ::setenv("LD_PRELOAD", (libraries + "/libmeasured-node.so").c_str(), 1);
         ::setenv("MEASURED_LINK", std::to_string(ends[1]).c_str(), 1);
