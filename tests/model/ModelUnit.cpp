@@ -64,7 +64,9 @@ Outcome ModelUnit::Take(const Event& event) {
         case EventKind::kStreamSends:
             if (streams.empty()) break;
             now.taken = FromStream(
-                std::next(streams.begin(), event.number % streams.size())->second, event.bytes);
+                std::next(streams.begin(), static_cast<long>(event.number % streams.size()))
+                    ->second,
+                event.bytes);
             break;
         case EventKind::kAnswer:
             Answer(sessions[event.number], static_cast<int>(event.command), event.response);

@@ -18,8 +18,9 @@ namespace vexa::test {
 
 // 32-bit, little-endian.
 inline std::uint32_t NumberAt(const Bytes& bytes, std::size_t at) {
-    return bytes[at] | bytes[at + 1] << 8U | bytes[at + 2] << 16U |
-           static_cast<std::uint32_t>(bytes[at + 3]) << 24U;
+    std::uint32_t number = 0;
+    for (std::size_t i = 4; i-- > 0;) number = number << 8U | bytes[at + i];
+    return number;
 }
 inline Bytes NumberBytes(std::uint32_t number) {
     return {static_cast<std::uint8_t>(number), static_cast<std::uint8_t>(number >> 8U),

@@ -55,9 +55,10 @@ std::int32_t RealService::Apply(const Event& event) {
             break;
         case EventKind::kStreamSends:
             if (script.streams.empty()) break;
-            return script.Send(
-                std::next(script.streams.begin(), event.number % script.streams.size())->first,
-                event.bytes);
+            return script.Send(std::next(script.streams.begin(),
+                                         static_cast<long>(event.number % script.streams.size()))
+                                   ->first,
+                               event.bytes);
         case EventKind::kAnswer:
             script.Answer(kApplications[event.number], event.command, event.response);
             break;
