@@ -166,6 +166,7 @@ TEST_F(Children, AreNotFoundWhileTheirLockIsNotToBeHad) {
     ASSERT_TRUE(children.Lock(0));
     const std::string text = Printed([&] {
         std::vector<std::future<bool>> results;
+        results.reserve(operations.size());
         for (const auto& operation : operations) {
             results.push_back(std::async(std::launch::async, operation));
         }
