@@ -2,9 +2,8 @@
 // and the ring that the packet parser reads. The rest of the service talks to the host through
 // these functions alone.
 //
-//   host -> unit:  reader thread -> input buffer -> HostLink_TakeInput -> host ring ->
-//   HostLink_Input unit -> host:  HostLink_Write -> output buffer of the device -> its writer
-//   thread
+//   host -> unit:  reader thread -> input buffer -> host ring -> HostLink_Input
+//   unit -> host:  HostLink_Write -> output buffer of the device -> its writer thread
 //
 // All functions belong to the main thread but HostLink_Write and HostLink_WriteByte, which any
 // thread may call at any time, and HostDeviceReadCallback, which runs on the reader thread.

@@ -19,8 +19,9 @@ bool HostPacketStream::ParsePass() {
     const bool waitingBefore = HasPacket();
     for (auto input = HostLink_Input(); !input.empty(); input = HostLink_Input()) {
         if (waitingBefore) {
+            const std::uint8_t byte = input.front();
             HostLink_TakeBytes(1);
-            if (Ignore(input.front())) return true;
+            if (Ignore(byte)) return true;
             continue;
         }
         if (Append(input)) return true;
