@@ -5,7 +5,7 @@
 
 #include "foundation/GCircularBuffer.h"
 #include "mux/MuxRing.h"
-#include "mux/Packet.h"
+#include "protocol/Packet.h"
 
 namespace vexa {
 namespace {
@@ -22,7 +22,7 @@ void Checksum(benchmark::State& state) {
     for ([[maybe_unused]] auto _ : state) {
         benchmark::DoNotOptimize(packet.data());
         benchmark::ClobberMemory();
-        benchmark::DoNotOptimize(PacketChecksum(packet.data()));
+        benchmark::DoNotOptimize(PacketChecksum(packet));
     }
     CountBytes(state, state.range(0));
 }

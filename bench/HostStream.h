@@ -6,6 +6,7 @@
 
 #include <vector>
 
+#include "protocol/Packet.h"
 #include "support/HostPackets.h"
 #include "support/QueuedHostLink.h"
 
@@ -31,7 +32,7 @@ inline HostPackets Packets(std::size_t size, std::size_t badEvery) {
             }
             packet[kTypeOffset] = 0x80;
             packet[kLengthOffset] = static_cast<std::uint8_t>(size);
-            SealPacket(packet.data());
+            SealPacket(packet);
             if (badEvery != 0 && all.packets % badEvery == 0) packet[kChecksumOffset] ^= 1U;
             piece.insert(piece.end(), packet.begin(), packet.end());
         }

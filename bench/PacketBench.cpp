@@ -1,6 +1,7 @@
 // The parser: the host's bytes in, packets out.
 #include "HostStream.h"
 #include "mux/HostPacketStream.h"
+#include "protocol/Packet.h"
 
 namespace vexa::bench {
 namespace {
@@ -31,7 +32,7 @@ void ParseFullOf0x41(benchmark::State& state) {
     test::Bytes packet(253, 0x41);
     packet[kTypeOffset] = 0x80;
     packet[kLengthOffset] = 253;
-    SealPacket(packet.data());
+    SealPacket(packet);
     HostPackets sent;
     for (test::Bytes& piece = sent.pieces.emplace_back();
          piece.size() + packet.size() < kHostBufferSize; ++sent.packets) {

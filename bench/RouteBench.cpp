@@ -3,6 +3,7 @@
 #include "HostStream.h"
 #include "IdleLibraries.h"
 #include "mux/HostMux.h"
+#include "protocol/Packet.h"
 
 namespace vexa::bench {
 namespace {
@@ -13,8 +14,7 @@ constexpr std::uint32_t kChildId = 1;
 class OpenMux {
   public:
     OpenMux() {
-        mux.Init(1);
-        HostVEXMuxController_Init(mux.Children());
+        mux.Init();
         mux.MarkConnected();
         for (const auto& packet : {test::OpenController(false), test::OpenChild(kChildId, "s")}) {
             link.HostSends(packet);
@@ -24,9 +24,10 @@ class OpenMux {
     }
 
     test::QueuedHostLink link;
-    DAQIO daq;
+    const std::uint32_t library = 1;
+    DAQIO daq{library};
     AppSessions sessions;
-    HostMux mux{daq, sessions};
+    HostMux mux{library, daq, sessions};
 };
 
 void ParseAndRoute(benchmark::State& state) {

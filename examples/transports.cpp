@@ -1,78 +1,72 @@
-// How to run the service's multiplexer over each of the three transports: the gadget node, a serial
-// line, TCP.
+// The whole service over each of the three transports: the gadget node, a serial line, TCP.
 //
 //   transports usb | transports serial /dev/ttyS0 [BAUD] | transports tcp [PORT]
 //
-// Each transport delivers what it reads to a callback on a thread of its own (HostLink_OpenDevice
-// sets HostDeviceReadCallback); the loop below does the rest on this one. Ends on Ctrl-C.
+// It links with the maker's two libraries as the service does, so `vexa-unit run -- transports tcp`
+// runs it on a virtual unit. Ends on Ctrl-C.
 
-#include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
-#include "VEXA.h"
+#include "core/Service.h"
 #include "devices/GSerialDevice.h"
 #include "devices/GServerSocketDevice.h"
-#include "devices/GServerUSBBulkDevice.h"
 #include "devices/HostLink.h"
-#include "foundation/GUtils.h"
-#include "mux/HostMux.h"
 
 namespace {
 
-std::atomic<bool> stop{false};
+vexa::Service& service = *new vexa::Service;  // never destroyed, as in the service itself
 
-std::unique_ptr<vexa::GDeviceIO> MakeDevice(std::string_view kind, int argc, char** argv) {
+const char* path = nullptr;
+int number = 0;  // baud rate or port; 0: the default
+
+int OpenSerial() {
+    const vexa::GPortRef port(0, path, "", path, 0, 0);
+    auto device = std::make_unique<vexa::GSerialDevice>(&port);
+    if (number != 0) device->SetBaudRate(number);
+    return vexa::HostLink_OpenDevice(std::move(device), port);
+}
+
+int OpenTcp() {
     using vexa::GPortRef;
-    if (kind == "serial" && argc > 2) {
-        const GPortRef port(0, argv[2], "", argv[2], 0, 0);
-        auto device = std::make_unique<vexa::GSerialDevice>(&port);
-        if (argc > 3) device->SetBaudRate(std::atoi(argv[3]));
-        return device;
+    GPortRef port = vexa::GServerSocketDevice::EnumeratePorts(GPortRef::kHostPort).front();
+    if (number != 0) port.SetPort(static_cast<std::uint16_t>(number));
+    auto device = std::make_unique<vexa::GServerSocketDevice>(&port);
+    // This link counts as up while the device is open, so the transport says itself when a host
+    // has gone: what it had opened is closed then.
+    device->SetConnectionReport([](bool here) { vexa::SetHostConnected(here, nullptr); });
+    return vexa::HostLink_OpenDevice(std::move(device), port);
+}
+
+vexa::Service::OpenLink Choose(int argc, char** argv) {
+    const std::string_view kind = argc > 1 ? argv[1] : "";
+    if (kind == "usb" && argc == 2) return vexa::HostLink_Open;
+    if (kind == "serial" && (argc == 3 || argc == 4)) {
+        path = argv[2];
+        if (argc == 4) number = std::atoi(argv[3]);
+        return OpenSerial;
     }
-    if (kind == "tcp") {
-        GPortRef port = vexa::GServerSocketDevice::EnumeratePorts(GPortRef::kHostPort).front();
-        if (argc > 2) port.SetPort(static_cast<std::uint16_t>(std::atoi(argv[2])));
-        auto device = std::make_unique<vexa::GServerSocketDevice>(&port);
-        device->SetConnectionReport([](bool here) { vexa::SetHostConnected(here, nullptr); });
-        return device;
+    if (kind == "tcp" && argc <= 3) {
+        if (argc == 3) number = std::atoi(argv[2]);
+        if (number >= 0 && number <= UINT16_MAX) return OpenTcp;
     }
-    if (kind != "usb") return nullptr;
-    const auto ports = vexa::GServerUSBBulkDevice::EnumeratePorts(GPortRef::kHostPort);
-    return std::make_unique<vexa::GServerUSBBulkDevice>(&ports.front());
+    return nullptr;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    static vexa::HostLinkState link;
-    static vexa::DAQIO daq;
-    static vexa::AppSessions sessions;
-    static vexa::HostMux mux(daq, sessions);
-
-    auto device = MakeDevice(argc > 1 ? argv[1] : "", argc, argv);
-    if (!device) {
+    const auto openLink = Choose(argc, argv);
+    if (openLink == nullptr) {
         std::fprintf(stderr, "usage: transports usb | serial PATH [BAUD] | tcp [PORT]\n");
         return 2;
     }
-    std::signal(SIGINT, [](int) { stop = true; });
-    std::signal(SIGTERM, [](int) { stop = true; });
-    vexa::SetTraceThreshold(1);
-    mux.Init(VEXA_Init());
-    vexa::HostVEXMuxController_Init(mux.Children());
-    vexa::HostLink_Use(&link);
-    const vexa::GPortRef port = device->portRef;
-    if (vexa::HostLink_OpenDevice(std::move(device), port) == 1 && mux.MarkConnected()) {
-        while (!stop) {
-            vexa::HostLink_TakeInput();
-            mux.Pass();
-            if (vexa::HostLink_BytesAvailable() == 0) vexa::OSSleep(10);
-        }
-    }
-    mux.DisconnectCleanUp();
-    vexa::HostLink_Close();
-    daq.Close();
-    return stop ? 0 : 1;
+    std::signal(SIGINT, [](int) { service.Stop(); });
+    std::signal(SIGTERM, [](int) { service.Stop(); });
+    std::signal(SIGPIPE, SIG_IGN);
+    service.Run(openLink);
+    return 0;
 }

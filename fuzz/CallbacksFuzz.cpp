@@ -81,8 +81,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     ScriptedLibraries::Reset();
     ScriptedLibraries::Get().attached = {{5, "board"}};
     ScriptedLibraries::Get().daqAnswer = DaqSyncAnswer();
-    DAQIO daq;
-    daq.UseLibrary(1);
+    const std::uint32_t library = 1;
+    DAQIO daq{library};
     REQUIRE(daq.Open());
     Bytes fromDaq;
     Bytes arrived;

@@ -6,6 +6,7 @@
 
 #include "Input.h"
 #include "Require.h"
+#include "protocol/Replies.h"
 #include "vexahost/Describe.h"
 #include "vexahost/FrameReader.h"
 #include "vexahost/PacketReader.h"

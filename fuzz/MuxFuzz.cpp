@@ -8,6 +8,7 @@
 #include "Input.h"
 #include "Require.h"
 #include "mux/HostMux.h"
+#include "protocol/Packet.h"
 #include "support/HostPackets.h"
 #include "support/QueuedHostLink.h"
 #include "support/ScriptedLibraries.h"
@@ -18,7 +19,7 @@ namespace {
 using namespace vexa;
 using namespace vexa::test;
 
-constexpr std::uint32_t kLibrary = 9;
+const std::uint32_t kLibrary = 9;
 constexpr std::size_t kMaxChildren = 10;
 constexpr std::size_t kRoomInOutput = 50000;
 
@@ -30,12 +31,8 @@ class Unit {
         script.attached = {{8, "s"}, {9, "t"}, {11, "u"}, {2, "h"}, {3, "i"}, {5, "daq"}, {7, "x"}};
         script.daqAnswer = DaqSyncAnswer();
         script.answers = {{1, 1}, {2, 1}, {3, 1}, {4, 1}};
-        sessions.daq.Init("DAQ");
-        sessions.splash.Init("SPLASH");
-        sessions.fgen.Init("FGEN");
-        daq.UseLibrary(kLibrary);
-        mux.Init(kLibrary);
-        REQUIRE(HostVEXMuxController_Init(mux.Children()));
+        sessions.Init();
+        REQUIRE(mux.Init());
         mux.MarkConnected();
     }
 
@@ -96,7 +93,7 @@ class Unit {
     static Bytes AsPacket(Bytes bytes) {
         if (bytes.size() < kPacketHeaderSize) return bytes;
         bytes[kLengthOffset] = static_cast<std::uint8_t>(bytes.size());
-        SealPacket(bytes.data());
+        SealPacket(bytes);
         return bytes;
     }
 
@@ -104,9 +101,7 @@ class Unit {
         link.HostSends(bytes);
         do {
             mux.Pass();
-            sessions.daq.Poll();
-            sessions.splash.Poll();
-            sessions.fgen.Poll();
+            sessions.Poll();
         } while (HostLink_BytesAvailable() != 0);
     }
 
@@ -145,9 +140,9 @@ class Unit {
 
     ScriptedLibraries& script = ScriptedLibraries::Get();
     QueuedHostLink link;
-    DAQIO daq;
+    DAQIO daq{kLibrary};
     AppSessions sessions;
-    HostMux mux{daq, sessions};
+    HostMux mux{kLibrary, daq, sessions};
 };
 
 }  // namespace

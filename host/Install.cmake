@@ -3,17 +3,15 @@ include(CMakePackageConfigHelpers)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/vexahost)
 
-# The packet format is the service's, in an archive of its own.
-set_target_properties(vexa_packet PROPERTIES OUTPUT_NAME vexahost-packet EXPORT_NAME packet)
-set_target_properties(vexa_source_root PROPERTIES EXPORT_NAME source_root)
-install(TARGETS vexahost vexa_packet vexa_source_root EXPORT vexahost
+install(TARGETS vexahost EXPORT vexahost
   ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library)
 install(EXPORT vexahost NAMESPACE vexahost:: FILE vexahostTargets.cmake
   DESTINATION ${package_folder} COMPONENT library)
 install(DIRECTORY include/vexahost
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT library)
-install(FILES ${PROJECT_SOURCE_DIR}/src/mux/Packet.h
-  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vexahost/mux COMPONENT library)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/protocol/
+  DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/vexahost/protocol COMPONENT library
+  FILES_MATCHING PATTERN "*.h")
 
 configure_package_config_file(vexahostConfig.cmake.in ${CMAKE_CURRENT_BINARY_DIR}/vexahostConfig.cmake
   INSTALL_DESTINATION ${package_folder})

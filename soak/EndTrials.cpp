@@ -3,6 +3,7 @@
 
 #include "Trial.h"
 #include "Wait.h"
+#include "protocol/InitialSync.h"
 #include "vexahost/Requests.h"
 
 namespace vexa::soak {

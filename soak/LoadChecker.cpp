@@ -4,7 +4,7 @@
 #include <array>
 
 #include "model/PacedDevice.h"
-#include "mux/Packet.h"
+#include "protocol/Packet.h"
 
 namespace vexa::soak {
 
@@ -63,7 +63,7 @@ void LoadChecker::Take(std::span<const std::uint8_t> packet) {
     }
     lastCame = now;
     const bool isRight = packet.size() >= vexa::kTunnelHeaderSize &&
-                         vexa::PacketChecksum(packet.data()) == packet[vexa::kChecksumOffset];
+                         vexa::PacketChecksum(packet) == packet[vexa::kChecksumOffset];
     const ChildId id = isRight ? vexa::LoadLe32(&packet[vexa::kTunnelIdOffset]) : 0;
     const auto found = children.find(id);
     if (found == children.end()) {
@@ -94,7 +94,7 @@ void LoadChecker::TakeBlock(Child& child, std::span<const std::uint8_t> block) c
     std::vector<std::uint8_t> expected(child.blockSize);
     const auto made = [&](std::uint8_t number, std::uint32_t milliseconds) {
         vexa::unit::FillSamplePacket(expected, number, milliseconds, child.wave);
-        vexa::SealPacket(expected.data());
+        vexa::SealPacket(expected);
     };
     // The waveform goes on through the blocks that did not come.
     for (; child.block != block[vexa::kSequenceOffset]; ++child.block) {

@@ -12,6 +12,7 @@
 #include "Sensors.h"
 #include "ServiceProcess.h"
 #include "nlohmann/json.hpp"
+#include "protocol/Packet.h"
 #include "vexahost/Packet.h"
 
 namespace {
@@ -97,8 +98,8 @@ class Session {
 
     void SetSource(std::uint32_t size, std::uint32_t rate) {
         std::array<std::uint8_t, 8> order{};
-        vexa::StoreLe32(order.data(), size);
-        vexa::StoreLe32(order.data() + 4, rate);
+        vexa::StoreLe32(order, 0, size);
+        vexa::StoreLe32(order, 4, rate);
         Need("source", Host().Send(kChild, order));
     }
 

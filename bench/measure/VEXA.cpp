@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "Sensors.h"
-#include "mux/Packet.h"
+#include "protocol/Packet.h"
 
 namespace {
 
@@ -76,7 +76,7 @@ void WriteSink(const Stream& stream, int32_t length) {
         return;
     }
     std::array<uint8_t, 8> count{};
-    vexa::StoreLe32(count.data(), static_cast<uint32_t>(sinkWrites));
+    vexa::StoreLe32(count, 0, static_cast<uint32_t>(sinkWrites));
     stream.callback(count.data(), static_cast<int32_t>(count.size()), stream.context);
 }
 

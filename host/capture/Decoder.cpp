@@ -5,6 +5,11 @@
 
 #include "capture/FrameCutter.h"
 #include "vexahost/Requests.h"
+#include "vexahost/protocol/Commands.h"
+#include "vexahost/protocol/FrameHeader.h"
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
+#include "vexahost/protocol/Replies.h"
 
 namespace vexahost {
 
@@ -17,13 +22,7 @@ bool IsTunnel(Bytes packet) {
            packet.size() >= vexa::kTunnelHeaderSize;
 }
 
-ChildId TunnelId(Bytes packet) { return vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset); }
-
-bool IsReply(Bytes packet) {
-    return packet.size() == vexa::kReplySize &&
-           (packet[vexa::kTypeOffset] == vexa::kTypeAcknowledge ||
-            packet[vexa::kTypeOffset] == vexa::kTypeError);
-}
+ChildId TunnelId(Bytes packet) { return vexa::LoadLe32(packet, vexa::kTunnelIdOffset); }
 
 bool IsCommand(Bytes inner, vexa::ControllerCommand command) {
     return inner.size() >= vexa::kCommandNameLengthOffset &&
@@ -32,10 +31,7 @@ bool IsCommand(Bytes inner, vexa::ControllerCommand command) {
 
 bool KnowsCommand(Bytes inner) {
     return inner.size() > vexa::kCommandOffset &&
-           inner[vexa::kCommandOffset] >=
-               static_cast<std::uint8_t>(vexa::ControllerCommand::kOpenChild) &&
-           inner[vexa::kCommandOffset] <=
-               static_cast<std::uint8_t>(vexa::ControllerCommand::kTakeDaqOver);
+           vexa::IsControllerCommand(inner[vexa::kCommandOffset]);
 }
 
 std::string HexId(ChildId id) {
@@ -134,11 +130,12 @@ void CaptureDecoder::TakeRequests(const CapturedFrame& frame) {
 }
 
 void CaptureDecoder::TakeFrameOfUnit(const CapturedFrame& frame) {
-    if (frame.bytes.size() < kFrameHeaderSize || !ReadFrameHeader(frame.bytes).good) {
+    if (frame.bytes.size() < vexa::kFrameHeaderSize ||
+        !vexa::IsFrameHeader(frame.bytes.first<vexa::kFrameHeaderSize>())) {
         return SayBroken(frame.time, frame.direction, frame.bytes, "no frame header");
     }
-    Bytes payload = frame.bytes.subspan(kFrameHeaderSize);
-    const std::size_t length = ReadFrameHeader(frame.bytes).length;
+    Bytes payload = frame.bytes.subspan(vexa::kFrameHeaderSize);
+    const std::size_t length = vexa::FramePayloadSize(frame.bytes.first<vexa::kFrameHeaderSize>());
     while (const auto packet = fromUnit.Next(payload)) {
         Say(frame.time, frame.direction, KindFromUnit(packet->bytes), *packet);
     }
@@ -146,17 +143,17 @@ void CaptureDecoder::TakeFrameOfUnit(const CapturedFrame& frame) {
         violationSaid = true;
         SayBroken(frame.time, frame.direction, {}, "no packet: " + fromUnit.Violation());
     }
-    if (frame.bytes.size() != kFrameHeaderSize + length) {
+    if (frame.bytes.size() != vexa::kFrameHeaderSize + length) {
         SayBroken(frame.time, frame.direction, {},
                   "frame of " + std::to_string(length) + " bytes with " +
-                      std::to_string(frame.bytes.size() - kFrameHeaderSize));
+                      std::to_string(frame.bytes.size() - vexa::kFrameHeaderSize));
     }
 }
 
 PacketKind CaptureDecoder::KindOfRequest(Bytes packet) const {
     if (IsTunnel(packet)) {
         const Bytes inner = packet.subspan(vexa::kTunnelHeaderSize);
-        const bool command = ReopensController(inner) || TunnelId(packet) == controller;
+        const bool command = vexa::ReopensController(inner) || TunnelId(packet) == controller;
         return command ? PacketKind::kControllerCommand : PacketKind::kChildData;
     }
     if (vexa::TypeClass(packet[vexa::kTypeOffset]) != vexa::kClassCommand)
@@ -171,25 +168,23 @@ PacketKind CaptureDecoder::KindFromUnit(Bytes packet) const {
         // The controller answers under 0 when its entry is gone by then.
         const ChildId id = TunnelId(packet);
         const bool ofController = id == controller || (id == 0 && !names.contains(id));
-        return ofController && IsReply(packet.subspan(vexa::kTunnelHeaderSize))
+        return ofController && vexa::IsServiceReply(packet.subspan(vexa::kTunnelHeaderSize))
                    ? PacketKind::kControllerReply
                    : PacketKind::kChildData;
     }
-    if (IsInitialSyncReply(packet)) return PacketKind::kInitialSyncReply;
-    if (vexa::TypeClass(packet[vexa::kTypeOffset]) == vexa::kClassDaqReply) {
-        const bool reply = packet[vexa::kTypeOffset] == vexa::kTypeInitialSyncReply &&
-                           packet.size() == vexa::kReplySize;
-        return reply ? PacketKind::kMultiplexerReply : PacketKind::kDaqPacket;
+    if (vexa::IsInitialSyncReply(packet)) return PacketKind::kInitialSyncReply;
+    if (vexa::TypeClass(packet[vexa::kTypeOffset]) == vexa::kClassDaq) {
+        return vexa::IsDaqReply(packet) ? PacketKind::kMultiplexerReply : PacketKind::kDaqPacket;
     }
-    return IsReply(packet) ? PacketKind::kMultiplexerReply : PacketKind::kOther;
+    return vexa::IsServiceReply(packet) ? PacketKind::kMultiplexerReply : PacketKind::kOther;
 }
 
 void CaptureDecoder::Follow(Bytes request) {
     if (KindOfRequest(request) != PacketKind::kControllerCommand) return;
     const Bytes inner = request.subspan(vexa::kTunnelHeaderSize);
     if (inner.size() < vexa::kCommandNameLengthOffset) return;
-    const ChildId id = vexa::LoadLe32(inner.data() + vexa::kCommandChildIdOffset);
-    if (ReopensController(inner)) {
+    const ChildId id = vexa::LoadLe32(inner, vexa::kCommandChildIdOffset);
+    if (vexa::ReopensController(inner)) {
         controller = id;
         names.clear();
     } else if (IsCommand(inner, vexa::ControllerCommand::kOpenChild)) {

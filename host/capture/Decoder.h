@@ -12,6 +12,8 @@
 #include "capture/RequestReader.h"
 #include "vexahost/Packet.h"
 #include "vexahost/PacketReader.h"
+#include "vexahost/protocol/Commands.h"
+#include "vexahost/protocol/InitialSync.h"
 
 namespace vexahost {
 

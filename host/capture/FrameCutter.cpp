@@ -2,29 +2,28 @@
 
 #include <algorithm>
 
-#include "mux/Packet.h"
+#include "vexahost/protocol/FrameHeader.h"
 
 namespace vexahost {
 
-FrameHeader ReadFrameHeader(std::span<const std::uint8_t> bytes) {
-    FrameHeader header{vexa::LoadLe32(bytes.data()), false};
-    header.good =
-        header.length > 0 && header.length <= kMaxFramePayload &&
-        std::ranges::equal(kFrameMagic, bytes.subspan(kFrameMagicOffset, kFrameMagic.size()));
-    return header;
-}
+namespace {
+
+using Header = std::span<const std::uint8_t, vexa::kFrameHeaderSize>;
+
+}  // namespace
 
 void FrameCutter::Take(std::span<const std::uint8_t> piece) {
     if (framing == Framing::kNone) return WrapPiece(piece);
     while (!violated && !piece.empty()) {
-        std::size_t wanted = kFrameHeaderSize;
-        if (frame.size() >= kFrameHeaderSize) wanted += ReadFrameHeader(frame).length;
+        std::size_t wanted = vexa::kFrameHeaderSize;
+        if (frame.size() >= vexa::kFrameHeaderSize)
+            wanted += vexa::FramePayloadSize(Header(frame.data(), vexa::kFrameHeaderSize));
         const auto taken = piece.first(std::min(wanted - frame.size(), piece.size()));
         frame.insert(frame.end(), taken.begin(), taken.end());
         piece = piece.subspan(taken.size());
         if (frame.size() < wanted) return;
-        if (wanted == kFrameHeaderSize) {
-            violated = !ReadFrameHeader(frame).good;
+        if (wanted == vexa::kFrameHeaderSize) {
+            violated = !vexa::IsFrameHeader(Header(frame.data(), vexa::kFrameHeaderSize));
             if (violated) Finish();
             continue;
         }
@@ -36,10 +35,11 @@ void FrameCutter::Take(std::span<const std::uint8_t> piece) {
 
 void FrameCutter::WrapPiece(std::span<const std::uint8_t> piece) {
     while (!piece.empty()) {
-        const auto payload = piece.first(std::min<std::size_t>(piece.size(), kMaxFramePayload));
-        frame.resize(kFrameHeaderSize);
-        vexa::StoreLe32(frame.data(), static_cast<std::uint32_t>(payload.size()));
-        std::ranges::copy(kFrameMagic, frame.begin() + kFrameMagicOffset);
+        const auto payload =
+            piece.first(std::min<std::size_t>(piece.size(), vexa::kMaxFramePayload));
+        frame.resize(vexa::kFrameHeaderSize);
+        vexa::BuildFrameHeader(std::span(frame).first<vexa::kFrameHeaderSize>(),
+                               static_cast<std::uint32_t>(payload.size()));
         frame.insert(frame.end(), payload.begin(), payload.end());
         sink(frame);
         frame.clear();

@@ -37,13 +37,4 @@ class FrameCutter {
     bool violated = false;
 };
 
-/// What a frame header says, and whether it is one.
-struct FrameHeader {
-    std::uint32_t length = 0;  // of the payload
-    bool good = false;
-};
-
-/// `bytes` holds at least kFrameHeaderSize bytes.
-[[nodiscard]] FrameHeader ReadFrameHeader(std::span<const std::uint8_t> bytes);
-
 }  // namespace vexahost

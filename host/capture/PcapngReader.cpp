@@ -6,7 +6,7 @@
 #include <memory>
 
 #include "capture/PcapngFormat.h"
-#include "mux/Packet.h"
+#include "vexahost/protocol/Packet.h"
 
 namespace vexahost {
 
@@ -65,7 +65,7 @@ std::uint16_t PcapngReader::Load16(const std::uint8_t* bytes) const {
 }
 
 std::uint32_t PcapngReader::Load32(const std::uint8_t* bytes) const {
-    const std::uint32_t value = vexa::LoadLe32(bytes);
+    const std::uint32_t value = vexa::LoadLe32(std::span<const std::uint8_t, 4>(bytes, 4));
     return bigEndian ? __builtin_bswap32(value) : value;
 }
 

@@ -5,7 +5,7 @@
 #include <cstring>
 
 #include "capture/PcapngFormat.h"
-#include "mux/Packet.h"
+#include "vexahost/protocol/Packet.h"
 
 namespace vexahost {
 
@@ -59,7 +59,7 @@ Expected<Done> PcapngWriter::Add(const CapturedFrame& frame) {
     AppendPadded(frame.bytes);
     if (!frame.comment.empty()) AppendOption(kCommentOption, TextBytes(frame.comment));
     std::array<std::uint8_t, 4> flags{};
-    vexa::StoreLe32(flags.data(), frame.direction == Direction::kFromUnit ? kInbound : kOutbound);
+    vexa::StoreLe32(flags, 0, frame.direction == Direction::kFromUnit ? kInbound : kOutbound);
     AppendOption(kPacketFlagsOption, flags);
     AppendOption(kEndOfOptions, {});
     EndBlock();
@@ -105,7 +105,7 @@ void PcapngWriter::BeginBlock(std::uint32_t type) {
 void PcapngWriter::EndBlock() {
     const std::size_t length = pending.size() - blockStart + sizeof(std::uint32_t);
     Append32(length);
-    vexa::StoreLe32(pending.data() + blockStart + sizeof(std::uint32_t),
+    vexa::StoreLe32(pending, blockStart + sizeof(std::uint32_t),
                     static_cast<std::uint32_t>(length));
 }
 

@@ -3,6 +3,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
+
 namespace vexahost {
 
 void RequestReader::Reset() {
@@ -13,12 +16,7 @@ void RequestReader::Reset() {
 bool RequestReader::CompletesInitialSync(std::uint8_t byte) {
     std::shift_left(newest.begin(), newest.end(), 1);
     newest.back() = byte;
-    return vexa::TypeClass(newest[vexa::kTypeOffset]) == vexa::kClassCommand &&
-           newest[vexa::kLengthOffset] == vexa::kInitialSyncSize &&
-           newest[vexa::kCommandOffset] == vexa::kInitialSyncCommand &&
-           std::ranges::equal(vexa::kInitialSyncSignature,
-                              std::span(newest).subspan(vexa::kInitialSyncSignatureOffset)) &&
-           newest[vexa::kChecksumOffset] == vexa::PacketChecksum(newest.data());
+    return vexa::IsInitialSync(newest);
 }
 
 std::optional<PacketView> RequestReader::Next(std::span<const std::uint8_t>& input) {
@@ -34,8 +32,7 @@ std::optional<PacketView> RequestReader::Next(std::span<const std::uint8_t>& inp
         packet[count++] = byte;
         if (count < vexa::kPacketHeaderSize || count < packet[vexa::kLengthOffset]) continue;
         const std::size_t length = std::exchange(count, 0);
-        const bool right = packet[vexa::kLengthOffset] == length &&
-                           packet[vexa::kChecksumOffset] == vexa::PacketChecksum(packet.data());
+        const bool right = packet[vexa::kLengthOffset] == length && vexa::HasRightChecksum(packet);
         return PacketView{std::span(packet).first(length), right};
     }
     return std::nullopt;

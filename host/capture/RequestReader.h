@@ -7,7 +7,8 @@
 #include <optional>
 #include <span>
 
-#include "mux/Packet.h"
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
 #include "vexahost/PacketReader.h"
 
 namespace vexahost {

@@ -6,6 +6,8 @@
 #include "PendingReplies.h"
 #include "Receiver.h"
 #include "vexahost/Requests.h"
+#include "vexahost/protocol/Commands.h"
+#include "vexahost/protocol/InitialSync.h"
 
 namespace vexahost {
 
@@ -190,7 +192,7 @@ Expected<Done> Client::CloseController(Milliseconds timeout) {
 
 Expected<Done> Client::Send(ChildId child, std::span<const std::uint8_t> bytes) {
     if (bytes.size() > kMaxRequestToChild) return TooLong("the request", kMaxRequestToChild);
-    if (ReopensController(bytes)) {
+    if (vexa::ReopensController(bytes)) {
         return Error{ErrorKind::kInvalidArgument,
                      "the unit would take these bytes for the command to open the controller"};
     }

@@ -5,6 +5,10 @@
 #include "vexahost/Error.h"
 #include "vexahost/PacketReader.h"
 #include "vexahost/Requests.h"
+#include "vexahost/protocol/Commands.h"
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
+#include "vexahost/protocol/Replies.h"
 
 namespace vexahost {
 
@@ -23,19 +27,8 @@ std::string Count(std::size_t bytes) {
 }
 
 std::string CommandName(std::uint8_t command) {
-    switch (static_cast<vexa::ControllerCommand>(command)) {
-        case vexa::ControllerCommand::kOpenChild:
-            return "open child";
-        case vexa::ControllerCommand::kCloseChild:
-            return "close child";
-        case vexa::ControllerCommand::kReopenController:
-            return "open controller";
-        case vexa::ControllerCommand::kQueryDaqApplication:
-            return "query DAQ application";
-        case vexa::ControllerCommand::kTakeDaqOver:
-            return "take DAQ over";
-    }
-    return "command " + Hex(command);
+    const std::string_view name = vexa::ControllerCommandName(command);
+    return name.empty() ? "command " + Hex(command) : std::string(name);
 }
 
 bool IsPacketOf(Bytes bytes, std::size_t least) {
@@ -58,12 +51,13 @@ std::string DescribeControllerCommand(std::uint32_t address, Bytes inner) {
     const std::uint8_t command = inner[vexa::kCommandOffset];
     std::string name = CommandName(command);
     if (inner.size() < vexa::kCommandNameLengthOffset) return name;
-    const std::uint32_t id = vexa::LoadLe32(inner.data() + vexa::kCommandChildIdOffset);
+    const std::uint32_t id = vexa::LoadLe32(inner, vexa::kCommandChildIdOffset);
     switch (static_cast<vexa::ControllerCommand>(command)) {
         case vexa::ControllerCommand::kOpenChild:
             if (inner.size() < vexa::kCommandNameOffset) return name + " " + Hex(id);
-            return ReopensController(inner) ? "open controller " + Hex(id) + ", with DAQ, by name"
-                                            : name + " " + Hex(id) + " " + NameIn(inner);
+            return vexa::ReopensController(inner)
+                       ? "open controller " + Hex(id) + ", with DAQ, by name"
+                       : name + " " + Hex(id) + " " + NameIn(inner);
         case vexa::ControllerCommand::kCloseChild:
             return (id == address ? "close controller " : name + " ") + Hex(id);
         case vexa::ControllerCommand::kReopenController: {
@@ -79,16 +73,13 @@ std::string DescribeControllerCommand(std::uint32_t address, Bytes inner) {
 bool IsControllerCommand(Bytes inner) {
     return IsPacketOf(inner, vexa::kCommandOffset + 1) &&
            vexa::TypeClass(inner[vexa::kTypeOffset]) == vexa::kClassCommand &&
-           inner[vexa::kCommandOffset] >=
-               static_cast<std::uint8_t>(vexa::ControllerCommand::kOpenChild) &&
-           inner[vexa::kCommandOffset] <=
-               static_cast<std::uint8_t>(vexa::ControllerCommand::kTakeDaqOver);
+           vexa::IsControllerCommand(inner[vexa::kCommandOffset]);
 }
 
 std::string DescribeToUnit(Bytes packet) {
     const std::uint8_t typeClass = vexa::TypeClass(packet[vexa::kTypeOffset]);
     if (typeClass == vexa::kClassTunnel && packet.size() >= vexa::kTunnelHeaderSize) {
-        const std::uint32_t address = vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset);
+        const std::uint32_t address = vexa::LoadLe32(packet, vexa::kTunnelIdOffset);
         const Bytes inner = packet.subspan(vexa::kTunnelHeaderSize);
         if (IsControllerCommand(inner)) return DescribeControllerCommand(address, inner);
         return Count(inner.size()) + " to child " + Hex(address);
@@ -108,39 +99,32 @@ std::string DescribeReply(Bytes reply, const std::string& commandName) {
         " (request " + std::to_string(reply[vexa::kReplyRequestSequenceOffset]) + ")";
     if (reply[vexa::kTypeOffset] == vexa::kTypeError) {
         return commandName + sequence + ": error " + std::to_string(code) + ", " +
-               ErrorCodeMeaning(reply[vexa::kCommandOffset], code);
+               std::string(vexa::ErrorMeaning(reply[vexa::kCommandOffset], code));
     }
     const bool hasResult = reply[vexa::kCommandOffset] ==
                            static_cast<std::uint8_t>(vexa::ControllerCommand::kQueryDaqApplication);
     return commandName + sequence + (hasResult ? ": result " + std::to_string(code) : ": done");
 }
 
-bool IsServiceReply(Bytes packet) {
-    return IsPacketOf(packet, vexa::kReplySize) && packet.size() == vexa::kReplySize &&
-           (packet[vexa::kTypeOffset] == vexa::kTypeAcknowledge ||
-            packet[vexa::kTypeOffset] == vexa::kTypeError);
-}
-
 std::string DescribeFromUnit(Bytes packet) {
     const std::uint8_t type = packet[vexa::kTypeOffset];
     if (vexa::TypeClass(type) == vexa::kClassTunnel && packet.size() >= vexa::kTunnelHeaderSize) {
         const Bytes inner = packet.subspan(vexa::kTunnelHeaderSize);
-        if (IsServiceReply(inner)) {
+        if (vexa::IsServiceReply(inner)) {
             return DescribeReply(inner, CommandName(inner[vexa::kCommandOffset]));
         }
         return Count(inner.size()) + " from child " +
-               Hex(vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset));
+               Hex(vexa::LoadLe32(packet, vexa::kTunnelIdOffset));
     }
-    if (IsInitialSyncReply(packet)) {
+    if (vexa::IsInitialSyncReply(packet)) {
         return "initial-sync reply (request " +
                std::to_string(packet[vexa::kInitialSyncReplySequenceOffset]) + ")";
     }
-    if (IsServiceReply(packet)) {
+    if (vexa::IsServiceReply(packet)) {
         return DescribeReply(packet, "multiplexer command " + Hex(packet[vexa::kCommandOffset]));
     }
-    if (vexa::TypeClass(type) == vexa::kClassDaqReply) {
-        const bool reply = type == vexa::kTypeInitialSyncReply && packet.size() == vexa::kReplySize;
-        return reply
+    if (vexa::TypeClass(type) == vexa::kClassDaq) {
+        return vexa::IsDaqReply(packet)
                    ? "DAQ: " + DescribeReply(packet, "command " + Hex(packet[vexa::kCommandOffset]))
                    : "DAQ packet of " + Count(packet.size());
     }
@@ -167,7 +151,7 @@ std::string DescribePacket(Direction direction, std::span<const std::uint8_t> pa
     const std::size_t length = packet[vexa::kLengthOffset];
     if (length != packet.size()) {
         text += " (length byte says " + std::to_string(length) + ")";
-    } else if (packet[vexa::kChecksumOffset] != vexa::PacketChecksum(packet.data())) {
+    } else if (packet[vexa::kChecksumOffset] != vexa::PacketChecksum(packet)) {
         text += " (checksum WRONG)";
     }
     return text;

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
-#include "mux/Packet.h"
 #include "vexahost/Describe.h"
+#include "vexahost/protocol/FrameHeader.h"
 
 namespace vexahost {
 
@@ -21,25 +21,19 @@ std::span<const std::uint8_t> FrameReader::Next(std::span<const std::uint8_t>& i
 
 void FrameReader::TakeHeaderByte(std::uint8_t byte) {
     header[headerCount++] = byte;
-    if (headerCount < kFrameHeaderSize) return;
-    const std::uint32_t length = vexa::LoadLe32(header.data());
-    if (length == 0 || length > kMaxFramePayload ||
-        !std::ranges::equal(kFrameMagic, std::span(header).subspan(kFrameMagicOffset))) {
-        violated = true;
-        return;
-    }
+    if (headerCount < vexa::kFrameHeaderSize) return;
+    violated = !vexa::IsFrameHeader(header);
+    if (violated) return;
     headerCount = 0;
-    payloadLeft = length;
+    payloadLeft = vexa::FramePayloadSize(header);
     ++frameCount;
 }
 
 std::string FrameReader::Violation() const {
-    const std::uint32_t length = vexa::LoadLe32(header.data());
-    const bool magic =
-        std::ranges::equal(kFrameMagic, std::span(header).subspan(kFrameMagicOffset));
-    const std::string fault = magic ? "length " + std::to_string(length) + ", not 1 to " +
-                                          std::to_string(kMaxFramePayload)
-                                    : "no \"U012\" at its end";
+    const std::string fault = vexa::HasFrameMark(header)
+                                  ? "length " + std::to_string(vexa::FramePayloadSize(header)) +
+                                        ", not 1 to " + std::to_string(vexa::kMaxFramePayload)
+                                  : "no \"U012\" at its end";
     return "bad frame header (" + fault + "): " + HexText(header);
 }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 
 #include "vexahost/Describe.h"
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
 
 namespace vexahost {
 
@@ -32,7 +34,7 @@ std::optional<PacketView> PacketReader::TakeByte(std::uint8_t byte) {
     }
     if (count < length) return std::nullopt;
     count = 0;
-    const bool right = packet[vexa::kChecksumOffset] == vexa::PacketChecksum(packet.data());
+    const bool right = vexa::HasRightChecksum(packet);
     if (awaitingSyncReply && !right) return std::nullopt;
     return PacketView{std::span(packet).first(length), right};
 }
@@ -40,7 +42,7 @@ std::optional<PacketView> PacketReader::TakeByte(std::uint8_t byte) {
 bool PacketReader::CompletesSyncReply(std::uint8_t byte) {
     std::shift_left(newest.begin(), newest.end(), 1);
     newest.back() = byte;
-    return IsInitialSyncReply(newest);
+    return vexa::IsInitialSyncReply(newest);
 }
 
 void PacketReader::AwaitSyncReply() {
@@ -57,16 +59,6 @@ void PacketReader::AwaitSyncReply() {
 std::string PacketReader::Violation() const {
     return "packet with length byte " + std::to_string(packet[vexa::kLengthOffset]) + ": " +
            HexText(std::span(packet).first(count));
-}
-
-bool IsInitialSyncReply(std::span<const std::uint8_t> packet) {
-    return packet.size() == vexa::kInitialSyncReplySize &&
-           packet[vexa::kLengthOffset] == vexa::kInitialSyncReplySize &&
-           vexa::TypeClass(packet[vexa::kTypeOffset]) == vexa::kClassDaqReply &&
-           packet[vexa::kCommandOffset] == vexa::kInitialSyncCommand &&
-           std::ranges::equal(vexa::kInitialSyncReplySignature,
-                              packet.subspan(vexa::kInitialSyncReplySignatureOffset)) &&
-           packet[vexa::kChecksumOffset] == vexa::PacketChecksum(packet.data());
 }
 
 }  // namespace vexahost

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "mux/Packet.h"
+#include "vexahost/protocol/Commands.h"
 
 namespace vexahost {
 

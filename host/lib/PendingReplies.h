@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "vexahost/Expected.h"
+#include "vexahost/protocol/InitialSync.h"
 
 namespace vexahost {
 

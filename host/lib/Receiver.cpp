@@ -3,6 +3,10 @@
 #include <array>
 #include <optional>
 
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
+#include "vexahost/protocol/Replies.h"
+
 namespace vexahost {
 
 namespace {
@@ -19,7 +23,7 @@ bool IsReply(std::span<const std::uint8_t> packet) {
 
 // Whose reply a packet outside tunnels is, if it is one.
 std::optional<ReplySource> ReplySourceOf(const PacketView& packet) {
-    if (IsInitialSyncReply(packet.bytes)) return ReplySource::kInitialSync;
+    if (vexa::IsInitialSyncReply(packet.bytes)) return ReplySource::kInitialSync;
     const bool fromDaq = packet.checksumRight && packet.bytes.size() == vexa::kReplySize &&
                          packet.bytes[vexa::kTypeOffset] == vexa::kTypeInitialSyncReply;
     if (fromDaq || IsReply(packet.bytes)) return ReplySource::kMultiplexer;
@@ -78,7 +82,7 @@ Error Client::Receiver::ReadUntilError(Transport& link) {
 void Client::Receiver::TakePayload(std::span<const std::uint8_t> payload) {
     if (syncAwaited && !packets.IsAwaitingSyncReply()) packets.AwaitSyncReply();
     while (const auto packet = packets.Next(payload)) {
-        if (IsInitialSyncReply(packet->bytes)) syncAwaited = false;
+        if (vexa::IsInitialSyncReply(packet->bytes)) syncAwaited = false;
         Dispatch(*packet);
     }
 }
@@ -89,7 +93,7 @@ void Client::Receiver::Dispatch(const PacketView& packet) {
     if (client.options.tap) client.options.tap(Direction::kFromUnit, bytes);
 
     const std::uint8_t typeClass = vexa::TypeClass(bytes[vexa::kTypeOffset]);
-    const bool fromDaq = typeClass == vexa::kClassDaqReply;
+    const bool fromDaq = typeClass == vexa::kClassDaq;
     if (!packet.checksumRight && !fromDaq) {
         ++wrongChecksums;
     } else if (const auto source = ReplySourceOf(packet)) {
@@ -105,7 +109,7 @@ void Client::Receiver::Dispatch(const PacketView& packet) {
 }
 
 void Client::Receiver::TakeTunnel(std::span<const std::uint8_t> packet) {
-    const ChildId id = vexa::LoadLe32(packet.data() + vexa::kTunnelIdOffset);
+    const ChildId id = vexa::LoadLe32(packet, vexa::kTunnelIdOffset);
     const auto inner = packet.subspan(vexa::kTunnelHeaderSize);
     if (client.inbox->Deliver(id, MakeBlock(inner, true, packet[vexa::kSequenceOffset]))) return;
     // The controller answers under its own id, or under 0 when its entry is gone by then.

@@ -2,6 +2,10 @@
 
 #include <algorithm>
 
+#include "vexahost/protocol/Commands.h"
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
+
 namespace vexahost {
 
 namespace {
@@ -16,14 +20,14 @@ template <typename Fill>
 Packet ControllerPacket(ChildId controller, std::uint8_t sequence, ControllerCommand command,
                         std::size_t innerSize, Fill fill) {
     Packet packet(vexa::kTypeTunnel, vexa::kTunnelHeaderSize + innerSize, sequence);
-    vexa::StoreLe32(packet.Bytes().data() + vexa::kTunnelIdOffset, controller);
+    vexa::StoreLe32(packet.Bytes(), vexa::kTunnelIdOffset, controller);
     const auto inner = packet.Bytes().subspan(vexa::kTunnelHeaderSize);
     inner[vexa::kTypeOffset] = vexa::kClassCommand;
     inner[vexa::kLengthOffset] = static_cast<std::uint8_t>(innerSize);
     inner[vexa::kSequenceOffset] = sequence;
     inner[vexa::kCommandOffset] = static_cast<std::uint8_t>(command);
     fill(inner);
-    vexa::SealPacket(inner.data());
+    vexa::SealPacket(inner);
     packet.Seal();
     return packet;
 }
@@ -38,7 +42,7 @@ Packet OpenByName(ChildId controller, std::uint8_t sequence, ChildId child, std:
     return ControllerPacket(controller, sequence, ControllerCommand::kOpenChild,
                             vexa::kCommandNameOffset + name.size() + 1,
                             [&](std::span<std::uint8_t> inner) {
-                                vexa::StoreLe32(inner.data() + vexa::kCommandChildIdOffset, child);
+                                vexa::StoreLe32(inner, vexa::kCommandChildIdOffset, child);
                                 StoreName(inner, name);
                             });
 }
@@ -74,7 +78,7 @@ std::optional<Packet> BuildTunnel(ChildId child, std::uint8_t sequence,
                                   std::span<const std::uint8_t> inner) {
     if (inner.size() > kMaxRequestToChild) return std::nullopt;
     Packet packet(vexa::kTypeTunnel, vexa::kTunnelHeaderSize + inner.size(), sequence);
-    vexa::StoreLe32(packet.Bytes().data() + vexa::kTunnelIdOffset, child);
+    vexa::StoreLe32(packet.Bytes(), vexa::kTunnelIdOffset, child);
     std::ranges::copy(inner, packet.Bytes().begin() + vexa::kTunnelHeaderSize);
     packet.Seal();
     return packet;
@@ -87,8 +91,7 @@ Packet BuildOpenController(ChildId controller, std::uint8_t sequence) {
 Packet BuildReopenController(ChildId controller, bool withDaq, std::uint8_t sequence) {
     return ControllerPacket(controller, sequence, ControllerCommand::kReopenController,
                             vexa::kCommandNameLengthOffset + 1, [&](std::span<std::uint8_t> inner) {
-                                vexa::StoreLe32(inner.data() + vexa::kCommandChildIdOffset,
-                                                controller);
+                                vexa::StoreLe32(inner, vexa::kCommandChildIdOffset, controller);
                                 inner[vexa::kCommandNameLengthOffset] = withDaq ? 1 : 0;
                             });
 }
@@ -103,7 +106,7 @@ Packet BuildCloseChild(ChildId controller, std::uint8_t sequence, ChildId child)
     return ControllerPacket(controller, sequence, ControllerCommand::kCloseChild,
                             vexa::kCommandChildIdOffset + sizeof child,
                             [&](std::span<std::uint8_t> inner) {
-                                vexa::StoreLe32(inner.data() + vexa::kCommandChildIdOffset, child);
+                                vexa::StoreLe32(inner, vexa::kCommandChildIdOffset, child);
                             });
 }
 
@@ -115,18 +118,6 @@ Packet BuildQueryDaqApplication(ChildId controller, std::uint8_t sequence) {
 Packet BuildTakeDaqOver(ChildId controller, std::uint8_t sequence) {
     return ControllerPacket(controller, sequence, ControllerCommand::kTakeDaqOver,
                             vexa::kCommandOffset + 1, [](std::span<std::uint8_t>) {});
-}
-
-bool ReopensController(std::span<const std::uint8_t> inner) {
-    if (inner.size() <= vexa::kCommandOffset) return false;
-    const auto command = static_cast<ControllerCommand>(inner[vexa::kCommandOffset]);
-    if (command == ControllerCommand::kReopenController) return true;
-    constexpr std::string_view kName(vexa::kControllerName, sizeof vexa::kControllerName);
-    return command == ControllerCommand::kOpenChild &&
-           inner.size() >= vexa::kCommandNameOffset + kName.size() - 1 &&
-           inner[vexa::kCommandNameLengthOffset] == kName.size() &&
-           std::ranges::equal(kName.substr(0, kName.size() - 1),
-                              inner.subspan(vexa::kCommandNameOffset, kName.size() - 1));
 }
 
 }  // namespace vexahost

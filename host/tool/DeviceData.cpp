@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-#include "mux/Packet.h"
 #include "vexahost/Describe.h"
+#include "vexahost/protocol/Packet.h"
 
 namespace {
 
@@ -22,23 +22,22 @@ std::int16_t LoadSample(const std::uint8_t* bytes) {
 
 bool IsMeasurementPacket(std::span<const std::uint8_t> block) {
     return block.size() > kSamplesOffset && block.size() <= vexa::kMaxPacketSize &&
-           block[vexa::kTypeOffset] == vexa::kClassDaqReply &&
-           block[vexa::kLengthOffset] == block.size() &&
-           block[vexa::kChecksumOffset] == vexa::PacketChecksum(block.data());
+           block[vexa::kTypeOffset] == vexa::kClassDaq &&
+           block[vexa::kLengthOffset] == block.size() && vexa::HasRightChecksum(block);
 }
 
 }  // namespace
 
 std::optional<Samples> DecodeSamples(std::span<const std::uint8_t> block) {
     if (IsMeasurementPacket(block)) {
-        Samples samples{vexa::LoadLe32(block.data() + kTimeOffset), {}};
+        Samples samples{vexa::LoadLe32(block, kTimeOffset), {}};
         for (std::size_t at = kSamplesOffset; at + 1 < block.size(); at += 2) {
             samples.values.push_back(LoadSample(block.data() + at));
         }
         return samples;
     }
     if (block.size() == kReportSize && (block[0] & kReportKindMask) == kReportMeasurement) {
-        return Samples{vexa::LoadLe32(block.data() + kTimeOffset),
+        return Samples{vexa::LoadLe32(block, kTimeOffset),
                        {LoadSample(block.data() + kReportSampleOffset)}};
     }
     return std::nullopt;

@@ -10,6 +10,7 @@
 #include "Interrupt.h"
 #include "RoundTrips.h"
 #include "vexahost/Requests.h"
+#include "vexahost/protocol/Packet.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include "DeviceData.h"
 #include "Interrupt.h"
 #include "Number.h"
-#include "mux/Packet.h"
+#include "vexahost/protocol/Packet.h"
 
 namespace {
 
@@ -86,7 +86,7 @@ Expected<Done> SendBytes(Client& client, const SendOptions& options, Bytes bytes
                 ErrorKind::kInvalidArgument,
                 "--seal: the bytes are not one packet whose byte 1 is its length"};
         }
-        vexa::SealPacket(bytes.data());
+        vexa::SealPacket(bytes);
     }
     return client.SendRaw(bytes);
 }

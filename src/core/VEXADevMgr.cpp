@@ -10,11 +10,17 @@ namespace {
 // returns.
 vexa::Service& service = *new vexa::Service;
 
-void RaiseStopFlag(int /*signalNumber*/) { service.Stop(); }
+// The first signal ends the main loop, and the hardware goes back to the applications. A second one
+// ends the process at once, for when that hangs.
+void HandleTermination(int signalNumber) {
+    if (!service.Stop()) return;
+    std::signal(signalNumber, SIG_DFL);
+    std::raise(signalNumber);
+}
 
 void InstallSignalHandlers() {
     struct sigaction stop {};
-    stop.sa_handler = RaiseStopFlag;
+    stop.sa_handler = HandleTermination;
     sigemptyset(&stop.sa_mask);
     stop.sa_flags = SA_RESTART;  // whichever thread it meets goes on with its call
     sigaction(SIGTERM, &stop, nullptr);

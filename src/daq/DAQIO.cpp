@@ -7,6 +7,7 @@
 #include "devices/HostLink.h"
 #include "foundation/GUtils.h"
 #include "foundation/HexDump.h"
+#include "protocol/InitialSync.h"
 
 namespace vexa {
 
@@ -54,7 +55,7 @@ bool DAQIO::Open() {
 }
 
 void DAQIO::ClearRecord() {
-    const std::scoped_lock lock(recordMutex);
+    const MutexLock lock(recordMutex);
     packet.fill(0);
     syncRingStorage.fill(0);
     lastGoodHeader.fill(0);
@@ -127,14 +128,15 @@ void DAQIO::ResetBoard(const char* name) {
     Trace(kTraceLevel, "Init during DAQ close succeeded.", kModule, kResetSucceededLine);
 }
 
-std::int32_t DAQIO::ReadCallback(const std::uint8_t* data, std::int32_t count, void* record) {
+std::int32_t DAQIO::ReadCallback(const std::uint8_t* data, std::int32_t count,
+                                 void* record) noexcept {
     if (record == nullptr || data == nullptr || count <= 0) return 0;
-    static_cast<DAQIO*>(record)->Take({data, static_cast<std::size_t>(count)});
+    static_cast<DAQIO*>(record)->Receive({data, static_cast<std::size_t>(count)});
     return 0;
 }
 
-void DAQIO::Take(std::span<const std::uint8_t> data) {
-    const std::scoped_lock lock(recordMutex);
+void DAQIO::Receive(std::span<const std::uint8_t> data) {
+    const MutexLock lock(recordMutex);
     while (!data.empty()) {
         const auto chunk = data.first(std::min(data.size(), kMaxChunk));
         const std::size_t used = synced != 0 ? AssemblePacket(chunk) : ScanForSync(chunk);
@@ -142,7 +144,7 @@ void DAQIO::Take(std::span<const std::uint8_t> data) {
     }
 }
 
-// Returns the number of bytes used: those up to the sync answer, else all.
+// Returns how many bytes it used: those up to the end of the sync answer, else all.
 std::size_t DAQIO::ScanForSync(std::span<const std::uint8_t> chunk) {
     for (std::size_t i = 0; i < chunk.size(); ++i) {
         syncRing.Put(chunk[i]);
@@ -157,22 +159,16 @@ std::size_t DAQIO::ScanForSync(std::span<const std::uint8_t> chunk) {
 bool DAQIO::RingEndsInSyncAnswer() const {
     std::array<std::uint8_t, kInitialSyncReplySize> answer{};
     if (!syncRing.PeekNewest(answer.data(), kInitialSyncReplySize)) return false;
-    return TypeClass(answer[kTypeOffset]) == kClassDaqReply &&
-           answer[kLengthOffset] == kInitialSyncReplySize &&
-           answer[kCommandOffset] == kInitialSyncCommand &&
-           answer[kInitialSyncReplySequenceOffset] == initSequence &&
-           std::equal(kInitialSyncReplySignature.begin(), kInitialSyncReplySignature.end(),
-                      answer.begin() + kInitialSyncReplySignatureOffset) &&
-           answer[kChecksumOffset] == PacketChecksum(answer.data());
+    return IsInitialSyncReply(answer) && answer[kInitialSyncReplySequenceOffset] == initSequence;
 }
 
-// Returns the number of bytes used: those up to the end of the packet, else all.
+// Returns how many bytes it used: those up to the end of the packet, else all.
 std::size_t DAQIO::AssemblePacket(std::span<const std::uint8_t> chunk) {
     for (std::size_t i = 0; i < chunk.size(); ++i) {
         packet[assembledCount++] = chunk[i];
         if (assembledCount < kPacketHeaderSize || assembledCount < packet[kLengthOffset]) continue;
         HostLink_Write(packet.data(), packet[kLengthOffset]);
-        // What lies past a short packet is not part of it, neither for the log.
+        // The log shows 8 bytes of each packet; past the end of a shorter one they are zero.
         std::fill(packet.begin() + assembledCount, packet.end(), std::uint8_t{0});
         if (errorCount < kMaxLoggedErrors) CheckPacket();
         assembledCount = 0;
@@ -183,7 +179,7 @@ std::size_t DAQIO::AssemblePacket(std::span<const std::uint8_t> chunk) {
 
 void DAQIO::CheckPacket() {
     const std::span<const std::uint8_t, kHeaderBytes> header(packet.data(), kHeaderBytes);
-    if (packet[kChecksumOffset] == PacketChecksum(packet.data())) {
+    if (HasRightChecksum(packet)) {
         std::ranges::copy(header, lastGoodHeader.begin());
         lastGoodWord =
             static_cast<std::uint16_t>(packet[kHeaderBytes] | packet[kHeaderBytes + 1] << 8U);

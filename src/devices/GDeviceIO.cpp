@@ -18,8 +18,9 @@ constexpr int kDestructorUnlockLine = 60;
 
 constexpr int kSingleTryMs = 1;
 constexpr int kWriterPriority = 3;
-// How long a close waits for a write that is under way; what it had still to send is lost then.
-constexpr std::uint32_t kWriterGraceMs = 500;
+// How long a close waits for a write in progress before it interrupts it, as long as it waits for
+// the reader. Interrupted, the rest of that write is lost.
+constexpr std::uint32_t kWriterGraceMs = 2000;
 constexpr std::int32_t kSignalledChunk = 5000;
 constexpr std::int32_t kPollingChunk = 10000;
 

@@ -6,12 +6,12 @@
 #include <array>
 #include <cerrno>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 
 #include "devices/GServerSocketDevice.h"
 #include "foundation/GUtils.h"
+#include "foundation/Mutex.h"
 
 namespace vexa {
 
@@ -45,8 +45,8 @@ struct SocketOSData : TransportRecord {
     std::atomic<int> listener{-1};  // set and closed by the owner, also read by the reader
     std::atomic<int> client{-1};    // set by the reader, and cleared by it under clientMutex
     std::uint16_t tcpPort = 0;
-    // Held while a writer sends, so that the socket is not closed meanwhile.
-    std::mutex clientMutex;
+    // Held while a writer sends, so that the reader does not close the socket in the meantime.
+    Mutex clientMutex;
     std::function<void(bool)> report;  // set before Open
 };
 
@@ -98,7 +98,7 @@ void SocketOSData::Serve(int accepted) {
 
     shutdown(accepted, SHUT_RDWR);  // gets a writer out of a send that the client no longer takes
     {
-        const std::scoped_lock lock(clientMutex);
+        const MutexLock lock(clientMutex);
         close(accepted);
         client = -1;
     }
@@ -117,7 +117,7 @@ void SocketOSData::Receive(int accepted) const {
 }
 
 ssize_t SocketOSData::Write(const void* data, int count) {
-    const std::scoped_lock lock(clientMutex);
+    const MutexLock lock(clientMutex);
     if (client == -1) return -1;
     // A client that has gone is a failed send, not the end of the process.
     return send(client, data, static_cast<std::size_t>(count), MSG_NOSIGNAL);

@@ -1,11 +1,5 @@
-// The host link that the service uses: the unit's USB gadget bulk node. Senses the cable, and
-// frames what the writer thread sends:
-//
-//   0                 4                 8
-//  +-----------------+-----------------+-----------------
-//  | payload length  | 'U' '0' '1' '2' | payload          length 32-bit little-endian, 1 .. 30000
-//  +-----------------+-----------------+-----------------
-//
+// The host link that the service uses: the unit's USB gadget bulk node. It senses the cable, and
+// puts a frame header (protocol/FrameHeader.h) before each chunk that the writer thread sends.
 #pragma once
 
 #include <atomic>

@@ -1,7 +1,6 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <memory>
@@ -9,7 +8,7 @@
 
 #include "devices/GServerUSBBulkDevice.h"
 #include "foundation/GUtils.h"
-#include "mux/Packet.h"
+#include "protocol/FrameHeader.h"
 #include "zt_usb.h"
 
 namespace vexa {
@@ -27,10 +26,6 @@ constexpr int kCableLine = 490;
 
 constexpr std::uint32_t kLinkPollMs = 500;
 
-constexpr std::size_t kFrameHeaderSize = 8;
-constexpr std::array<std::uint8_t, 4> kFrameMark = {'U', '0', '1', '2'};
-constexpr int kMaxFramePayload = 30000;
-
 struct USBBulkOSData : NodeRecord {
     bool Open(const GPortRef& port) override { return OpenNode(port.location, O_RDWR | O_EXCL); }
 };
@@ -42,7 +37,7 @@ void TraceErrno(const char* text, int line) {
 }  // namespace
 
 GServerUSBBulkDevice::GServerUSBBulkDevice(const GPortRef* port)
-    // The text about a failed close is the serial transport's, on purpose.
+    // The text for a failed close is the same as the serial transport's, on purpose.
     : GTransportDevice(port, {kModule, kOpenFailedLine, "Error closing serial device",
                               kCloseFailedLine, kCloseGuardLine, kWriteGuardLine}) {
     if (!GServerUSBBulkDevice::OSInitialize()) {
@@ -100,12 +95,12 @@ int GServerUSBBulkDevice::OSWriteUnlocked(const void* data, int* count) {
     const int asked = *count;
     *count = 0;
     TransportRecord* record = Record();
-    if (record == nullptr || !record->CanWrite() || asked > kMaxFramePayload) return -1;
+    if (record == nullptr || !record->CanWrite() || asked > static_cast<int>(kMaxFramePayload))
+        return -1;
     if (asked == 0) return 0;
 
     std::array<std::uint8_t, kFrameHeaderSize> header{};
-    StoreLe32(header.data(), static_cast<std::uint32_t>(asked));
-    std::ranges::copy(kFrameMark, header.begin() + sizeof(std::uint32_t));
+    BuildFrameHeader(header, static_cast<std::uint32_t>(asked));
     if (record->Write(header.data(), kFrameHeaderSize) != kFrameHeaderSize) return -1;
     const ssize_t written = record->Write(data, asked);
     if (written < 0) TraceErrno("USB write failed. errno = ", kWriteFailedLine);

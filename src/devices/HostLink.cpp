@@ -1,7 +1,6 @@
 #include "devices/HostLink.h"
 
 #include <algorithm>
-#include <mutex>
 #include <utility>
 
 #include "devices/GServerUSBBulkDevice.h"
@@ -14,6 +13,10 @@ namespace {
 constexpr int kReaderPriority = 3;
 
 HostLinkState* link = nullptr;  // set before any other thread exists
+
+// The device, for the main thread. Unchecked: this thread alone sets and removes the device, so it
+// needs no gate to read it.
+GDeviceIO* OwnDevice() VEXA_UNCHECKED { return link == nullptr ? nullptr : link->device.get(); }
 
 }  // namespace
 
@@ -38,18 +41,18 @@ int HostLink_OpenDevice(std::unique_ptr<GDeviceIO> device, const GPortRef& port)
     device->bufferedOutput = true;
     const int result = device->Open(&port);
 
-    const std::unique_lock gate(link->deviceGate);
+    const ExclusiveLock gate(link->deviceGate);
     link->device = std::move(device);
-    link->takesWrites = true;
+    link->acceptsWrites = true;
     return result == 0 ? 1 : 0;
 }
 
 void HostLink_Close() {
     if (link == nullptr) return;
     std::unique_ptr<GDeviceIO> device;
-    link->takesWrites = false;
+    link->acceptsWrites = false;
     {
-        const std::unique_lock gate(link->deviceGate);
+        const ExclusiveLock gate(link->deviceGate);
         device = std::move(link->device);
     }
     device.reset();
@@ -64,8 +67,8 @@ int HostDeviceReadCallback(const unsigned char* data, int count, void* context) 
 }
 
 unsigned char HostLink_Write(const unsigned char* data, int count) {
-    if (link == nullptr || !link->takesWrites) return 0;
-    const std::shared_lock gate(link->deviceGate);
+    if (link == nullptr || !link->acceptsWrites) return 0;
+    const SharedLock gate(link->deviceGate);
     if (!link->device || link->device->QueueWrite(data, &count) != 0) return 0;
     return static_cast<unsigned char>(count);
 }
@@ -74,7 +77,7 @@ unsigned char HostLink_WriteByte(unsigned char value) { return HostLink_Write(&v
 
 void HostLink_TakeInput() {
     if (link == nullptr || !link->inputBuffer) return;
-    std::array<std::uint8_t, kHostBufferSize> bytes;  // filled as far as it is read
+    std::array<std::uint8_t, kHostBufferSize> bytes;  // only the bytes read are ever set
     const std::uint32_t room = link->hostRing.Capacity() - link->hostRing.Count();
     const auto asked = static_cast<std::int32_t>(std::min<std::size_t>(room, bytes.size()));
     const std::int32_t taken = link->inputBuffer->Read(bytes.data(), asked);
@@ -100,16 +103,19 @@ void HostLink_TakeBytes(std::size_t count) {
 }
 
 int HostLink_Purge() {
-    if (link != nullptr && link->device) link->device->Purge();
+    GDeviceIO* const device = OwnDevice();
+    if (device != nullptr) device->Purge();
     return 1;
 }
 
 unsigned char HostLink_IsOpen() {
-    return link != nullptr && link->device && link->device->isOpen ? 1 : 0;
+    const GDeviceIO* const device = OwnDevice();
+    return device != nullptr && device->isOpen ? 1 : 0;
 }
 
 unsigned char HostLink_IsLinkUp() {
-    return link != nullptr && link->device && link->device->linkUp ? 1 : 0;
+    const GDeviceIO* const device = OwnDevice();
+    return device != nullptr && device->linkUp ? 1 : 0;
 }
 
 void DumpHostInput(const unsigned char* data, int count, const char* tag) {

@@ -5,48 +5,49 @@
 //   host -> unit:  reader thread -> input buffer -> host ring -> HostLink_Input
 //   unit -> host:  HostLink_Write -> output buffer of the device -> its writer thread
 //
-// All functions belong to the main thread but HostLink_Write and HostLink_WriteByte, which any
-// thread may call at any time, and HostDeviceReadCallback, which runs on the reader thread.
+// Main thread only, except HostLink_Write and HostLink_WriteByte (any thread) and
+// HostDeviceReadCallback (the reader thread).
 #pragma once
 
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <shared_mutex>
 #include <span>
 
 #include "devices/GDeviceIO.h"
+#include "foundation/Mutex.h"
 #include "mux/MuxRing.h"
 
 namespace vexa {
 
 inline constexpr std::int32_t kHostBufferSize = 10000;
 
-// The host link's part of the service state. Everything is null until HostLink_Open.
+// The host link's part of the service state. Everything is null until HostLink_Open. The device
+// comes last, because its reader fills the buffer until the device is destroyed.
 struct HostLinkState {
-    // Guards `device` against writers of other threads while it is set or taken away: they hold it
-    // shared for the length of one queueing.
-    std::shared_mutex deviceGate;
-    // False once the device is to go, so that no further writer goes for the gate and keeps it.
-    std::atomic<bool> takesWrites{true};
-    std::unique_ptr<GDeviceIO> device;
+    std::array<std::uint8_t, kHostBufferSize> hostRingStorage{};
+    MuxRing hostRing;
     std::unique_ptr<CeilingMutex> inputLock;
     std::unique_ptr<GCircularBuffer> inputBuffer;
-    MuxRing hostRing;
-    std::array<std::uint8_t, kHostBufferSize> hostRingStorage{};
+    // Keeps `device` alive while another thread queues bytes: writers share it, and the main thread
+    // holds it alone to set or remove the device.
+    SharedMutex deviceGate;
+    // False before the device is removed, so that no further writer waits at the gate.
+    std::atomic<bool> acceptsWrites{true};
+    std::unique_ptr<GDeviceIO> device VEXA_GUARDED_BY(deviceGate);
 };
 
-// Names the record that all functions below work on; null for none, when every one of them reports
-// failure or 0. Called before any other thread knows of the link.
+// Sets the record that all functions below work on. With null every one of them reports failure or
+// 0. Must be called before another thread uses the link.
 void HostLink_Use(HostLinkState* state);
 
-// Builds device and buffers and opens the transport. 1 when it opened, else 0: what was built stays
-// until HostLink_Close.
+// Builds device and buffers and opens the transport. 1 when it opened, else 0; the objects stay
+// until HostLink_Close in both cases.
 int HostLink_Open();
 
-// The same over a transport of the caller's making, which opens `port`; for hosts that are reached
-// by another link than the gadget's.
+// The same over a transport that the caller made, which opens `port`: for hosts that are connected
+// by a serial line or a network instead of the gadget.
 int HostLink_OpenDevice(std::unique_ptr<GDeviceIO> device, const GPortRef& port);
 
 // Ends the transport's threads and destroys what HostLink_Open made. A HostLink_Write under way on
@@ -62,18 +63,19 @@ int HostDeviceReadCallback(const unsigned char* data, int count, void* context);
 unsigned char HostLink_Write(const unsigned char* data, int count);
 unsigned char HostLink_WriteByte(unsigned char value);
 
-// Moves what the transport has read on to the host ring, as far as there is room, at most 10000
-// bytes.
+// Moves received bytes from the input buffer to the host ring, as far as there is room, at most
+// 10000 bytes.
 void HostLink_TakeInput();
 
 // Bytes held in the host ring.
 std::uint16_t HostLink_BytesAvailable();
 
-// Takes one byte from the host ring; only after HostLink_BytesAvailable returned non-zero.
+// Removes one byte from the host ring and returns it; only after HostLink_BytesAvailable returned
+// non-zero. The service has no caller: its parser reads runs of bytes with HostLink_Input.
 unsigned char HostLink_ReadByte();
 
-// The oldest bytes in the host ring, as many as stand in one piece; empty when none is held. Valid
-// until bytes are taken from the ring or moved into it.
+// The oldest bytes in the host ring, as many as are contiguous; empty when none is held. Valid
+// until the ring is read or written.
 std::span<const std::uint8_t> HostLink_Input();
 
 // Removes the `count` oldest bytes from the host ring, at most as many as HostLink_Input gives.

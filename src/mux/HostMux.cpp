@@ -1,35 +1,16 @@
 #include "mux/HostMux.h"
 
-#include <algorithm>
-#include <iterator>
-
 #include "devices/HostLink.h"
+#include "protocol/Commands.h"
+#include "protocol/InitialSync.h"
 
 namespace vexa {
 
-namespace {
-
-// Whether the inner packet `command` asks for the controller to be opened anew: by its own command,
-// or as a child of its name.
-bool ReopensController(const std::uint8_t* command) {
-    switch (static_cast<ControllerCommand>(command[kCommandOffset])) {
-        case ControllerCommand::kReopenController:
-            return true;
-        case ControllerCommand::kOpenChild:
-            return command[kCommandNameLengthOffset] == sizeof kControllerName &&
-                   std::equal(std::begin(kControllerName), std::end(kControllerName),
-                              command + kCommandNameOffset);
-        default:
-            return false;
-    }
-}
-
-}  // namespace
-
-void HostMux::Init(std::uint32_t library) {
+bool HostMux::Init() {
     stream.Init();
     replies.ResetCounter();
-    controller.Init(library);
+    controller.Init();
+    return HostVEXMuxController_Init(children);
 }
 
 void HostMux::Pass() {
@@ -41,7 +22,7 @@ void HostMux::Pass() {
     controller.Step();
 }
 
-void HostMux::Route(const std::uint8_t* packet) {
+void HostMux::Route(PacketBuffer packet) {
     switch (TypeClass(packet[kTypeOffset])) {
         case kClassCommand:
             return RouteCommand(packet);
@@ -52,9 +33,9 @@ void HostMux::Route(const std::uint8_t* packet) {
     }
 }
 
-void HostMux::RouteCommand(const std::uint8_t* packet) {
+void HostMux::RouteCommand(PacketBuffer packet) {
     if (daq.IsOpen()) {
-        daq.Write(packet, packet[kLengthOffset]);
+        daq.Write(packet.data(), packet[kLengthOffset]);
     } else if (packet[kCommandOffset] == kInitialSyncCommand) {
         replies.SendInitialSyncReply(packet[kSequenceOffset]);
     } else {
@@ -63,18 +44,17 @@ void HostMux::RouteCommand(const std::uint8_t* packet) {
     }
 }
 
-void HostMux::RouteTunnel(const std::uint8_t* packet) {
-    const std::uint8_t* payload = packet + kTunnelHeaderSize;
-    if (ReopensController(payload)) return controller.Reopen(packet);
+void HostMux::RouteTunnel(PacketBuffer packet) {
+    if (ReopensController(InnerPacket(packet))) return controller.Reopen(packet);
 
     MuxChild child;
     const bool holdsId = packet[kLengthOffset] >= kTunnelHeaderSize;
-    if (!holdsId || !children.Find(LoadLe32(packet + kTunnelIdOffset), child)) {
-        DumpHostInput(packet, packet[kLengthOffset], "Discarding orphaned tunnel packet.");
+    if (!holdsId || !children.Find(LoadLe32(packet, kTunnelIdOffset), child)) {
+        DumpHostInput(packet.data(), packet[kLengthOffset], "Discarding orphaned tunnel packet.");
     } else if (child.is_controller != 0) {
-        controller.Take(packet);
+        controller.Accept(packet);
     } else if (child.write_fn != nullptr) {
-        child.write_fn(payload,
+        child.write_fn(InnerPacket(packet).data(),
                        static_cast<std::int32_t>(packet[kLengthOffset] - kTunnelHeaderSize),
                        child.stream);
     }
@@ -87,6 +67,8 @@ bool HostMux::MarkConnected() {
 
 void HostMux::DisconnectCleanUp() {
     if (!children.IsHostConnected()) return;
+    // The streams are closed first, so that nothing they send is queued after the purge; the mark
+    // goes last, because without it this function does nothing.
     controller.CloseAll();
     HostLink_Purge();
     children.MarkHostConnected(false);

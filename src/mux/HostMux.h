@@ -1,6 +1,6 @@
 // One pass of the multiplexer: parse a packet out of the host's bytes, route it to the service, the
-// DAQ or a child, and let the controller go on with its command. Also follows the coming and going
-// of the host. Main thread only.
+// DAQ or a child, and execute one step of the controller's command. Also follows whether a host is
+// connected. Main thread only.
 #pragma once
 
 #include <cstdint>
@@ -13,15 +13,19 @@ namespace vexa {
 
 class HostMux {
   public:
-    HostMux(DAQIO& daqLink, AppSessions& sessions)
-        : daq(daqLink), replies(children), controller(children, replies, daqLink, sessions) {}
+    // `library` is the handle for opening devices; its value may be set later, before the first
+    // Pass.
+    HostMux(const std::uint32_t& library, DAQIO& daqLink, AppSessions& sessions)
+        : daq(daqLink),
+          replies(children),
+          controller(library, children, replies, daqLink, sessions) {}
 
-    // Empties parser, replies and controller; `library` is the handle for opening devices.
-    void Init(std::uint32_t library);
+    // Empties parser, replies and controller, then HostVEXMuxController_Init. False when that
+    // failed.
+    bool Init();
 
     void Pass();
 
-    // The children, to be handed to HostVEXMuxController_Init.
     MuxChildren& Children() { return children; }
 
     // Marks the host as connected if the transport is open; true when it is marked.
@@ -32,9 +36,9 @@ class HostMux {
     void DisconnectCleanUp();
 
   private:
-    void Route(const std::uint8_t* packet);
-    void RouteCommand(const std::uint8_t* packet);
-    void RouteTunnel(const std::uint8_t* packet);
+    void Route(PacketBuffer packet);
+    void RouteCommand(PacketBuffer packet);
+    void RouteTunnel(PacketBuffer packet);
 
     MuxChildren children;
     DAQIO& daq;

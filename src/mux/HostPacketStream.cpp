@@ -1,7 +1,6 @@
 #include "mux/HostPacketStream.h"
 
 #include <algorithm>
-#include <cstring>
 
 #include "devices/HostLink.h"
 
@@ -10,7 +9,6 @@ namespace vexa {
 void HostPacketStream::Init() {
     buffer.fill(0);
     count = 0;
-    used = 0;
     state = State::kUnsynced;
     syncSearch.Reset();
 }
@@ -30,44 +28,45 @@ bool HostPacketStream::ParsePass() {
     return false;
 }
 
-// How many of the bytes to come end the packet, at most; its length may still be to come itself.
-std::size_t HostPacketStream::Missing(std::span<const std::uint8_t> input) const {
-    std::size_t length = Packet()[kLengthOffset];
-    if (count <= kLengthOffset) {
-        const std::size_t lengthAt = kLengthOffset - count;
-        if (input.size() <= lengthAt) return input.size();
-        length = input[lengthAt];
-    }
-    return std::max(length, kPacketHeaderSize) - count;
+// How many bytes are missing: up to and including the length byte, then up to the end.
+std::size_t HostPacketStream::Wanted() const {
+    if (count <= kLengthOffset) return kLengthOffset + 1 - count;
+    return std::max<std::size_t>(Packet()[kLengthOffset], kPacketHeaderSize) - count;
 }
 
-// Takes bytes up to the end of the packet or of an initial sync. True for the latter.
+// A packet is complete with at least 4 bytes, and as many as its length byte says.
+bool HostPacketStream::IsComplete() const {
+    return count >= kPacketHeaderSize && count >= Packet()[kLengthOffset];
+}
+
+// Moves bytes into the packet, at most as many as it wants and not past an initial sync. True when
+// they completed an initial sync.
 bool HostPacketStream::Append(std::span<const std::uint8_t> input) {
-    const std::size_t missing = Missing(input);
-    const std::size_t size = std::min(missing, input.size());
-    std::uint8_t* const end = buffer.data() + kPacketAt + count;
-    std::memcpy(end, input.data(), size);
-    used = std::max(used, count + size);
-    const std::size_t syncEnd = syncSearch.Find(end, size);
-    if (syncEnd < size) {
-        HostLink_TakeBytes(syncEnd + 1);
-        count += syncEnd;
-        TakeInitialSync(end + syncEnd - SyncSearch::kHistory);
+    input = input.first(std::min(Wanted(), input.size()));
+    std::ranges::copy(input, buffer.begin() + static_cast<std::ptrdiff_t>(kPacketAt + count));
+    const std::size_t untilSync =
+        syncSearch.Find(std::span(buffer).subspan(count, kPacketAt + input.size()));
+    if (untilSync != 0) {
+        HostLink_TakeBytes(untilSync);
+        // The byte that completes the sync does not count as part of the packet that it cuts off.
+        count += untilSync - 1;
+        AcceptInitialSync(std::span(buffer).subspan(count).first<kInitialSyncSize>());
         return true;
     }
-    HostLink_TakeBytes(size);
-    count += size;
-    if (count >= kPacketHeaderSize && size == missing) FinishPacket();
+    HostLink_TakeBytes(input.size());
+    count += input.size();
+    if (IsComplete()) FinishPacket();
     return false;
 }
 
-// Drops a byte behind a waiting packet. True when it completes an initial sync nevertheless.
+// Drops a byte that arrives after a waiting packet. True when it completes an initial sync, which
+// counts nevertheless.
 bool HostPacketStream::Ignore(std::uint8_t byte) {
     std::array<std::uint8_t, kInitialSyncSize> newest{};
     std::copy_n(buffer.begin(), SyncSearch::kHistory, newest.begin());
     newest.back() = byte;
-    if (syncSearch.Find(&newest.back(), 1) == 0) {
-        TakeInitialSync(newest.data());
+    if (syncSearch.Find(newest) != 0) {
+        AcceptInitialSync(newest);
         return true;
     }
     std::copy_n(newest.begin() + 1, SyncSearch::kHistory, buffer.begin());
@@ -75,36 +74,38 @@ bool HostPacketStream::Ignore(std::uint8_t byte) {
     return false;
 }
 
-void HostPacketStream::TakeInitialSync(const std::uint8_t* sync) {
-    std::uint8_t* const packet = buffer.data() + kPacketAt;
-    if (count > 0) DumpHostInput(packet, static_cast<int>(count), "PRE_INIT");
-    std::memmove(packet, sync, kInitialSyncSize);
-    used = std::max(used, kInitialSyncSize);
-    ClearPacketFrom(kInitialSyncSize);
+void HostPacketStream::AcceptInitialSync(std::span<const std::uint8_t, kInitialSyncSize> sync) {
+    std::array<std::uint8_t, kInitialSyncSize> bytes{};  // `sync` may overlap the packet
+    std::ranges::copy(sync, bytes.begin());
+    const auto packet = std::span(buffer).subspan<kPacketAt>();
+    if (count > 0) DumpHostInput(packet.data(), static_cast<int>(count), "PRE_INIT");
+    std::ranges::copy(bytes, packet.begin());
+    ClearFrom(kInitialSyncSize);
     count = 0;
     state = State::kWaiting;
     syncSearch.Reset();
-    DumpHostInput(packet, kInitialSyncSize, "INIT");
+    DumpHostInput(packet.data(), kInitialSyncSize, "INIT");
 }
 
 void HostPacketStream::FinishPacket() {
-    const std::uint8_t* const packet = Packet();
-    // The newest bytes become those before the next packet.
-    std::memmove(buffer.data(), buffer.data() + count, SyncSearch::kHistory);
-    if (count == packet[kLengthOffset] && packet[kChecksumOffset] == PacketChecksum(packet)) {
-        // No field of an earlier, longer packet may be taken for this one's.
-        ClearPacketFrom(count);
+    const PacketBuffer packet = Packet();
+    // The newest bytes become those before the next packet. They may lie in the packet itself, but
+    // never in its first bytes: the copy goes towards the front.
+    std::copy_n(buffer.begin() + static_cast<std::ptrdiff_t>(count), SyncSearch::kHistory,
+                buffer.begin());
+    if (count == packet[kLengthOffset] && HasRightChecksum(packet)) {
+        // No byte of an earlier, longer packet may pass for a field of this one.
+        ClearFrom(count);
         state = State::kWaiting;
     } else {
-        DumpHostInput(packet, static_cast<int>(count), "BAD CHECKSUM");
+        DumpHostInput(packet.data(), static_cast<int>(count), "BAD CHECKSUM");
     }
     count = 0;
 }
 
-void HostPacketStream::ClearPacketFrom(std::size_t length) {
-    std::fill_n(buffer.begin() + static_cast<std::ptrdiff_t>(kPacketAt + length), used - length,
-                std::uint8_t{0});
-    used = length;
+void HostPacketStream::ClearFrom(std::size_t length) {
+    std::fill(buffer.begin() + static_cast<std::ptrdiff_t>(kPacketAt + length), buffer.end(),
+              std::uint8_t{0});
 }
 
 }  // namespace vexa

@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <span>
 
-#include "mux/Packet.h"
 #include "mux/SyncSearch.h"
+#include "protocol/Packet.h"
 
 namespace vexa {
 
@@ -23,43 +23,46 @@ class HostPacketStream {
     HostPacketStream(const HostPacketStream&) = delete;
     HostPacketStream& operator=(const HostPacketStream&) = delete;
 
-    // Empties everything and starts before the first sync.
+    // Empties everything and returns to the state before the first sync.
     void Init();
 
-    // Takes bytes from the host link until none is left or a good packet waits. Partial packets
-    // that a sync cuts off, packets with a wrong checksum and bytes behind a waiting packet are
-    // dumped and dropped. True when an initial sync reset the stream in this pass: the sender of
-    // replies then counts from 0 again.
+    // Reads the host link until it is empty or a good packet waits. Dumps and drops: a partial
+    // packet that a sync cuts off, a packet with a wrong checksum, and bytes that arrive after a
+    // waiting packet. True when an initial sync reset the stream in this pass; the service's own
+    // replies are then numbered from 0 again.
     bool ParsePass();
 
     [[nodiscard]] bool HasPacket() const { return state == State::kWaiting; }
 
     // The waiting packet. Bytes past its length are zero.
-    [[nodiscard]] const std::uint8_t* Packet() const { return buffer.data() + kPacketAt; }
+    [[nodiscard]] PacketBuffer Packet() const {
+        return std::span(buffer).subspan<kPacketAt, kPacketBufferSize>();
+    }
 
-    // The waiting packet is done with.
+    // The waiting packet has been routed.
     void Release() { state = State::kCollecting; }
 
   private:
     static constexpr std::size_t kPacketAt = SyncSearch::kHistory;
 
-    std::size_t Missing(std::span<const std::uint8_t> input) const;
+    [[nodiscard]] std::size_t Wanted() const;
+    [[nodiscard]] bool IsComplete() const;
     bool Append(std::span<const std::uint8_t> input);
     bool Ignore(std::uint8_t byte);
-    void TakeInitialSync(const std::uint8_t* sync);
+    void AcceptInitialSync(std::span<const std::uint8_t, kInitialSyncSize> sync);
     void FinishPacket();
-    void ClearPacketFrom(std::size_t length);
+    void ClearFrom(std::size_t length);
 
-    // Bytes as they came, one piece: an initial sync is looked for across the packets' bounds.
+    // The newest bytes in one piece, because an initial sync may begin in one packet and end in
+    // the next.
     //
     //   0                     24                24 + count
     //  +---------------------+-----------------+------------------------------+
     //  | 24 bytes before the | bytes of the    | rest of earlier packets, or  |
-    //  | packet              | packet so far   | zero behind a waiting one    |
+    //  | packet              | packet so far   | zero after a waiting packet  |
     //  +---------------------+-----------------+------------------------------+
     std::array<std::uint8_t, kPacketAt + kPacketBufferSize> buffer{};
     std::size_t count = 0;  // bytes of the packet received so far
-    std::size_t used = 0;   // bytes of the packet buffer that may be other than zero
     State state = State::kUnsynced;
     SyncSearch syncSearch;
 };

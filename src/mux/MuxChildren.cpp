@@ -14,59 +14,63 @@ constexpr std::uint32_t kLockRetryMs = 2;
 // Set at start-up, before any callback can come.
 std::atomic<MuxChildren*> childrenInUse{nullptr};
 
+template <typename Matches>
+MuxChild* FirstOf(MuxChildTable& table, Matches matches) {
+    const auto end = table.entries.begin() + static_cast<std::ptrdiff_t>(table.count);
+    const auto found = std::find_if(table.entries.begin(), end, matches);
+    return found == end ? nullptr : &*found;
+}
+
 }  // namespace
 
-bool MuxChildren::Init() {
+bool ControllerMutex::Init() {
     Destroy();
-    table = MuxChildTable{};
-    lastLinkUp = 0;
-    generation = 0;
-    hostConnected = 0;
-
     pthread_mutexattr_t attributes;
     pthread_mutexattr_init(&attributes);
     pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_RECURSIVE);
-    initialised = pthread_mutex_init(&mutex, &attributes) == 0;
+    initialised = pthread_mutex_init(&native, &attributes) == 0;
     pthread_mutexattr_destroy(&attributes);
     if (!initialised) std::puts("Failed to init mutex in HostVEXMuxController_Init.");
     return initialised;
 }
 
-void MuxChildren::Destroy() {
+void ControllerMutex::Destroy() {
     if (!initialised) return;
     initialised = false;
-    pthread_mutex_destroy(&mutex);
+    pthread_mutex_destroy(&native);
 }
 
-bool MuxChildren::Lock(int timeoutMs) {
+bool ControllerMutex::Lock(int timeoutMs) {
     const int attempts = (timeoutMs + 1) / 2 + 1;
     for (int tried = 0; initialised && tried < attempts; ++tried) {
         if (tried > 0) OSSleep(kLockRetryMs);
-        if (pthread_mutex_trylock(&mutex) == 0) return true;
+        if (pthread_mutex_trylock(&native) == 0) return true;
     }
     std::puts("Trying to lock mutex failed");
     return false;
 }
 
-void MuxChildren::Unlock() { pthread_mutex_unlock(&mutex); }
+void ControllerMutex::Unlock() { pthread_mutex_unlock(&native); }
+
+// Unchecked: no other thread knows of the children yet, and there may be no mutex to lock.
+bool MuxChildren::Init() VEXA_UNCHECKED {
+    table = MuxChildTable{};
+    lastLinkUp = 0;
+    generation = 0;
+    hostConnected = 0;
+    return mutex.Init();
+}
 
 MuxChild* MuxChildren::Locate(std::uint32_t id) {
-    const auto end = table.entries.begin() + static_cast<std::ptrdiff_t>(table.count);
-    const auto found = std::find_if(table.entries.begin(), end,
-                                    [&](const MuxChild& child) { return child.id == id; });
-    return found == end ? nullptr : &*found;
+    return FirstOf(table, [&](const MuxChild& child) { return child.id == id; });
 }
 
 MuxChild* MuxChildren::LocateController() {
-    const auto end = table.entries.begin() + static_cast<std::ptrdiff_t>(table.count);
-    const auto found = std::find_if(table.entries.begin(), end,
-                                    [](const MuxChild& child) { return child.is_controller != 0; });
-    return found == end ? nullptr : &*found;
+    return FirstOf(table, [](const MuxChild& child) { return child.is_controller != 0; });
 }
 
 std::size_t MuxChildren::Count() {
-    const Hold hold(*this);
-    return hold.Held() ? table.count : 0;
+    return WithLock([&]() VEXA_REQUIRES(mutex) { return table.count; });
 }
 
 bool MuxChildren::Find(std::uint32_t id, MuxChild& entry) {
@@ -74,46 +78,46 @@ bool MuxChildren::Find(std::uint32_t id, MuxChild& entry) {
 }
 
 bool MuxChildren::Add(const MuxChild& entry) {
-    const Hold hold(*this);
-    if (!hold.Held() || table.count == kMaxChildren || Locate(entry.id) != nullptr) return false;
-    table.entries[table.count++] = entry;
-    return true;
+    return WithLock([&]() VEXA_REQUIRES(mutex) {
+        if (table.count == kMaxChildren || Locate(entry.id) != nullptr) return false;
+        table.entries[table.count++] = entry;
+        return true;
+    });
 }
 
 bool MuxChildren::Remove(std::uint32_t id) {
-    const Hold hold(*this);
-    MuxChild* found = hold.Held() ? Locate(id) : nullptr;
-    if (found == nullptr) return false;
-    std::move(found + 1, table.entries.data() + table.count, found);
-    --table.count;
-    return true;
+    return WithLock([&]() VEXA_REQUIRES(mutex) {
+        MuxChild* const found = Locate(id);
+        if (found == nullptr) return false;
+        std::move(found + 1, table.entries.data() + table.count, found);
+        --table.count;
+        return true;
+    });
 }
 
-bool MuxChildren::Get(std::size_t index, MuxChild& entry) {
-    const Hold hold(*this);
-    if (!hold.Held() || index >= table.count) return false;
-    entry = table.entries[index];
-    return true;
+MuxChildTable MuxChildren::Copy() {
+    return WithLock([&]() VEXA_REQUIRES(mutex) { return table; });
 }
 
 std::uint32_t MuxChildren::ControllerId() {
-    const Hold hold(*this);
-    const MuxChild* controller = hold.Held() ? LocateController() : nullptr;
-    return controller == nullptr ? 0 : controller->id;
+    return WithLock([&]() VEXA_REQUIRES(mutex) {
+        const MuxChild* const controller = LocateController();
+        return controller == nullptr ? 0 : controller->id;
+    });
 }
 
 void MuxChildren::Clear() {
-    const Hold hold(*this);
-    if (hold.Held()) table.count = 0;
+    WithLock([&]() VEXA_REQUIRES(mutex) { return table.count = 0; });
 }
 
 MuxChild MuxChildren::TakeControllerSequence() {
-    const Hold hold(*this);
-    MuxChild* controller = hold.Held() ? LocateController() : nullptr;
-    if (controller == nullptr) return {};
-    const MuxChild taken = *controller;
-    ++controller->seq;
-    return taken;
+    return WithLock([&]() VEXA_REQUIRES(mutex) {
+        MuxChild* const controller = LocateController();
+        if (controller == nullptr) return MuxChild{};
+        const MuxChild before = *controller;
+        ++controller->seq;
+        return before;
+    });
 }
 
 std::uint32_t MuxChildren::ConnectionGeneration(std::uint8_t linkUp) {
@@ -122,15 +126,14 @@ std::uint32_t MuxChildren::ConnectionGeneration(std::uint8_t linkUp) {
 }
 
 std::uint32_t MuxChildren::ReportLinkStatus(std::uint8_t linkUp) {
-    const Hold hold(*this);
-    return hold.Held() ? ConnectionGeneration(linkUp) : 0;
+    return WithLock([&] { return ConnectionGeneration(linkUp); });
 }
 
 bool MuxChildren::MarkHostConnected(bool connected) {
-    const Hold hold(*this);
-    if (!hold.Held()) return false;
-    hostConnected = connected ? 1 : 0;
-    return true;
+    return WithLock([&] {
+        hostConnected = connected ? 1 : 0;
+        return true;
+    });
 }
 
 bool HostVEXMuxController_Init(MuxChildren& children) {
@@ -140,16 +143,16 @@ bool HostVEXMuxController_Init(MuxChildren& children) {
 
 MuxChildren* HostVEXMuxController_Children() { return childrenInUse; }
 
+void HostVEXMuxController_Destroy() {
+    MuxChildren* const children = childrenInUse.exchange(nullptr);
+    if (children != nullptr) children->Destroy();
+}
+
 void SetHostConnected(bool connected, std::uint32_t* generation) {
-    MuxChildren* children = childrenInUse;
+    MuxChildren* const children = childrenInUse;
     const std::uint32_t reported =
         children != nullptr ? children->ReportLinkStatus(connected ? 1 : 0) : 0;
     if (generation != nullptr) *generation = reported;
-}
-
-void HostVEXMuxController_Destroy() {
-    MuxChildren* children = childrenInUse.exchange(nullptr);
-    if (children != nullptr) children->Destroy();
 }
 
 }  // namespace vexa

@@ -1,8 +1,8 @@
 // The open children and the state of the host connection, under the controller mutex.
 //
-// Any thread may call anything here: the main thread and the library's read-callback threads do.
-// Entries are copied in and out whole and never referenced outside the lock. Each operation takes
-// the lock with 1000 ms and fails (0, false) when it cannot. No library call is made under it.
+// Any thread: the main thread and the read callbacks on the library's threads call in. Entries are
+// copied in and out whole and never referenced outside the lock. Each operation tries for the lock
+// for 1000 ms and fails (0, false) without it. No library call is made while it is held.
 #pragma once
 
 #include <pthread.h>
@@ -11,6 +11,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+
+#include "foundation/Mutex.h"
 
 namespace vexa {
 
@@ -27,7 +29,7 @@ struct MuxChild {
     MuxWriteFunction write_fn = nullptr;  // none for the controller
     std::uint32_t stream = 0;             // library stream handle; 0 for the controller
     std::uint8_t seq = 0;                 // of the next packet to the host on behalf of this child
-    std::uint32_t warned = 0;             // the one message about a read of the wrong size is out
+    std::uint32_t warned = 0;             // a block of the wrong size was reported; once is enough
 };
 
 inline constexpr std::size_t kMaxChildren = 10;
@@ -38,24 +40,39 @@ struct MuxChildTable {
     std::size_t count = 0;
 };
 
+// A recursive mutex that is polled for: a lock held by a stalled thread becomes a printed line and
+// a failure instead of a hang.
+class VEXA_CAPABILITY("mutex") ControllerMutex {
+  public:
+    ControllerMutex() = default;
+    ~ControllerMutex() { Destroy(); }
+    ControllerMutex(const ControllerMutex&) = delete;
+    ControllerMutex& operator=(const ControllerMutex&) = delete;
+
+    // Makes the mutex. False, with a line, on failure; Lock then always fails. Main thread only.
+    bool Init();
+    void Destroy();
+
+    // Tries (timeoutMs + 1) / 2 + 1 times, 2 ms apart. False, with a line, when it never got it.
+    bool Lock(int timeoutMs) VEXA_TRY_ACQUIRE(true);
+    void Unlock() VEXA_RELEASE();
+
+  private:
+    bool initialised = false;  // written by the main thread before others start
+    pthread_mutex_t native{};
+};
+
 class MuxChildren {
   public:
     static constexpr int kLockTimeoutMs = 1000;
 
-    MuxChildren() = default;
-    ~MuxChildren() { Destroy(); }
-    MuxChildren(const MuxChildren&) = delete;
-    MuxChildren& operator=(const MuxChildren&) = delete;
-
     // Empties everything and makes the mutex. False, with a line, when it cannot be made; every
-    // table operation then fails.
+    // operation on the table then fails. Main thread only.
     bool Init();
-    void Destroy();
+    void Destroy() { mutex.Destroy(); }
 
-    // Tries the recursive mutex (timeoutMs + 1) / 2 + 1 times, 2 ms apart. Prints a line and
-    // returns false when it never got it.
-    bool Lock(int timeoutMs);
-    void Unlock();
+    bool Lock(int timeoutMs) VEXA_TRY_ACQUIRE(true, mutex) { return mutex.Lock(timeoutMs); }
+    void Unlock() VEXA_RELEASE(mutex) { mutex.Unlock(); }
 
     std::size_t Count();
     bool Find(std::uint32_t id, MuxChild& entry);
@@ -63,31 +80,34 @@ class MuxChildren {
     bool Add(const MuxChild& entry);
     // Later entries move down one place.
     bool Remove(std::uint32_t id);
-    bool Get(std::size_t index, MuxChild& entry);
+    // All entries as they are now; none without the lock.
+    MuxChildTable Copy();
     // Id of the first controller entry, 0 if there is none.
     std::uint32_t ControllerId();
     void Clear();
 
-    // Looks the child up and lets `change` alter it in place of the table, all under one hold of
-    // the lock, so that no other thread sees or takes the same sequence number. `entry` receives a
-    // copy of what it was before. False when the child is gone.
+    // Looks the child up and lets `change` alter the entry in the table, all under one hold of the
+    // lock, so that no two threads use the same sequence number. `entry` receives a copy of the
+    // entry before the change. False when the child is gone.
     template <typename Change>
     bool FindAndChange(std::uint32_t id, MuxChild& entry, Change change) {
-        const Hold hold(*this);
-        MuxChild* found = hold.Held() ? Locate(id) : nullptr;
-        if (found == nullptr) return false;
-        entry = *found;
-        change(*found);
-        return true;
+        return WithLock([&]() VEXA_REQUIRES(mutex) {
+            MuxChild* const found = Locate(id);
+            if (found == nullptr) return false;
+            entry = *found;
+            change(*found);
+            return true;
+        });
     }
 
-    // The controller's entry, its sequence number taken; an entry of zeros when there is none.
+    // The controller's entry before its sequence number was stepped; an entry of zeros when there
+    // is no controller.
     MuxChild TakeControllerSequence();
 
-    // The host link's state as the main loop sees it: notes `linkUp` and counts a change. Returns
-    // the connection generation. Takes no lock.
+    // Notes the link status that the main loop read, and counts a change. Returns the connection
+    // generation. Takes no lock.
     std::uint32_t ConnectionGeneration(std::uint8_t linkUp);
-    // The same for a state that another thread reports, under the lock; 0 without it.
+    // The same for a status that another thread reports, under the lock; 0 without it.
     std::uint32_t ReportLinkStatus(std::uint8_t linkUp);
 
     // The mark that a host is connected.
@@ -95,45 +115,39 @@ class MuxChildren {
     bool MarkHostConnected(bool connected);
 
   private:
-    // The lock, for a scope.
-    class Hold {
-      public:
-        explicit Hold(MuxChildren& owner) : children(owner), held(owner.Lock(kLockTimeoutMs)) {}
-        ~Hold() {
-            if (held) children.Unlock();
-        }
-        Hold(const Hold&) = delete;
-        Hold& operator=(const Hold&) = delete;
-        [[nodiscard]] bool Held() const { return held; }
+    // The result of `operation` under the lock, or a zero value without it. Unchecked because the
+    // analysis does not connect this object's mutex with the one that `operation` requires.
+    template <typename Operation>
+    auto WithLock(Operation operation) VEXA_UNCHECKED->decltype(operation()) {
+        if (!Lock(kLockTimeoutMs)) return {};
+        const auto result = operation();
+        Unlock();
+        return result;
+    }
 
-      private:
-        MuxChildren& children;
-        bool held;
-    };
+    MuxChild* Locate(std::uint32_t id) VEXA_REQUIRES(mutex);
+    MuxChild* LocateController() VEXA_REQUIRES(mutex);
 
-    MuxChild* Locate(std::uint32_t id);        // under the lock
-    MuxChild* LocateController();              // under the lock
-    bool initialised = false;                  // written by the main thread before others start
-    pthread_mutex_t mutex{};                   // the controller mutex
-    MuxChildTable table;                       // guarded by mutex
+    ControllerMutex mutex;
+    MuxChildTable table VEXA_GUARDED_BY(mutex);
     std::atomic<std::uint8_t> lastLinkUp{0};   // the last link status seen
     std::atomic<std::uint32_t> generation{0};  // of the connection; steps with each change of it
     std::atomic<std::uint8_t> hostConnected{0};
 };
 
-// Initialises `children` and makes it the record that the library's read callbacks work on. False
-// when its mutex could not be made.
+// Initialises `children` and makes them the ones that the library's read callbacks work on. False
+// when the mutex could not be made. Main thread only.
 bool HostVEXMuxController_Init(MuxChildren& children);
 
-// The record in use, null before HostVEXMuxController_Init.
+// The children in use, null before HostVEXMuxController_Init. Any thread.
 MuxChildren* HostVEXMuxController_Children();
 
-// Reports that a client of a transport that knows its clients has come or gone: steps the
-// connection generation of the children in use if that is news. `generation` receives it, 0 when
-// the lock could not be taken; it may be null. Any thread.
-void SetHostConnected(bool connected, std::uint32_t* generation);
-
-// Takes it out of use and frees its mutex.
+// Ends their use and frees the mutex. Main thread only.
 void HostVEXMuxController_Destroy();
+
+// Reports that a client has connected or left, for a transport that knows its clients. A change
+// steps the connection generation. `generation` receives it, 0 when the lock could not be taken; it
+// may be null. Any thread.
+void SetHostConnected(bool connected, std::uint32_t* generation);
 
 }  // namespace vexa

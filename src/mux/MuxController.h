@@ -1,6 +1,6 @@
 // The control channel: the child named "Controller", which stands for the service itself and the
-// link to the DAQ. It takes one command at a time and advances it by one step a pass. Main thread
-// only.
+// link to the DAQ. It executes one command at a time, one step in each pass of the main loop. Main
+// thread only.
 #pragma once
 
 #include <array>
@@ -9,36 +9,29 @@
 #include "daq/DAQIO.h"
 #include "mux/MuxChildren.h"
 #include "mux/MuxReplies.h"
-#include "mux/Packet.h"
 #include "mux/TunneledDevices.h"
 #include "sessions/vexAppSession.h"
 
 namespace vexa {
 
-// The conversations with the three applications on the unit.
-struct AppSessions {
-    vexAppSession daq;
-    vexAppSession splash;
-    vexAppSession fgen;
-};
-
 class MuxController {
   public:
-    MuxController(MuxChildren& children, MuxReplies& replies, DAQIO& daqLink,
-                  AppSessions& sessions);
+    // `library` is the handle for opening devices; its value may be set later.
+    MuxController(const std::uint32_t& library, MuxChildren& children, MuxReplies& replies,
+                  DAQIO& daqLink, AppSessions& sessions);
 
-    // Idle, buffers cleared; `library` is the handle for opening devices.
-    void Init(std::uint32_t library);
+    // Idle, buffers cleared.
+    void Init();
 
     // Closes everything, makes the controller entry anew with the id that the tunnel packet
-    // `packet` brings, opens the DAQ link unless told not to, and replies.
-    void Reopen(const std::uint8_t* packet);
+    // `packet` gives, opens the DAQ link unless the packet says not to, and replies.
+    void Reopen(PacketBuffer packet);
 
-    // Takes a tunnel packet for the controller as its next command; while one is under way it
-    // prints a line and drops the packet.
-    void Take(const std::uint8_t* packet);
+    // Accepts a tunnel packet for the controller as its next command. While a command is executing
+    // it prints a line and drops the packet.
+    void Accept(PacketBuffer packet);
 
-    // Advances the command by one step.
+    // Executes one step of the command.
     void Step();
 
     // Closes the DAQ link and every child's stream, then empties the table.
@@ -46,36 +39,18 @@ class MuxController {
 
   private:
     enum class State : std::uint8_t { kIdle = 1, kNewCommand = 2, kExecuting = 3 };
-    // Places inside a command of several steps.
-    enum class StepAt : std::uint8_t {
-        kStart = 0,
-        kFreeDaqSession = 1,
-        kQueryDaq = 2,
-        kAwaitQuery = 3,
-        kDeactivateDaqOrReply = 10,
-        kAwaitDeactivation = 11,
-        kOpenDaqLink = 50,
-        kFreeSplashSession = 60,
-        kActivateSplash = 61,
-        kNotifyFgen = 62,
-    };
+    enum class StepAt : std::uint8_t;  // the place inside a command of several steps
+    struct Steps;                      // what each command does, a function each
 
-    void StepOpenChild();
-    void StepCloseChild();
-    void StepQueryDaqApplication();
-    void StepTakeDaqOver();
-    bool StepAskDaqApplication();
     void FreeSession(vexAppSession& session, StepAt next);
-    void HandHardwareBack();
 
-    // Each sends its reply to the command under way, which ends it.
-    void FinishWithAck(ControllerCommand command);
+    // Each sends its reply to the command that is executing, which ends it.
+    void FinishWithAck();
     void FinishWithError(std::uint8_t command, ReplyError code);
     void FinishWithResult(std::uint8_t value);
 
-    [[nodiscard]] const std::uint8_t* Command() const {
-        return commandBuffer.data() + kTunnelHeaderSize;
-    }
+    [[nodiscard]] InnerBuffer Command() const { return InnerPacket(commandBuffer); }
+    [[nodiscard]] std::uint8_t CommandNumber() const { return Command()[kCommandOffset]; }
 
     MuxChildren& children;
     MuxReplies& replies;
@@ -83,7 +58,7 @@ class MuxController {
     AppSessions& sessions;
     TunneledDevices devices;
     State state = State::kIdle;
-    StepAt step = StepAt::kStart;
+    StepAt step{};
     std::uint8_t queryResult = 0;
     std::array<std::uint8_t, kPacketBufferSize> commandBuffer{};  // the whole tunnel packet
 };

@@ -1,24 +1,12 @@
-// Builds the service's own replies and sends them to the host. Main thread only.
-//
-// Multiplexer-level reply, 7 bytes; the initial-sync reply has 26 and ends in the reply signature:
-//
-//   0        1    2              3          4         5                  6
-//  +--------+----+--------------+----------+---------+------------------+------------+
-//  | 0x9C   | 7  | reply counter| checksum | command | request sequence | error code |
-//  +--------+----+--------------+----------+---------+------------------+------------+
-//
-// Controller reply, 15 bytes: a tunnel packet of the controller entry with such a reply inside:
-//
-//   0      1    2   3          4 .. 7          8            9   10  11         12 .. 14
-//  +------+----+---+----------+---------------+------------+---+---+----------+-----------------
-//  | 0x60 | 15 | S | checksum | controller id | 0x98, 0x9C | 7 | S | checksum | command, request
-//  +------+----+---+----------+---------------+------------+---+---+----------+ sequence, code
+// Builds the service's own replies (protocol/Replies.h) and sends them to the host. Main thread
+// only.
 #pragma once
 
 #include <cstdint>
 
 #include "mux/MuxChildren.h"
-#include "mux/Packet.h"
+#include "protocol/Commands.h"
+#include "protocol/Replies.h"
 
 namespace vexa {
 
@@ -32,8 +20,8 @@ class MuxReplies {
     void SendInitialSyncReply(std::uint8_t requestSequence);
     void SendMultiplexerError(std::uint8_t command, std::uint8_t requestSequence, ReplyError code);
 
-    // Controller replies carry the id and the next sequence number of the controller entry, zeros
-    // when there is none left.
+    // Controller replies travel in a tunnel packet with the id and the next sequence number of the
+    // controller entry; both are 0 when there is no entry any more.
     void SendControllerAck(std::uint8_t command, std::uint8_t requestSequence);
     void SendControllerError(std::uint8_t command, std::uint8_t requestSequence, ReplyError code);
     void SendControllerResult(std::uint8_t command, std::uint8_t requestSequence,

@@ -1,8 +1,6 @@
 #include "mux/SyncSearch.h"
 
-#include <algorithm>
 #include <array>
-#include <iterator>
 
 namespace vexa {
 
@@ -10,8 +8,8 @@ namespace {
 
 constexpr std::size_t kSignatureSize = kInitialSyncSignature.size();
 
-// By value of a byte: the distance to the nearest place at or behind it where a signature that
-// takes in this byte, or begins behind it, can end.
+// For each value of a byte: how many bytes later a signature that contains this byte, or begins
+// after it, can end at the earliest.
 constexpr auto kDistanceToEnd = [] {
     std::array<std::uint8_t, 256> distance{};
     distance.fill(kSignatureSize);
@@ -22,29 +20,21 @@ constexpr auto kDistanceToEnd = [] {
     return distance;
 }();
 
-bool IsInitialSync(const std::uint8_t* packet) {
-    return std::equal(kInitialSyncSignature.rbegin(), kInitialSyncSignature.rend(),
-                      std::make_reverse_iterator(packet + kInitialSyncSize)) &&
-           TypeClass(packet[kTypeOffset]) == kClassCommand &&
-           packet[kLengthOffset] == kInitialSyncSize &&
-           packet[kCommandOffset] == kInitialSyncCommand &&
-           packet[kChecksumOffset] == PacketChecksum(packet);
-}
-
 }  // namespace
 
-std::size_t SyncSearch::Find(const std::uint8_t* bytes, std::size_t count) {
+std::size_t SyncSearch::Find(std::span<const std::uint8_t> window) {
+    const std::size_t count = window.size() - kHistory;
     std::size_t at = unseen;
     while (at < count) {
-        std::size_t distance = kDistanceToEnd[bytes[at]];
+        std::size_t distance = kDistanceToEnd[window[kHistory + at]];
         if (distance == 0) {
-            if (IsInitialSync(bytes + at - kHistory)) return at;
+            if (IsInitialSync(window.subspan(at, kInitialSyncSize))) return at + 1;
             distance = kSignatureSize;
         }
         at += distance;
     }
     unseen = at - count;
-    return count;
+    return 0;
 }
 
 }  // namespace vexa

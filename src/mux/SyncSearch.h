@@ -1,31 +1,32 @@
-// Looks for the initial-sync packet in the host's bytes. Part of the packet stream; main thread
+// Looks for the initial-sync packet in the host's bytes. Part of the packet stream. Main thread
 // only.
 #pragma once
 
 #include <cstddef>
-#include <cstdint>
+#include <span>
 
-#include "mux/Packet.h"
+#include "protocol/InitialSync.h"
 
 namespace vexa {
 
-// The signature's twenty bytes all differ, so a byte tells at once how far from it the signature
-// can end at the earliest: most data is searched by looking at every twentieth byte.
+// The signature's twenty bytes all differ, so each byte tells how far from it the signature can end
+// at the earliest: most data is searched by looking at every twentieth byte.
 class SyncSearch {
   public:
     // How many bytes before those given to Find it may look at.
     static constexpr std::size_t kHistory = kInitialSyncSize - 1;
 
-    // Starts anew: what came so far is no part of an initial sync to come.
+    // Starts anew: no earlier byte is part of the next initial sync.
     void Reset() { unseen = kHistory; }
 
-    // Searches the next `count` bytes of the stream, which in memory stand behind the kHistory
-    // bytes that came before them. Returns the index of the byte that completes an initial sync,
-    // `count` when none does. Where one does, Reset comes next.
-    std::size_t Find(const std::uint8_t* bytes, std::size_t count);
+    // Searches the stream's next bytes. `window` is the kHistory bytes that came before them and
+    // then the bytes themselves. Returns how many of the new bytes end with an initial sync, its
+    // last byte included; 0 when none ends here. After a sync was found, Reset must be called
+    // before the next Find.
+    std::size_t Find(std::span<const std::uint8_t> window);
 
   private:
-    std::size_t unseen = kHistory;  // bytes still to come of which none can complete a sync
+    std::size_t unseen = kHistory;  // so many of the bytes to come cannot complete a sync
 };
 
 }  // namespace vexa

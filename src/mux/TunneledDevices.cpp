@@ -7,6 +7,7 @@
 
 #include "VEXA.h"
 #include "devices/HostLink.h"
+#include "protocol/Commands.h"
 
 namespace vexa {
 
@@ -22,7 +23,7 @@ constexpr std::size_t kNameSize = 220;
 constexpr std::int32_t kSearchMode = 1;
 constexpr std::int32_t kStreamMode = 3;
 
-constexpr std::int32_t kTaken = 0;
+constexpr std::int32_t kAccepted = 0;
 constexpr std::int32_t kRefused = -1;
 
 constexpr std::int32_t kReportSize = 8;
@@ -45,34 +46,34 @@ std::int32_t WriteStream(const std::uint8_t* data, std::int32_t length, std::uin
     return VEXA_Device_Stream_Write(stream, data, length);
 }
 
-// Looks the child up and changes its entry; `child` receives the entry as it was. False when it is
-// gone.
+// Changes the child's entry; `child` receives the entry before the change. False when it is gone.
 template <typename Change>
 bool ChangeChild(void* context, MuxChild& child, Change change) {
     MuxChildren* children = HostVEXMuxController_Children();
     return children != nullptr && children->FindAndChange(IdOf(context), child, change);
 }
 
-void SendToHost(const MuxChild& child, const std::uint8_t* data, std::size_t count) {
-    std::array<std::uint8_t, kPacketBufferSize> packet;  // filled as far as it is sent
-    BuildTunnelHeader(packet.data(), child.id, child.seq, count);
-    std::copy_n(data, count, packet.begin() + kTunnelHeaderSize);
-    SealPacket(packet.data());
-    HostLink_Write(packet.data(), static_cast<int>(kTunnelHeaderSize + count));
+void SendToHost(const MuxChild& child, std::span<const std::uint8_t> data) {
+    std::array<std::uint8_t, kPacketBufferSize> buffer;  // only the packet's bytes are ever set
+    const auto packet = std::span(buffer).first(kTunnelHeaderSize + data.size());
+    BuildTunnelHeader(packet, child.id, child.seq, data.size());
+    std::ranges::copy(data, packet.begin() + kTunnelHeaderSize);
+    SealPacket(packet);
+    HostLink_Write(packet.data(), static_cast<int>(packet.size()));
 }
 
 }  // namespace
 
-std::optional<ReplyError> TunneledDevices::Open(const std::uint8_t* command) {
-    const std::uint32_t id = LoadLe32(command + kCommandChildIdOffset);
+std::optional<ReplyError> TunneledDevices::Open(InnerBuffer command) {
+    const std::uint32_t id = LoadLe32(command, kCommandChildIdOffset);
     const std::size_t nameLength = command[kCommandNameLengthOffset];
     MuxChild existing;
     if (children.Find(id, existing)) return ReplyError::kChildFailed;
-    if (children.Count() >= kMaxChildren) return ReplyError::kTooManyOrSession;
+    if (children.Count() >= kMaxChildren) return ReplyError::kRefused;
     if (nameLength > kNameSize) return ReplyError::kChildFailed;
 
     std::array<char, kNameSize> name{};
-    std::strncpy(name.data(), reinterpret_cast<const char*>(command + kCommandNameOffset),
+    std::strncpy(name.data(), reinterpret_cast<const char*>(&command[kCommandNameOffset]),
                  nameLength);
     name.back() = '\0';
 
@@ -80,7 +81,7 @@ std::optional<ReplyError> TunneledDevices::Open(const std::uint8_t* command) {
     VEXA_GetDeviceTypeFromDeviceName(name.data(), &type);
     const bool isHID = IsIn(kHIDTypes, type);
     if (!isHID && !IsIn(kStreamTypes, type)) return ReplyError::kChildFailed;
-    if (!FindDevice(type, name.data())) return ReplyError::kChildFailed;
+    if (!FindDevice(type, name)) return ReplyError::kChildFailed;
 
     MuxChild child;
     child.id = id;
@@ -89,19 +90,22 @@ std::optional<ReplyError> TunneledDevices::Open(const std::uint8_t* command) {
     child.stream = VEXA_Device_Stream_Open(
         library, name.data(), isHID ? TunneledHIDDeviceReadCallback : TunneledDeviceReadCallback,
         kStreamMode, ContextOf(id));
+    // A stream whose entry cannot be added stays open: the library was asked for it and gave it,
+    // and hosts count on nothing being closed that they did not close.
     if (child.stream == 0 || !children.Add(child)) return ReplyError::kChildFailed;
     return std::nullopt;
 }
 
-bool TunneledDevices::FindDevice(std::uint32_t type, char* name) const {
+bool TunneledDevices::FindDevice(std::uint32_t type, std::span<char> name) const {
     std::uint32_t word = 0;
     std::uint32_t count = 0;
     std::uint32_t signature = 0;
     VEXA_SearchForDevices(library, type, kSearchMode, 0, &word);
     const std::uint32_t snapshot = VEXA_OpenDeviceListSnapshot(library, type, &count, &signature);
     if (snapshot == 0) return false;
-    const bool found =
-        count > 0 && VEXA_DeviceListSnapshot_GetNthEntry(snapshot, 0, name, kNameSize, &word) == 0;
+    const bool found = count > 0 && VEXA_DeviceListSnapshot_GetNthEntry(
+                                        snapshot, 0, name.data(),
+                                        static_cast<std::uint32_t>(name.size()), &word) == 0;
     VEXA_CloseDeviceListSnapshot(snapshot);
     return found;
 }
@@ -111,7 +115,7 @@ void TunneledDevices::Close(const MuxChild& child) {
 }
 
 std::int32_t TunneledDeviceReadCallback(const std::uint8_t* data, std::int32_t count,
-                                        void* context) {
+                                        void* context) noexcept {
     if (count < 0) return kRefused;
     const auto size = static_cast<std::size_t>(count);
     const bool fits = size <= kMaxTunnelPayload;
@@ -125,8 +129,8 @@ std::int32_t TunneledDeviceReadCallback(const std::uint8_t* data, std::int32_t c
     });
     if (!found) return kRefused;
     if (fits) {
-        SendToHost(child, data, size);
-        return kTaken;
+        SendToHost(child, {data, size});
+        return kAccepted;
     }
     if (child.warned == 0) {
         std::printf("VEXADevMgr TunneledDeviceReadCallback numBytes = %d \n", count);
@@ -135,7 +139,7 @@ std::int32_t TunneledDeviceReadCallback(const std::uint8_t* data, std::int32_t c
 }
 
 std::int32_t TunneledHIDDeviceReadCallback(const std::uint8_t* data, std::int32_t count,
-                                           void* context) {
+                                           void* context) noexcept {
     const bool isReport = count == kReportSize;
     const bool arms = count > 0 && (data[0] & kReportKindMask) != 0;
     MuxChild child;
@@ -154,10 +158,10 @@ std::int32_t TunneledHIDDeviceReadCallback(const std::uint8_t* data, std::int32_
         }
         return kRefused;
     }
-    if (!passes) return kTaken;
+    if (!passes) return kAccepted;
     if ((data[0] & kReportKindMask) == kInitResponse) std::puts("Tarn Init Response ");
-    SendToHost(child, data, kReportSize);
-    return kTaken;
+    SendToHost(child, {data, kReportSize});
+    return kAccepted;
 }
 
 }  // namespace vexa

@@ -114,11 +114,11 @@ void vexAppSession::Send() {
     }
 }
 
-void vexAppSession::Callback(void* session, std::uint32_t command, std::int32_t response) {
-    if (session != nullptr) static_cast<vexAppSession*>(session)->TakeAnswer(command, response);
+void vexAppSession::Callback(void* session, std::uint32_t command, std::int32_t response) noexcept {
+    if (session != nullptr) static_cast<vexAppSession*>(session)->ReceiveAnswer(command, response);
 }
 
-void vexAppSession::TakeAnswer(std::uint32_t answeredCommand, std::int32_t answer) {
+void vexAppSession::ReceiveAnswer(std::uint32_t answeredCommand, std::int32_t answer) {
     if (answered || !inFlight) {
         if (!WarnOnce(Warning::kUnexpected)) return;
         Trace(kTraceLevel,
@@ -130,7 +130,7 @@ void vexAppSession::TakeAnswer(std::uint32_t answeredCommand, std::int32_t answe
     const std::uint32_t expected = command;
     if (answeredCommand == expected) {
         response = answer;
-        answered = true;  // last: it hands the response over to Poll
+        answered = true;  // last: from here on Poll may read the response
         return;
     }
     if (!WarnOnce(Warning::kMismatch)) return;
@@ -143,6 +143,24 @@ void vexAppSession::TakeAnswer(std::uint32_t answeredCommand, std::int32_t answe
 bool vexAppSession::WarnOnce(Warning warning) {
     Warning none = Warning::kNone;
     return warned.compare_exchange_strong(none, warning);
+}
+
+void AppSessions::Init() {
+    daq.Init("DAQ");
+    splash.Init("SPLASH");
+    fgen.Init("FGEN");
+}
+
+void AppSessions::Poll() {
+    daq.Poll();
+    splash.Poll();
+    fgen.Poll();
+}
+
+void AppSessions::Terminate() {
+    daq.Terminate();
+    splash.Terminate();
+    fgen.Terminate();
 }
 
 }  // namespace vexa

@@ -1,13 +1,11 @@
 // One conversation with one application on the unit ("DAQ", "SPLASH" or "FGEN"): numbered commands,
-// one answer each. A request is never waited for; the main loop polls it along:
+// one answer each. Nothing here waits for an answer; the main loop polls each request:
 //
-//   idle -> waiting -> sent -> done -> idle
-//        Request    Poll    Poll, once   Consume, or Poll after Release
-//                           answered
+//   idle --Request--> waiting --Poll--> sent --Poll, once answered--> done
+//   done --Consume, or Poll after Release--> idle
 //
-// Threads: everything belongs to the main thread but Callback, which the session library calls on a
-// thread of its own. A session must stay where it is from Init to Terminate: the library knows its
-// address.
+// Main thread only, except Callback, which runs on the session library's thread. A session must not
+// move between Init and Terminate: the library knows its address.
 #pragma once
 
 #include <array>
@@ -16,7 +14,7 @@
 
 namespace vexa {
 
-// Commands, to which the applications give the meaning.
+// The applications define what each command does.
 enum class SessionCommand : std::uint32_t {
     kActivate = 1,
     kDeactivate = 2,
@@ -24,7 +22,7 @@ enum class SessionCommand : std::uint32_t {
     kNotify = 4,  // tells "FGEN" that the host has taken the DAQ over
 };
 
-// Who drives the hardware, as the last kActivate or kDeactivate that was requested says.
+// The last of kActivate and kDeactivate that was requested.
 enum class SessionHolder : std::uint32_t { kNobody = 0, kActivated = 1, kDeactivated = 2 };
 
 enum class SessionError : std::uint32_t { kNone = 0, kInitFailed = 1, kCommandFailed = 2 };
@@ -44,9 +42,9 @@ class vexAppSession {
     // Ends the conversation, if there is one.
     void Terminate();
 
-    // Asks for `command` to be sent at the next Poll; `argument` goes to the library as it is (the
-    // callers give a time in milliseconds). False, and nothing changes, unless the session is idle
-    // and was initialised.
+    // Has `command` sent at the next Poll; `argument` goes to the library unchanged (the callers
+    // give a time in milliseconds). False, and nothing changes, unless the session is idle and was
+    // initialised.
     bool Request(SessionCommand command, std::uint32_t argument);
 
     // Advances the request by one state.
@@ -62,7 +60,7 @@ class vexAppSession {
     // Ends a request that is done.
     void Consume();
 
-    // Nobody wants the current result: Poll consumes it when it has come.
+    // The caller no longer needs the current result: Poll consumes it once it is there.
     void Release() { released = true; }
 
     [[nodiscard]] SessionHolder Holder() const { return holder; }
@@ -74,12 +72,12 @@ class vexAppSession {
     // The one warning that a session ever prints.
     enum class Warning : std::uint32_t { kNone = 0, kUnexpected = 10, kMismatch = 20 };
 
-    static void Callback(void* session, std::uint32_t command, std::int32_t response);
-    void TakeAnswer(std::uint32_t answeredCommand, std::int32_t answer);
+    static void Callback(void* session, std::uint32_t command, std::int32_t response) noexcept;
+    void ReceiveAnswer(std::uint32_t answeredCommand, std::int32_t answer);
     bool WarnOnce(Warning warning);
     void Send();
 
-    // Atomic: also touched by the library's thread.
+    // The atomic fields are shared with the library's thread.
     RequestState requestState = RequestState::kIdle;
     std::atomic<std::uint32_t> command{0};
     std::uint32_t argument = 0;
@@ -92,6 +90,17 @@ class vexAppSession {
     std::atomic<bool> answered{false};
     bool released = false;
     std::array<char, 30> name{};
+};
+
+// The three conversations, always driven in this order. Main thread only.
+struct AppSessions {
+    vexAppSession daq;
+    vexAppSession splash;
+    vexAppSession fgen;
+
+    void Init();
+    void Poll();
+    void Terminate();
 };
 
 }  // namespace vexa

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "e2e/RunningUnit.h"
+#include "protocol/Replies.h"
 #include "support/Loopback.h"
 
 extern char** environ;  // NOLINT

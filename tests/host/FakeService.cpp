@@ -7,7 +7,8 @@
 #include <algorithm>
 #include <array>
 
-#include "mux/Packet.h"
+#include "protocol/InitialSync.h"
+#include "protocol/Packet.h"
 #include "vexahost/PacketReader.h"
 #include "vexahost/SocketTransport.h"
 
@@ -20,13 +21,13 @@ Bytes Part(const Bytes& bytes, std::size_t from, std::size_t to) {
 
 Bytes Frame(const Bytes& payload) {
     Bytes header = {0, 0, 0, 0, 'U', '0', '1', '2'};
-    vexa::StoreLe32(header.data(), static_cast<std::uint32_t>(payload.size()));
+    vexa::StoreLe32(header, 0, static_cast<std::uint32_t>(payload.size()));
     return header + payload;
 }
 
 Bytes ChildBlock(std::uint32_t child, std::uint8_t sequence, const Bytes& data) {
     Bytes packet = {0x60, static_cast<std::uint8_t>(data.size() + 8), sequence, 0, 0, 0, 0, 0};
-    vexa::StoreLe32(packet.data() + 4, child);
+    vexa::StoreLe32(packet, 4, child);
     return Sealed(packet + data);
 }
 

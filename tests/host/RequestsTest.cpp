@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include "FakeService.h"
+#include "protocol/InitialSync.h"
+#include "protocol/Packet.h"
 #include "vexahost/Describe.h"
 #include "vexahost/Requests.h"
 

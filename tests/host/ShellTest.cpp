@@ -7,7 +7,7 @@
 
 #include "FakeService.h"
 #include "ToolFixture.h"
-#include "mux/Packet.h"
+#include "protocol/Packet.h"
 #include "shell/Outcome.h"
 
 namespace vexahost {

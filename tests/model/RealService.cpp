@@ -4,7 +4,6 @@
 #include <iterator>
 #include <utility>
 
-#include "foundation/GUtils.h"
 
 namespace vexa::test {
 
@@ -17,9 +16,17 @@ RealService::RealService() : console(stdout), script(ScriptedLibraries::Get()) {
     }
     script.daqAnswer = DaqSyncAnswer();
     stdout = ::open_memstream(&printed, &printedSize);
-    SetTraceThreshold(1);
-    loop.Init(9);
+    // The queued link takes the place of the gadget's, as soon as the service has none yet.
+    static QueuedHostLink* queued;
+    queued = &link;
+    service.StartUp([] {
+        HostLink_Use(&queued->state);
+        return 1;
+    });
     script.TakeCalls();
+    script.writes.clear();
+    std::fflush(stdout);
+    printedSeen = printedSize;
 }
 
 RealService::~RealService() {
@@ -51,7 +58,7 @@ std::int32_t RealService::Apply(const Event& event) {
             link.HostSends(event.bytes);
             break;
         case EventKind::kPasses:
-            for (std::uint32_t pass = 0; pass < event.number; ++pass) loop.Pass();
+            for (std::uint32_t pass = 0; pass < event.number; ++pass) service.Pass();
             break;
         case EventKind::kStreamSends:
             if (script.streams.empty()) break;

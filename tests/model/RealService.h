@@ -1,10 +1,10 @@
-// The service's main loop over scripted libraries and a queued link, as the model test drives it.
+// The service over scripted libraries and a queued link, as the model test drives it.
 #pragma once
 
 #include <cstdio>
 #include <string>
 
-#include "core/ServiceLoop.h"
+#include "core/Service.h"
 #include "model/Event.h"
 #include "model/Outcome.h"
 #include "support/QueuedHostLink.h"
@@ -30,7 +30,7 @@ class RealService {
     std::size_t printedSeen = 0;
     ScriptedLibraries& script;
     QueuedHostLink link;
-    ServiceLoop loop;
+    Service service;
 };
 
 }  // namespace vexa::test

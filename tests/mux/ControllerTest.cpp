@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "mux/MuxTest.h"
+#include "protocol/Packet.h"
 
 namespace vexa {
 namespace {

@@ -7,7 +7,8 @@
 #include <random>
 
 #include "mux/MuxRing.h"
-#include "mux/Packet.h"
+#include "protocol/InitialSync.h"
+#include "protocol/Packet.h"
 #include "support/Bytes.h"
 
 namespace vexa {
@@ -18,7 +19,7 @@ TEST(PacketChecksum, SumsThePayloadForLengths5To253Only) {
     for (int length = 0; length <= 255; ++length) {
         packet[kLengthOffset] = static_cast<std::uint8_t>(length);
         const int payload = length >= 5 && length <= 253 ? length - 4 : 0;
-        EXPECT_EQ(PacketChecksum(packet.data()), static_cast<std::uint8_t>(2 + length + payload))
+        EXPECT_EQ(PacketChecksum(packet), static_cast<std::uint8_t>(2 + length + payload))
             << length;
     }
 }

@@ -20,6 +20,7 @@ inline const char kSync[] =
 class MuxTest : public testing::Test {
   protected:
     static constexpr std::uint32_t kLibrary = 9;
+    const std::uint32_t library = kLibrary;
 
     MuxTest() {
         ScriptedLibraries::Reset();
@@ -28,12 +29,8 @@ class MuxTest : public testing::Test {
         script.attached = {{8, "first of 8"}, {9, "nine"},  {11, "eleven"}, {2, "two"},
                            {3, "three"},      {5, "board"}, {7, "seven"}};
         script.daqAnswer = DaqSyncAnswer();
-        sessions.daq.Init("DAQ");
-        sessions.splash.Init("SPLASH");
-        sessions.fgen.Init("FGEN");
-        daq.UseLibrary(kLibrary);
-        mux.Init(kLibrary);
-        EXPECT_TRUE(HostVEXMuxController_Init(mux.Children()));
+        sessions.Init();
+        EXPECT_TRUE(mux.Init());
         mux.MarkConnected();
         script.TakeCalls();
     }
@@ -42,9 +39,7 @@ class MuxTest : public testing::Test {
     void Pass(const Bytes& bytes = {}) {
         link.HostSends(bytes);
         mux.Pass();
-        sessions.daq.Poll();
-        sessions.splash.Poll();
-        sessions.fgen.Poll();
+        sessions.Poll();
     }
     // Passes until the host has got something.
     std::string Reply(const Bytes& bytes) {
@@ -71,9 +66,9 @@ class MuxTest : public testing::Test {
 
     ScriptedLibraries& script = ScriptedLibraries::Get();
     QueuedHostLink link;
-    DAQIO daq;
+    DAQIO daq{library};
     AppSessions sessions;
-    HostMux mux{daq, sessions};
+    HostMux mux{library, daq, sessions};
 };
 
 }  // namespace vexa::test

@@ -85,7 +85,7 @@ TEST_F(PacketStream, DropsWhatComesBehindAWaitingPacketButASync) {
     }
     EXPECT_EQ(Printed([&] { EXPECT_TRUE(stream.ParsePass()); }),
               expected + "Input from Host - INIT: " + kSync + "\n");
-    EXPECT_EQ(ToHex({stream.Packet(), 25}), kSync);
+    EXPECT_EQ(ToHex(stream.Packet().first<25>()), kSync);
     EXPECT_EQ(HostLink_BytesAvailable(), packet.size()) << "a sync ends the pass";
 }
 

@@ -4,7 +4,8 @@
 
 #include <string>
 
-#include "mux/Packet.h"
+#include "protocol/InitialSync.h"
+#include "protocol/Packet.h"
 #include "support/Bytes.h"
 
 namespace vexa::test {
@@ -13,7 +14,7 @@ inline constexpr std::uint32_t kControllerId = 0x11223344;
 
 inline Bytes Le32(std::uint32_t value) {
     Bytes bytes(4);
-    StoreLe32(bytes.data(), value);
+    StoreLe32(bytes, 0, value);
     return bytes;
 }
 

@@ -65,7 +65,7 @@ extern "C" {
 
 uint32_t VEXA_Init() {
     Note("VEXA_Init()");
-    return ++Script().lastHandle;
+    return 9;
 }
 
 int32_t VEXA_Uninit(uint32_t library) {

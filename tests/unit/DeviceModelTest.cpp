@@ -8,7 +8,8 @@
 #include "model/DaqBoard.h"
 #include "model/HidSensor.h"
 #include "model/StreamSensor.h"
-#include "mux/Packet.h"
+#include "protocol/InitialSync.h"
+#include "protocol/Packet.h"
 
 namespace vexa::unit {
 namespace {

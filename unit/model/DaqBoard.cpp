@@ -2,19 +2,11 @@
 
 #include <algorithm>
 
-#include "mux/Packet.h"
+#include "protocol/InitialSync.h"
+#include "protocol/Packet.h"
+#include "protocol/Replies.h"
 
 namespace vexa::unit {
-
-namespace {
-
-bool IsInitialSync(std::span<const std::uint8_t> packet) {
-    return packet.size() == kInitialSyncSize && packet[kLengthOffset] == kInitialSyncSize &&
-           packet[kCommandOffset] == kInitialSyncCommand &&
-           std::ranges::equal(packet.subspan(kInitialSyncSignatureOffset), kInitialSyncSignature);
-}
-
-}  // namespace
 
 DaqBoard::DaqBoard(const DaqSettings& settings_, TimePoint opened)
     : PacedDevice(opened, settings_.measurementSize, settings_.measurementRate, Waveform::kSine),
@@ -38,28 +30,21 @@ void DaqBoard::Change(const DaqSettings& changed, TimePoint now) {
 
 void DaqBoard::AnswerSync(std::uint8_t requestSequence, TimePoint now) {
     std::vector<std::uint8_t> reply(kInitialSyncReplySize);
-    reply[kTypeOffset] = kTypeInitialSyncReply;
-    reply[kLengthOffset] = kInitialSyncReplySize;
-    reply[kCommandOffset] = kInitialSyncCommand;
-    reply[kInitialSyncReplySequenceOffset] = requestSequence;
-    std::ranges::copy(kInitialSyncReplySignature, reply.begin() + kInitialSyncReplySignatureOffset);
+    BuildInitialSyncReply(std::span(reply).first<kInitialSyncReplySize>(), 0, requestSequence);
     Answer(std::move(reply), now + std::chrono::milliseconds(settings.syncDelayMs));
 }
 
 void DaqBoard::Acknowledge(std::span<const std::uint8_t> request, TimePoint now) {
     std::vector<std::uint8_t> reply(kReplySize);
-    reply[kTypeOffset] = kTypeInitialSyncReply;
-    reply[kLengthOffset] = kReplySize;
-    reply[kCommandOffset] = request[kCommandOffset];
-    reply[kReplyRequestSequenceOffset] = request[kSequenceOffset];
-    reply[kReplyCodeOffset] = 0;
+    BuildReply(std::span(reply).first<kReplySize>(), kTypeDaqAcknowledge, 0,
+               request[kCommandOffset], request[kSequenceOffset], 0);
     Answer(std::move(reply), now);
 }
 
 void DaqBoard::FinishAnswer(std::span<std::uint8_t> answer, TimePoint now) {
     // Numbered as it leaves, not when it was asked for: measurements may leave in between.
     answer[kSequenceOffset] = sequence++;
-    SealPacket(answer.data());
+    SealPacket(answer);
     if (answer.size() == kInitialSyncReplySize && !synced) {
         synced = true;
         StartBlocks(now);
@@ -68,7 +53,7 @@ void DaqBoard::FinishAnswer(std::span<std::uint8_t> answer, TimePoint now) {
 
 void DaqBoard::MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseconds) {
     FillSamplePacket(block, sequence++, milliseconds, Wave());
-    SealPacket(block.data());
+    SealPacket(block);
     ++measurements;
     if (settings.checksumErrorEvery != 0 && measurements % settings.checksumErrorEvery == 0) {
         ++block[kChecksumOffset];

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "mux/Packet.h"
+#include "protocol/Packet.h"
 
 namespace vexa::unit {
 
@@ -40,7 +40,7 @@ void HidSensor::MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseco
     block[0] = static_cast<std::uint8_t>(counter++ & ~kReportKindMask);
     block[kReportTypeOffset] = type;
     Wave().Fill(block.subspan(kReportSampleOffset, kReportTimeOffset - kReportSampleOffset));
-    StoreLe32(&block[kReportTimeOffset], milliseconds);
+    StoreLe32(block, kReportTimeOffset, milliseconds);
 }
 
 }  // namespace vexa::unit

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "mux/Packet.h"
+#include "protocol/Packet.h"
 
 namespace vexa::unit {
 
@@ -43,10 +43,10 @@ void PacedDevice::FinishAnswer(std::span<std::uint8_t> /*answer*/, TimePoint /*n
 
 void FillSamplePacket(std::span<std::uint8_t> block, std::uint8_t counter,
                       std::uint32_t milliseconds, WaveSource& wave) {
-    block[kTypeOffset] = kClassDaqReply;
+    block[kTypeOffset] = kClassDaq;
     block[kLengthOffset] = static_cast<std::uint8_t>(std::min(block.size(), kMaxPacketSize));
     block[kSequenceOffset] = counter;
-    StoreLe32(&block[kPayloadOffset], milliseconds);
+    StoreLe32(block, kPayloadOffset, milliseconds);
     wave.Fill(block.subspan(kSamplesOffset));
 }
 

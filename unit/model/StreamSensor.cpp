@@ -1,6 +1,6 @@
 #include "model/StreamSensor.h"
 
-#include "mux/Packet.h"
+#include "protocol/Packet.h"
 
 namespace vexa::unit {
 
@@ -16,7 +16,7 @@ void StreamSensor::Take(std::span<const std::uint8_t> written, TimePoint now) {
 
 void StreamSensor::MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseconds) {
     FillSamplePacket(block, counter++, milliseconds, Wave());
-    SealPacket(block.data());
+    SealPacket(block);
 }
 
 }  // namespace vexa::unit

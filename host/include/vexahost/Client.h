@@ -19,6 +19,7 @@
 #include "vexahost/Expected.h"
 #include "vexahost/Packet.h"
 #include "vexahost/Transport.h"
+#include "vexahost/protocol/Commands.h"
 
 namespace vexahost {
 

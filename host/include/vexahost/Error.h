@@ -22,10 +22,6 @@ struct Error {
     std::uint8_t code = 0;     // kRefused: the error code
 };
 
-/// The meaning of an error code in the unit's reply to `command`; "unknown error" for a code that
-/// no unit sends.
-[[nodiscard]] const char* ErrorCodeMeaning(std::uint8_t command, std::uint8_t code);
-
 /// The error for a refused command: "<what> was refused: error <code>, <meaning>".
 [[nodiscard]] Error RefusedError(const std::string& what, std::uint8_t command, std::uint8_t code);
 

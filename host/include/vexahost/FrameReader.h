@@ -1,10 +1,4 @@
-// The unit's frames: every chunk that a unit sends over its bulk link has a header of 8 bytes.
-//
-//   0 .. 3                          4 .. 7             8 .. 8 + length - 1
-//  +-------------------------------+------------------+--------------------+
-//  | payload length, little-endian | 'U' '0' '1' '2'  | payload            |
-//  +-------------------------------+------------------+--------------------+
-//
+// Takes the frame headers (protocol/FrameHeader.h) out of what a unit sends over its USB link.
 // The payloads, joined, are the packet stream; a frame may begin and end anywhere in a packet.
 #pragma once
 
@@ -15,12 +9,9 @@
 #include <span>
 #include <string>
 
-namespace vexahost {
+#include "vexahost/protocol/FrameHeader.h"
 
-inline constexpr std::size_t kFrameHeaderSize = 8;
-inline constexpr std::size_t kFrameMagicOffset = 4;
-inline constexpr std::array<std::uint8_t, 4> kFrameMagic = {'U', '0', '1', '2'};
-inline constexpr std::uint32_t kMaxFramePayload = 30000;
+namespace vexahost {
 
 /// Takes the frame headers out of the byte stream. Allocates nothing; used by one thread.
 class FrameReader {
@@ -41,7 +32,7 @@ class FrameReader {
   private:
     void TakeHeaderByte(std::uint8_t byte);
 
-    std::array<std::uint8_t, kFrameHeaderSize> header{};
+    std::array<std::uint8_t, vexa::kFrameHeaderSize> header{};
     std::size_t headerCount = 0;    // bytes of the next header that have come
     std::uint32_t payloadLeft = 0;  // bytes of the current frame still to come
     std::uint64_t frameCount = 0;

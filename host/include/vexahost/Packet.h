@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <span>
 
-#include "mux/Packet.h"
+#include "vexahost/protocol/Packet.h"
 
 namespace vexahost {
 
@@ -29,7 +29,7 @@ class Packet {
     [[nodiscard]] std::span<std::uint8_t> Bytes() { return std::span(bytes).first(count); }
 
     /// Writes the checksum. Packets of the builders have theirs.
-    void Seal() { vexa::SealPacket(bytes.data()); }
+    void Seal() { vexa::SealPacket(bytes); }
 
   private:
     std::array<std::uint8_t, vexa::kPacketBufferSize> bytes{};

@@ -8,7 +8,8 @@
 #include <span>
 #include <string>
 
-#include "mux/Packet.h"
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
 
 namespace vexahost {
 
@@ -49,8 +50,5 @@ class PacketReader {
     bool awaitingSyncReply = false;
     bool violated = false;
 };
-
-/// True for a complete initial-sync reply with the right checksum, whoever sent it.
-[[nodiscard]] bool IsInitialSyncReply(std::span<const std::uint8_t> packet);
 
 }  // namespace vexahost

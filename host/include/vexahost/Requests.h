@@ -8,6 +8,8 @@
 #include <string_view>
 
 #include "vexahost/Packet.h"
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
 
 namespace vexahost {
 
@@ -55,9 +57,5 @@ inline constexpr std::size_t kMaxDeviceName = 219;
 
 /// Takes the acquisition hardware from the unit's applications and brings the DAQ link up.
 [[nodiscard]] Packet BuildTakeDaqOver(ChildId controller, std::uint8_t sequence);
-
-/// True when the service would take a tunnel packet with this content, to whatever child, as the
-/// command to reopen the controller: it looks at the content before it looks at the address.
-[[nodiscard]] bool ReopensController(std::span<const std::uint8_t> inner);
 
 }  // namespace vexahost

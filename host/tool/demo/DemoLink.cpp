@@ -6,6 +6,7 @@
 #include "../Interrupt.h"
 #include "Demo.h"
 #include "vexahost/SocketTransport.h"
+#include "vexahost/protocol/InitialSync.h"
 
 using vexahost::Client;
 using vexahost::ClientOptions;

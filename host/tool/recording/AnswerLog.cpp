@@ -1,6 +1,7 @@
 #include "AnswerLog.h"
 
-#include "mux/Packet.h"
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
 
 namespace {
 
@@ -18,7 +19,7 @@ std::string OriginOf(const DecodedPacket& packet, bool withData) {
             return "unit";
         case PacketKind::kMultiplexerReply: {
             const auto type = packet.bytes[vexa::kTypeOffset];
-            return vexa::TypeClass(type) == vexa::kClassDaqReply ? "DAQ" : "unit";
+            return vexa::TypeClass(type) == vexa::kClassDaq ? "DAQ" : "unit";
         }
         case PacketKind::kChildData:
             return withData ? "child " + std::to_string(*packet.child) : "";
@@ -33,7 +34,7 @@ void AnswerLog::Take(const DecodedPacket& packet) {
     const std::string origin = OriginOf(packet, withData);
     if (origin.empty()) return;
     Answer answer{packet.time, {packet.bytes.begin(), packet.bytes.end()}, packet.text};
-    if (vexa::TypeClass(answer.bytes[vexa::kTypeOffset]) == vexa::kClassDaqReply) {
+    if (vexa::TypeClass(answer.bytes[vexa::kTypeOffset]) == vexa::kClassDaq) {
         // The DAQ numbers its answers together with its measurements.
         answer.bytes[vexa::kSequenceOffset] = 0;
         answer.bytes[vexa::kChecksumOffset] = packet.checksumRight ? 0 : 1;

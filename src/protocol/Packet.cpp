@@ -1,0 +1,39 @@
+#include "protocol/Packet.h"
+
+#include <numeric>
+
+namespace vexa {
+
+namespace {
+// Payload sizes (length - 4) whose bytes are summed are those from 1 to 249. The comparison is made
+// on an unsigned 16-bit value, so lengths below 4 wrap to large sizes and fall out as well.
+constexpr std::uint16_t kMaxSummedPayload = 249;
+}  // namespace
+
+std::uint8_t PacketChecksum(std::span<const std::uint8_t> packet) {
+    unsigned sum = packet[kTypeOffset] + packet[kLengthOffset] + packet[kSequenceOffset];
+    const auto size = static_cast<std::uint16_t>(packet[kLengthOffset] - kPacketHeaderSize);
+    if (size <= kMaxSummedPayload) {
+        const auto payload = packet.subspan(kPayloadOffset, size);
+        sum = std::accumulate(payload.begin(), payload.end(), sum);
+    }
+    return static_cast<std::uint8_t>(sum);
+}
+
+bool HasRightChecksum(std::span<const std::uint8_t> packet) {
+    return packet[kChecksumOffset] == PacketChecksum(packet);
+}
+
+void SealPacket(std::span<std::uint8_t> packet) {
+    packet[kChecksumOffset] = PacketChecksum(packet);
+}
+
+void BuildTunnelHeader(std::span<std::uint8_t> packet, std::uint32_t id, std::uint8_t sequence,
+                       std::size_t payloadSize) {
+    packet[kTypeOffset] = kTypeTunnel;
+    packet[kLengthOffset] = static_cast<std::uint8_t>(kTunnelHeaderSize + payloadSize);
+    packet[kSequenceOffset] = sequence;
+    StoreLe32(packet, kTunnelIdOffset, id);
+}
+
+}  // namespace vexa

@@ -1,0 +1,148 @@
+#include "testkit/ChildProcess.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <system_error>
+
+namespace vexa::testkit {
+
+namespace {
+
+constexpr int kSignalExitBase = 128;
+constexpr Milliseconds kForEver = std::chrono::hours(24);
+
+[[noreturn]] void Fail(const ProcessCall& call, int error) {
+    throw std::system_error(error, std::generic_category(), "cannot start " + call.command.at(0));
+}
+
+std::pair<Descriptor, Descriptor> MakePipe(const ProcessCall& call) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) Fail(call, errno);
+    return {Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+// In the new process: becomes the program, or reports the error number through `report`.
+[[noreturn]] void BecomeProgram(const ProcessCall& call, char* const* arguments, pid_t parent,
+                                int output, int report) {
+    if (call.ownGroup) ::setpgid(0, 0);
+    if (call.deathSignal != 0) ::prctl(PR_SET_PDEATHSIG, call.deathSignal);
+    if (::getppid() != parent) ::_exit(EXIT_FAILURE);  // the parent ended before the line above
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) ::signal(number, SIG_DFL);
+    for (const int descriptor : call.inherited) ::fcntl(descriptor, F_SETFD, 0);
+    if (call.withoutInput) {
+        const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+        if (nothing >= 0) ::dup2(nothing, STDIN_FILENO);
+    }
+    if (call.output == ProcessCall::Output::kDiscarded) output = ::open("/dev/null", O_WRONLY);
+    if (output >= 0) {
+        ::dup2(output, STDOUT_FILENO);
+        ::dup2(output, STDERR_FILENO);
+    }
+    for (const auto& [name, value] : call.environment) {
+        if (value.empty()) {
+            ::unsetenv(name.c_str());
+        } else {
+            ::setenv(name.c_str(), value.c_str(), 1);
+        }
+    }
+    if (call.mask != nullptr) ::sigprocmask(SIG_SETMASK, call.mask, nullptr);
+    ::execvp(arguments[0], arguments);
+    const int error = errno;
+    [[maybe_unused]] const ssize_t written = ::write(report, &error, sizeof error);
+    ::_exit(EXIT_FAILURE);
+}
+
+}  // namespace
+
+ChildProcess::ChildProcess(const ProcessCall& call) : ownGroup(call.ownGroup) {
+    std::vector<char*> arguments;
+    arguments.reserve(call.command.size() + 1);
+    for (const auto& word : call.command) {
+        arguments.push_back(const_cast<char*>(word.c_str()));  // execvp leaves it alone
+    }
+    arguments.push_back(nullptr);
+
+    // The new process reports a failed start through this pipe; a successful one closes it.
+    auto [reportRead, reportWrite] = MakePipe(call);
+    Descriptor outputRead;
+    Descriptor outputWrite;
+    if (call.output == ProcessCall::Output::kCaptured) {
+        std::tie(outputRead, outputWrite) = MakePipe(call);
+    }
+    const pid_t parent = ::getpid();
+    process = ::fork();
+    if (process < 0) Fail(call, errno);
+    if (process == 0) {
+        BecomeProgram(call, arguments.data(), parent, outputWrite.Get(), reportWrite.Get());
+    }
+    reportWrite.Close();
+    outputWrite.Close();
+    int error = 0;
+    ssize_t count = -1;
+    do {
+        count = ::read(reportRead.Get(), &error, sizeof error);
+    } while (count < 0 && errno == EINTR);
+    if (count == sizeof error) {
+        ::waitpid(process, nullptr, 0);
+        Fail(call, error);
+    }
+    if (outputRead) log = std::make_unique<OutputLog>(std::move(outputRead));
+}
+
+ChildProcess::ChildProcess(ChildProcess&& other) noexcept
+    : process(std::exchange(other.process, -1)),
+      ownGroup(other.ownGroup),
+      status(other.status),
+      log(std::move(other.log)) {}
+
+ChildProcess::~ChildProcess() {
+    if (process < 0) return;
+    // Its group also when the program itself has ended: what it started may still run.
+    if (ownGroup) ::kill(-process, SIGKILL);
+    Signal(SIGKILL);
+    Wait(kForEver);
+}
+
+void ChildProcess::Signal(int number) {
+    if (!Status()) ::kill(process, number);
+}
+
+std::optional<int> ChildProcess::Status() {
+    int word = 0;
+    if (!status && ::waitpid(process, &word, WNOHANG) == process) {
+        status = WIFEXITED(word) ? WEXITSTATUS(word) : kSignalExitBase + WTERMSIG(word);
+    }
+    return status;
+}
+
+std::optional<int> ChildProcess::Wait(Milliseconds timeout) {
+    if (!WaitUntil(timeout, [&] { return Status().has_value(); })) return std::nullopt;
+    return status;
+}
+
+int ChildProcess::Stop(Milliseconds patience) {
+    Signal(SIGTERM);
+    if (!Wait(patience)) Signal(SIGKILL);
+    return Wait(kForEver).value_or(kSignalExitBase + SIGKILL);
+}
+
+Finished RunToEnd(std::vector<std::string> command) {
+    ProcessCall call;
+    call.command = std::move(command);
+    ChildProcess child(call);
+    child.Log().WaitForEnd(kForEver);
+    const int status = child.Wait(kForEver).value_or(-1);
+    return {status, child.Log().Text()};
+}
+
+Finished RunShell(const std::string& commandLine) {
+    return RunToEnd({"/bin/sh", "-c", commandLine});
+}
+
+}  // namespace vexa::testkit
