@@ -19,7 +19,7 @@ extern "C" {
 #endif
 
 /* Called with each block that a device sends: `count` bytes at `data`, valid during the call only,
- * and the context given at stream open. Returns 0 when the block was taken, -1 when refused. */
+ * and the context given at stream open. Returns 0 when the block was accepted, -1 when refused. */
 typedef int32_t (*VEXA_ReadCallback)(const uint8_t* data, int32_t count, void* context);
 
 /* Brings the library up. Returns its handle, 0 on failure. */

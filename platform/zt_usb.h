@@ -2,7 +2,7 @@
  * zt_usb.h - the unit's USB gadget bulk driver, as seen through its character device.
  *
  * read() blocks until the host has sent something and returns what has come, up to the size asked
- * for; write() sends to the host, and waits while the host takes nothing. With the cable out read()
+ * for; write() sends to the host, and waits while the host reads nothing. With the cable out read()
  * goes on waiting, while write() fails: the thread that writes is also the one that asks for the
  * cable's state. Both return early with EINTR when a signal comes.
  */

@@ -64,7 +64,7 @@ void LoadChecker::Take(std::span<const std::uint8_t> packet) {
     lastCame = now;
     const bool isRight = packet.size() >= vexa::kTunnelHeaderSize &&
                          vexa::PacketChecksum(packet) == packet[vexa::kChecksumOffset];
-    const ChildId id = isRight ? vexa::LoadLe32(&packet[vexa::kTunnelIdOffset]) : 0;
+    const ChildId id = isRight ? vexa::LoadLe32(packet, vexa::kTunnelIdOffset) : 0;
     const auto found = children.find(id);
     if (found == children.end()) {
         ++strays;
@@ -101,7 +101,7 @@ void LoadChecker::TakeBlock(Child& child, std::span<const std::uint8_t> block) c
         made(child.block, 0);
         ++child.counts.missing;
     }
-    const std::uint32_t milliseconds = vexa::LoadLe32(&block[vexa::kPayloadOffset]);
+    const std::uint32_t milliseconds = vexa::LoadLe32(block, vexa::kPayloadOffset);
     made(child.block++, milliseconds);
     if (!std::ranges::equal(block, expected) || milliseconds < child.milliseconds) {
         ++child.counts.wrong;
@@ -115,7 +115,7 @@ void LoadChecker::TakeEcho(Child& child, ChildId id, std::span<const std::uint8_
         ++child.counts.wrong;
         return;
     }
-    const std::uint32_t number = vexa::LoadLe32(&echo[kEchoNumberOffset]);
+    const std::uint32_t number = vexa::LoadLe32(echo, kEchoNumberOffset);
     if (number < child.echo) {
         ++child.counts.duplicates;
         return;

@@ -5,10 +5,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdlib>
+#include <string_view>
 #include <system_error>
+#include <tuple>
 
 namespace vexa::testkit {
 
@@ -27,9 +30,35 @@ std::pair<Descriptor, Descriptor> MakePipe(const ProcessCall& call) {
     return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
-// In the new process: becomes the program, or reports the error number through `report`.
-[[noreturn]] void BecomeProgram(const ProcessCall& call, char* const* arguments, pid_t parent,
-                                int output, int report) {
+// The child's environment: this program's with the changes.
+std::vector<std::string> Environment(const ProcessCall& call) {
+    std::vector<std::string> entries;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string_view text(*entry);
+        const auto isChanged = [&](const auto& change) {
+            return text.substr(0, text.find('=')) == change.first;
+        };
+        if (std::ranges::none_of(call.environment, isChanged)) entries.emplace_back(text);
+    }
+    for (const auto& [name, value] : call.environment) {
+        if (!value.empty()) entries.push_back(name + "=" + value);
+    }
+    return entries;
+}
+
+// As execve wants them: it leaves the words alone.
+std::vector<char*> Pointers(const std::vector<std::string>& words) {
+    std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
+    for (const auto& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+// In the new process: becomes the program, or reports the error number through `report`. It
+// allocates nothing, since another thread may have held the allocator's lock.
+[[noreturn]] void BecomeProgram(const ProcessCall& call, char* const* arguments,
+                                char* const* environment, pid_t parent, int output, int report) {
     if (call.ownGroup) ::setpgid(0, 0);
     if (call.deathSignal != 0) ::prctl(PR_SET_PDEATHSIG, call.deathSignal);
     if (::getppid() != parent) ::_exit(EXIT_FAILURE);  // the parent ended before the line above
@@ -44,15 +73,8 @@ std::pair<Descriptor, Descriptor> MakePipe(const ProcessCall& call) {
         ::dup2(output, STDOUT_FILENO);
         ::dup2(output, STDERR_FILENO);
     }
-    for (const auto& [name, value] : call.environment) {
-        if (value.empty()) {
-            ::unsetenv(name.c_str());
-        } else {
-            ::setenv(name.c_str(), value.c_str(), 1);
-        }
-    }
     if (call.mask != nullptr) ::sigprocmask(SIG_SETMASK, call.mask, nullptr);
-    ::execvp(arguments[0], arguments);
+    ::execvpe(arguments[0], arguments, environment);
     const int error = errno;
     [[maybe_unused]] const ssize_t written = ::write(report, &error, sizeof error);
     ::_exit(EXIT_FAILURE);
@@ -61,12 +83,9 @@ std::pair<Descriptor, Descriptor> MakePipe(const ProcessCall& call) {
 }  // namespace
 
 ChildProcess::ChildProcess(const ProcessCall& call) : ownGroup(call.ownGroup) {
-    std::vector<char*> arguments;
-    arguments.reserve(call.command.size() + 1);
-    for (const auto& word : call.command) {
-        arguments.push_back(const_cast<char*>(word.c_str()));  // execvp leaves it alone
-    }
-    arguments.push_back(nullptr);
+    const auto arguments = Pointers(call.command);
+    const auto entries = Environment(call);
+    const auto environment = Pointers(entries);
 
     // The new process reports a failed start through this pipe; a successful one closes it.
     auto [reportRead, reportWrite] = MakePipe(call);
@@ -79,7 +98,8 @@ ChildProcess::ChildProcess(const ProcessCall& call) : ownGroup(call.ownGroup) {
     process = ::fork();
     if (process < 0) Fail(call, errno);
     if (process == 0) {
-        BecomeProgram(call, arguments.data(), parent, outputWrite.Get(), reportWrite.Get());
+        BecomeProgram(call, arguments.data(), environment.data(), parent, outputWrite.Get(),
+                      reportWrite.Get());
     }
     reportWrite.Close();
     outputWrite.Close();

@@ -42,7 +42,7 @@ class DAQIO {
     static std::int32_t ReadCallback(const std::uint8_t* data, std::int32_t count,
                                      void* record) noexcept;
 
-    // Hex dumps "DAQ Input - label: ..." and "DAQ Output - label: ...", for diagnosis.
+    // Hex dumps "DAQ Input - label: ..." and "DAQ Output - label: ...". The service has no caller.
     static void DumpInput(const std::uint8_t* data, int count, const char* label);
     static void DumpOutput(const std::uint8_t* data, int count, const char* label);
 

@@ -87,7 +87,7 @@ bool GDeviceIO::StartWriter() {
 
 int GDeviceIO::Close() {
     return Guarded({kModule, 317, 320}, 0, [&] {
-        // A host that takes nothing off the link must not keep the device from closing.
+        // A host that reads nothing must not keep the device from closing.
         OSRegisterIOAbortSignal(IO_ABORT_SIGNAL);
         if (pollingWriter) pollingWriter->StopBlocked(kWriterGraceMs);
         pollingWriter.reset();
@@ -96,7 +96,7 @@ int GDeviceIO::Close() {
         outputBuffer.reset();
         outputLock.reset();
         writerSemaphore.reset();
-        // From the destructor this is the base's: the transport has closed itself by then.
+        // In the destructor this is the base's own hook: the transport has closed itself by then.
         const int result = OSClose();  // NOLINT(clang-analyzer-optin.cplusplus.VirtualCall)
         if (result == 0) isOpen = false;
         return result;
@@ -148,7 +148,7 @@ std::int32_t GDeviceIO::PollingWriter(void* device) {
     self->UpdateLinkStatus();
     if (!self->linkUp) return 0;
 
-    std::array<unsigned char, kPollingChunk> chunk;  // filled as far as it is read
+    std::array<unsigned char, kPollingChunk> chunk;  // only the bytes read are ever set
     const std::int32_t waiting = self->outputBuffer->GetBytesAvailable();
     if (waiting < 1) return 0;
     int count = self->outputBuffer->Read(chunk.data(), std::min(waiting, kPollingChunk));
@@ -160,7 +160,7 @@ std::int32_t GDeviceIO::SignalledWriter(void* device) {
     auto* self = static_cast<GDeviceIO*>(device);
     if (!self->outputBuffer || !self->writerSemaphore) return -1;
 
-    std::array<unsigned char, kSignalledChunk> chunk;  // filled as far as it is read
+    std::array<unsigned char, kSignalledChunk> chunk;  // only the bytes read are ever set
     for (;;) {
         OSWaitSemaphore(self->writerSemaphore.get());
         if (!self->bufferedOutput) return 0;
@@ -169,7 +169,7 @@ std::int32_t GDeviceIO::SignalledWriter(void* device) {
             if (waiting < 1) break;
             int count = self->outputBuffer->Read(chunk.data(), std::min(waiting, kSignalledChunk));
             if (count > 0) self->OSWriteUnlocked(chunk.data(), &count);
-            // A yield point that takes its own post.
+            // A yield point that consumes its own post.
             OSPostSemaphore(self->writerSemaphore.get());
             OSWaitSemaphore(self->writerSemaphore.get());
             if (!self->bufferedOutput) return 0;

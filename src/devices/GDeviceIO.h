@@ -1,11 +1,10 @@
 // The abstract byte-stream device that every host transport derives from: public operations under
 // one mutex, delivery of received bytes to a read callback, and a write-behind output path.
 //
-// Threads: the constructing thread owns the device. It holds `deviceMutex` for the object's whole
-// life, and only its Open, Close, Query, Read, Write, WriteString and Purge succeed: from any other
-// thread they print an assertion line and return 0 without doing anything. QueueWrite may be called
-// from any thread while the device is open. The read callback runs on the transport's reader
-// thread.
+// Owner thread: the thread that constructs the device. It holds `deviceMutex` for the object's
+// whole life. From any other thread Open, Close, Query, Read, Write, WriteString and Purge print an
+// assertion line and return 0 without doing anything. QueueWrite: any thread, while the device is
+// open. The read callback runs on the transport's reader thread.
 //
 // Results are 0 for success and -1 for failure unless said otherwise.
 #pragma once
@@ -21,7 +20,7 @@
 
 namespace vexa {
 
-// Takes `count` received bytes, valid during the call only; the result is ignored.
+// Receives `count` bytes, valid during the call only; the result is ignored. Reader thread.
 using GReadCallback = int (*)(const unsigned char* data, int count, void* context);
 
 class GDeviceIO {
@@ -38,13 +37,15 @@ class GDeviceIO {
     // Stops the writer, drops queued output and closes the transport.
     virtual int Close();
 
-    // Guarded pass-through to OSQuery and OSRead, which no transport implements.
+    // Guarded calls of OSQuery and OSRead, which no transport implements. The service has no
+    // caller.
     virtual int Query();
     virtual int Read(std::intptr_t a, std::intptr_t b, std::intptr_t c);
 
     // Sends `*count` bytes: queued when output is buffered and the device open (`*count` stays as
     // it was), else straight to the transport (`*count` becomes what went out).
     virtual int Write(const void* data, int* count);
+    // The same for a string without its terminating zero byte. The service has no caller.
     virtual int WriteString(const char* text);
 
     // Drops queued output; the result is that of the transport's OSPurge.
@@ -68,6 +69,7 @@ class GDeviceIO {
     virtual int SetReadCallback(GReadCallback callback, void* context);
     virtual int SetThreadPriority(int priority);
 
+    // The service has no caller.
     virtual bool IsServer();
     virtual int OSWriteUnlocked(const void* data, int* count);
 
@@ -97,7 +99,7 @@ class GDeviceIO {
     }
 
   public:
-    // The fields, in their order. Those without a remark belong to the owner's thread.
+    // The fields, in a fixed order. Owner thread, except where a remark says more.
     GReadCallback readCallback = nullptr;
     void* readContext = nullptr;
     std::shared_ptr<void> osData;  // the transport's private record; its reader shares it
@@ -106,7 +108,8 @@ class GDeviceIO {
     std::int32_t threadPriority = 1;          // a hint for the transport's OSOpen
     std::atomic<bool> bufferedOutput{false};  // set before Open; cleared when a signalled writer is
                                               // stopped; also read by the writer threads
-    bool signalledWriter = false;             // set before Open: semaphore-driven or polling writer
+    bool signalledWriter = false;  // set before Open: semaphore-driven or polling writer; the
+                                   // service uses the polling one
     std::int32_t outputBufferCapacity = 50000;
     std::unique_ptr<CeilingMutex> outputLock;
     std::unique_ptr<GCircularBuffer> outputBuffer;  // deleted before outputLock, its guard

@@ -1,4 +1,6 @@
-// The host link over a serial line: raw, 8 bits, no parity, one stop bit, no flow control.
+// The host link over a serial line: raw, 8 bits, no parity, one stop bit, no flow control. The
+// service has no caller: it belongs to the interface, for units without a USB gadget
+// (examples/transports.cpp).
 #pragma once
 
 #include <cstdint>
@@ -17,10 +19,10 @@ class GSerialDevice : public GTransportDevice {
     // 9600 or 19200; any other value opens at 38400, which is also the default. -1 while open.
     int SetBaudRate(int rate);
 
-    // The conventional name of a port that nobody named.
+    // The conventional name of the default port.
     static std::string GetDefaultPortName();
 
-    // With a null `port` the device's own reference stands in.
+    // With a null `port` the device's own reference is used.
     int Open(const GPortRef* port) override;
     bool OSInitialize() override;
     bool IsServer() override;

@@ -1,7 +1,8 @@
 // The host link over TCP: listens on all IPv4 addresses and serves one client at a time; further
-// ones wait. The link counts as up while the device is open, client or not.
+// ones wait. The link counts as up while the device is open, with or without a client. The service
+// has no caller: it belongs to the interface, for units on a network (examples/transports.cpp).
 //
-// Threads: as GDeviceIO. The reader thread alone accepts, receives and closes clients.
+// Threads as in GDeviceIO. The reader thread accepts and closes the clients.
 #pragma once
 
 #include <cstdint>
@@ -24,8 +25,8 @@ class GServerSocketDevice : public GTransportDevice {
     // else none.
     static std::vector<GPortRef> EnumeratePorts(std::int32_t portType);
 
-    // Whom to tell that a client has come (true) or gone (false): called on the reader thread. Set
-    // before Open; without one nobody is told.
+    // Sets the function that is told when a client connects (true) or leaves (false). Reader
+    // thread; set it before Open.
     void SetConnectionReport(std::function<void(bool)> report);
 
     bool OSInitialize() override;

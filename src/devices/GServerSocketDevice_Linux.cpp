@@ -96,7 +96,7 @@ void SocketOSData::Serve(int accepted) {
     if (report) report(true);
     Receive(accepted);
 
-    shutdown(accepted, SHUT_RDWR);  // gets a writer out of a send that the client no longer takes
+    shutdown(accepted, SHUT_RDWR);  // interrupts a writer whose client reads nothing any more
     {
         const MutexLock lock(clientMutex);
         close(accepted);
@@ -107,7 +107,7 @@ void SocketOSData::Serve(int accepted) {
 }
 
 void SocketOSData::Receive(int accepted) const {
-    std::array<unsigned char, kReadChunk> chunk;  // filled as far as it is received
+    std::array<unsigned char, kReadChunk> chunk;  // only the bytes received are ever set
     while (!reader.StopRequested()) {
         const ssize_t count = recv(accepted, chunk.data(), chunk.size(), 0);
         if (count < 0) return Say("\n recv() failed. errno = " + std::to_string(errno) + " \n");

@@ -21,12 +21,13 @@ class GServerUSBBulkDevice : public GTransportDevice {
     bool OSInitialize() override;
     int OSOpen(const GPortRef* port) override;
 
-    // Asks the driver for the cable's state, at most once in 500 ms, and keeps linkUp in step.
-    // -1 when there is no node or the driver fails; linkUp then keeps its value.
+    // Asks the driver for the cable's state, at most once in 500 ms, and updates linkUp. -1 when
+    // there is no node or the driver fails; linkUp then keeps its value.
     int UpdateLinkStatus() override;
 
-    // One frame: header and payload, a write each; nothing for 0 bytes. -1, with `*count` 0, for
-    // more than 30000 bytes and when either write fails or is short; nothing is retried.
+    // Writes one frame: the header, then the payload, with a system call each; nothing for 0 bytes.
+    // -1, with `*count` 0, for more than 30000 bytes and when either write fails or is short.
+    // Nothing is retried.
     int OSWriteUnlocked(const void* data, int* count) override;
 
   private:

@@ -10,7 +10,7 @@
 namespace vexa {
 
 void TransportRecord::Deliver(const unsigned char* data, ssize_t count) const {
-    // Whoever a given-up reader would deliver to may be gone.
+    // A reader that was given up must not deliver: the callback's context may no longer exist.
     if (readCallback == nullptr || reader.GivenUp()) return;
     readCallback(data, static_cast<int>(count), callbackContext);
 }
@@ -28,7 +28,7 @@ void NodeRecord::Close() {
 }
 
 void NodeRecord::Read() {
-    std::array<unsigned char, kReadChunk> chunk;  // filled as far as it is read
+    std::array<unsigned char, kReadChunk> chunk;  // only the bytes read are ever set
     while (!reader.StopRequested()) {
         const ssize_t count = read(descriptor, chunk.data(), chunk.size());
         if (count > 0) Deliver(chunk.data(), count);

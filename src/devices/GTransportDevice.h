@@ -1,6 +1,6 @@
-// What the transports share: the private record with its reader thread, and the hooks of GDeviceIO
-// that open, close and write it under the device mutex. A transport supplies its kind of record and
-// its texts.
+// The common part of the transports: the private record with its reader thread, and the hooks of
+// GDeviceIO that open, close and write it under the device mutex. A transport supplies its own
+// record type and its texts.
 #pragma once
 
 #include <sys/types.h>
@@ -14,8 +14,8 @@
 
 namespace vexa {
 
-// The private record behind osData. The owner opens and closes it; its reader thread shares it and
-// may outlive the device when it could not be stopped.
+// The private record that osData points to. The owner opens and closes it. Its reader thread shares
+// it, and may outlive the device when it cannot be stopped.
 struct TransportRecord {
     TransportRecord() = default;
     virtual ~TransportRecord() = default;
@@ -24,17 +24,18 @@ struct TransportRecord {
 
     // Whether there is a descriptor to close.
     [[nodiscard]] virtual bool IsOpen() const = 0;
-    // Opens what `port` names; false on failure, with whatever was opened left for Close.
+    // Opens what `port` names; false on failure, when Close has still to be called.
     virtual bool Open(const GPortRef& port) = 0;
     // Closes every descriptor that is the owner's to close.
     virtual void Close() = 0;
-    // The reader thread's work, until StopRequested.
+    // Reads and delivers until StopRequested. Reader thread.
     virtual void Read() = 0;
-    // Whether there is somebody to write to, and one system call that writes: its result.
+    // Whether there is a descriptor to write to; and the write itself, one system call and its
+    // result.
     [[nodiscard]] virtual bool CanWrite() const = 0;
     virtual ssize_t Write(const void* data, int count) = 0;
 
-    // Hands received bytes over, on the reader thread.
+    // Calls the read callback. Reader thread.
     void Deliver(const unsigned char* data, ssize_t count) const;
 
     static constexpr std::size_t kReadChunk = 3000;
@@ -62,20 +63,20 @@ struct NodeRecord : TransportRecord {
     std::atomic<int> descriptor{-1};  // set and closed by the owner; also read by reader and writer
 };
 
-// Threads as GDeviceIO. A device object serves one open: opened again after a close it opens its
-// descriptors, but no longer reads.
+// Threads as in GDeviceIO. A device object serves one open: when it is opened again after a close
+// it opens its descriptors but no longer reads.
 class GTransportDevice : public GDeviceIO {
   public:
     // Opens what the device's own port reference names (the argument is ignored) and starts the
-    // reader, which needs a read callback and a context. A reader that cannot be started is no
-    // failure: the device is open and nobody reads it.
+    // reader. -1 without a read callback or its context. A reader that cannot be started is no
+    // failure: the device is open and delivers nothing.
     int OSOpen(const GPortRef* port) override;
 
-    // -1 when the reader did not end within about 2 s; the descriptors are closed all the same.
+    // -1 when the reader did not end within about 2 s; the descriptors are closed nevertheless.
     int OSClose() override;
 
-    // One write of the bytes as they are. Leaves the system call's result in `*count`; -1 unless
-    // all went out. Without anybody to write to: -1, and `*count` stays as it was.
+    // Writes the bytes with one system call, whose result goes into `*count`; -1 unless all were
+    // written. Without a descriptor to write to: -1, and `*count` keeps its value.
     int OSWrite(const void* data, int* count) override;
 
     // The same without the device mutex.
@@ -90,7 +91,7 @@ class GTransportDevice : public GDeviceIO {
     int OSPurge() override;
 
   protected:
-    // Where a transport's reports come from.
+    // The module, lines and texts of a transport's reports.
     struct Reports {
         const char* module;
         int openFailedLine;

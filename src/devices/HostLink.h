@@ -89,7 +89,7 @@ unsigned char HostLink_IsOpen();
 unsigned char HostLink_IsLinkUp();
 
 // Hex dumps "Input from Host - tag: ..." and "Output to Host - tag: ..." on standard output. The
-// count is taken as a signed 16-bit value.
+// count is truncated to a signed 16-bit value. DumpHostOutput has no caller in the service.
 void DumpHostInput(const unsigned char* data, int count, const char* tag);
 void DumpHostOutput(const unsigned char* data, int count, const char* tag);
 

@@ -1,5 +1,5 @@
-// The thread that a transport reads its link on, and the way it is stopped: a stop flag, the
-// I/O-abort signal to get it out of its blocking call, and a bounded wait for its last word.
+// The reader thread of a transport. It is stopped by a flag, the I/O-abort signal that interrupts
+// its blocking call, and a bounded wait.
 #pragma once
 
 #include <pthread.h>
@@ -10,36 +10,36 @@
 
 namespace vexa {
 
-// Started and stopped by the transport's owner thread; StopRequested is also read by the reader.
+// Owner thread, except StopRequested and GivenUp, which the reader thread calls too.
 //
-// The flags are never lowered again: after a Stop, a thread started anew finds the stop flag raised
-// and ends at once. A device object therefore serves one open.
+// The flags are never cleared: after a Stop, a new thread finds the stop flag set and ends at once.
+// A device object therefore serves one open.
 class ReaderThread {
   public:
-    // What a reader does: `record` is the transport's private record, which holds this object. The
-    // body returns when StopRequested is true or its link has ended for good.
+    // Reads and delivers. `record` is the transport's private record, which contains this object.
+    // It returns when StopRequested is true, or when its link has ended for good.
     using Body = void (*)(void* record);
 
     ReaderThread() = default;
-    // A thread that was given up is let go: it ends, last of all that shares the record, by itself.
+    // Detaches a thread that was given up; it ends by itself and frees the record then.
     ~ReaderThread();
     ReaderThread(const ReaderThread&) = delete;
     ReaderThread& operator=(const ReaderThread&) = delete;
 
-    // Starts `body(record.get())` on a thread of its own, which shares the record until it ends: a
-    // reader that could not be stopped never touches freed memory. False when no thread could be
-    // created.
+    // Runs `body(record.get())` on a new thread. The thread shares the record until it ends, so
+    // that a reader that cannot be stopped never touches freed memory. False when no thread could
+    // be created.
     bool Start(Body body, std::shared_ptr<void> record);
 
-    // Tells the thread to end and waits for it: at most 201 looks, 10 ms apart, with the I/O-abort
-    // signal sent again at each, since one that arrives just before the blocking call wakes nobody.
-    // True when the thread has ended or there was none. False when it is still running; it is then
-    // left to itself, and StopRequested stays true for it.
+    // Tells the thread to end and waits for it: checks at most 201 times, 10 ms apart, and sends
+    // the I/O-abort signal again each time, because one that arrives just before the blocking call
+    // interrupts nothing. True when the thread has ended or there was none. False when it still
+    // runs; it is then given up.
     bool Stop();
 
     [[nodiscard]] bool StopRequested() const { return stopRequested; }
 
-    // True once a Stop has given the thread up. Whoever it would deliver to may be gone.
+    // True once a Stop has given the thread up. It must deliver nothing more.
     [[nodiscard]] bool GivenUp() const { return givenUp; }
 
   private:

@@ -16,7 +16,7 @@ void Copy(unsigned char* to, const unsigned char* from, std::int32_t count) {
 }  // namespace
 
 GCircularBuffer::GCircularBuffer(std::int32_t capacity)
-    : storage(new unsigned char[static_cast<std::size_t>(capacity) + 1]), size(capacity + 1) {}
+    : size(capacity + 1), storage(new unsigned char[static_cast<std::size_t>(capacity) + 1]) {}
 
 template <typename Operation>
 std::int32_t GCircularBuffer::Guarded(Operation operation) {
@@ -47,7 +47,7 @@ std::int32_t GCircularBuffer::Wrapped(std::int32_t index) const {
 }
 
 std::int32_t GCircularBuffer::Write(const unsigned char* data, std::int32_t count) {
-    return Guarded([&] {
+    return Guarded([&]() VEXA_REQUIRES(access) {
         WriteUnguarded(data, std::max(count, 0));
         return 1;
     });
@@ -71,7 +71,7 @@ void GCircularBuffer::WriteUnguarded(const unsigned char* data, std::int32_t cou
 }
 
 std::int32_t GCircularBuffer::Read(unsigned char* dest, std::int32_t count) {
-    return Guarded([&] { return ReadUnguarded(dest, count); });
+    return Guarded([&]() VEXA_REQUIRES(access) { return ReadUnguarded(dest, count); });
 }
 
 std::int32_t GCircularBuffer::ReadUnguarded(unsigned char* dest, std::int32_t count) {
@@ -82,7 +82,7 @@ std::int32_t GCircularBuffer::ReadUnguarded(unsigned char* dest, std::int32_t co
 }
 
 std::int32_t GCircularBuffer::Peek(unsigned char* dest, std::int32_t offset, std::int32_t count) {
-    return Guarded([&] { return PeekUnguarded(dest, offset, count); });
+    return Guarded([&]() VEXA_REQUIRES(access) { return PeekUnguarded(dest, offset, count); });
 }
 
 std::int32_t GCircularBuffer::PeekUnguarded(unsigned char* dest, std::int32_t offset,
@@ -101,7 +101,7 @@ std::int32_t GCircularBuffer::PeekUnguarded(unsigned char* dest, std::int32_t of
 }
 
 std::int32_t GCircularBuffer::Clear() {
-    return Guarded([&] {
+    return Guarded([&]() VEXA_REQUIRES(access) {
         readIndex = 0;
         writeIndex = 0;
         return 1;
@@ -109,11 +109,11 @@ std::int32_t GCircularBuffer::Clear() {
 }
 
 std::int32_t GCircularBuffer::GetBytesAvailable() {
-    return Guarded([&] { return Held(); });
+    return Guarded([&]() VEXA_REQUIRES(access) { return Held(); });
 }
 
 std::int32_t GCircularBuffer::GetTotalBytesWritten() {
-    return Guarded([&] { return totalWritten; });
+    return Guarded([&]() VEXA_REQUIRES(access) { return totalWritten; });
 }
 
 }  // namespace vexa

@@ -4,12 +4,13 @@
 #include <cstdint>
 #include <memory>
 
+#include "foundation/Mutex.h"
 #include "foundation/OSThreading.h"
 
 namespace vexa {
 
-// The guard of a circular buffer: a ceiling priority and a recursive mutex, which its owner makes
-// and destroys; a timed lock of 2000 ms after raising the thread to the ceiling.
+// The guard of a circular buffer: a ceiling priority and a recursive mutex. Every operation raises
+// its thread to the ceiling and tries for the mutex for 2000 ms.
 struct CeilingMutex {
     std::int32_t ceilingPriority;
     OSMutexPtr mutex;  // null: every operation of the buffer fails
@@ -23,8 +24,7 @@ inline constexpr std::int32_t kCeilingPriority = 3;
 //
 //   storage  |....oldest#########newest....|        readIndex -> oldest, writeIndex -> after newest
 //
-// One thread writes and one reads; every operation but construction and destruction takes `lock`
-// when it is set. Nothing is allocated after construction.
+// Any thread, when `lock` is set. Nothing is allocated after construction.
 class GCircularBuffer {
   public:
     // `capacity` in bytes, above 0.
@@ -41,9 +41,9 @@ class GCircularBuffer {
     // Removes up to `count` of the oldest bytes. Returns how many, 0 also without the guard.
     std::int32_t Read(unsigned char* dest, std::int32_t count);
 
-    // Copies up to `count` bytes from `offset` places after the oldest on, removing nothing.
-    // Returns how many; a value of 0 or less means nothing was copied (beyond the held bytes it is
-    // the negative difference).
+    // Copies up to `count` bytes, beginning `offset` places after the oldest, and removes nothing.
+    // Returns how many. With an offset past the held bytes nothing is copied and the result is the
+    // negative distance. The service has no caller.
     std::int32_t Peek(unsigned char* dest, std::int32_t offset, std::int32_t count);
 
     // Empties the buffer. Returns 1, or 0 without the guard.
@@ -52,27 +52,34 @@ class GCircularBuffer {
     // Bytes held, 0 also without the guard.
     std::int32_t GetBytesAvailable();
 
-    // All bytes ever offered to Write, dropped ones included; wraps at 32 bits.
+    // All bytes ever given to Write, dropped ones included; wraps at 32 bits. The service has no
+    // caller.
     std::int32_t GetTotalBytesWritten();
 
-    // The guard, not owned; null for none. Set right after construction, before it is shared.
+    // The guard, not owned; null for none. Set directly after construction, before another thread
+    // has the buffer.
     CeilingMutex* lock = nullptr;
 
   private:
-    template <typename Operation>
-    std::int32_t Guarded(Operation operation);
-    [[nodiscard]] std::int32_t Held() const;
-    [[nodiscard]] std::int32_t Wrapped(std::int32_t index) const;
-    void WriteUnguarded(const unsigned char* data, std::int32_t count);
-    std::int32_t ReadUnguarded(unsigned char* dest, std::int32_t count);
-    std::int32_t PeekUnguarded(unsigned char* dest, std::int32_t offset, std::int32_t count) const;
+    // Whatever is inside Guarded, with the guard if there is one. Not a mutex itself: it lets the
+    // compiler check that the fields are used nowhere else.
+    class VEXA_CAPABILITY("role") Access {};
 
-    // Guarded by `lock` when it is set.
-    std::unique_ptr<unsigned char[]> storage;
-    std::int32_t readIndex = 0;
-    std::int32_t writeIndex = 0;
-    std::int32_t size;
-    std::int32_t totalWritten = 0;
+    template <typename Operation>
+    std::int32_t Guarded(Operation operation) VEXA_UNCHECKED;
+    [[nodiscard]] std::int32_t Held() const VEXA_REQUIRES(access);
+    [[nodiscard]] std::int32_t Wrapped(std::int32_t index) const;
+    void WriteUnguarded(const unsigned char* data, std::int32_t count) VEXA_REQUIRES(access);
+    std::int32_t ReadUnguarded(unsigned char* dest, std::int32_t count) VEXA_REQUIRES(access);
+    std::int32_t PeekUnguarded(unsigned char* dest, std::int32_t offset, std::int32_t count) const
+        VEXA_REQUIRES(access);
+
+    Access access;
+    const std::int32_t size;
+    const std::unique_ptr<unsigned char[]> storage;
+    std::int32_t readIndex VEXA_GUARDED_BY(access) = 0;
+    std::int32_t writeIndex VEXA_GUARDED_BY(access) = 0;
+    std::int32_t totalWritten VEXA_GUARDED_BY(access) = 0;
 };
 
 }  // namespace vexa

@@ -27,7 +27,7 @@ void WriteAttribute(std::ostream& out, std::string_view name, const auto& value)
 }
 
 // The characters between the next two double quotes after `name`, from `position` on; moves
-// `position` behind the closing quote. Nothing, and no move, when any of the three is missing.
+// `position` past the closing quote. Nothing, and no move, when any of the three is missing.
 std::optional<std::string> TakeAttribute(std::string_view text, std::string_view name,
                                          std::size_t& position) {
     const std::size_t found = text.find(name, position);
@@ -44,7 +44,7 @@ std::int32_t ToInteger(const std::string& text, int base) {
     return static_cast<std::int32_t>(std::strtol(text.c_str(), nullptr, base));
 }
 
-// Takes the characters up to the first "." or ";" off `rest`, with that separator.
+// Removes the characters up to the first "." or ";" from `rest`, and that separator.
 std::uint8_t TakeOctet(std::string_view& rest) {
     const std::size_t end = rest.find_first_of(".;");
     const std::string digits(rest.substr(0, end));

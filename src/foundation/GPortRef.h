@@ -1,7 +1,8 @@
-// A port that a device object can open: its kind, where it is, what to show to a person and, for
-// network ports, address and TCP port. A value type: copies are deep. Not synchronised.
+// A port that a device object can open: its kind, its place, its name for a person and, for network
+// ports, address and TCP port. A value type: copies are deep. One thread at a time.
 //
-// As text it is one element on one line, values written as they stand, without escaping:
+// As text it is one element on one line, with its values unescaped. The service has no caller for
+// the text forms: they belong to the interface.
 //   <PortRef PortType="2" Location="/dev/zt-usb" DisplayName="/dev/zt-usb" />
 #pragma once
 
@@ -31,14 +32,14 @@ class GPortRef {
     virtual ~GPortRef() = default;
 
     // Store the IPv4 address (first dotted octet in bits 24-31) or the TCP port and recompose
-    // addressText; location and displayName take it over where they are empty.
+    // addressText; an empty location or displayName becomes the same text.
     void SetNetworkAddress(std::uint32_t address);
     void SetPort(std::uint16_t tcpPort);
 
     // Appends the element text.
     void WriteElement(std::ostream& out) const;
 
-    // Takes the values of the first "PortRef" element in `text`. True when the element and all its
+    // Sets the fields from the first "PortRef" element in `text`. True when the element and all its
     // attributes were found; a field whose attribute is missing or lacks its quotes is unchanged.
     bool ReadElement(std::string_view text);
 
@@ -64,9 +65,9 @@ class GPortRef {
 // "IPAddr=a.b.c.d;Port=n", all numbers decimal.
 std::string ComposeAddressText(std::uint32_t ipAddress, std::uint16_t port);
 
-// Reads such a text, taking all its numbers as hexadecimal: only octets and ports below 10 come
-// back as they were composed. False when the text has 300 characters or more or lacks "IPAddr=" or
-// "Port="; without "Port=" the address has been stored all the same.
+// Reads such a text with all its numbers as hexadecimal: only octets and ports below 10 come back
+// as they were composed. False when the text has 300 characters or more or lacks "IPAddr=" or
+// "Port="; without "Port=" the address has been stored nevertheless.
 bool ParseAddressText(const std::string& text, std::uint32_t& ipAddress, std::uint16_t& port);
 
 }  // namespace vexa

@@ -1,7 +1,7 @@
 // The two worker-thread classes: GThread calls its work function again and again, GLiteThread calls
 // its function once. Neither can be started again after its thread has ended.
 //
-// An object is made, started and destroyed by one thread, its owner.
+// Owner thread: the thread that makes the object starts and destroys it.
 #pragma once
 
 #include <pthread.h>
@@ -25,8 +25,8 @@ class GThread {
             GThreadFunction secondRequestHandler, GThreadFunction initFunction,
             GThreadFunction exitFunction, void* context, int reserved, bool runOnce);
 
-    // Stops the loop and waits for the thread. Does not wake a work function that blocks: its owner
-    // must do so first.
+    // Stops the loop and waits for the thread. It does not wake a work function that blocks: the
+    // owner must do so first.
     virtual ~GThread();
 
     GThread(const GThread&) = delete;
@@ -35,9 +35,8 @@ class GThread {
     // Starts the thread; false when it cannot be created. The priority has no effect here.
     bool Start(int priority);
 
-    // Tells the loop to end, and gets a work function that is still in a blocking call after
-    // `graceMs` out of it by the I/O-abort signal, which must be registered. Returns when the loop
-    // has ended.
+    // Stops the loop. A work function that still blocks after `graceMs` is interrupted by the
+    // I/O-abort signal, which must be registered. Returns when the loop has ended.
     void StopBlocked(std::uint32_t graceMs);
 
   private:
@@ -60,7 +59,8 @@ class GThread {
     bool runOnce;
 };
 
-// A one-call worker with a stop hook.
+// A one-call worker with a stop hook. The service has no caller but the signalled writer of
+// GDeviceIO, which it does not switch on.
 class GLiteThread {
   public:
     // `stopFunction` makes `runFunction` return; it may be null and may be called twice.
@@ -75,9 +75,8 @@ class GLiteThread {
     // Starts the thread; false when it cannot be created. The priority has no effect here.
     bool Start(int priority);
 
-    // Calls the stop function, and gets a run function that is still in a blocking call after
-    // `graceMs` out of it by the I/O-abort signal, which must be registered. Returns when it has
-    // returned.
+    // Calls the stop function. A run function that still blocks after `graceMs` is interrupted by
+    // the I/O-abort signal, which must be registered. Returns when it has returned.
     void StopBlocked(std::uint32_t graceMs);
 
   private:

@@ -1,7 +1,7 @@
-// Diagnostics, clock, sleep and byte packing: what every other folder of the service leans on.
+// Diagnostics, clock, sleep and byte packing, for every other folder of the service.
 //
-// There is one diagnostic channel, plain lines on standard output, which is never flushed here.
-// Everything in this header may be called from any thread.
+// There is one diagnostic channel, plain lines on standard output, which is never flushed here. Any
+// thread.
 #pragma once
 
 #include <cstdint>
@@ -35,6 +35,8 @@ std::uint32_t OSGetMilliseconds();
 // Blocks the calling thread; a signal ends it early. The microseconds are computed in 32 bits, so
 // 4,294,968 ms and more wrap to something shorter.
 void OSSleep(std::uint32_t milliseconds);
+
+// The rest of this header has no caller in the service: it belongs to the interface.
 
 // Processor time of the process in clock ticks.
 double OSGetProcessorTime();

@@ -1,7 +1,6 @@
 // Mutexes with a polling timed lock, semaphores, yield, priorities and the I/O-abort signal.
 //
-// Every function may be called from any thread. A bool result is true exactly when the system call
-// behind it succeeded.
+// Any thread. A bool result is true exactly when the underlying system call succeeded.
 #pragma once
 
 #include <memory>
@@ -21,7 +20,7 @@ OSMutex* OSCreateMutex(const std::string& name);
 // lock held by a stalled thread becomes a line and a failure, not a hang.
 bool OSLockMutex(OSMutex* mutex, int timeoutMs);
 
-// Waits for the lock without limit.
+// Waits for the lock without limit. The service has no caller.
 bool OSLockMutexBlocking(OSMutex* mutex);
 
 // Releases one level of the lock.
@@ -54,7 +53,7 @@ struct OSSemaphoreDeleter {
 using OSMutexPtr = std::unique_ptr<OSMutex, OSMutexDeleter>;
 using OSSemaphorePtr = std::unique_ptr<OSSemaphore, OSSemaphoreDeleter>;
 
-// The signal that gets a thread out of a blocking read, recv, accept or select: SIGRTMIN + 12.
+// The signal that interrupts a blocking read, recv, accept or select: SIGRTMIN + 12.
 int IOAbortSignal();
 #define IO_ABORT_SIGNAL (::vexa::IOAbortSignal())
 
@@ -63,7 +62,8 @@ int IOAbortSignal();
 // -1 for a number below 1, else the result of sigaction (with a trace line).
 int OSRegisterIOAbortSignal(int signalNumber);
 
-// Restores the default action of the registered signal, if any. Always 0.
+// Restores the default action of the registered signal, if any. Always 0. The service has no
+// caller.
 int OSDeregisterIOAbortSignal();
 
 // Lets another thread run.

@@ -52,8 +52,7 @@ bool MuxRing::PeekNewest(std::uint8_t* dest, std::uint32_t count) const {
 }
 
 void MuxRing::WriteBlock(const std::uint8_t* source, std::uint32_t count) {
-    // A ring keeps its newest size - 1 bytes, so what comes before them in the block is lost
-    // anyway.
+    // Only the newest size - 1 bytes of a longer block can survive.
     if (count > Capacity()) {
         source += count - Capacity();
         count = Capacity();

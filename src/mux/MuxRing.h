@@ -1,5 +1,5 @@
-// The multiplexer's own byte ring: no lock, overwrites the oldest byte when full. A leaf. Each ring
-// belongs to one thread.
+// The multiplexer's own byte ring: no lock; the oldest byte is overwritten when it is full. A leaf.
+// One thread at a time.
 #pragma once
 
 #include <cstdint>
@@ -21,10 +21,10 @@ struct MuxRing {
     // Appends one byte; the oldest is lost when the ring is full.
     void Put(std::uint8_t byte);
 
-    // Takes the oldest byte. Returns 1, or 0 when the ring is empty.
+    // Removes the oldest byte. Returns 1, or 0 when the ring is empty.
     int Get(std::uint8_t& byte);
 
-    // Copies up to `count` bytes, from `offset` places after the oldest on, and removes nothing.
+    // Copies up to `count` bytes, beginning `offset` places after the oldest, and removes nothing.
     // Returns the number copied.
     std::int32_t Peek(std::uint8_t* dest, std::uint32_t offset, std::int32_t count) const;
 
@@ -34,8 +34,8 @@ struct MuxRing {
     // Appends `count` bytes, losing the oldest as needed.
     void WriteBlock(const std::uint8_t* source, std::uint32_t count);
 
-    // The oldest bytes, as many as stand in one piece; empty when the ring is. Valid until the ring
-    // is written to.
+    // The oldest bytes, as many as are contiguous; empty when the ring is. Valid until the ring is
+    // written.
     [[nodiscard]] std::span<const std::uint8_t> Oldest() const {
         return {storage + readIndex, (writeIndex >= readIndex ? writeIndex : size) - readIndex};
     }

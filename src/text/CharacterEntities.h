@@ -1,5 +1,5 @@
 // Numeric character entities for text that goes into markup: "&#38;" for &, "&#62;" for >, "&#60;"
-// for <.
+// for <. The service has no caller: they belong to the interface. Any thread.
 #pragma once
 
 #include <array>

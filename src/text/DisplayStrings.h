@@ -1,5 +1,5 @@
-// Constant strings for displays that lack the characters themselves: fractions, a letter with its
-// accent written behind it, and the square sign.
+// Constant strings for displays that lack the characters themselves: fractions, a letter followed
+// by its accent, and the square sign. The service has no caller: they belong to the interface.
 #pragma once
 
 #include <array>

@@ -61,7 +61,7 @@ TEST(Requests, AreAsLongAsAPacketCanBeAndNoLonger) {
 
 TEST(Requests, ContentThatReopensTheControllerIsRecognised) {
     const auto reopens = [](const Packet& packet) {
-        return ReopensController(packet.Bytes().subspan(vexa::kTunnelHeaderSize));
+        return vexa::ReopensController(packet.Bytes().subspan(vexa::kTunnelHeaderSize));
     };
     EXPECT_TRUE(reopens(*BuildTunnel(1, 0, Bytes{0, 0, 0, 0, 0x72})));
     EXPECT_TRUE(reopens(BuildOpenController(1, 0)));

@@ -33,7 +33,7 @@ void Play(FakeService& self, const Bytes& packet) {
     FakeService::Obey(self, packet);
     if (packet[0] != 0x60 || packet[12] != 0x70) return;
     for (const std::uint8_t sequence : Bytes{0, 2}) {
-        self.SendFramed(ChildBlock(vexa::LoadLe32(&packet[13]), sequence, {7}));
+        self.SendFramed(ChildBlock(vexa::LoadLe32(packet, 13), sequence, {7}));
     }
 }
 

@@ -43,7 +43,7 @@ TEST(StreamSensor, SendsSealedPacketsAtItsRate) {
         EXPECT_EQ(Bytes(sent[index].begin(), sent[index].begin() + 3),
                   (Bytes{0xA0, 13, static_cast<std::uint8_t>(index)}));
         EXPECT_TRUE(ChecksumIsRight(sent[index]));
-        EXPECT_EQ(LoadLe32(&sent[index][4]), 250 * (index + 1));
+        EXPECT_EQ(LoadLe32(sent[index], 4), 250 * (index + 1));
     }
     // -10000, -9800 and half a sample; then -9600.
     EXPECT_EQ(Bytes(sent[0].begin() + 8, sent[0].end()), (Bytes{0xF0, 0xD8, 0xB8, 0xD9, 0}));
