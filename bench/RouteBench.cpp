@@ -59,7 +59,7 @@ void BuildAndQueue(benchmark::State& state) {
         for (std::size_t i = 0; i < kPackets; ++i) {
             stream.callback(block.data(), count, stream.context);
         }
-        open.link.state.device->outputBuffer->Clear();
+        open.link.Device().outputBuffer->Clear();
     }
     CountPackets(state, kPackets, kPackets * block.size());
 }

@@ -1,5 +1,9 @@
 # Warnings and sanitizers, the same for every target of the project.
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  # What is guarded by which mutex is written in the code (foundation/Mutex.h).
+  add_compile_options(-Wthread-safety)
+endif()
 if(VEXA_WERROR)
   add_compile_options(-Werror)
 endif()
@@ -14,10 +18,10 @@ endif()
 if(VEXA_SANITIZE)
   add_compile_options(${sanitizers})
   add_link_options(${sanitizers})
-  # The run time goes into each program, so that a preloaded stand-in library does not come before
-  # it; and each program offers all of it to the libraries, not only what it was linked for.
+  # The run time goes into each program, so that it comes before a preloaded stand-in library; and
+  # each program exports all of it to the libraries, not only what it was linked for.
   if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-    # In instrumented code the compiler loses track of what is set; the plain builds check that.
+    # In instrumented code the compiler loses track of initialisation; the plain builds check that.
     add_compile_options(-Wno-maybe-uninitialized)
     if(VEXA_SANITIZE STREQUAL "address")
       add_link_options(-static-libasan -static-libubsan)

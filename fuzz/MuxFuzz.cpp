@@ -56,7 +56,7 @@ class Unit {
             case 6:
                 script.streamsOpen = (what & 8U) == 0;
                 script.writesSucceed = (what & 16U) == 0;
-                script.commandsSucceed = (what & 32U) == 0;
+                script.commandResult = (what & 32U) == 0 ? 1 : 0;
                 return;
             default:
                 if ((what & 8U) != 0) script.answers.clear();

@@ -6,14 +6,13 @@
 
 #include "devices/GDeviceIO.h"
 #include "foundation/GUtils.h"
-#include "support/Bytes.h"
 #include "support/Output.h"
+#include "support/System.h"
 
 namespace vexa {
 namespace {
 
-using test::Bytes;
-using test::Printed;
+using namespace test;
 
 // A transport that notes what it is asked to send.
 class NotingDevice : public GDeviceIO {
@@ -40,9 +39,12 @@ class NotingDevice : public GDeviceIO {
         ++polls;
         return 0;
     }
-    std::size_t Sent() {
-        const std::scoped_lock lock(mutex);
-        return sent.size();
+    // What was sent, once it is `count` bytes.
+    Bytes AwaitSent(std::size_t count) {
+        for (;; OSSleep(1)) {
+            const std::scoped_lock lock(mutex);
+            if (sent.size() >= count) return sent;
+        }
     }
 
     int openResult = 0;
@@ -62,63 +64,76 @@ int Queue(GDeviceIO& device, const Bytes& bytes) {
     return device.QueueWrite(bytes.data(), &count);
 }
 
-TEST(GDeviceIO, KeepsItsStateInStepWithTheTransport) {
-    NotingDevice device(&kPort);
+// Bytes of which no two blocks are alike.
+Bytes Counting(std::size_t size) {
+    Bytes bytes(size);
+    for (std::size_t i = 0; i < size; ++i) bytes[i] = static_cast<unsigned char>(i + i / 251);
+    return bytes;
+}
+
+class DeviceIO : public testing::Test {
+  protected:
+    VirtualTime time;
+    NotingDevice device{&kPort};
+};
+
+TEST_F(DeviceIO, KeepsItsStateInStepWithTheTransport) {
     device.openResult = 7;
     EXPECT_EQ(device.Open(nullptr), 7);
     EXPECT_FALSE(device.isOpen);
     device.openResult = 0;
     EXPECT_EQ(device.Open(nullptr), 0);
-    EXPECT_TRUE(device.isOpen);
     device.closeResult = -1;
     EXPECT_EQ(device.Close(), -1);
     EXPECT_TRUE(device.isOpen) << "as long as the transport could not close";
     device.closeResult = 0;
     EXPECT_EQ(device.Close(), 0);
     EXPECT_FALSE(device.isOpen);
-    EXPECT_EQ(device.Purge(), -1);
-    EXPECT_TRUE(device.IsServer());
-}
 
-TEST(GDeviceIO, DoesNothingByItself) {
-    GDeviceIO device(&kPort);
+    GDeviceIO base(&kPort);
     int count = 3;
-    EXPECT_EQ(device.Open(&kPort), 0);
-    EXPECT_TRUE(device.isOpen && device.IsServer());
-    EXPECT_EQ(device.Query(), 0);
-    EXPECT_EQ(device.Read(1, 2, 3), 0);
-    EXPECT_EQ(device.Write("abc", &count), 0);
-    EXPECT_EQ(device.OSWriteUnlocked("abc", &count), -1);
-    EXPECT_EQ(device.Purge(), -1);
-    EXPECT_EQ(device.Close(), 0);
-    EXPECT_FALSE(device.isOpen);
+    EXPECT_EQ(base.Open(&kPort), 0);
+    EXPECT_TRUE(base.isOpen && base.IsServer());
+    EXPECT_EQ(base.Query() + base.Read(1, 2, 3) + base.Write("abc", &count), 0);
+    EXPECT_EQ(base.OSWriteUnlocked("abc", &count), -1);
+    EXPECT_EQ(base.Purge(), -1);
+    EXPECT_EQ(base.reserved, 2000);
     EXPECT_EQ(Printed([] { GDeviceIO without(nullptr); }), "GDeviceIO Line: 24\n");
 }
 
-TEST(GDeviceIO, RefusesOtherThreadsButReportsSuccess) {
+// Another thread, and the owner of a device whose mutex could not be locked when it was made.
+TEST_F(DeviceIO, RefusesWithoutItsMutexButReportsSuccess) {
     SetTraceThreshold(100);
-    NotingDevice device(&kPort);
-    int count = 3;
-    const std::string text = Printed([&] {
-        std::thread([&] {
-            EXPECT_EQ(device.Open(nullptr), 0);
-            EXPECT_EQ(device.Write("abc", &count), 0);
-            EXPECT_EQ(device.WriteString("abc"), 0);
-            EXPECT_EQ(device.Query(), 0);
-            EXPECT_EQ(device.Read(1, 2, 3), 0);
-            EXPECT_EQ(device.Purge(), 0);
-            EXPECT_EQ(device.Close(), 0);
-        }).join();
-    });
-    EXPECT_EQ(text,
-              "GDeviceIO Line: 282\nGDeviceIO Line: 378\nGDeviceIO Line: 139\nGDeviceIO Line: 336\n"
-              "GDeviceIO Line: 352\nGDeviceIO Line: 397\nGDeviceIO Line: 320\n");
-    EXPECT_FALSE(device.isOpen);
-    EXPECT_EQ(device.direct, 0);
+    const auto refusals = [](NotingDevice& each) {
+        int count = 3;
+        return Printed([&] {
+            EXPECT_EQ(each.Open(nullptr), 0);
+            EXPECT_EQ(each.Write("abc", &count), 0);
+            EXPECT_EQ(each.WriteString("abc"), 0);
+            EXPECT_EQ(each.Query(), 0);
+            EXPECT_EQ(each.Read(1, 2, 3), 0);
+            EXPECT_EQ(each.Purge(), 0);
+            EXPECT_EQ(each.Close(), 0);
+            EXPECT_FALSE(each.isOpen);
+            EXPECT_EQ(each.direct, 0);
+        });
+    };
+    const std::string lines =
+        "GDeviceIO Line: 282\nGDeviceIO Line: 378\nGDeviceIO Line: 139\nGDeviceIO Line: 336\n"
+        "GDeviceIO Line: 352\nGDeviceIO Line: 397\nGDeviceIO Line: 320\n";
+    std::string text;
+    std::thread([&] { text = refusals(device); }).join();
+    EXPECT_EQ(text, lines);
+    failing.mutexInit = 1;
+    NotingDevice without(&kPort);
+    EXPECT_EQ(refusals(without), lines);
+    NotingDevice notHeld(&kPort);
+    notHeld.mutexHeld = false;
+    EXPECT_EQ(refusals(notHeld), lines);
+    notHeld.mutexHeld = true;
 }
 
-TEST(GDeviceIO, QueuesOnlyWithABufferAndWritesStraightWithoutBuffering) {
-    NotingDevice device(&kPort);
+TEST_F(DeviceIO, QueuesOnlyWithABufferAndWritesDirectlyWithoutBuffering) {
     EXPECT_EQ(Queue(device, {1, 2}), 0);
     EXPECT_EQ(device.WriteString("abc"), 0);
     EXPECT_EQ(device.direct, 5);
@@ -126,53 +141,73 @@ TEST(GDeviceIO, QueuesOnlyWithABufferAndWritesStraightWithoutBuffering) {
     EXPECT_EQ(Queue(device, {1, 2}), -1) << "not open yet";
     int count = 4;
     EXPECT_EQ(device.Write("abcd", &count), 0);
-    EXPECT_EQ(device.direct, 9) << "Write goes straight to the transport then";
+    EXPECT_EQ(device.direct, 9) << "Write goes directly to the transport then";
     device.link = false;
     ASSERT_EQ(device.Open(nullptr), 0);
+    EXPECT_EQ(device.Write("abcd", &count), 0);
+    EXPECT_EQ(device.direct, 9) << "queued from now on";
+    ASSERT_TRUE(OSLockMutex(device.outputLock->mutex.get(), 1));
+    int queued = 0;
+    std::thread([&] { queued = Queue(device, {1}); }).join();
+    EXPECT_EQ(queued, -1) << "without the buffer's guard";
+    OSUnlockMutex(device.outputLock->mutex.get());
     device.bufferedOutput = false;
     EXPECT_EQ(Queue(device, {1}), -1) << "a buffer is still there";
 }
 
-TEST(GDeviceIO, PollingWriterHoldsOutputBackUntilTheLinkIsUp) {
-    NotingDevice device(&kPort);
+TEST_F(DeviceIO, OpensNotWithoutWhatItsWriterNeeds) {
+    for (const bool signalled : {false, true}) {
+        for (std::atomic<int>* const call :
+             {&failing.mutexInit, &failing.semaphoreInit, &failing.threadCreate}) {
+            if (!signalled && call == &failing.semaphoreInit) continue;
+            NotingDevice each(&kPort);
+            each.bufferedOutput = true;
+            each.signalledWriter = signalled;
+            *call = 1;
+            EXPECT_EQ(each.Open(nullptr), -1);
+            EXPECT_FALSE(each.isOpen);
+            EXPECT_EQ(*call, 0);
+        }
+    }
+}
+
+TEST_F(DeviceIO, PollingWriterHoldsOutputBackUntilTheLinkIsUp) {
     device.bufferedOutput = true;
     device.link = false;
     ASSERT_EQ(device.Open(nullptr), 0);
-    Bytes bytes(60000);
-    for (std::size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(i / 251);
-    for (std::size_t i = 0; i < bytes.size(); i += 250) {
-        ASSERT_EQ(Queue(device, Bytes(bytes.begin() + static_cast<long>(i),
-                                      bytes.begin() + static_cast<long>(i) + 250)),
-                  0);
+    const Bytes bytes = Counting(60000);
+    for (auto block = bytes.begin(); block != bytes.end(); block += 250) {
+        ASSERT_EQ(Queue(device, Bytes(block, block + 250)), 0);
     }
     const int polls = device.polls;
-    while (device.polls < polls + 2) OSSleep(1);
-    EXPECT_EQ(device.Sent(), 0U);
+    while (device.polls < polls + 3) OSSleep(1);
+    EXPECT_EQ(device.AwaitSent(0).size(), 0U);
     device.link = true;
-    while (device.Sent() < 50000) OSSleep(1);
-    ASSERT_EQ(device.Close(), 0);
-    EXPECT_EQ(device.sent, Bytes(bytes.end() - 50000, bytes.end())) << "the newest 50000";
+    EXPECT_EQ(device.AwaitSent(50000), Bytes(bytes.end() - 50000, bytes.end()));
     EXPECT_EQ(device.largest, 10000);
+    ASSERT_EQ(device.Close(), 0);
 
     device.link = false;
+    device.sent.clear();
     ASSERT_EQ(device.Open(nullptr), 0);
     Queue(device, {1, 2, 3});
     device.Purge();
-    device.link = true;
     Queue(device, {4});
-    while (device.Sent() < 50001) OSSleep(1);
-    EXPECT_EQ(device.sent.back(), 4);
+    device.link = true;
+    EXPECT_EQ(device.AwaitSent(1), Bytes{4}) << "purged";
 }
 
-TEST(GDeviceIO, SignalledWriterSendsAtOnceAndEndsWithTheDevice) {
-    NotingDevice device(&kPort);
+TEST_F(DeviceIO, SignalledWriterSendsAtOnceAndEndsWithTheDevice) {
     device.bufferedOutput = true;
     device.signalledWriter = true;
     ASSERT_EQ(device.Open(nullptr), 0);
-    for (int i = 0; i < 40; ++i) ASSERT_EQ(Queue(device, Bytes(1000, 5)), 0);
-    while (device.Sent() < 40000) OSSleep(1);
+    const Bytes bytes = Counting(40000);
+    for (auto block = bytes.begin(); block != bytes.end(); block += 20000) {
+        ASSERT_EQ(Queue(device, Bytes(block, block + 20000)), 0);
+    }
+    EXPECT_EQ(device.AwaitSent(40000), bytes);
     ASSERT_EQ(device.Close(), 0);
-    EXPECT_LE(device.largest, 5000);
+    EXPECT_EQ(device.largest, 5000);
     EXPECT_FALSE(device.bufferedOutput) << "cleared by stopping the writer";
 }
 

@@ -12,6 +12,7 @@
 #include "devices/GSerialDevice.h"
 #include "support/Output.h"
 #include "support/ReceivedBytes.h"
+#include "support/System.h"
 
 namespace vexa {
 namespace {
@@ -132,8 +133,10 @@ TEST_F(SerialDevice, ClosesABlockedReaderAndReadsNoMoreWhenOpenedAgain) {
     int count = 1;
     EXPECT_EQ(device->OSWrite("x", &count), -1);
     EXPECT_EQ(count, 1);
+    const std::size_t threads = ThreadCount();
     ASSERT_EQ(device->Open(nullptr), 0);
     FarEndSends({1, 2, 3});
+    while (ThreadCount() > threads && received.Await(0).empty()) OSSleep(1);
     EXPECT_EQ(device->Close(), 0);
     EXPECT_TRUE(received.Await(0).empty());
 }
@@ -169,8 +172,10 @@ TEST_F(SerialDevice, GivesUpAReaderThatDoesNotEnd) {
     ASSERT_EQ(device->Open(nullptr), 0);
     FarEndSends({1});
     while (!stuck.entered) OSSleep(1);
+    const VirtualTime time;
     const std::string line = "GSerialDevice_Linux(241) : Error closing serial device\n";
     EXPECT_EQ(Printed([&] { EXPECT_EQ(device->Close(), -1); }), line);
+    EXPECT_EQ(VirtualTime::TakeSleeps(), std::vector<std::int64_t>(201, 10000));
     EXPECT_TRUE(device->isOpen);
     int count = 1;
     EXPECT_EQ(device->OSWrite("x", &count), -1) << "the descriptor is closed all the same";

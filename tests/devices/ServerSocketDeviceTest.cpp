@@ -15,6 +15,7 @@
 #include "support/Loopback.h"
 #include "support/Output.h"
 #include "support/ReceivedBytes.h"
+#include "support/System.h"
 
 namespace vexa {
 namespace {
@@ -151,6 +152,20 @@ TEST_F(ServerSocketDevice, EndsInAccept) {
     EXPECT_EQ(text, "TCP : \n accept() failed.\n\n");
 }
 
+TEST_F(ServerSocketDevice, NeverAcceptsAgainAfterAFailedAccept) {
+    counted.accepts = 0;
+    failing.accept = 1;
+    const std::size_t threads = ThreadCount();
+    const std::string text = Lines([&] {
+        ASSERT_EQ(device->Open(nullptr), 0);
+        const Client waiting(port.port);
+        while (counted.accepts == 0 || (ThreadCount() > threads && came == 0)) OSSleep(1);
+        EXPECT_EQ(device->Close(), 0);
+    });
+    EXPECT_EQ(text, "TCP : \n accept() failed.\n\n");
+    EXPECT_EQ(counted.accepts, 1);
+}
+
 TEST_F(ServerSocketDevice, EndsInRecv) {
     const std::string text = Lines([&] {
         ASSERT_EQ(device->Open(nullptr), 0);
@@ -165,6 +180,10 @@ TEST_F(ServerSocketDevice, EndsInRecv) {
 
 TEST_F(ServerSocketDevice, FailsOnAPortInUseAndWithoutAContext) {
     const std::string line = "TCP : Error opening device with id tcp\n";
+    counted.socketOptions = 0;
+    failing.listen = 1;
+    EXPECT_EQ(Lines([&] { EXPECT_EQ(device->Open(nullptr), -1); }),
+              "TCP : \n listen() failed.\n\n" + line);
     GPortRef used = GPortRef(GPortRef::kHostPort, "", "", "tcp", 0, 0);
     used.SetPort(port.port);
     GServerSocketDevice second(&used);
@@ -176,6 +195,7 @@ TEST_F(ServerSocketDevice, FailsOnAPortInUseAndWithoutAContext) {
               "TCP : \n bind() failed.\n\n" + line);
     second.SetReadCallback(nullptr, nullptr);
     EXPECT_EQ(Lines([&] { EXPECT_EQ(second.Open(nullptr), -1); }), line);
+    EXPECT_EQ(counted.socketOptions, 0) << "an address in use is not used again";
     int count = 3;
     EXPECT_EQ(device->Write("abc", &count), -1) << "nobody is connected";
     EXPECT_EQ(count, 3);
@@ -183,12 +203,16 @@ TEST_F(ServerSocketDevice, FailsOnAPortInUseAndWithoutAContext) {
 }
 
 TEST_F(ServerSocketDevice, ListensButNeverAcceptsWhenOpenedAgain) {
+    counted.accepts = 0;
     Lines([&] {
         ASSERT_EQ(device->Open(nullptr), 0);
+        while (counted.accepts == 0) OSSleep(1);
         ASSERT_EQ(device->Close(), 0);
+        const std::size_t threads = ThreadCount();
         ASSERT_EQ(device->Open(nullptr), 0);
         const Client client(port.port);
         client.Send({1});
+        while (ThreadCount() > threads && came == 0) OSSleep(1);
         EXPECT_EQ(device->Close(), 0);
     });
     EXPECT_EQ(came, 0);

@@ -3,12 +3,13 @@
 
 #include <atomic>
 #include <regex>
+#include <thread>
 
 #include "devices/GServerUSBBulkDevice.h"
 #include "foundation/GUtils.h"
 #include "support/Output.h"
 #include "support/ReceivedBytes.h"
-#include "support/ScriptedNode.h"
+#include "support/System.h"
 
 namespace vexa {
 namespace {
@@ -66,10 +67,12 @@ TEST_F(USBBulkDevice, ReadsUntilClosedAndOnlyOnce) {
     EXPECT_EQ(received.Await(bytes.size()), bytes);
     EXPECT_EQ(Lines([&] { EXPECT_EQ(device.Close(), 0); }), "") << "a blocked reader ends";
 
+    const std::size_t threads = ThreadCount();
     EXPECT_EQ(device.Open(nullptr), 0);
     node.HostSends({1});
-    EXPECT_EQ(device.Close(), 0);
+    while (ThreadCount() > threads && received.Await(0) == bytes) OSSleep(1);
     EXPECT_EQ(received.Await(0), bytes) << "opened again it does not read";
+    EXPECT_EQ(device.Close(), 0);
 }
 
 TEST_F(USBBulkDevice, FramesWhatTheWriterSends) {
@@ -94,22 +97,21 @@ TEST_F(USBBulkDevice, FramesWhatTheWriterSends) {
 TEST_F(USBBulkDevice, ReportsFailedWrites) {
     Open();
     int count = 0;
-    for (const auto& [failing, wrong] : {std::pair{&node.failWriteAt, 1},
-                                         {&node.failWriteAt, 2},
-                                         {&node.shortWriteAt, 1},
-                                         {&node.shortWriteAt, 2}}) {
-        *failing = wrong;
+    for (const auto& [call, nth] : {std::pair{&failing.write, 1},
+                                    {&failing.write, 2},
+                                    {&failing.shortWrite, 1},
+                                    {&failing.shortWrite, 2}}) {
+        *call = nth;
         const std::string text = Lines([&] { EXPECT_EQ(WriteFrame({1, 2, 3}, count), -1); });
         EXPECT_EQ(count, 0);
-        EXPECT_EQ(text, failing == &node.failWriteAt && wrong == 2
-                            ? "USB : USB write failed. errno = 5\n"
-                            : "");
+        EXPECT_EQ(text,
+                  call == &failing.write && nth == 2 ? "USB : USB write failed. errno = 5\n" : "");
     }
-    node.shortWriteAt = 1;
+    failing.shortWrite = 1;
     count = 3;
     EXPECT_EQ(device.Write("abc", &count), -1);
     EXPECT_EQ(count, 2);
-    node.failWriteAt = 1;
+    failing.write = 1;
     count = 3;
     EXPECT_EQ(device.Write("abc", &count), -1);
     EXPECT_EQ(count, -1);
@@ -120,37 +122,60 @@ TEST_F(USBBulkDevice, ReportsFailedWrites) {
 }
 
 TEST_F(USBBulkDevice, AsksForTheCableAtMostEveryHalfSecond) {
+    const VirtualTime time;
     node.pluggedIn = 0;
     Open();
     EXPECT_FALSE(device.linkUp);
     EXPECT_EQ(node.queries, 1);
     node.pluggedIn = 1;
+    VirtualTime::Advance(500);
     EXPECT_EQ(device.UpdateLinkStatus(), 0);
     EXPECT_EQ(node.queries, 1);
 
-    const auto next = [&] {
+    const auto afterHalfASecond = [&](int result) {
         return Lines([&] {
-            const int queries = node.queries;
-            while (node.queries == queries) {
-                device.UpdateLinkStatus();
-                OSSleep(5);
-            }
+            VirtualTime::Advance(501);
+            EXPECT_EQ(device.UpdateLinkStatus(), result);
+            EXPECT_EQ(device.UpdateLinkStatus(), 0) << "not asked again, also after a failure";
         });
     };
-    EXPECT_EQ(next(), "USB : USB gadget cable is plugged in.\n");
+    EXPECT_EQ(afterHalfASecond(0), "USB : USB gadget cable is plugged in.\n");
     EXPECT_TRUE(device.linkUp);
-    EXPECT_EQ(next(), "") << "nothing changed";
+    EXPECT_EQ(afterHalfASecond(0), "") << "nothing changed";
     node.queryFails = true;
-    EXPECT_EQ(next(), "USB : ioctl(ZTG_LINK_STATUS) failed. errno = 25\n");
+    EXPECT_EQ(afterHalfASecond(-1), "USB : ioctl(ZTG_LINK_STATUS) failed. errno = 25\n");
     EXPECT_TRUE(device.linkUp) << "it keeps its value";
     node.queryFails = false;
     node.pluggedIn = 0;
-    EXPECT_EQ(next(), "USB : USB gadget cable is unplugged.\n");
+    EXPECT_EQ(afterHalfASecond(0), "USB : USB gadget cable is unplugged.\n");
+    EXPECT_EQ(node.queries, 5);
     device.Close();
     EXPECT_EQ(device.UpdateLinkStatus(), -1);
 }
 
+// What every transport does the same: refuse without its mutex, and stay open without a reader.
+TEST_F(USBBulkDevice, RefusesOtherThreadsAndOpensWithoutAReader) {
+    failing.threadCreate = 1;
+    Open();
+    node.HostSends({1});
+    int count = 3;
+    EXPECT_EQ(Printed([&] {
+                  std::thread([&] {
+                      SetTraceThreshold(100);  // the lock's own line has an address in it
+                      EXPECT_EQ(device.OSOpen(nullptr), -1);
+                      EXPECT_EQ(device.OSClose(), -1);
+                      EXPECT_EQ(device.OSWrite("abc", &count), -1);
+                  }).join();
+              }),
+              "GServerUSBBulkDevice_Linux Line: 334\nGServerUSBBulkDevice_Linux Line: 381\n");
+    EXPECT_EQ(count, 3);
+    EXPECT_EQ(device.OSQuery() + device.OSRead(1, 2, 3) + device.OSPurge(), -2);
+    EXPECT_EQ(device.Close(), 0);
+    EXPECT_TRUE(received.Await(0).empty());
+}
+
 TEST_F(USBBulkDevice, ClosesAlthoughTheHostTakesNothing) {
+    const VirtualTime time;
     const Bytes filling(4096);
     while (send(node.nodeEnd, filling.data(), filling.size(), MSG_DONTWAIT) > 0) {
     }
@@ -158,12 +183,15 @@ TEST_F(USBBulkDevice, ClosesAlthoughTheHostTakesNothing) {
     Open();
     int count = 5000;
     ASSERT_EQ(device.QueueWrite(Bytes(5000).data(), &count), 0);
-    while (device.outputBuffer->GetBytesAvailable() > 0) OSSleep(1);  // the writer has taken them
+    while (device.outputBuffer->GetBytesAvailable() > 0) OSSleep(1);  // the writer has them
+    VirtualTime::TakeSleeps();
     EXPECT_EQ(device.Close(), 0);
+    EXPECT_GE(VirtualTime::TakeSleeps().size(), 200U) << "2 s for a write in progress";
 }
 
 // The abort signal may come between the reader's look at its stop flag and its read.
 TEST_F(USBBulkDevice, NeverLosesTheReadersWakeUp) {
+    const VirtualTime time;
     for (int round = 0; round < 200; ++round) {
         GServerUSBBulkDevice each(&port);
         each.SetReadCallback(ReceivedBytes::Callback, &received);

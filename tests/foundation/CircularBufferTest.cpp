@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "foundation/GCircularBuffer.h"
+#include "support/System.h"
 
 namespace vexa {
 namespace {
@@ -56,33 +57,26 @@ TEST(GCircularBuffer, BehavesAsAQueueOfItsNewestBytes) {
 }
 
 TEST(GCircularBuffer, RefusesEverythingWithoutItsGuard) {
+    const test::VirtualTime time;
     CeilingMutex noMutex{kCeilingPriority, nullptr};
     CeilingMutex taken{kCeilingPriority, OSMutexPtr(OSCreateMutex(""))};
-    const OSSemaphorePtr locked(OSCreateSemaphore());
-    const OSSemaphorePtr finished(OSCreateSemaphore());
-    std::thread holder([&] {
-        ASSERT_TRUE(OSLockMutex(taken.mutex.get(), 1));
-        OSPostSemaphore(locked.get());
-        OSWaitSemaphore(finished.get());
-        OSUnlockMutex(taken.mutex.get());
-    });
-    OSWaitSemaphore(locked.get());
-
     GCircularBuffer buffer(10);
     unsigned char bytes[3] = {1, 2, 3};
     ASSERT_EQ(buffer.Write(bytes, 3), 1);
+    ASSERT_TRUE(OSLockMutex(taken.mutex.get(), 1));
     for (CeilingMutex* guard : {&noMutex, &taken}) {
         buffer.lock = guard;
-        EXPECT_EQ(buffer.Write(bytes, 3), 0);
-        if (guard == &taken) break;  // each refusal takes 2 s
-        EXPECT_EQ(buffer.Read(bytes, 3), 0);
-        EXPECT_EQ(buffer.Peek(bytes, 0, 3), 0);
-        EXPECT_EQ(buffer.Clear(), 0);
-        EXPECT_EQ(buffer.GetBytesAvailable(), 0);
-        EXPECT_EQ(buffer.GetTotalBytesWritten(), 0);
+        std::thread([&] {
+            EXPECT_EQ(buffer.Write(bytes, 3), 0);
+            EXPECT_EQ(test::VirtualTime::TakeSleeps().size(), guard == &taken ? 1000U : 0U);
+            EXPECT_EQ(buffer.Read(bytes, 3), 0);
+            EXPECT_EQ(buffer.Peek(bytes, 0, 3), 0);
+            EXPECT_EQ(buffer.Clear(), 0);
+            EXPECT_EQ(buffer.GetBytesAvailable(), 0);
+            EXPECT_EQ(buffer.GetTotalBytesWritten(), 0);
+        }).join();
     }
-    OSPostSemaphore(finished.get());
-    holder.join();
+    OSUnlockMutex(taken.mutex.get());
     EXPECT_EQ(buffer.GetBytesAvailable(), 3);
 }
 

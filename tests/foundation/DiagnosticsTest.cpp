@@ -1,16 +1,16 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <regex>
 
 #include "foundation/GUtils.h"
 #include "foundation/HexDump.h"
 #include "support/Output.h"
+#include "support/System.h"
 
 namespace vexa {
 namespace {
 
-using test::Printed;
+using namespace test;
 
 TEST(Trace, WritesThePrefixOnlyWithAFileAndALine) {
     struct Case {
@@ -51,25 +51,29 @@ TEST(OSAssert, PrintsOnlyWhenTheConditionFails) {
     EXPECT_EQ(result, 5);
 }
 
-TEST(HexDump, TakesTheCountAsSigned16Bit) {
+TEST(HexDump, TruncatesTheCountToSigned16Bit) {
     const unsigned char data[] = {0x00, 0x4d, 0xff};
+    const std::vector<unsigned char> many(32767, 0xA5);
+    const std::string longest = Printed([&] { HexDump("Title", "TAG", many.data(), 32767); });
+    EXPECT_EQ(longest.size(), 12 + 3 * 32767 + 1U);
+    EXPECT_TRUE(longest.ends_with(" a5\n"));
+    const std::string label(300, 'x');
+    EXPECT_TRUE(Printed([&] { HexDump(label.c_str(), "", data, 1); }).ends_with("xxx 00\n"));
     EXPECT_EQ(Printed([&] { HexDump("Title", "TAG", data, 3); }), "Title - TAG: 00 4d ff\n");
     EXPECT_EQ(Printed([&] { HexDump("Title", "TAG", data, 0); }), "Title - TAG:\n");
     EXPECT_EQ(Printed([&] { HexDump("Title", "TAG", data, 0x8003); }), "Title - TAG:\n");
     EXPECT_EQ(Printed([&] { HexDump("Title", "TAG", data, 0x10002); }), "Title - TAG: 00 4d\n");
 }
 
-TEST(GetBuildDateTime, HasTheFormOfDateAndTime) {
-    EXPECT_TRUE(
-        std::regex_match(GetBuildDateTime(), std::regex("[A-Z][a-z]{2} [ 123][0-9] 20[0-9]{2} "
-                                                        "[0-9]{2}:[0-9]{2}:[0-9]{2}")))
-        << GetBuildDateTime();
-}
-
-TEST(Diagnostics, HaveTheirFixedTextsAndTheProcessorTime) {
-    EXPECT_EQ(GeneralExceptionText(), "Truly exceptional.");
-    EXPECT_EQ(MemoryExceptionText(), "Memory exception.");
-    EXPECT_GE(OSGetProcessorTime(), 0.0);
+TEST(Clock, CountsMillisecondsAndWrapsAt32Bits) {
+    const VirtualTime time((1ULL << 32U) - 2);
+    EXPECT_EQ(OSGetMilliseconds(), 0xFFFFFFFEU);
+    OSSleep(3);
+    EXPECT_EQ(OSGetMilliseconds(), 1U);
+    OSSleep(999);
+    EXPECT_EQ(OSGetMilliseconds(), 1000U);
+    OSSleep(4'294'968);  // its microseconds wrap at 32 bits
+    EXPECT_EQ(VirtualTime::TakeSleeps(), (std::vector<std::int64_t>{3000, 999'000, 704}));
 }
 
 TEST(BytePacking, PutsTheFirstByteLowest) {

@@ -6,31 +6,35 @@
 #include <cerrno>
 #include <csignal>
 #include <regex>
-#include <string>
 #include <thread>
 
 #include "foundation/GThread.h"
 #include "foundation/GUtils.h"
 #include "foundation/OSThreading.h"
 #include "support/Output.h"
+#include "support/System.h"
 
 namespace vexa {
 namespace {
 
-using test::Printed;
+using namespace test;
+using Sleeps = std::vector<std::int64_t>;
 
-// Counts the calls of a worker's functions; workResult is what the work function returns.
+// The functions of a worker: how often each was called, and what it is to return.
 struct Calls {
     std::atomic<int> work{0}, init{0}, exit{0}, stop{0};
     std::atomic<int> workResult{0}, initResult{1}, exitResult{1};
+    std::atomic<int> endsAfter{-1};  // works
     std::atomic<bool> release{false};
+    Sleeps sleeps;  // of the worker, as its last work saw them
 };
 
 Calls& Of(void* context) { return *static_cast<Calls*>(context); }
 
 std::int32_t Work(void* context) {
-    ++Of(context).work;
-    return Of(context).workResult;
+    Calls& calls = Of(context);
+    calls.sleeps = VirtualTime::TakeSleeps();
+    return ++calls.work == calls.endsAfter ? -1 : calls.workResult.load();
 }
 std::int32_t Init(void* context) {
     ++Of(context).init;
@@ -51,35 +55,38 @@ std::int32_t StopRun(void* context) {
     return 0;
 }
 
-void AwaitWork(const Calls& calls, int count) {
-    while (calls.work < count) OSSleep(1);
-}
-
-TEST(GThread, LoopsUntilItIsDestroyed) {
-    Calls calls;
-    {
-        GThread thread(Work, nullptr, nullptr, Init, Exit, &calls, 0, false);
-        ASSERT_TRUE(thread.Start(3));
-        AwaitWork(calls, 3);
-    }
-    EXPECT_EQ(calls.init, 1);
-    EXPECT_EQ(calls.exit, 1);
-}
-
-TEST(GThread, EndsByItselfAfterMinusOneOrASingleRun) {
-    for (const bool runOnce : {false, true}) {
+TEST(GThread, WorksEvery30MillisecondsUntilItIsDestroyedOrDone) {
+    const VirtualTime time;
+    struct Case {
+        bool runOnce;
+        int endsAfter;
+        int works;
+        Sleeps sleeps;
+    };
+    for (const Case& each :
+         {Case{false, -1, 0, {30000}}, {false, 3, 3, {30000}}, {true, -1, 1, {}}}) {
         Calls calls;
-        calls.workResult = runOnce ? 0 : -1;
+        calls.endsAfter = each.endsAfter;
         {
-            GThread thread(Work, nullptr, nullptr, nullptr, Exit, &calls, 0, runOnce);
+            GThread thread(Work, nullptr, nullptr, Init, Exit, &calls, 0, each.runOnce);
             ASSERT_TRUE(thread.Start(3));
-            while (calls.exit == 0) OSSleep(1);
+            while (calls.work < std::max(each.works, 1)) OSSleep(1);
+            if (each.works == 0) {
+                while (calls.work < 5) OSSleep(1);
+            } else {
+                while (calls.exit == 0) OSSleep(1);
+            }
         }
-        EXPECT_EQ(calls.work, 1);
+        EXPECT_EQ(calls.init, 1);
+        EXPECT_EQ(calls.exit, 1);
+        if (each.works != 0) {
+            EXPECT_EQ(calls.work, each.works);
+        }
+        EXPECT_EQ(calls.sleeps, each.sleeps) << "between two works";
     }
 }
 
-TEST(GThread, ReportsFailingHooks) {
+TEST(GThread, ReportsFailingHooksAndThreads) {
     Calls badInit;
     badInit.initResult = 0;
     EXPECT_EQ(Printed([&] {
@@ -96,6 +103,10 @@ TEST(GThread, ReportsFailingHooks) {
                   thread.Start(3);
               }),
               "GThread Line: 99\n");
+
+    GThread neverStarted(Work, nullptr, nullptr, nullptr, nullptr, &badExit, 0, false);
+    failing.threadCreate = 1;
+    EXPECT_FALSE(neverStarted.Start(3));
 }
 
 TEST(GLiteThread, CallsItsStopFunctionOnlyIfStarted) {
@@ -105,32 +116,45 @@ TEST(GLiteThread, CallsItsStopFunctionOnlyIfStarted) {
     {
         GLiteThread thread(RunUntilStopped, StopRun, &calls);
         ASSERT_TRUE(thread.Start(3));
-        AwaitWork(calls, 1);
+        while (calls.work < 1) OSSleep(1);
     }
     EXPECT_EQ(calls.work, 1);
     EXPECT_EQ(calls.stop, 1);
 }
 
 TEST(OSMutex, IsRecursiveAndItsTimedLockGivesUpWithALine) {
+    const VirtualTime time;
     const OSMutexPtr mutex(OSCreateMutex("name"));
     ASSERT_TRUE(OSLockMutex(mutex.get(), 0));
     ASSERT_TRUE(OSLockMutex(mutex.get(), 1));
     SetTraceThreshold(1);
-    bool locked = true;
-    const std::string text =
-        Printed([&] { std::thread([&] { locked = OSLockMutex(mutex.get(), 5); }).join(); });
-    EXPECT_FALSE(locked);
-    EXPECT_TRUE(std::regex_match(text, std::regex("GThread_Linux\\(118\\) : Trying to lock mutex "
-                                                  "-?\\d+ on thread -?\\d+ in VEXA_lib failed\n")))
-        << text;
-    SetTraceThreshold(100);
-
+    for (const auto& [timeoutMs, tries] : {std::pair{0, 0}, {1, 0}, {2, 0}, {3, 2}, {2000, 1000}}) {
+        Sleeps sleeps;
+        const std::string text = Printed([&, timeout = timeoutMs] {
+            std::thread([&] {
+                EXPECT_FALSE(OSLockMutex(mutex.get(), timeout));
+                sleeps = VirtualTime::TakeSleeps();
+            }).join();
+        });
+        EXPECT_EQ(sleeps, Sleeps(static_cast<std::size_t>(tries), 2000)) << timeoutMs;
+        EXPECT_TRUE(std::regex_match(
+            text, std::regex("GThread_Linux\\(118\\) : Trying to lock mutex -?\\d+ on thread "
+                             "-?\\d+ in VEXA_lib failed\n")))
+            << text;
+    }
     EXPECT_TRUE(OSUnlockMutex(mutex.get()));
     EXPECT_TRUE(OSUnlockMutex(mutex.get()));
     std::thread([&] {
         EXPECT_TRUE(OSLockMutexBlocking(mutex.get()));
         EXPECT_TRUE(OSUnlockMutex(mutex.get()));
     }).join();
+    failing.mutexInit = 1;
+    EXPECT_EQ(Printed([] { EXPECT_EQ(OSCreateMutex(""), nullptr); }),
+              "GThread_Linux(62) : Trouble in paradise\n");
+    failing.semaphoreInit = 1;
+    EXPECT_EQ(Printed([] { EXPECT_EQ(OSCreateSemaphore(), nullptr); }),
+              "GThread_Linux(171) : Trouble in paradise\n");
+    SetTraceThreshold(100);
 }
 
 TEST(OSSemaphore, CountsPosts) {
@@ -143,9 +167,11 @@ TEST(OSSemaphore, CountsPosts) {
 }
 
 TEST(IOAbortSignal, FirstRegistrationWinsAndInterruptsABlockingRead) {
+    OSDeregisterIOAbortSignal();
     ASSERT_EQ(OSRegisterIOAbortSignal(0), -1);
     ASSERT_EQ(OSRegisterIOAbortSignal(-5), -1);
-    ASSERT_EQ(OSRegisterIOAbortSignal(IO_ABORT_SIGNAL), 0);
+    ASSERT_EQ(OSRegisterIOAbortSignal(SIGRTMIN + 12), 0);
+    ASSERT_EQ(IO_ABORT_SIGNAL, SIGRTMIN + 12);
     ASSERT_EQ(OSRegisterIOAbortSignal(IO_ABORT_SIGNAL + 1), 0);
     struct sigaction action {};
     sigaction(IO_ABORT_SIGNAL + 1, nullptr, &action);

@@ -4,7 +4,6 @@
 #include <iterator>
 #include <utility>
 
-
 namespace vexa::test {
 
 RealService::RealService() : console(stdout), script(ScriptedLibraries::Get()) {
@@ -39,9 +38,9 @@ Outcome RealService::Take(const Event& event) {
     Outcome outcome;
     outcome.taken = Apply(event);
     outcome.toHost.resize(
-        static_cast<std::size_t>(link.state.device->outputBuffer->GetBytesAvailable()));
-    link.state.device->outputBuffer->Read(outcome.toHost.data(),
-                                          static_cast<std::int32_t>(outcome.toHost.size()));
+        static_cast<std::size_t>(link.Device().outputBuffer->GetBytesAvailable()));
+    link.Device().outputBuffer->Read(outcome.toHost.data(),
+                                     static_cast<std::int32_t>(outcome.toHost.size()));
     outcome.calls = script.TakeCalls();
     outcome.writes = std::exchange(script.writes, {});
     std::fflush(stdout);
@@ -70,7 +69,7 @@ std::int32_t RealService::Apply(const Event& event) {
             script.Answer(kApplications[event.number], event.command, event.response);
             break;
         case EventKind::kLink:
-            link.state.device->linkUp = on;
+            link.Device().linkUp = on;
             break;
         case EventKind::kDevice:
             script.attached.erase(event.number);
@@ -89,7 +88,7 @@ std::int32_t RealService::Apply(const Event& event) {
             script.deviceOpens = on;
             break;
         case EventKind::kCommandsSucceed:
-            script.commandsSucceed = on;
+            script.commandResult = on ? 1 : 0;
             break;
         case EventKind::kAnswersAtOnce:
             script.answers.erase(event.command);

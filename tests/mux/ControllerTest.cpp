@@ -18,6 +18,7 @@ class Controller : public MuxTest {
 };
 
 TEST_F(Controller, OpensUnderEitherCommand) {
+    const VirtualTime time;
     const Bytes byName = Hex("44 33 22 11 0b") + Hex("43 6f 6e 74 72 6f 6c 6c 65 72 00");
     EXPECT_EQ(Reply(ToController(0x70, byName)), ControllerReply(0, 0x98, 0x70, 0));
     EXPECT_TRUE(daq.IsOpen()) << "by name the DAQ link is opened, too";
@@ -58,7 +59,7 @@ TEST_F(Controller, QueryReportsTheAnswerOfTheDaqApplication) {
     AnswerAll(2);
     EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(2, 0x98, 0x73, 0));
 
-    script.commandsSucceed = false;
+    script.commandResult = 0;
     EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(3, 0x98, 0x73, 0))
         << "not sent: no answer";
     EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(4, 0x9C, 0x73, 50))
@@ -156,6 +157,7 @@ TEST_F(Controller, ForwardsBetweenHostAndDaq) {
     EXPECT_EQ(script.writes, Calls{std::to_string(board) + ": " + kSync})
         << "with the link open also the sync is the board's";
 
+    EXPECT_TRUE(daq.IsOpen());
     const Bytes good = Sealed(Hex("a0 0a 01 00 01 02 03 04 05 06"));
     Bytes bad = good;
     bad[3] ^= 0xFFU;
@@ -185,6 +187,20 @@ TEST_F(Controller, ForwardsBetweenHostAndDaq) {
     EXPECT_EQ(daq.Write(good.data(), 10), 10);
     daq.Close();
     EXPECT_EQ(daq.Write(good.data(), 10), 0);
+
+    SetTraceThreshold(1);
+    EXPECT_EQ(Printed([&] {
+                  EXPECT_TRUE(daq.Open());
+                  EXPECT_TRUE(daq.Open()) << "open already";
+                  script.Send(script.streams.begin()->first, Hex("a0 03 00 00"));
+              }),
+              "DAQIO(113) : DAQ successfully replied to initial sync VEXA_CMD_ID_INIT.\n"
+              "DAQIO(239) : DAQ->Host good blob: 00 00 00 00 00 00 00 00\n"
+              "DAQIO(245) : DAQ->Host blob checksum err: a0 03 00 00 00 00 00 00\n")
+        << "counted anew, and the last good header gone";
+    SetTraceThreshold(100);
+    link.Take();
+    daq.Close();
     EXPECT_EQ(Printed([] {
                   const Bytes bytes = Hex("01 a0");
                   DAQIO::DumpInput(bytes.data(), 2, "x");
@@ -207,17 +223,28 @@ TEST_F(Controller, SyncsWithTheBoardOnlyOnItsRightAnswer) {
     script.daqAnswer = before + DaqSyncAnswer() + packet;
     EXPECT_EQ(Reply(reopen), ToHex(packet) + " " + ControllerReply(0, 0x98, 0x72, 0));
 
+    const VirtualTime time;
+    script.deviceOpens = false;
     script.daqAnswer = DaqSyncAnswer();
     script.daqAnswer[5] = 78;
     script.daqAnswer = Sealed(script.daqAnswer);
     SetTraceThreshold(1);
     std::string reply;
     EXPECT_EQ(Printed([&] { reply = Reply(reopen); }),
-              "DAQIO(141) : Init during DAQ close succeeded.\n"
+              "DAQIO(144) : Init during DAQ close failed.\n"
               "DAQIO(110) : DAQ failed to reply to initial sync VEXA_CMD_ID_INIT.\n");
     SetTraceThreshold(100);
     EXPECT_EQ(reply, ControllerReply(0, 0x9C, 0x72, 59));
     EXPECT_TRUE(script.streams.empty());
+    EXPECT_EQ(VirtualTime::TakeSleeps(), std::vector<std::int64_t>(51, 10000)) << "500 ms and one";
+    script.TakeCalls();
+    script.writesSucceed = false;
+    EXPECT_EQ(Reply(reopen), ControllerReply(0, 0x9C, 0x72, 59)) << "the sync was not sent";
+    EXPECT_EQ(
+        script.TakeCalls(),
+        (Calls{"VEXA_SearchForDevices(9, 5, 2, 0)", "VEXA_CloseDeviceListSnapshot(105)",
+               "VEXA_Device_Stream_Open(board, mode 4) = " + std::to_string(script.lastHandle),
+               "VEXA_Device_Stream_Close(" + std::to_string(script.lastHandle) + ")"}));
 }
 
 TEST_F(Controller, CountsTheComingsAndGoingsThatATransportReports) {
@@ -232,6 +259,7 @@ TEST_F(Controller, CountsTheComingsAndGoingsThatATransportReports) {
     SetHostConnected(true, nullptr);
     EXPECT_EQ(mux.Children().ConnectionGeneration(1), 3U) << "the count that the main loop follows";
 
+    const VirtualTime time;
     ASSERT_TRUE(mux.Children().Lock(0));
     const std::string text = Printed([&] { std::thread([&] { report(false); }).join(); });
     mux.Children().Unlock();

@@ -11,6 +11,7 @@
 #include "support/Output.h"
 #include "support/QueuedHostLink.h"
 #include "support/ScriptedLibraries.h"
+#include "support/System.h"
 
 namespace vexa::test {
 

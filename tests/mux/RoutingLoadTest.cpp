@@ -35,7 +35,7 @@ TEST_F(RoutingLoad, AllocatesNothingPerPacket) {
         } else {
             board.callback(packet.data(), static_cast<int>(packet.size()), board.context);
         }
-        received += link.state.device->outputBuffer->Read(sent.data(), 50000);
+        received += link.Device().outputBuffer->Read(sent.data(), 50000);
     }
     EXPECT_EQ(AllocationsSoFar() - before, 0);
     EXPECT_EQ(received, kPackets / 2 * (17 + 8) + kPackets / 2 * 6) << "every packet came through";

@@ -2,7 +2,6 @@
 
 #include <atomic>
 #include <functional>
-#include <future>
 #include <thread>
 
 #include "mux/MuxTest.h"
@@ -131,48 +130,45 @@ TEST_F(Children, AreAllClosedWhenTheHostLeaves) {
     EXPECT_EQ(script.TakeCalls(), Calls{}) << "once";
 }
 
-// Each on a thread of its own, as each waits for its second.
-TEST_F(Children, AreNotFoundWhileTheirLockIsNotToBeHad) {
+TEST_F(Children, AreNotFoundWhileAnotherThreadHoldsTheirLock) {
+    const VirtualTime time;
     MuxChildren& children = mux.Children();
-    const auto childOf = [](std::uint32_t id) {
-        MuxChild child;
-        child.id = id;
-        return child;
-    };
-    ASSERT_TRUE(children.Add(childOf(5)));
+    MuxChild child;
+    child.id = 5;
+    ASSERT_TRUE(children.Add(child));
     const std::vector<std::function<bool()>> operations = {
         [&] { return children.Count() != 0; },
-        [&] {
-            MuxChild child;
-            return children.Find(5, child);
-        },
+        [&] { return children.Find(5, child); },
         [&] { return children.Copy().count != 0; },
-        [&] { return children.Add(childOf(6)); },
+        [&] { return children.Add(MuxChild{.id = 6}); },
         [&] { return children.Remove(5); },
         [&] { return children.ControllerId() != 0; },
         [&] { return children.TakeControllerSequence().id != 0; },
         [&] { return children.MarkHostConnected(false); },
-        [&] {
-            children.Clear();
-            return false;
-        },
+        [&] { return children.Clear(), false; },
         [&] {
             return TunneledDeviceReadCallback(nullptr, 0, reinterpret_cast<void*>(5)) == 0;
         },  // NOLINT
     };
     ASSERT_TRUE(children.Lock(0));
-    const std::string text = Printed([&] {
-        std::vector<std::future<bool>> results;
-        results.reserve(operations.size());
-        for (const auto& operation : operations) {
-            results.push_back(std::async(std::launch::async, operation));
-        }
-        for (auto& result : results) EXPECT_FALSE(result.get());
-    });
+    for (const auto& operation : operations) {
+        const std::string text = Printed([&] {
+            std::thread([&] {
+                EXPECT_FALSE(operation());
+                EXPECT_EQ(VirtualTime::TakeSleeps(), std::vector<std::int64_t>(500, 2000))
+                    << "501 tries, 2 ms apart";
+            }).join();
+        });
+        EXPECT_EQ(text, "Trying to lock mutex failed\n");
+    }
     children.Unlock();
-    EXPECT_EQ(text.size(), operations.size() * std::string("Trying to lock mutex failed\n").size());
     EXPECT_EQ(children.Count(), 2U) << "and nothing has changed";
     EXPECT_TRUE(mux.IsHostConnected());
+    failing.mutexInit = 1;
+    EXPECT_EQ(Printed([&] { EXPECT_FALSE(mux.Init()); }),
+              "Failed to init mutex in HostVEXMuxController_Init.\n");
+    EXPECT_EQ(Printed([&] { EXPECT_EQ(children.Count(), 0U); }), "Trying to lock mutex failed\n");
+    mux.Init();
 }
 
 // Library threads send data while the main thread closes and opens children and replies.

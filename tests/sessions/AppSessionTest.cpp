@@ -39,7 +39,7 @@ TEST_F(AppSession, KnowsWhoHoldsTheHardwareAtFirst) {
 }
 
 TEST_F(AppSession, RefusesRequestsWhenItsInitFailed) {
-    script.initResults["DAQ"] = 0;
+    script.initResults["DAQ"] = 2;
     const std::string line = "vexAppSession(36) : Initiator call to criInit failed.\n";
     EXPECT_EQ(Printed([&] { session.Init("DAQ"); }), line);
     EXPECT_FALSE(session.Request(SessionCommand::kQuery, 1000));
@@ -79,12 +79,19 @@ TEST_F(AppSession, CarriesARequestThroughItsStates) {
     session.Poll();
     session.Poll();
     EXPECT_TRUE(session.IsIdle()) << "released: consumed by itself";
+
+    session.Release();
+    session.Request(SessionCommand::kQuery, 1000);
+    session.Poll();
+    script.Answer("DAQ", 3, 1);
+    for (int poll = 0; poll < 3; ++poll) session.Poll();
+    EXPECT_TRUE(session.IsDone()) << "a release is of the request before it";
     session.Terminate();
 }
 
 TEST_F(AppSession, CompletesACommandThatCannotBeSentAndSaysSoOnce) {
     session.Init("SPLASH");
-    script.commandsSucceed = false;
+    script.commandResult = 2;
     EXPECT_EQ(Printed([&] {
                   for (int i = 0; i < 2; ++i) {
                       session.Request(SessionCommand::kActivate, 1000);

@@ -14,14 +14,15 @@ class QueuedHostLink {
     QueuedHostLink() {
         const GPortRef port(GPortRef::kUSBBulk, "queued", "", "queued", 0, 0);
         state.hostRing.Init(state.hostRingStorage.data(), kHostBufferSize);
-        state.device = std::make_unique<GDeviceIO>(&port);
-        state.device->bufferedOutput = true;
-        state.device->outputLock.reset(
-            new CeilingMutex{kCeilingPriority, OSMutexPtr(OSCreateMutex(""))});
-        state.device->outputBuffer = std::make_unique<GCircularBuffer>(50000);
-        state.device->outputBuffer->lock = state.device->outputLock.get();
-        state.device->isOpen = true;
-        state.device->linkUp = true;
+        auto device = std::make_unique<GDeviceIO>(&port);
+        device->bufferedOutput = true;
+        device->outputLock.reset(new CeilingMutex{kCeilingPriority, OSMutexPtr(OSCreateMutex(""))});
+        device->outputBuffer = std::make_unique<GCircularBuffer>(50000);
+        device->outputBuffer->lock = device->outputLock.get();
+        device->isOpen = true;
+        device->linkUp = true;
+        const ExclusiveLock gate(state.deviceGate);
+        state.device = std::move(device);
         HostLink_Use(&state);
     }
     ~QueuedHostLink() {
@@ -35,11 +36,13 @@ class QueuedHostLink {
         state.hostRing.WriteBlock(bytes.data(), static_cast<std::uint32_t>(bytes.size()));
     }
 
-    // All that the service has sent since the last look.
+    // Unchecked: only the test's own thread sets the device.
+    GDeviceIO& Device() VEXA_UNCHECKED { return *state.device; }
+
+    // All that the service has sent since the last call.
     Bytes TakeBytes() {
         Bytes bytes(50000);
-        bytes.resize(
-            static_cast<std::size_t>(state.device->outputBuffer->Read(bytes.data(), 50000)));
+        bytes.resize(static_cast<std::size_t>(Device().outputBuffer->Read(bytes.data(), 50000)));
         return bytes;
     }
     std::string Take() { return ToHex(TakeBytes()); }

@@ -1,12 +1,20 @@
-// Collects what a transport's reader thread hands over.
+// Collects what a transport's reader thread delivers.
 #pragma once
 
+#include <cstddef>
+#include <filesystem>
 #include <mutex>
 
 #include "foundation/GUtils.h"
 #include "support/Bytes.h"
 
 namespace vexa::test {
+
+// How many threads this process has.
+inline std::size_t ThreadCount() {
+    const std::filesystem::directory_iterator tasks("/proc/self/task");
+    return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
+}
 
 class ReceivedBytes {
   public:

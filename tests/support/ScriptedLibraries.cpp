@@ -65,7 +65,7 @@ extern "C" {
 
 uint32_t VEXA_Init() {
     Note("VEXA_Init()");
-    return 9;
+    return Script().library;
 }
 
 int32_t VEXA_Uninit(uint32_t library) {
@@ -174,7 +174,7 @@ int32_t criCommand(uint32_t handle, uint32_t command, uint32_t argument) {
     const auto session = Script().sessions.at(handle);
     Note("criCommand(" + session.name + ", " + std::to_string(command) + ", " +
          std::to_string(argument) + ")");
-    if (!Script().commandsSucceed) return 0;
+    if (Script().commandResult != 1) return Script().commandResult;
     const auto answer = Script().answers.find(command);
     if (answer != Script().answers.end()) {
         session.callback(session.context, command, answer->second);

@@ -38,6 +38,7 @@ struct ScriptedLibraries {
     void Answer(const std::string& application, std::uint32_t command, std::int32_t response);
 
     // The script.
+    std::uint32_t library = 9;                      // handle of VEXA_Init
     std::map<std::string, std::uint32_t> types;     // of all names known
     std::map<std::uint32_t, std::string> attached;  // first device of a type
     bool snapshotsOpen = true;
@@ -48,7 +49,7 @@ struct ScriptedLibraries {
     Bytes daqAnswer;  // sent at once for the initial sync written to the board
     std::map<std::string, std::int32_t> initResults;  // of criInit; 1 when not named
     std::map<std::uint32_t, std::int32_t> answers;    // by command, given inside criCommand
-    bool commandsSucceed = true;
+    std::int32_t commandResult = 1;                   // of criCommand
 
     // What happened.
     std::vector<std::string> calls;
