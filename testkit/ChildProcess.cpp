@@ -62,7 +62,9 @@ std::vector<char*> Pointers(const std::vector<std::string>& words) {
     if (call.ownGroup) ::setpgid(0, 0);
     if (call.deathSignal != 0) ::prctl(PR_SET_PDEATHSIG, call.deathSignal);
     if (::getppid() != parent) ::_exit(EXIT_FAILURE);  // the parent ended before the line above
-    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) ::signal(number, SIG_DFL);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) {
+        if (!call.keepIgnored) ::signal(number, SIG_DFL);
+    }
     for (const int descriptor : call.inherited) ::fcntl(descriptor, F_SETFD, 0);
     if (call.withoutInput) {
         const int nothing = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -163,6 +165,19 @@ Finished RunToEnd(std::vector<std::string> command) {
 
 Finished RunShell(const std::string& commandLine) {
     return RunToEnd({"/bin/sh", "-c", commandLine});
+}
+
+pid_t StartApart(const std::function<int()>& body) {
+    const pid_t process = ::fork();
+    if (process == 0) ::_exit(body());
+    return process;
+}
+
+std::optional<int> RunApart(const std::function<int()>& body) {
+    const pid_t process = StartApart(body);
+    int word = 0;
+    if (process < 0 || ::waitpid(process, &word, 0) != process) return std::nullopt;
+    return word;
 }
 
 }  // namespace vexa::testkit

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <csignal>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -29,6 +30,7 @@ struct ProcessCall {
     std::vector<int> inherited{};    // descriptors that stay open although marked close-on-exec
     bool ownGroup = false;           // a process group of its own, so that Ctrl-C does not reach it
     bool withoutInput = false;       // standard input is /dev/null
+    bool keepIgnored = false;        // signals that are ignored here are ignored in the child, too
     int deathSignal = SIGKILL;       // the child gets it when the starting thread ends; 0: none
     const sigset_t* mask = nullptr;  // signal mask in the child; null: this thread's
 };
@@ -79,5 +81,13 @@ struct Finished {
 [[nodiscard]] Finished RunToEnd(std::vector<std::string> command);
 // The same with a command line for the shell.
 [[nodiscard]] Finished RunShell(const std::string& commandLine);
+
+// Runs a function in a copy of this process, which ends with the result as its exit status, without
+// any clean-up. This process must have no other threads.
+//
+// Starts it: the process's id; -1, with errno, when it cannot be started.
+[[nodiscard]] pid_t StartApart(const std::function<int()>& body);
+// Also waits for its end: the status as waitpid gives it; nothing, with errno, when it was not run.
+[[nodiscard]] std::optional<int> RunApart(const std::function<int()>& body);
 
 }  // namespace vexa::testkit
