@@ -22,7 +22,7 @@ Expected<Done> PrintBlocks(Client& unit, const char* sensor, int count) {
     if (auto opened = unit.OpenDevice(sensor, kSensor); !opened) return opened;
     for (int i = 0; i < count; ++i) {
         const auto block = unit.Receive(kSensor, Client::kDefaultTimeout);
-        if (!block) return block.Failure();
+        if (!block) return block.error();
         std::printf("%s\n", vexahost::HexText(block->bytes).c_str());
     }
     return unit.CloseController();
@@ -36,15 +36,15 @@ int main(int argc, char** argv) {
     const auto unit =
         Client::Connect([&] { return vexahost::SocketTransport::ConnectUnit(directory); });
     if (!unit) {
-        std::fprintf(stderr, "%s\n", unit.Failure().message.c_str());
+        std::fprintf(stderr, "%s\n", unit.error().message.c_str());
         return 2;
     }
     auto result = PrintBlocks(**unit, sensor, 10);
-    if (!result && result.Failure().kind == ErrorKind::kLinkLost) {
+    if (!result && result.error().kind == ErrorKind::kLinkLost) {
         result = (*unit)->Reconnect(std::chrono::seconds(5));
         if (result) result = PrintBlocks(**unit, sensor, 10);
     }
     if (result) return 0;
-    std::fprintf(stderr, "%s\n", result.Failure().message.c_str());
+    std::fprintf(stderr, "%s\n", result.error().message.c_str());
     return 1;
 }

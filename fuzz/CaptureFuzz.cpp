@@ -3,8 +3,8 @@
 #include <vector>
 
 #include "Require.h"
-#include "capture/Decoder.h"
-#include "capture/PcapngReader.h"
+#include "vexahost/Decoder.h"
+#include "vexahost/Recording.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     vexahost::PcapngReader reader(std::span(data, size));
@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (const auto frame = reader.Next()) {
         REQUIRE(frame->bytes.empty() || (frame->bytes.data() >= data &&
                                          frame->bytes.data() + frame->bytes.size() <= data + size));
-        decoder.Take(*frame);
+        decoder.Add(*frame);
         last = frame->time;
     }
     decoder.Finish(last);

@@ -1,4 +1,5 @@
-# What is installed of the host kit: the library for CMake projects, the tool, and what belongs to it.
+# What is installed of the host kit: the library for CMake and pkg-config, the tool, and what belongs
+# to it.
 include(CMakePackageConfigHelpers)
 
 set(package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/vexahost)
@@ -21,8 +22,17 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vexahostConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/vexahostConfigVersion.cmake
   DESTINATION ${package_folder} COMPONENT library)
 
-install(TARGETS vexa-host RUNTIME COMPONENT host)
-install(DIRECTORY scripts DESTINATION ${CMAKE_INSTALL_DATADIR}/vexa-host COMPONENT host)
+# Relative to itself, so that it is right wherever the installation is moved or staged.
+file(RELATIVE_PATH pkgconfig_to_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+string(REGEX REPLACE "/$" "" pkgconfig_to_prefix "${pkgconfig_to_prefix}")
+configure_file(vexahost.pc.in ${CMAKE_CURRENT_BINARY_DIR}/vexahost.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vexahost.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)
+
+if(VEXA_HOST_TOOL)
+  install(TARGETS vexa-host RUNTIME COMPONENT host)
+  install(DIRECTORY scripts DESTINATION ${CMAKE_INSTALL_DATADIR}/vexa-host COMPONENT host)
+endif()
 # The folder of plug-ins that Wireshark reads for every user.
 install(FILES wireshark/vexa.lua
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT host)

@@ -85,7 +85,7 @@ struct Finished {
 // Runs a function in a copy of this process, which ends with the result as its exit status, without
 // any clean-up. This process must have no other threads.
 //
-// Starts it: the process's id; -1, with errno, when there is none.
+// Starts it: the process's id; -1, with errno, when it cannot be started.
 [[nodiscard]] pid_t StartApart(const std::function<int()>& body);
 // Also waits for its end: the status as waitpid gives it; nothing, with errno, when it was not run.
 [[nodiscard]] std::optional<int> RunApart(const std::function<int()>& body);

@@ -56,7 +56,7 @@ class Figures {
 
 template <typename T>
 T Need(const std::string& what, vexahost::Expected<T> result) {
-    if (!result) Fail(what + ": " + result.Failure().message);
+    if (!result) Fail(what + ": " + result.error().message);
     return std::move(*result);
 }
 

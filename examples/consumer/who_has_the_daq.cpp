@@ -13,18 +13,18 @@ int main(int argc, char** argv) {
     const auto unit =
         vexahost::Client::Connect([&] { return vexahost::SocketTransport::ConnectUnit(argv[1]); });
     if (!unit) {
-        std::fprintf(stderr, "%s\n", unit.Failure().message.c_str());
+        std::fprintf(stderr, "%s\n", unit.error().message.c_str());
         return 2;
     }
     constexpr vexahost::ChildId kController = 1;
     auto opened = (*unit)->OpenController(kController, false);
     if (!opened) {
-        std::fprintf(stderr, "%s\n", opened.Failure().message.c_str());
+        std::fprintf(stderr, "%s\n", opened.error().message.c_str());
         return 1;
     }
     const auto held = (*unit)->QueryDaqApplication();
     if (!held) {
-        std::fprintf(stderr, "%s\n", held.Failure().message.c_str());
+        std::fprintf(stderr, "%s\n", held.error().message.c_str());
         return 1;
     }
     std::printf("%s\n", *held ? "the unit's DAQ application" : "nobody");

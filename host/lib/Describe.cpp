@@ -12,6 +12,13 @@
 
 namespace vexahost {
 
+Error RefusedError(const std::string& what, std::uint8_t command, std::uint8_t code) {
+    return {ErrorKind::kRefused,
+            what + " was refused: error " + std::to_string(code) + ", " +
+                std::string(vexa::ErrorMeaning(command, code)),
+            command, code};
+}
+
 namespace {
 
 using Bytes = std::span<const std::uint8_t>;
@@ -35,7 +42,7 @@ bool IsPacketOf(Bytes bytes, std::size_t least) {
     return bytes.size() >= least && bytes[vexa::kLengthOffset] == bytes.size();
 }
 
-// The name in an open command, as far as the packet goes and up to a zero byte.
+// The name in an open command, up to a zero byte or the end of the packet.
 std::string NameIn(Bytes inner) {
     std::string name;
     for (const std::uint8_t byte : inner.subspan(vexa::kCommandNameOffset)) {
@@ -45,8 +52,8 @@ std::string NameIn(Bytes inner) {
     return '"' + name + '"';
 }
 
-// The controller's commands go by their content: the address alone does not tell a controller. It
-// is closed by a command that names its own address.
+// A command is recognised by its content, as the address alone does not tell which child is the
+// controller. A close command with its own address closes the controller.
 std::string DescribeControllerCommand(std::uint32_t address, Bytes inner) {
     const std::uint8_t command = inner[vexa::kCommandOffset];
     std::string name = CommandName(command);

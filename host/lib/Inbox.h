@@ -1,4 +1,5 @@
-// Blocks of the children and packets of the DAQ, until they are received.
+// What comes from a unit, until somebody receives it: replies to requests, blocks of children,
+// packets of the DAQ. All waits end with the link.
 #pragma once
 
 #include <chrono>
@@ -6,48 +7,87 @@
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <mutex>
 #include <optional>
+#include <string>
+#include <vector>
 
+#include "foundation/Mutex.h"
 #include "vexahost/Block.h"
 #include "vexahost/Expected.h"
 #include "vexahost/Packet.h"
 
 namespace vexahost {
 
-/// Safe from any thread.
+enum class ReplySource { kInitialSync, kMultiplexer, kController };
+
+// A reply: the fields that tell which request it answers, and its bytes.
+struct Reply {
+    ReplySource source;
+    bool isError;
+    std::uint8_t command;
+    std::uint8_t requestSequence;
+    std::uint8_t code;
+    std::vector<std::uint8_t> bytes;
+};
+
+// A request that waits for its reply. Lives on the requester's stack between AddRequest and
+// RemoveRequest.
+struct PendingRequest {
+    ReplySource source;
+    std::uint8_t command;
+    std::uint8_t sequence;
+    std::optional<Reply> reply{};  // the inbox's mutex guards this and what follows
+    std::uint64_t connection = 0;  // in which it was added
+};
+
+// Any thread.
 class Inbox {
   public:
     using Deadline = std::chrono::steady_clock::time_point;
 
-    /// `capacity` blocks are kept for each child and for the DAQ.
+    // Keeps the newest `capacity` blocks of each child and packets of the DAQ.
     explicit Inbox(std::size_t capacity);
 
-    /// From here on blocks of `child` are kept; its sequence numbers begin at 0. False when it is
-    /// open already.
-    bool Open(ChildId child);
+    // From now on keeps the reply to `request` for it. To be called before it is sent.
+    void AddRequest(PendingRequest& request);
+    void RemoveRequest(PendingRequest& request);
 
-    void Remove(ChildId child);
-    void RemoveAll();
+    // Waits for the reply. kTimeout, naming `what`, or the error that ended the link.
+    Expected<Reply> WaitForReply(PendingRequest& request, Deadline deadline,
+                                 const std::string& what);
 
-    /// A block of `child`. False when it is not open.
-    bool Deliver(ChildId child, Block block);
+    // False when no request waits for this reply.
+    bool DeliverReply(Reply reply);
 
+    // From now on keeps the blocks of `child`, whose sequence numbers begin at 0. False when it is
+    // open already.
+    bool OpenChild(ChildId child);
+
+    void RemoveChild(ChildId child);
+    void RemoveAllChildren();
+
+    // False when the child is not open.
+    bool DeliverBlock(ChildId child, Block block);
     void DeliverDaq(Block block);
 
-    /// Waits for the oldest block. Those that came before the link ended are still given.
+    // Waits for the oldest block. Blocks that came before the link ended can still be received.
     Expected<Block> Receive(ChildId child, Deadline deadline);
     Expected<Block> ReceiveDaq(Deadline deadline);
 
-    /// Ends all waits, present and to come, with `error`; the first call counts.
+    // Ends all present and future waits with `error`. Only the first call has an effect.
     void Fail(const Error& error);
 
-    /// After Fail: drops all children and packets and lets new waits begin. Those that waited at
-    /// Fail still end with its error.
+    // After Fail: drops all children and packets, and allows new waits. Waits that Fail has ended
+    // return its error even if they wake up only now.
     void Restart();
 
+    // The error that Fail was called with, until Restart.
+    [[nodiscard]] std::optional<Error> LinkError() const;
+
     [[nodiscard]] std::optional<ChildStatistics> StatisticsOf(ChildId child) const;
-    [[nodiscard]] std::uint64_t DaqDropped() const;
+
+    // Fills in the counts of the DAQ's packets.
+    void AddDaqCounts(ClientStatistics& statistics) const;
 
   private:
     struct Child {
@@ -56,19 +96,20 @@ class Inbox {
         ChildStatistics statistics;
     };
 
-    // Waits until `queue`, looked up anew each time, has a block or is gone (null).
-    template <typename FindQueue>
-    Expected<Block> TakeFrom(FindQueue queue, Deadline deadline);
+    // The queue of a child, null when it is not open; the DAQ's without a child.
+    std::deque<Block>* FindQueue(std::optional<ChildId> child) VEXA_REQUIRES(mutex);
+    Expected<Block> ReceiveFrom(std::optional<ChildId> child, Deadline deadline);
 
     const std::size_t capacity;
-    mutable std::mutex mutex;  // guards all below
-    std::condition_variable changed;
-    std::map<ChildId, Child> children;
-    std::deque<Block> daqPackets;
-    std::uint64_t daqDropped = 0;
-    std::uint64_t connection = 0;  // counts the calls of Restart
-    std::optional<Error> linkError;
-    Error lastError{};  // of the connection before this one
+    mutable vexa::Mutex mutex;
+    std::condition_variable_any changed;
+    std::vector<PendingRequest*> requests VEXA_GUARDED_BY(mutex);
+    std::map<ChildId, Child> children VEXA_GUARDED_BY(mutex);
+    std::deque<Block> daqPackets VEXA_GUARDED_BY(mutex);
+    ClientStatistics counts VEXA_GUARDED_BY(mutex);       // of the DAQ's packets
+    std::uint64_t connection VEXA_GUARDED_BY(mutex) = 0;  // counts the calls of Restart
+    std::optional<Error> linkError VEXA_GUARDED_BY(mutex);
+    Error formerError VEXA_GUARDED_BY(mutex){};  // of the connection before this one
 };
 
 }  // namespace vexahost

@@ -1,4 +1,4 @@
-// The client's receiving thread: bytes to frames to packets to whoever waits for them.
+// The client's receiving thread: bytes to frames to packets, and these into the inbox.
 #pragma once
 
 #include <atomic>
@@ -7,46 +7,48 @@
 #include <span>
 #include <thread>
 
-#include "Inbox.h"
-#include "PendingReplies.h"
+#include "lib/Inbox.h"
 #include "vexahost/Client.h"
 #include "vexahost/FrameReader.h"
 #include "vexahost/PacketReader.h"
 
 namespace vexahost {
 
-class Client::Receiver {
+class Receiver {
   public:
-    /// The thread uses parts of `client` while it runs.
-    explicit Receiver(Client& client);
+    // `inbox`, `options` and `controller`, the controller's id, outlive the receiver.
+    Receiver(Inbox& inbox, const ClientOptions& options, const std::atomic<ChildId>& controller);
 
-    /// Stops.
+    // Stops.
     ~Receiver();
     Receiver(const Receiver&) = delete;
     Receiver& operator=(const Receiver&) = delete;
 
-    /// Starts the thread on a transport. Not while it runs; by one thread at a time, as Stop.
+    // Starts the thread on a transport. Not while it runs. Start and Stop: one thread at a time.
     void Start(std::shared_ptr<Transport> transport);
 
-    /// Waits for the thread's end, if it runs; its transport must be closed before that.
+    // Waits for the end of the thread, if it runs. Its transport must be closed already.
     void Stop();
 
-    /// From here to the next initial-sync reply that reply is looked for at every byte.
+    // Until the next initial-sync reply, looks for that reply at every byte. Any thread.
     void AwaitSyncReply() { syncAwaited.store(true); }
 
+    // Any thread.
     [[nodiscard]] ClientStatistics Statistics() const;
 
   private:
     void Run(Transport& transport);
     Error ReadUntilError(Transport& transport);
-    void TakePayload(std::span<const std::uint8_t> payload);
-    void Dispatch(const PacketView& packet);
-    void TakeTunnel(std::span<const std::uint8_t> packet);
-    void TakeReply(ReplySource source, std::span<const std::uint8_t> reply);
+    void OnPayload(std::span<const std::uint8_t> payload);
+    void OnPacket(const PacketView& packet);
+    void OnTunnelPacket(std::span<const std::uint8_t> packet);
+    void OnReply(ReplySource source, std::span<const std::uint8_t> reply);
 
-    Client& client;
-    FrameReader frames;    // the thread's own
-    PacketReader packets;  // the thread's own
+    Inbox& inbox;
+    const ClientOptions& options;
+    const std::atomic<ChildId>& controllerId;
+    FrameReader frames;    // Receiver thread.
+    PacketReader packets;  // Receiver thread.
     std::atomic<bool> syncAwaited{true};
     std::atomic<std::uint64_t> frameCount{0};
     std::atomic<std::uint64_t> packetCount{0};

@@ -14,39 +14,6 @@ using vexa::ControllerCommand;
 
 constexpr std::size_t kMaxPayload = vexa::kMaxPacketSize - vexa::kPacketHeaderSize;
 
-// A controller command in its tunnel packet: the inner packet has `innerSize` bytes, and both carry
-// the sequence number. `fill` writes the inner packet's fields behind the command byte.
-template <typename Fill>
-Packet ControllerPacket(ChildId controller, std::uint8_t sequence, ControllerCommand command,
-                        std::size_t innerSize, Fill fill) {
-    Packet packet(vexa::kTypeTunnel, vexa::kTunnelHeaderSize + innerSize, sequence);
-    vexa::StoreLe32(packet.Bytes(), vexa::kTunnelIdOffset, controller);
-    const auto inner = packet.Bytes().subspan(vexa::kTunnelHeaderSize);
-    inner[vexa::kTypeOffset] = vexa::kClassCommand;
-    inner[vexa::kLengthOffset] = static_cast<std::uint8_t>(innerSize);
-    inner[vexa::kSequenceOffset] = sequence;
-    inner[vexa::kCommandOffset] = static_cast<std::uint8_t>(command);
-    fill(inner);
-    vexa::SealPacket(inner);
-    packet.Seal();
-    return packet;
-}
-
-// A name in an open command: its length, counting the terminating zero byte, then its characters.
-void StoreName(std::span<std::uint8_t> inner, std::string_view name) {
-    inner[vexa::kCommandNameLengthOffset] = static_cast<std::uint8_t>(name.size() + 1);
-    std::ranges::copy(name, inner.begin() + vexa::kCommandNameOffset);
-}
-
-Packet OpenByName(ChildId controller, std::uint8_t sequence, ChildId child, std::string_view name) {
-    return ControllerPacket(controller, sequence, ControllerCommand::kOpenChild,
-                            vexa::kCommandNameOffset + name.size() + 1,
-                            [&](std::span<std::uint8_t> inner) {
-                                vexa::StoreLe32(inner, vexa::kCommandChildIdOffset, child);
-                                StoreName(inner, name);
-                            });
-}
-
 }  // namespace
 
 Packet BuildInitialSync(std::uint8_t sequence) {
@@ -84,40 +51,42 @@ std::optional<Packet> BuildTunnel(ChildId child, std::uint8_t sequence,
     return packet;
 }
 
-Packet BuildOpenController(ChildId controller, std::uint8_t sequence) {
-    return OpenByName(controller, sequence, controller, vexa::kControllerName);
+Packet BuildControllerCommand(ChildId controller, std::uint8_t sequence, ControllerCommand command,
+                              std::span<const std::uint8_t> arguments) {
+    arguments = arguments.first(std::min(arguments.size(), kMaxControllerArguments));
+    const std::size_t innerSize = vexa::kCommandOffset + 1 + arguments.size();
+    Packet packet(vexa::kTypeTunnel, vexa::kTunnelHeaderSize + innerSize, sequence);
+    vexa::StoreLe32(packet.Bytes(), vexa::kTunnelIdOffset, controller);
+    const auto inner = packet.Bytes().subspan(vexa::kTunnelHeaderSize);
+    inner[vexa::kTypeOffset] = vexa::kClassCommand;
+    inner[vexa::kLengthOffset] = static_cast<std::uint8_t>(innerSize);
+    inner[vexa::kSequenceOffset] = sequence;
+    inner[vexa::kCommandOffset] = static_cast<std::uint8_t>(command);
+    std::ranges::copy(arguments, inner.begin() + vexa::kCommandOffset + 1);
+    vexa::SealPacket(inner);
+    packet.Seal();
+    return packet;
 }
 
-Packet BuildReopenController(ChildId controller, bool withDaq, std::uint8_t sequence) {
-    return ControllerPacket(controller, sequence, ControllerCommand::kReopenController,
-                            vexa::kCommandNameLengthOffset + 1, [&](std::span<std::uint8_t> inner) {
-                                vexa::StoreLe32(inner, vexa::kCommandChildIdOffset, controller);
-                                inner[vexa::kCommandNameLengthOffset] = withDaq ? 1 : 0;
-                            });
+std::vector<std::uint8_t> OpenArguments(ChildId child, std::string_view name) {
+    name = name.substr(0, kMaxDeviceName);
+    auto arguments = CloseArguments(child);
+    arguments.push_back(static_cast<std::uint8_t>(name.size() + 1));
+    arguments.insert(arguments.end(), name.begin(), name.end());
+    arguments.push_back(0);
+    return arguments;
 }
 
-std::optional<Packet> BuildOpenChild(ChildId controller, std::uint8_t sequence, ChildId child,
-                                     std::string_view name) {
-    if (name.size() > kMaxDeviceName) return std::nullopt;
-    return OpenByName(controller, sequence, child, name);
+std::vector<std::uint8_t> CloseArguments(ChildId child) {
+    std::vector<std::uint8_t> arguments(sizeof child);
+    vexa::StoreLe32(arguments, 0, child);
+    return arguments;
 }
 
-Packet BuildCloseChild(ChildId controller, std::uint8_t sequence, ChildId child) {
-    return ControllerPacket(controller, sequence, ControllerCommand::kCloseChild,
-                            vexa::kCommandChildIdOffset + sizeof child,
-                            [&](std::span<std::uint8_t> inner) {
-                                vexa::StoreLe32(inner, vexa::kCommandChildIdOffset, child);
-                            });
-}
-
-Packet BuildQueryDaqApplication(ChildId controller, std::uint8_t sequence) {
-    return ControllerPacket(controller, sequence, ControllerCommand::kQueryDaqApplication,
-                            vexa::kCommandOffset + 1, [](std::span<std::uint8_t>) {});
-}
-
-Packet BuildTakeDaqOver(ChildId controller, std::uint8_t sequence) {
-    return ControllerPacket(controller, sequence, ControllerCommand::kTakeDaqOver,
-                            vexa::kCommandOffset + 1, [](std::span<std::uint8_t>) {});
+std::vector<std::uint8_t> ReopenArguments(ChildId controller, bool withDaq) {
+    auto arguments = CloseArguments(controller);
+    arguments.push_back(withDaq ? 1 : 0);
+    return arguments;
 }
 
 }  // namespace vexahost

@@ -1,48 +1,100 @@
-#include "CommandLine.h"
+// The only file that uses the argument parser: including it takes seconds of each compilation.
+#include "tool/CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <map>
 
-#include "Duration.h"
+#include "tool/Parse.h"
 
-void AddUnitOptions(CLI::App& command, UnitAddress& unit) {
-    unit.directory = DefaultUnitDirectory();
-    auto* directory =
-        command
-            .add_option(
-                "--dir", unit.directory,
-                "directory of the unit, or its host socket ($VEXA_UNIT_DIR, else build/unit)")
-            ->option_text("DIR");
-    auto* tcp =
-        command.add_option("--tcp", unit.tcp, "a unit that serves its link over TCP (port 38144)")
-            ->option_text("HOST[:PORT]")
-            ->excludes(directory);
-    auto* serial = command
-                       .add_option("--serial", unit.serial,
-                                   "a unit at the end of a serial line (38400 baud, raw, 8N1)")
-                       ->option_text("PATH[:BAUD]")
-                       ->excludes(directory)
-                       ->excludes(tcp);
-    command.add_flag("--rts-cts", unit.flowControl, "flow control on the serial line")
-        ->needs(serial);
+namespace vexahost::tool {
+
+namespace {
+
+// As the parser's own, but options show only what a person types for them, and "NAME..." stands for
+// a name that can be repeated.
+class HelpText final : public CLI::Formatter {
+  public:
+    std::string make_option_opts(const CLI::Option* option) const override {
+        const std::string& text = option->get_option_text();
+        return text.empty() || text == " " ? "" : " " + text;
+    }
+
+    std::string make_option_usage(const CLI::Option* option) const override {
+        std::string text = option->get_name(true);
+        if (option->get_expected_max() > 1) text += "...";
+        return option->get_required() ? text : "[" + text + "]";
+    }
+};
+
+bool IsPositional(const Option& option) { return !option.name.starts_with('-'); }
+
+// Adds an option to the parser by the type of its target.
+struct Adder {
+    CLI::App& command;
+    const Option& option;
+
+    CLI::Option* operator()(bool* value) const {
+        return command.add_flag(option.name, *value, option.help);
+    }
+    CLI::Option* operator()(std::string* value) const {
+        return command.add_option(option.name, *value, option.help);
+    }
+    CLI::Option* operator()(const Number& number) const {
+        return command.add_option(option.name, *number.value, option.help)
+            ->check(CLI::Range(number.least, number.most));
+    }
+    CLI::Option* operator()(const WordList& list) const {
+        return command.add_option(option.name, *list.words, option.help)
+            ->expected(option.required ? 1 : 0, static_cast<int>(list.most));
+    }
+    CLI::Option* operator()(std::vector<std::string>* values) const {
+        auto* added = command.add_option(option.name, *values, option.help);
+        return IsPositional(option) ? added : added->allow_extra_args(false);
+    }
+    CLI::Option* operator()(std::optional<std::chrono::milliseconds>* duration) const {
+        const auto parse = [name = option.name, duration](const std::string& text) {
+            *duration = ParseDuration(text);
+            if (*duration) return;
+            throw CLI::ValidationError(name + " " + text,
+                                       "expected a time such as 3s, 500ms or 2m");
+        };
+        return command.add_option_function<std::string>(option.name, parse, option.help);
+    }
+};
+
+void AddVerb(CLI::App& program, const Verb& verb, ExitCode& exitCode) {
+    auto* command = program.add_subcommand(verb.name, verb.summary);
+    std::map<std::string, CLI::Option*> added;
+    for (const Option& option : verb.options) {
+        auto* entry = std::visit(Adder{*command, option}, option.target);
+        entry->required(option.required);
+        if (!option.placeholder.empty()) entry->option_text(option.placeholder);
+        for (const std::string& other : option.excludes) entry->excludes(added.at(other));
+        if (!option.needs.empty()) entry->needs(added.at(option.needs));
+        added[option.name] = entry;
+    }
+    if (verb.restIsCommand) command->positionals_at_end();
+    command->footer(verb.notes);
+    command->callback([&exitCode, &verb] { exitCode = verb.run(); });
 }
 
-void AddDurationOption(CLI::App& command, const std::string& name,
-                       std::optional<std::chrono::milliseconds>& duration,
-                       const std::string& description) {
-    command
-        .add_option_function<std::string>(
-            name,
-            [name, &duration](const std::string& text) {
-                duration = ParseDuration(text);
-                if (!duration) {
-                    throw CLI::ValidationError(name + " " + text,
-                                               "expected a time such as 3s, 500ms or 2m");
-                }
-            },
-            description)
-        ->option_text("TIME");
+}  // namespace
+
+ExitCode RunProgram(const Program& program, int argc, char** argv) {
+    ExitCode exitCode = kExitDone;
+    CLI::App parser(program.summary, program.name);
+    parser.require_subcommand(1);
+    parser.formatter(std::make_shared<HelpText>());
+    parser.footer(program.notes);
+    for (const Verb& verb : program.verbs) AddVerb(parser, verb, exitCode);
+    try {
+        parser.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        if (error.get_exit_code() == 0) return static_cast<ExitCode>(parser.exit(error));
+        return ReportError({ErrorKind::kInvalidArgument,
+                            std::string(error.what()) + " (vexa-host --help says more)"});
+    }
+    return exitCode;
 }
 
-void OnChosen(CLI::App& command, ExitCode& exitCode, std::function<ExitCode()> run) {
-    command.callback([&exitCode, run = std::move(run)] { exitCode = run(); });
-}
+}  // namespace vexahost::tool

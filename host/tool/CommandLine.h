@@ -1,29 +1,67 @@
-// What the commands' declarations on the command line share.
+// The command line as data: each verb describes itself once, and parsing, help texts, and whatever
+// else has to know the command line are made from that description. One thread at a time.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
+#include <variant>
+#include <vector>
 
-#include "Connection.h"
-#include "ExitCode.h"
+#include "tool/Exit.h"
 
-namespace CLI {
-class App;
-}
+namespace vexahost::tool {
 
-/// Declares a command: adds it to `program` with its options, and has it put its exit code into
-/// `exitCode`, which lives as long as `program`, when it is the one that is chosen.
-using AddCommand = void(CLI::App& program, ExitCode& exitCode);
+// A whole number within limits; `value` keeps its default when the option is not given.
+struct Number {
+    std::uint64_t* value;
+    std::uint64_t least;
+    std::uint64_t most;
+};
 
-/// Adds the options that say where the unit is, and gives `unit` its default.
-void AddUnitOptions(CLI::App& command, UnitAddress& unit);
+// Words, as many as are given up to `most`.
+struct WordList {
+    std::vector<std::string>* words;
+    std::size_t most;
+};
 
-/// Adds an option that takes a time such as "3s"; it lands in `duration`.
-void AddDurationOption(CLI::App& command, const std::string& name,
-                       std::optional<std::chrono::milliseconds>& duration,
-                       const std::string& description);
+// Where the value of an option is stored; its type says what may be typed. The objects live as long
+// as the verb's `run`, which usually owns them.
+using Target = std::variant<bool*,                                      // a flag
+                            std::string*, Number, WordList,             //
+                            std::optional<std::chrono::milliseconds>*,  // "3s", "500ms", "2m"
+                            std::vector<std::string>*>;                 // may be repeated
 
-/// Has `run` called when `command` is chosen, its result put into `exitCode`.
-void OnChosen(CLI::App& command, ExitCode& exitCode, std::function<ExitCode()> run);
+struct Option {
+    std::string name;         // "--for"; "-v,--verbose" for both spellings; "NAME": a positional
+    std::string placeholder;  // stands for the value in help; of a positional: replaces its name
+    std::string help;
+    Target target;
+    bool required = false;
+    std::vector<std::string> excludes{};  // names of options that cannot be given with this one
+    std::string needs{};                  // name of the option without which this one is an error
+};
+
+struct Verb {
+    std::string name;
+    std::string summary;
+    std::vector<Option> options;  // in the order of the help text
+    std::string notes;            // below the options in the help text
+    std::function<ExitCode()> run;
+    bool restIsCommand = false;  // the first positional and all after it belong to another program
+};
+
+struct Program {
+    std::string name;
+    std::string summary;
+    std::string notes;  // below the list of verbs in the help text
+    std::vector<Verb> verbs;
+};
+
+// Runs the verb that the command line names, or prints the help text it asks for. A wrong command
+// line is one line on standard error and kExitUsage.
+ExitCode RunProgram(const Program& program, int argc, char** argv);
+
+}  // namespace vexahost::tool

@@ -1,43 +1,56 @@
-// The unit that a command talks to.
+// The unit that a verb talks to.
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
+#include "tool/CommandLine.h"
 #include "vexahost/Client.h"
 
-/// Id under which the commands open the controller.
-inline constexpr vexahost::ChildId kControllerId = 1;
+namespace vexahost::tool {
 
-/// Id of the first device that a command opens; more count up from it.
-inline constexpr vexahost::ChildId kFirstDeviceId = 0x1001;
+// Id under which the verbs open the controller.
+inline constexpr ChildId kControllerId = 1;
 
-/// Where the unit is. One of the three counts: the serial line or the TCP address if there is one.
-struct UnitAddress {
-    std::string directory;     // of a virtual unit, or its host socket
-    std::string tcp;           // "HOST" or "HOST:PORT"
-    std::string serial;        // "PATH" or "PATH:BAUD"
-    bool flowControl = false;  // on the serial line
+// Id of the first device that a verb opens; the others count up from it.
+inline constexpr ChildId kFirstDeviceId = 0x1001;
 
-    /// The one that counts.
-    [[nodiscard]] const std::string& Text() const;
-
-    /// What makes connections to the unit.
-    [[nodiscard]] vexahost::TransportFactory Factory() const;
-};
-
-/// The unit's directory when none is given: $VEXA_UNIT_DIR, else "build/unit".
+// The unit's directory when none is given: $VEXA_UNIT_DIR, else "build/unit".
 std::string DefaultUnitDirectory();
 
-/// Connects to the unit and brings both sides in step.
-vexahost::Expected<std::unique_ptr<vexahost::Client>> ConnectAndSync(
-    const UnitAddress& unit, vexahost::ClientOptions options = {});
+// Where the unit is: the serial line if there is one, else the TCP address, else the directory.
+struct UnitAddress {
+    std::string directory = DefaultUnitDirectory();  // of a virtual unit, or its host socket
+    std::string tcp;                                 // "HOST" or "HOST:PORT"
+    std::string serial;                              // "PATH" or "PATH:BAUD"
+    bool flowControl = false;                        // on the serial line
 
-/// The same, and opens the controller without the DAQ.
-vexahost::Expected<std::unique_ptr<vexahost::Client>> ConnectWithController(
-    const UnitAddress& unit, vexahost::ClientOptions options = {});
+    // The one that is used.
+    [[nodiscard]] const std::string& Text() const;
 
-/// Closes the controller with all that is open. A unit need not see its host leave: over a serial
-/// line or with the cable still in, what is open would stay so. Whether the unit answers does not
-/// matter to a command that has done its work.
-void LeaveInOrder(vexahost::Client& client);
+    // Makes connections to the unit.
+    [[nodiscard]] TransportFactory Factory() const;
+};
+
+// The options that say where the unit is, then `more`.
+std::vector<Option> WithUnitOptions(UnitAddress& unit, std::vector<Option> more = {});
+
+// Connects to the unit and synchronises.
+Expected<std::unique_ptr<Client>> ConnectAndSync(const UnitAddress& unit,
+                                                 ClientOptions options = {});
+
+// The same, and opens the controller without the DAQ.
+Expected<std::unique_ptr<Client>> ConnectWithController(const UnitAddress& unit,
+                                                        ClientOptions options = {});
+
+// Waits until `duration` is over, without one until Ctrl-C. The error that ended the link before.
+Expected<Done> Hold(const Client& client, std::optional<Milliseconds> duration);
+
+// Closes the controller with everything that is open: a unit on a serial line, or one whose cable
+// stays in, does not notice that its host has left. A unit that does not answer is ignored, as the
+// verb has done its work.
+void LeaveInOrder(Client& client);
+
+}  // namespace vexahost::tool

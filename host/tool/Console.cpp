@@ -1,4 +1,4 @@
-#include "Console.h"
+#include "tool/Console.h"
 
 #include <langinfo.h>
 #include <sys/ioctl.h>
@@ -10,9 +10,11 @@
 #include <cstdlib>
 #include <limits>
 
+namespace vexahost::tool {
+
 namespace {
 
-// Room for the text of a line in front of its detail, so that the details stand in one column.
+// Details begin at this column unless the text is longer.
 constexpr std::size_t kTextColumns = 44;
 
 const char* ColourOf(Style style) {
@@ -89,3 +91,5 @@ void Console::Line(Style style, std::string_view label, std::string_view text,
                 Styled(Style::kDim, tail).c_str());
     std::fflush(stdout);
 }
+
+}  // namespace vexahost::tool

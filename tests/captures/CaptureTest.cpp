@@ -7,9 +7,8 @@
 #include <cstdio>
 #include <filesystem>
 
-#include "capture/Decoder.h"
-#include "capture/PcapngReader.h"
-#include "capture/PcapngWriter.h"
+#include "vexahost/Decoder.h"
+#include "vexahost/Recording.h"
 
 namespace vexahost {
 namespace {
@@ -57,7 +56,7 @@ std::string Digest(std::span<const std::uint8_t> capture, std::string* fault = n
     PcapngReader reader(capture);
     while (const auto frame = reader.Next()) {
         text += std::to_string(frame->time.count()) + HexText(frame->bytes, 0xFFFF) + '\n';
-        decoder.Take(*frame);
+        decoder.Add(*frame);
     }
     if (fault != nullptr) *fault = reader.Fault();
     return text;

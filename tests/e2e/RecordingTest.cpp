@@ -8,8 +8,8 @@
 #include <filesystem>
 #include <fstream>
 
-#include "capture/Decoder.h"
-#include "capture/FrameCutter.h"
+#include "vexahost/Decoder.h"
+#include "vexahost/Recording.h"
 #include "e2e/RunningUnit.h"
 
 namespace vexa::test {
@@ -73,7 +73,7 @@ TEST(Documentation, ItsWorkedSessionIsWhatHappens) {
         }
         const Bytes header = Le32(static_cast<std::uint32_t>(bytes.size())) + Hex("55 30 31 32");
         const Bytes frame = toUnit ? bytes : header + bytes;
-        decoder.Take({{},
+        decoder.Add({{},
                       toUnit ? vexahost::Direction::kToUnit : vexahost::Direction::kFromUnit,
                       frame,
                       ""});

@@ -9,7 +9,7 @@
 #include <map>
 #include <numeric>
 
-#include "FakeService.h"
+#include "host/FakeService.h"
 #include "vexahost/Client.h"
 #include "vexahost/SerialTransport.h"
 #include "vexahost/SocketTransport.h"
@@ -33,10 +33,10 @@ std::string Outcome(const Expected<T>& result) {
         {ErrorKind::kTimeout, "timeout"},
         {ErrorKind::kLinkLost, "link lost"},
         {ErrorKind::kProtocolViolation, "violation"}};
-    const auto kind = kinds.find(result.Failure().kind);
+    const auto kind = kinds.find(result.error().kind);
     if (kind != kinds.end()) return kind->second;
-    return "refused " + std::to_string(result.Failure().command) + "/" +
-           std::to_string(result.Failure().code);
+    return "refused " + std::to_string(result.error().command) + "/" +
+           std::to_string(result.error().code);
 }
 
 template <typename T>
@@ -142,10 +142,10 @@ TEST(Client, TellsTheKindsOfErrorsApart) {
         const bool silent = std::string(error.outcome) == "timeout";
         const auto taken = client.TakeDaqOver(silent ? kShort : kLong);
         ASSERT_EQ(Outcome(taken), error.outcome);
-        EXPECT_THAT(taken.Failure().message, HasSubstr(error.message));
+        EXPECT_THAT(taken.error().message, HasSubstr(error.message));
         // The link's end stays; a refusal or a time-out leaves the link usable.
-        const bool over = taken.Failure().kind == ErrorKind::kLinkLost ||
-                          taken.Failure().kind == ErrorKind::kProtocolViolation;
+        const bool over = taken.error().kind == ErrorKind::kLinkLost ||
+                          taken.error().kind == ErrorKind::kProtocolViolation;
         EXPECT_EQ(Outcome(client.InitialSync(kLong)), over ? error.outcome : "done");
         EXPECT_EQ(client.LinkError().has_value(), over);
     }

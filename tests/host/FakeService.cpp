@@ -1,4 +1,4 @@
-#include "FakeService.h"
+#include "host/FakeService.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -22,27 +22,27 @@ using vexa::test::operator+;
 
 Bytes Part(const Bytes& bytes, std::size_t from, std::size_t to);
 
-/// `payload` behind a frame header.
+// `payload` behind a frame header.
 Bytes Frame(const Bytes& payload);
 
-/// A tunnel packet of a child.
+// A tunnel packet of a child.
 Bytes ChildBlock(std::uint32_t child, std::uint8_t sequence, const Bytes& data);
 
 Bytes SyncReply(std::uint8_t sequence, std::uint8_t requestSequence);
 
-/// A reply of the controller: `type` 0x98 or 0x9C.
+// A reply of the controller: `type` 0x98 or 0x9C.
 Bytes ControllerReply(std::uint32_t controller, std::uint8_t sequence, std::uint8_t type,
                       std::uint8_t command, std::uint8_t requestSequence, std::uint8_t code);
 
 class FakeService {
   public:
-    /// Called on the service's thread with each packet of the host.
+    // Called on the service's thread with each packet of the host.
     using Handler = std::function<void(FakeService&, const Bytes& packet)>;
 
-    /// A service at one end of a connection; the other end is TakeTransport's.
+    // A service at one end of a connection; the other end is TakeTransport's.
     explicit FakeService(Handler handler);
 
-    /// A service that takes hosts at the socket `path`, one after the other.
+    // A service that takes hosts at the socket `path`, one after the other.
     FakeService(const std::string& path, Handler handler);
 
     ~FakeService();
@@ -54,10 +54,10 @@ class FakeService {
     void SendBytes(const Bytes& bytes);
     void SendFramed(const Bytes& packets) { SendBytes(Frame(packets)); }
 
-    /// Ends the connection.
+    // Ends the connection.
     void HangUp();
 
-    /// Answers an initial sync and the controller's commands with their acknowledgements.
+    // Answers an initial sync and the controller's commands with their acknowledgements.
     static void Obey(FakeService& service, const Bytes& packet);
 
   private:

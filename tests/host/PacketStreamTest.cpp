@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-#include "FakeService.h"
+#include "host/FakeService.h"
 #include "vexahost/FrameReader.h"
 #include "vexahost/PacketReader.h"
 

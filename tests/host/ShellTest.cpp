@@ -5,12 +5,12 @@
 #include <filesystem>
 #include <fstream>
 
-#include "FakeService.h"
-#include "ToolFixture.h"
+#include "host/FakeService.h"
+#include "host/ToolFixture.h"
 #include "protocol/Packet.h"
-#include "shell/Outcome.h"
+#include "tool/shell/Session.h"
 
-namespace vexahost {
+namespace vexahost::tool {
 namespace {
 
 using testing::HasSubstr;
@@ -70,11 +70,11 @@ TEST_F(Tool, ScriptsEndAtTheFirstCommandThatFails) {
         FakeService service(Socket(), Play);
         std::ofstream(folder + "/script") << each.script;
         const Ran ran = RunOnUnit("cd " + folder + "; $HOST shell --script script");
-        EXPECT_EQ(ran.exitCode, each.exitCode) << each.script << ran.output;
+        EXPECT_EQ(ran.status, each.exitCode) << each.script << ran.output;
         EXPECT_THAT(ran.output, HasSubstr(each.output)) << each.script;
         EXPECT_THAT(ran.output, testing::Not(HasSubstr("never"))) << each.script;
     }
 }
 
 }  // namespace
-}  // namespace vexahost
+}  // namespace vexahost::tool

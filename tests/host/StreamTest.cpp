@@ -3,12 +3,11 @@
 
 #include <cmath>
 
-#include "FakeService.h"
-#include "RoundTrips.h"
-#include "SparkLine.h"
-#include "stream/SampleFormat.h"
+#include "host/FakeService.h"
+#include "tool/Figures.h"
+#include "tool/Samples.h"
 
-namespace vexahost {
+namespace vexahost::tool {
 namespace {
 
 TEST(SampleFormat, FindsTheSamplesOfEachType) {
@@ -86,4 +85,4 @@ TEST(SparkLine, HasAPlaceForEveryNumber) {
 }
 
 }  // namespace
-}  // namespace vexahost
+}  // namespace vexahost::tool

@@ -5,10 +5,11 @@
 
 #include <string>
 
-struct Ran {
-    int exitCode;
-    std::string output;  // both streams
-};
+#include "testkit/ChildProcess.h"
+
+namespace vexahost::tool {
+
+using Ran = vexa::testkit::Finished;  // exit status and both outputs
 
 // Runs a shell command line in which $HOST is vexa-host.
 Ran RunShell(const std::string& commandLine);
@@ -25,3 +26,5 @@ class Tool : public testing::Test {
 
     std::string folder;
 };
+
+}  // namespace vexahost::tool

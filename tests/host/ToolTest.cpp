@@ -4,13 +4,12 @@
 
 #include <filesystem>
 
-#include "DeviceData.h"
-#include "Duration.h"
-#include "FakeService.h"
-#include "Number.h"
-#include "ToolFixture.h"
+#include "host/FakeService.h"
+#include "host/ToolFixture.h"
+#include "tool/Parse.h"
+#include "tool/Samples.h"
 
-namespace vexahost {
+namespace vexahost::tool {
 namespace {
 
 using testing::AllOf;
@@ -26,7 +25,7 @@ TEST_F(Tool, WrongUseIsOneLineAndExitCodeTwo) {
         {"$HOST stream A --format u9@1", "--format u9@1: \"u9\" is no type"},
         {"$HOST stream A --arm B", "--arm B: not among the devices"},
         {"$HOST send 4", "expected bytes in hex"},
-        {"$HOST close x", "\"x\": expected a child's id, or \"controller\""},
+        {"$HOST close 5", "\"5\": only the controller can be closed"},
         {"$HOST ping A -n 0", "Value 0 not in range"},
         {"$HOST sync --serial /dev/null", "it is not a terminal device"},
         {"$HOST sync --serial x --tcp y", "--tcp excludes --serial"},
@@ -35,7 +34,7 @@ TEST_F(Tool, WrongUseIsOneLineAndExitCodeTwo) {
     };
     for (const auto& [line, message] : cases) {
         const Ran ran = RunShell(line);
-        EXPECT_EQ(ran.exitCode, 2) << line;
+        EXPECT_EQ(ran.status, 2) << line;
         EXPECT_THAT(ran.output, AllOf(testing::StartsWith("vexa-host: "), HasSubstr(message)));
         EXPECT_EQ(std::ranges::count(ran.output, '\n'), 1) << ran.output;
     }
@@ -93,7 +92,7 @@ TEST_F(Tool, ExitCodesTellWhatTheUnitDid) {
          "  initial-sync reply (request 9)"},
         {"open A B --for 100ms --json", refuseB, 1, R"({"child":4097,"device":"A","opened":true})"},
         {"open A B --for 100ms", refuseB, 1, "open B was refused: error 54"},
-        {"close 5", FakeService::Obey, 0, "5 is closed"},
+        {"close controller", FakeService::Obey, 0, "controller is closed"},
         {"ping T -n 3 --json", echo, 0, R"({"device":"T","bytes":8,"sent":3,"lost":0,"min_ms":)"},
         {"ping T -n 3 --timeout 50ms", FakeService::Obey, 3, "3 round trips, 3 lost"},
     };
@@ -101,7 +100,7 @@ TEST_F(Tool, ExitCodesTellWhatTheUnitDid) {
         std::filesystem::remove(Socket());
         FakeService service(Socket(), unit.handler);
         const Ran ran = RunOnUnit(std::string("$HOST ") + unit.line);
-        EXPECT_EQ(ran.exitCode, unit.exitCode) << unit.line << ran.output;
+        EXPECT_EQ(ran.status, unit.exitCode) << unit.line << ran.output;
         EXPECT_THAT(ran.output, HasSubstr(unit.output));
     }
 }
@@ -116,14 +115,14 @@ TEST_F(Tool, DemoReportsAUnitThatFailsAndLeavesNothingBehind) {
     };
     for (const auto& [unit, output] : cases) {
         const Ran ran = RunShell(demo + unit);
-        EXPECT_EQ(ran.exitCode, 1);
+        EXPECT_EQ(ran.status, 1);
         EXPECT_THAT(ran.output, AllOf(HasSubstr(output), HasSubstr("FAILED: expected "),
                                       HasSubstr("0 of 18 steps as expected")));
         EXPECT_TRUE(std::filesystem::is_empty(folder)) << unit;
     }
     // The unit itself interrupts the host, so that it surely runs by then.
     const Ran ran = RunShell(demo + "sh -c 'echo up; kill -INT $PPID; sleep 1000'");
-    EXPECT_EQ(ran.exitCode, 130);
+    EXPECT_EQ(ran.status, 130);
     EXPECT_THAT(ran.output, HasSubstr("Interrupted."));
     EXPECT_TRUE(std::filesystem::is_empty(folder));
 }
@@ -159,4 +158,4 @@ TEST(DeviceData, DecodesOnlyWhatIsWhole) {
 }
 
 }  // namespace
-}  // namespace vexahost
+}  // namespace vexahost::tool

@@ -7,22 +7,22 @@
 namespace vexahost {
 
 enum class ErrorKind {
-    kInvalidArgument,    // the caller asked for something that cannot be sent; nothing was sent
-    kCannotConnect,      // no connection came about
+    kInvalidArgument,    // a wrong argument; nothing was sent
+    kCannotConnect,      // no connection could be made
     kRefused,            // the unit answered with an error; `command` and `code` say which
-    kTimeout,            // no answer in time; the link itself may be well
+    kTimeout,            // no answer in time; the link may still work
     kLinkLost,           // the connection has ended, from either side
-    kProtocolViolation,  // the unit sent bytes that no unit sends; the link cannot be used further
+    kProtocolViolation,  // the unit sent invalid bytes; the link cannot be used any more
 };
 
 struct Error {
     ErrorKind kind;
     std::string message;       // one line for a person, without a final full stop
-    std::uint8_t command = 0;  // kRefused: the command that the unit names in its answer
+    std::uint8_t command = 0;  // kRefused: the command named in the reply
     std::uint8_t code = 0;     // kRefused: the error code
 };
 
-/// The error for a refused command: "<what> was refused: error <code>, <meaning>".
+// The error for a refused command: "<what> was refused: error <code>, <meaning>".
 [[nodiscard]] Error RefusedError(const std::string& what, std::uint8_t command, std::uint8_t code);
 
 }  // namespace vexahost

@@ -1,4 +1,4 @@
-// A value, or the error that came in its place. The library throws nothing of its own.
+// A value, or the error that came instead. The library throws nothing of its own.
 #pragma once
 
 #include <utility>
@@ -8,26 +8,34 @@
 
 namespace vexahost {
 
-/// The value of an operation that has nothing to give but its success.
+// The value of an operation that returns nothing but its success.
 struct Done {};
 
+// Access is named as that of std::expected.
 template <typename T>
 class [[nodiscard]] Expected {
   public:
-    Expected(T value) : content(std::move(value)) {}      // NOLINT: made from either on purpose
+    Expected(T value) : content(std::move(value)) {}      // NOLINT: implicit on purpose
     Expected(Error error) : content(std::move(error)) {}  // NOLINT
 
-    /// True when there is a value.
-    explicit operator bool() const { return std::holds_alternative<T>(content); }
+    [[nodiscard]] bool has_value() const { return std::holds_alternative<T>(content); }
+    explicit operator bool() const { return has_value(); }
 
-    /// The value; only with a value.
+    // The value; only with a value.
     [[nodiscard]] T& operator*() { return *std::get_if<T>(&content); }
     [[nodiscard]] const T& operator*() const { return *std::get_if<T>(&content); }
     [[nodiscard]] T* operator->() { return std::get_if<T>(&content); }
     [[nodiscard]] const T* operator->() const { return std::get_if<T>(&content); }
 
-    /// The error; only without a value.
-    [[nodiscard]] const Error& Failure() const { return *std::get_if<Error>(&content); }
+    // The value; throws std::bad_variant_access without one.
+    [[nodiscard]] T& value() { return std::get<T>(content); }
+    [[nodiscard]] const T& value() const { return std::get<T>(content); }
+
+    // The error; only without a value.
+    [[nodiscard]] const Error& error() const { return *std::get_if<Error>(&content); }
+
+    // The former name, until all users have moved to error().
+    [[nodiscard]] const Error& Failure() const { return error(); }
 
   private:
     std::variant<T, Error> content;

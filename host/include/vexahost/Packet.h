@@ -10,13 +10,13 @@
 
 namespace vexahost {
 
-/// Address of a child, chosen by the host. No child should have the controller's.
+// Address of a child, chosen by the host. No child should have the controller's.
 using ChildId = std::uint32_t;
 
-/// The bytes of one packet; never allocates.
+// The bytes of one packet; never allocates.
 class Packet {
   public:
-    /// A packet of that type and sequence number whose payload is zero; `size` is 4 to 255 bytes.
+    // A packet of that type and sequence number whose payload is zero; `size` is 4 to 255 bytes.
     Packet(std::uint8_t type, std::size_t size, std::uint8_t sequence) : count(size) {
         bytes[vexa::kTypeOffset] = type;
         bytes[vexa::kLengthOffset] = static_cast<std::uint8_t>(size);
@@ -28,7 +28,7 @@ class Packet {
     }
     [[nodiscard]] std::span<std::uint8_t> Bytes() { return std::span(bytes).first(count); }
 
-    /// Writes the checksum. Packets of the builders have theirs.
+    // Writes the checksum. The builders in Requests.h have done it.
     void Seal() { vexa::SealPacket(bytes); }
 
   private:

@@ -1,4 +1,4 @@
-// Cuts the packet stream of a unit into packets.
+// Cut byte streams into packets: what a unit sends, and what a host sends.
 #pragma once
 
 #include <array>
@@ -13,42 +13,66 @@
 
 namespace vexahost {
 
-/// One packet in its reader's buffer.
+// One packet, in the buffer of its reader.
 struct PacketView {
     std::span<const std::uint8_t> bytes;  // the whole packet, at least the 4 header bytes
     bool checksumRight;
 };
 
-/// Allocates nothing; used by one thread.
+// Cuts what a unit sends into packets. Allocates nothing. One thread at a time.
 class PacketReader {
   public:
-    /// The next packet of the stream whose next bytes are at the front of `input`; `input` is moved
-    /// past what was used. Valid until the next call. Nothing when `input` is used up, or at a
-    /// violation (a packet that names itself shorter than its header), from which only
-    /// AwaitSyncReply leads on.
+    // The next packet of the stream; the bytes used are removed from the front of `input`. Valid
+    // until the next call. Nothing when `input` is used up, or after a violation (a packet whose
+    // length byte is smaller than its header), which only AwaitSyncReply clears.
     std::optional<PacketView> Next(std::span<const std::uint8_t>& input);
 
-    /// A host cannot know where in a packet a unit's stream begins when it connects: what a unit
-    /// could not send to an earlier host comes first. From here to the next initial-sync reply that
-    /// reply is recognised wherever it stands, packets with a wrong checksum are left out and
-    /// nothing is a violation.
+    // When a host connects, the stream may begin in the middle of a packet: first comes what the
+    // unit could not send to an earlier host. Until the next initial-sync reply, that reply is
+    // found at any position, packets with a wrong checksum are skipped, and nothing is a violation.
     void AwaitSyncReply();
 
     [[nodiscard]] bool IsAwaitingSyncReply() const { return awaitingSyncReply; }
     [[nodiscard]] bool IsViolated() const { return violated; }
 
-    /// What is wrong, with the offending bytes; only after a violation.
+    // A description with the offending bytes; only after a violation.
     [[nodiscard]] std::string Violation() const;
 
   private:
     bool CompletesSyncReply(std::uint8_t byte);
-    std::optional<PacketView> TakeByte(std::uint8_t byte);
+    std::optional<PacketView> AddByte(std::uint8_t byte);
 
     std::array<std::uint8_t, vexa::kPacketBufferSize> packet{};
-    std::size_t count = 0;  // bytes of the next packet that have come
+    std::size_t count = 0;  // bytes of the unfinished packet
     std::array<std::uint8_t, vexa::kInitialSyncReplySize> newest{};  // while awaiting a sync reply
     bool awaitingSyncReply = false;
     bool violated = false;
+};
+
+// Cuts what a host sends into packets, as a unit does: a unit does not search for the start of a
+// packet, so after a lost byte everything is shifted until the next initial sync, which it finds at
+// any position. Allocates nothing. One thread at a time.
+class RequestReader {
+  public:
+    // The next packet of the stream; the bytes used are removed from the front of `input`. Valid
+    // until the next call. Nothing when `input` is used up. A packet whose length byte is less than
+    // 4 comes as its 4 header bytes, with checksumRight false.
+    std::optional<PacketView> Next(std::span<const std::uint8_t>& input);
+
+    // The unfinished packet.
+    [[nodiscard]] std::span<const std::uint8_t> Unfinished() const {
+        return std::span(packet).first(count);
+    }
+
+    // A new connection: drops the unfinished packet.
+    void Reset();
+
+  private:
+    bool CompletesInitialSync(std::uint8_t byte);
+
+    std::array<std::uint8_t, vexa::kPacketBufferSize> packet{};
+    std::size_t count = 0;                                      // bytes of the unfinished packet
+    std::array<std::uint8_t, vexa::kInitialSyncSize> newest{};  // the last bytes
 };
 
 }  // namespace vexahost

@@ -16,16 +16,16 @@ struct SerialOptions {
     bool flowControl = false;  // RTS/CTS
 };
 
-/// The line runs raw with 8 data bits, no parity and one stop bit. What a unit sends over it
-/// carries no frame headers.
+// The line runs raw with 8 data bits, no parity and one stop bit. A unit sends no frame headers
+// over it.
 class SerialTransport final : public Transport {
   public:
-    /// Opens the terminal device `path`. kInvalidArgument for a rate that is none of the standard
-    /// ones; kCannotConnect when the device cannot be opened or is no terminal.
+    // Opens the terminal device `path`. kInvalidArgument for a rate that is none of the standard
+    // ones; kCannotConnect when the device cannot be opened or is no terminal.
     static Expected<std::unique_ptr<Transport>> Open(const std::string& path,
                                                      const SerialOptions& options = {});
 
-    /// Closes, if that has not been done, and frees the line.
+    // Closes the line.
     ~SerialTransport() override;
     SerialTransport(const SerialTransport&) = delete;
     SerialTransport& operator=(const SerialTransport&) = delete;
@@ -36,7 +36,7 @@ class SerialTransport final : public Transport {
                             std::chrono::milliseconds timeout) override;
     [[nodiscard]] Framing UnitFraming() const override { return Framing::kNone; }
 
-    /// Also gives the line its former settings back. What was not sent by then may be lost.
+    // Also restores the former settings of the line. Bytes not yet sent may be lost.
     void Close() override;
 
   private:

@@ -10,21 +10,21 @@ namespace vexahost {
 
 class SocketTransport final : public Transport {
   public:
-    /// Name of the host socket in a virtual unit's directory.
+    // Name of the host socket in a virtual unit's directory.
     static constexpr const char* kSocketName = "host.sock";
 
-    /// TCP port of a unit that serves its link over the network.
+    // TCP port of a unit that serves its link over the network.
     static constexpr const char* kTcpPort = "38144";
 
-    /// Connects to a virtual unit; for the unit this plugs the cable in. `path` is the unit's
-    /// directory, or the socket itself. kCannotConnect when nobody listens there.
+    // Connects to a virtual unit, which plugs its cable in. `path` is the unit's directory or the
+    // socket itself. kCannotConnect when nobody listens there.
     static Expected<std::unique_ptr<Transport>> ConnectUnit(const std::string& path);
 
-    /// Connects to a unit over TCP; `address` is "HOST" or "HOST:PORT" (IPv4). What such a unit
-    /// sends carries no frame headers. kCannotConnect when the name is unknown or nobody listens.
+    // Connects to a unit over TCP; `address` is "HOST" or "HOST:PORT" (IPv4). What such a unit
+    // sends carries no frame headers. kCannotConnect when the name is unknown or nobody listens.
     static Expected<std::unique_ptr<Transport>> ConnectTcp(const std::string& address);
 
-    /// Takes over a connected stream socket.
+    // Uses a connected stream socket and owns it from now on.
     SocketTransport(int connectedSocket, Framing framing);
     ~SocketTransport() override;
     SocketTransport(const SocketTransport&) = delete;

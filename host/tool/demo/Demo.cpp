@@ -1,18 +1,53 @@
-// The frame of the demo: its list of steps, what is shown of each, and what counts as wrong.
-#include "Demo.h"
+#include "tool/demo/Demo.h"
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
 
-#include "../Connection.h"
-#include "../DeviceData.h"
-#include "../Interrupt.h"
+#include "tool/Connection.h"
+#include "tool/Console.h"
+#include "tool/Exit.h"
+#include "tool/Samples.h"
+#include "tool/Verbs.h"
 
-using vexahost::ChildId;
-using vexahost::Direction;
-using vexahost::Done;
-using vexahost::ErrorKind;
-using vexahost::Expected;
-using vexahost::Milliseconds;
+namespace vexahost::tool {
+
+bool Journal::WaitFor(std::string_view text, std::chrono::milliseconds timeout) {
+    constexpr std::chrono::milliseconds kPoll{10};
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+        Read();
+        const auto holds = [&](const std::string& line) { return line.find(text) != line.npos; };
+        if (std::ranges::any_of(lines, holds)) return true;
+        if (std::chrono::steady_clock::now() >= deadline || IsInterrupted()) return false;
+        std::this_thread::sleep_for(kPoll);
+    }
+}
+
+std::vector<std::string> Journal::TakeLines() {
+    Read();
+    std::vector<std::string> taken;
+    taken.swap(lines);
+    return taken;
+}
+
+void Journal::Read() {
+    std::ifstream file(path, std::ios::binary);
+    if (!file || !file.seekg(readTo)) return;
+    std::string line;
+    // A last line without a line feed may be half written: it is left for the next time.
+    while (std::getline(file, line) && !file.eof()) {
+        readTo += static_cast<long>(line.size()) + 1;
+        lines.push_back(line);
+    }
+}
 
 namespace {
 
@@ -20,7 +55,7 @@ constexpr Milliseconds kLineTimeout{3000};
 constexpr Milliseconds kEndTimeout{5000};
 constexpr std::size_t kBytesShown = 12;
 
-// Calls of the unit's libraries that tell what is taken and given back; the others are detail.
+// Whether a line of the journal is about taking or giving back hardware; the others are detail.
 bool IsTelling(const std::string& journalLine) {
     for (const char* start : {"criCommand(", "criAnswer(", "VEXA_Device_Stream_Open(",
                               "VEXA_Device_Stream_Close(", "VEXA_Device_Open("}) {
@@ -74,7 +109,7 @@ ExitCode Demo::Run() {
     }
     client.reset();
     if (unit) {
-        unit->Terminate();
+        unit->Signal(SIGTERM);
         if (!unit->Wait(kEndTimeout)) console.Line(Style::kBad, "", "The unit had to be killed.");
     }
     if (IsInterrupted()) {
@@ -114,20 +149,20 @@ void Demo::Expect(bool right, const std::string& expected, const std::string& go
 
 template <typename T>
 bool Demo::ExpectValue(const Expected<T>& result, const std::string& expected) {
-    if (!result) Fail(expected, result.Failure().message);
+    if (!result) Fail(expected, result.error().message);
     return static_cast<bool>(result);
 }
 template bool Demo::ExpectValue(const Expected<Done>&, const std::string&);
 template bool Demo::ExpectValue(const Expected<bool>&, const std::string&);
-template bool Demo::ExpectValue(const Expected<vexahost::Block>&, const std::string&);
+template bool Demo::ExpectValue(const Expected<Block>&, const std::string&);
 template bool Demo::ExpectValue(const Expected<std::vector<std::uint8_t>>&, const std::string&);
 
 void Demo::ExpectRefusal(const Expected<Done>& result, ChildId child, int code) {
     const std::string expected = "error " + std::to_string(code);
     if (result) {
         Fail(expected, "child " + std::to_string(child) + " opened");
-    } else if (result.Failure().kind != ErrorKind::kRefused || result.Failure().code != code) {
-        Fail(expected, result.Failure().message);
+    } else if (result.error().kind != ErrorKind::kRefused || result.error().code != code) {
+        Fail(expected, result.error().message);
     }
 }
 
@@ -136,18 +171,19 @@ void Demo::Note(const std::string& text) const { console.Line(Style::kDim, "    
 void Demo::Show(const std::vector<std::string>& logLines,
                 const std::vector<std::string>& journalLines) {
     ShowTraffic(Direction::kToUnit);
-    // What did not come once keeps nobody waiting again.
+    // Once something is missing, nothing else is waited for.
     const auto patience = [this] { return failure.empty() ? kLineTimeout : Milliseconds{0}; };
     for (const std::string& line : logLines) {
-        if (!unit->Log().WaitFor(line, patience())) Fail("\"" + line + "\"", "no such log line");
+        if (!WaitForLog(line, patience())) Fail("\"" + line + "\"", "no such log line");
     }
     for (const std::string& line : journalLines) {
         if (!journal.WaitFor(line, patience())) Fail(line, "no such line in the journal");
     }
-    for (const std::string& line : unit->Log().Take()) {
+    for (const std::string& line : unit->Log().TakeLines()) {
+        logShown += line.size() + 1;
         console.Line(Style::kUnit, "    unit | ", line);
     }
-    for (const std::string& line : journal.Take()) {
+    for (const std::string& line : journal.TakeLines()) {
         if (!IsTelling(line)) continue;
         const char* label = line.starts_with("cri") ? "    apps | " : "    libs | ";
         console.Line(Style::kApplications, label, line);
@@ -155,11 +191,22 @@ void Demo::Show(const std::vector<std::string>& logLines,
     ShowTraffic(Direction::kFromUnit);
 }
 
+bool Demo::WaitForLog(const std::string& text, std::chrono::milliseconds timeout) {
+    constexpr std::chrono::milliseconds kSlice{50};
+    for (;;) {
+        const auto slice = std::min(timeout, kSlice);
+        const bool isEnd = unit->Log().WaitForEnd(slice.zero());
+        if (unit->Log().WaitFor(text, slice, logShown) != std::string::npos) return true;
+        timeout -= slice;
+        if (isEnd || timeout == slice.zero() || IsInterrupted()) return false;
+    }
+}
+
 void Demo::ShowTraffic(Direction direction) {
     const bool isSent = direction == Direction::kToUnit;
     std::vector<Heard> heard;
     {
-        const std::lock_guard lock(trafficMutex);
+        const vexa::MutexLock lock(trafficMutex);
         heard.swap(isSent ? sent : received);
     }
     for (const Heard& packet : heard) {
@@ -169,9 +216,8 @@ void Demo::ShowTraffic(Direction direction) {
 }
 
 void Demo::OnPacket(Direction direction, std::span<const std::uint8_t> packet) {
-    Heard heard{vexahost::DescribePacket(direction, packet),
-                vexahost::HexText(packet, kBytesShown)};
-    const std::lock_guard lock(trafficMutex);
+    Heard heard{DescribePacket(direction, packet), HexText(packet, kBytesShown)};
+    const vexa::MutexLock lock(trafficMutex);
     if (direction == Direction::kToUnit) {
         if (showRequests) sent.push_back(std::move(heard));
         return;
@@ -181,8 +227,86 @@ void Demo::OnPacket(Direction direction, std::span<const std::uint8_t> packet) {
         --daqPacketsToShow;
         heard.words = "DAQ at " + DescribeBlock(packet);
     } else if (heard.words.find("from child") != std::string::npos) {
-        if (blocksToShow == 0) return;
-        --blocksToShow;
+        return;
     }
     received.push_back(std::move(heard));
 }
+
+namespace {
+
+struct DemoOptions {
+    std::string directory;             // of the unit; empty: a temporary one, removed at the end
+    std::vector<std::string> command;  // starts the unit; "{dir}" in it stands for the directory
+};
+
+// A directory of its own for the unit, removed with all that is in it.
+class TemporaryDirectory {
+  public:
+    TemporaryDirectory() {
+        std::error_code error;
+        std::string pattern = std::filesystem::temp_directory_path(error) / "vexa-demo-XXXXXX";
+        if (!error && mkdtemp(pattern.data()) != nullptr) path = pattern;
+    }
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        if (!path.empty()) std::filesystem::remove_all(path, ignored);
+    }
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    // Empty when none could be made.
+    [[nodiscard]] const std::string& Path() const { return path; }
+
+  private:
+    std::string path;
+};
+
+void ReplaceDirectory(std::string& word, const std::string& directory) {
+    constexpr std::string_view kPlace = "{dir}";
+    for (auto at = word.find(kPlace); at != std::string::npos;
+         at = word.find(kPlace, at + directory.size())) {
+        word.replace(at, kPlace.size(), directory);
+    }
+}
+
+ExitCode RunDemo(const DemoOptions& options) {
+    CatchInterrupts();
+    std::string directory = options.directory;
+    std::unique_ptr<TemporaryDirectory> temporary;
+    if (directory.empty()) {
+        temporary = std::make_unique<TemporaryDirectory>();
+        if (temporary->Path().empty()) {
+            return ReportError({ErrorKind::kInvalidArgument, "cannot make a temporary directory"});
+        }
+        directory = temporary->Path();
+    }
+    std::vector<std::string> command = options.command;
+    for (std::string& word : command) ReplaceDirectory(word, directory);
+    const Console console;
+    Demo demo(console, command, directory);
+    return demo.Run();
+}
+
+}  // namespace
+
+Verb DemoVerb() {
+    const auto options = std::make_shared<DemoOptions>();
+    return {
+        .name = "demo",
+        .summary =
+            "Start a virtual unit, play a whole host session against it, and show both sides",
+        .options = {{"--dir", "DIR", "directory of the unit (a temporary one, removed at the end)",
+                     &options->directory},
+                    {.name = "COMMAND",
+                     .placeholder = "-- COMMAND ARGS...",
+                     .help = "what starts the unit; {dir} stands for the directory",
+                     .target = &options->command,
+                     .required = true}},
+        .notes =
+            "Example: vexa-host demo -- vexa-unit run --dir {dir} --journal {dir}/journal\n"
+            "Exit codes: 0 when every step went as expected, else 1.",
+        .run = [options] { return RunDemo(*options); },
+        .restIsCommand = true};
+}
+
+}  // namespace vexahost::tool

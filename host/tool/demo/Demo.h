@@ -1,32 +1,59 @@
-// The scripted session between a host and a unit that `vexa-host demo` plays.
+// The demo: a whole host session against a unit that it starts.
 #pragma once
 
+#include <chrono>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "../Console.h"
-#include "../ExitCode.h"
-#include "Journal.h"
-#include "UnitProcess.h"
+#include "foundation/Mutex.h"
+#include "testkit/ChildProcess.h"
+#include "tool/Console.h"
+#include "tool/Exit.h"
 #include "vexahost/Client.h"
 
+namespace vexahost::tool {
+
+// The virtual unit's journal: a line for each call of the service to the unit's libraries, and for
+// each answer of an application. One thread at a time.
+class Journal {
+  public:
+    // The file need not exist yet.
+    explicit Journal(std::string filePath) : path(std::move(filePath)) {}
+
+    // Waits for a line that contains `text` among those not yet returned by TakeLines. False when
+    // there is none after `timeout`, or when interrupted.
+    bool WaitFor(std::string_view text, std::chrono::milliseconds timeout);
+
+    // The complete lines since the last call.
+    std::vector<std::string> TakeLines();
+
+  private:
+    void Read();
+
+    const std::string path;
+    long readTo = 0;  // offset after the last complete line that was read
+    std::vector<std::string> lines;
+};
+
+// The scripted session between a host and a unit. Runs on the main thread; the client's threads
+// call OnPacket.
 class Demo {
   public:
-    /// The unit is `command`, which makes its host socket and its journal in `directory`.
+    // `command` starts the unit, which makes its host socket and its journal in `directory`.
     Demo(const Console& console, std::vector<std::string> command, std::string directory);
     ~Demo();
 
-    /// Plays all steps and ends the unit. The exit code of the program.
+    // Plays all steps and ends the unit. Returns the program's exit code.
     ExitCode Run();
 
   private:
     struct Step {
         const char* title;
         void (Demo::*play)();
-        bool essential;  // when it fails, the steps that need it are left out
+        bool essential;  // when it fails, the demo ends
     };
     static const std::vector<Step>& Steps();
 
@@ -52,37 +79,40 @@ class Demo {
 
     bool PlayStep(std::size_t number, const Step& step);
 
-    // Connects and waits for the service to see the cable.
+    // Connects and waits until the service has noticed the cable.
     void Connect();
 
-    // Notes that the step did not go as it should; the first note of a step is the one shown.
+    // Marks the step as failed; its first failure is the one shown.
     void Fail(const std::string& expected, const std::string& got);
     void Expect(bool right, const std::string& expected, const std::string& got);
     template <typename T>
-    bool ExpectValue(const vexahost::Expected<T>& result, const std::string& expected);
-    void ExpectRefusal(const vexahost::Expected<vexahost::Done>& result, vexahost::ChildId child,
-                       int code);
+    bool ExpectValue(const Expected<T>& result, const std::string& expected);
+    void ExpectRefusal(const Expected<Done>& result, ChildId child, int code);
 
-    // Waits for the lines of the service's log and of the journal that must come, and shows what
-    // both sides have said since the last call: sent, log, journal, received.
+    // Waits for lines that the service's log and the journal must contain, then shows everything
+    // since the last call: sent packets, log, journal, received packets.
     void Show(const std::vector<std::string>& logLines,
               const std::vector<std::string>& journalLines);
-    void ShowTraffic(vexahost::Direction direction);
+    // Waits for new output of the unit that contains `text`. False when it has not come after
+    // `timeout`, when the output has ended, or when interrupted.
+    bool WaitForLog(const std::string& text, std::chrono::milliseconds timeout);
+    void ShowTraffic(Direction direction);
     void Note(const std::string& text) const;
 
-    // Called by the client on its threads.
-    void OnPacket(vexahost::Direction direction, std::span<const std::uint8_t> packet);
+    // Library threads and main thread.
+    void OnPacket(Direction direction, std::span<const std::uint8_t> packet);
 
-    // Opens a device and shows it; remembers the child as open.
+    // Opens a device, shows it, and adds it to `children`.
     void OpenDevice(const std::string& name);
 
     const Console& console;
     const std::vector<std::string> command;
     const std::string directory;
     Journal journal;
-    std::unique_ptr<UnitProcess> unit;
-    std::vector<std::pair<std::string, vexahost::ChildId>> children;  // open ones
-    vexahost::ChildId nextChild;
+    std::optional<vexa::testkit::ChildProcess> unit;
+    std::size_t logShown = 0;  // position in the unit's output up to which it was shown
+    std::vector<std::pair<std::string, ChildId>> children;  // open ones
+    ChildId nextChild;
 
     std::string failure;  // of the current step
 
@@ -90,12 +120,13 @@ class Demo {
         std::string words;
         std::string bytes;
     };
-    std::mutex trafficMutex;  // guards the rest of this group
-    std::vector<Heard> sent;
-    std::vector<Heard> received;
-    bool showRequests = true;  // what is sent is noted
-    int daqPacketsToShow = 0;  // packets of the DAQ that are still to be noted
-    int blocksToShow = 0;      // blocks of children that are still to be noted
+    vexa::Mutex trafficMutex;
+    std::vector<Heard> sent VEXA_GUARDED_BY(trafficMutex);
+    std::vector<Heard> received VEXA_GUARDED_BY(trafficMutex);
+    bool showRequests VEXA_GUARDED_BY(trafficMutex) = true;
+    int daqPacketsToShow VEXA_GUARDED_BY(trafficMutex) = 0;  // that many more are shown
 
-    std::unique_ptr<vexahost::Client> client;  // last, as its thread uses the above
+    std::unique_ptr<Client> client;  // last, as its thread uses the above
 };
+
+}  // namespace vexahost::tool

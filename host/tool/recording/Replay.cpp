@@ -1,41 +1,85 @@
-#include "Replay.h"
+#include "tool/recording/Replay.h"
 
 #include <algorithm>
 #include <array>
 #include <thread>
 
-#include "Interrupt.h"
-#include "capture/PcapngReader.h"
+#include "tool/Exit.h"
+#include "vexahost/Recording.h"
+#include "vexahost/protocol/InitialSync.h"
+#include "vexahost/protocol/Packet.h"
 
-using vexahost::CapturedFrame;
-using vexahost::DecodedPacket;
-using vexahost::Direction;
-using vexahost::Done;
-using vexahost::Error;
-using vexahost::ErrorKind;
-using vexahost::Expected;
+namespace vexahost::tool {
 
 namespace {
 
-constexpr std::chrono::milliseconds kLookUp{20};  // how often a wait looks around
+// Who gave the answer; empty when the packet is no answer.
+std::string OriginOf(const DecodedPacket& packet, bool withData) {
+    if (packet.direction != Direction::kFromUnit) return {};
+    switch (packet.kind) {
+        case PacketKind::kControllerReply:
+            return "controller";
+        case PacketKind::kInitialSyncReply:
+            return "unit";
+        case PacketKind::kMultiplexerReply: {
+            const auto type = packet.bytes[vexa::kTypeOffset];
+            return vexa::TypeClass(type) == vexa::kClassDaq ? "DAQ" : "unit";
+        }
+        case PacketKind::kChildData:
+            return withData ? "child " + std::to_string(*packet.child) : "";
+        default:
+            return {};
+    }
+}
+
+}  // namespace
+
+void AnswerLog::Add(const DecodedPacket& packet) {
+    const std::string origin = OriginOf(packet, withData);
+    if (origin.empty()) return;
+    Answer answer{packet.time, {packet.bytes.begin(), packet.bytes.end()}, packet.text};
+    if (vexa::TypeClass(answer.bytes[vexa::kTypeOffset]) == vexa::kClassDaq) {
+        // The DAQ counts its answers and its measurements with one sequence number.
+        answer.bytes[vexa::kSequenceOffset] = 0;
+        answer.bytes[vexa::kChecksumOffset] = packet.checksumRight ? 0 : 1;
+    }
+    answers[origin].push_back(std::move(answer));
+}
+
+AnswerCounts AnswerLog::Counts() const {
+    AnswerCounts counts;
+    for (const auto& [origin, list] : answers) counts[origin] = list.size();
+    return counts;
+}
+
+bool AnswerLog::HasAtLeast(const AnswerCounts& counts) const {
+    for (const auto& [origin, count] : counts) {
+        const auto found = answers.find(origin);
+        if (count > (found == answers.end() ? 0 : found->second.size())) return false;
+    }
+    return true;
+}
+
+namespace {
+
+constexpr std::chrono::milliseconds kPoll{20};  // how often a wait checks its conditions
 constexpr std::chrono::milliseconds kWriteTimeout{5000};
-constexpr std::chrono::milliseconds kSettling{200};  // for answers that were not recorded
+constexpr std::chrono::milliseconds kSettling{
+    200};  // for further answers that the recording does not have
 constexpr std::size_t kReadSize = 16384;
 
 ReplayStep::Kind KindOf(const CapturedFrame& frame) {
     if (!frame.bytes.empty()) return ReplayStep::Kind::kSend;
-    return frame.comment == vexahost::kCableOut ? ReplayStep::Kind::kPullOut
-                                                : ReplayStep::Kind::kPlugIn;
+    return frame.comment == kCableOut ? ReplayStep::Kind::kPullOut : ReplayStep::Kind::kPlugIn;
 }
 
 }  // namespace
 
 Expected<Recording> ReadRecording(std::span<const std::uint8_t> capture, bool withData) {
     Recording recording{{}, AnswerLog(withData)};
-    vexahost::CaptureDecoder decoder(
-        [&](const DecodedPacket& packet) { recording.answers.Take(packet); });
-    vexahost::PcapngReader reader(capture);
-    std::optional<vexahost::CaptureTime> start;
+    CaptureDecoder decoder([&](const DecodedPacket& packet) { recording.answers.Add(packet); });
+    PcapngReader reader(capture);
+    std::optional<CaptureTime> start;
     while (const auto frame = reader.Next()) {
         if (!start) start = frame->time;
         const bool isEvent = frame->bytes.empty() && !frame->comment.empty();
@@ -45,7 +89,7 @@ Expected<Recording> ReadRecording(std::span<const std::uint8_t> capture, bool wi
                                        {frame->bytes.begin(), frame->bytes.end()},
                                        recording.answers.Counts()});
         }
-        decoder.Take(*frame);
+        decoder.Add(*frame);
     }
     if (!reader.Fault().empty()) return Error{ErrorKind::kInvalidArgument, reader.Fault()};
     if (std::ranges::none_of(recording.steps, [](const ReplayStep& step) {
@@ -56,22 +100,22 @@ Expected<Recording> ReadRecording(std::span<const std::uint8_t> capture, bool wi
     return recording;
 }
 
-Replay::Replay(vexahost::TransportFactory connect_, const ReplayOptions& options_)
+Replay::Replay(TransportFactory connect_, const ReplayOptions& options_)
     : connect(std::move(connect_)),
       options(options_),
       answers(options_.withData),
-      decoder([this](const DecodedPacket& packet) { answers.Take(packet); }) {}
+      decoder([this](const DecodedPacket& packet) { answers.Add(packet); }) {}
 
 Expected<Done> Replay::Play(const Recording& recording) {
     const auto start = Clock::now();
     for (const ReplayStep& step : recording.steps) {
         if (IsInterrupted()) return Done{};
         const auto due = options.fast ? start : start + step.at;
-        if (const auto came = Await(due, step.answersBefore); !came) return came.Failure();
-        if (const auto done = Perform(step); !done) return done.Failure();
+        if (const auto came = Await(due, step.answersBefore); !came) return came.error();
+        if (const auto done = Perform(step); !done) return done.error();
     }
     if (!link) return Done{};
-    if (const auto came = Await(start, recording.answers.Counts()); !came) return came.Failure();
+    if (const auto came = Await(start, recording.answers.Counts()); !came) return came.error();
     return Await(Clock::now() + kSettling, {});
 }
 
@@ -85,7 +129,7 @@ Expected<Done> Replay::Perform(const ReplayStep& step) {
         return PlugIn();
     }
     if (!link) {
-        if (const auto connected = PlugIn(); !connected) return connected.Failure();
+        if (const auto connected = PlugIn(); !connected) return connected.error();
     }
     Decode(Direction::kToUnit, step.bytes);
     return link->WriteAll(step.bytes, kWriteTimeout);
@@ -93,12 +137,12 @@ Expected<Done> Replay::Perform(const ReplayStep& step) {
 
 Expected<Done> Replay::PlugIn() {
     auto connected = connect();
-    if (!connected) return connected.Failure();
+    if (!connected) return connected.error();
     link = std::move(*connected);
     frames.emplace(link->UnitFraming(), [this](std::span<const std::uint8_t> frame) {
         Decode(Direction::kFromUnit, frame);
     });
-    Decode(Direction::kToUnit, {}, vexahost::kCableIn);
+    Decode(Direction::kToUnit, {}, kCableIn);
     return Done{};
 }
 
@@ -107,9 +151,8 @@ void Replay::PullOut() {
     link.reset();
 }
 
-// A missing answer is waited for once: from there on one fewer of its origin will do.
-std::map<std::string, std::size_t> Replay::StillExpected(
-    const std::map<std::string, std::size_t>& counts) const {
+// A missing answer is waited for once: later waits expect one answer less of its origin.
+AnswerCounts Replay::StillExpected(const AnswerCounts& counts) const {
     auto expected = counts;
     for (const auto& [origin, count] : missing) {
         if (const auto found = expected.find(origin); found != expected.end()) {
@@ -119,8 +162,7 @@ std::map<std::string, std::size_t> Replay::StillExpected(
     return expected;
 }
 
-Expected<Done> Replay::Await(Clock::time_point time,
-                             const std::map<std::string, std::size_t>& counts) {
+Expected<Done> Replay::Await(Clock::time_point time, const AnswerCounts& counts) {
     const auto expected = StillExpected(counts);
     const auto patienceEnds = std::max(time, Clock::now()) + options.patience;
     while (!IsInterrupted()) {
@@ -134,24 +176,26 @@ Expected<Done> Replay::Await(Clock::time_point time,
             return Done{};
         }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(time - now);
-        const auto pause = now < time ? std::min(left, kLookUp) : kLookUp;
-        if (const auto taken = TakeWhatComes(pause); !taken) return taken.Failure();
+        const auto pause = now < time ? std::min(left, kPoll) : kPoll;
+        if (const auto received = Receive(pause); !received) return received.error();
     }
     return Done{};
 }
 
-Expected<Done> Replay::TakeWhatComes(std::chrono::milliseconds timeout) {
+Expected<Done> Replay::Receive(std::chrono::milliseconds timeout) {
     std::array<std::uint8_t, kReadSize> buffer;
     if (!link) {
         std::this_thread::sleep_for(timeout);
         return Done{};
     }
     const auto count = link->Read(buffer, timeout);
-    if (!count) return count.Failure();
-    frames->Take(std::span<const std::uint8_t>(buffer).first(*count));
+    if (!count) return count.error();
+    frames->Add(std::span<const std::uint8_t>(buffer).first(*count));
     return Done{};
 }
 
 void Replay::Decode(Direction direction, std::span<const std::uint8_t> bytes, const char* event) {
-    decoder.Take({std::chrono::system_clock::now().time_since_epoch(), direction, bytes, event});
+    decoder.Add({std::chrono::system_clock::now().time_since_epoch(), direction, bytes, event});
 }
+
+}  // namespace vexahost::tool

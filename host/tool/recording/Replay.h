@@ -1,75 +1,110 @@
-// Plays the host's side of a recording to a unit.
+// Plays the host's side of a recording to a unit, and collects the answers for comparison.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "AnswerLog.h"
-#include "capture/FrameCutter.h"
 #include "vexahost/Client.h"
+#include "vexahost/Decoder.h"
+#include "vexahost/Recording.h"
 
-struct ReplayOptions {
-    bool fast = false;      // not at the recorded pace, but as fast as the answers come
-    bool withData = false;  // what children send is compared too
-    std::chrono::milliseconds patience{3000};  // for an answer that was recorded
+namespace vexahost::tool {
+
+struct Answer {
+    CaptureTime time{};
+    std::vector<std::uint8_t> bytes;  // without the parts that differ from one run to the next
+    std::string text;                 // in words
 };
 
-/// Something that the host did in the recording.
+// How many answers have come from each origin: "controller", "unit", "DAQ" or "child ID".
+using AnswerCounts = std::map<std::string, std::size_t>;
+
+// The answers of a conversation, in order for each origin; answers of different origins may
+// overtake each other. One thread at a time.
+class AnswerLog {
+  public:
+    // With `withData` the data of children counts as answers too.
+    explicit AnswerLog(bool withData_) : withData(withData_) {}
+
+    // Adds the packet, if it is an answer.
+    void Add(const DecodedPacket& packet);
+
+    using ByOrigin = std::map<std::string, std::vector<Answer>>;
+    [[nodiscard]] const ByOrigin& Answers() const { return answers; }
+
+    [[nodiscard]] AnswerCounts Counts() const;
+
+    // True when each origin has given at least as many answers as in `counts`.
+    [[nodiscard]] bool HasAtLeast(const AnswerCounts& counts) const;
+
+  private:
+    const bool withData;
+    ByOrigin answers;
+};
+
+struct ReplayOptions {
+    bool fast = false;      // as fast as the answers come, not at the recorded pace
+    bool withData = false;  // compare the data of children too
+    std::chrono::milliseconds patience{3000};  // with a recorded answer that does not come
+};
+
+// One action of the host in the recording.
 struct ReplayStep {
     enum class Kind { kPlugIn, kPullOut, kSend };
 
     Kind kind;
-    std::chrono::nanoseconds at{};                     // since the recording's start
-    std::vector<std::uint8_t> bytes;                   // kSend
-    std::map<std::string, std::size_t> answersBefore;  // that were there by then
+    std::chrono::nanoseconds at{};    // since the recording's start
+    std::vector<std::uint8_t> bytes;  // kSend
+    AnswerCounts answersBefore;       // answers recorded before this step
 };
 
-/// What the host did in a capture, and what it was answered.
+// The host's actions in a recording, and the answers to them.
 struct Recording {
     std::vector<ReplayStep> steps;
     AnswerLog answers;
 };
 
-/// `capture` is the whole file. kInvalidArgument when it cannot be used.
-vexahost::Expected<Recording> ReadRecording(std::span<const std::uint8_t> capture, bool withData);
+// `capture` is the whole file. kInvalidArgument when it is no recording or the host sends nothing.
+Expected<Recording> ReadRecording(std::span<const std::uint8_t> capture, bool withData);
 
-/// Used by one thread.
+// One thread at a time.
 class Replay {
   public:
-    Replay(vexahost::TransportFactory connect, const ReplayOptions& options);
+    Replay(TransportFactory connect, const ReplayOptions& options);
 
-    /// Plays all steps and waits for the answers. kCannotConnect, or kLinkLost when the unit left
-    /// before it was to. Ends early when interrupted.
-    vexahost::Expected<vexahost::Done> Play(const Recording& recording);
+    // Plays all steps and waits for the answers. kCannotConnect, or kLinkLost when the unit
+    // disconnects early. Ends early when interrupted.
+    Expected<Done> Play(const Recording& recording);
 
-    /// What has been answered.
+    // The answers that have come.
     [[nodiscard]] const AnswerLog& Answers() const { return answers; }
 
   private:
     using Clock = std::chrono::steady_clock;
 
-    vexahost::Expected<vexahost::Done> Perform(const ReplayStep& step);
-    vexahost::Expected<vexahost::Done> PlugIn();
+    Expected<Done> Perform(const ReplayStep& step);
+    Expected<Done> PlugIn();
     void PullOut();
-    // Takes what comes until the time has come and so many answers are there, or patience ends.
-    vexahost::Expected<vexahost::Done> Await(Clock::time_point time,
-                                             const std::map<std::string, std::size_t>& counts);
-    [[nodiscard]] std::map<std::string, std::size_t> StillExpected(
-        const std::map<std::string, std::size_t>& counts) const;
-    vexahost::Expected<vexahost::Done> TakeWhatComes(std::chrono::milliseconds timeout);
-    void Decode(vexahost::Direction direction, std::span<const std::uint8_t> bytes,
-                const char* event = "");
+    // Receives until `time` is reached and at least `counts` answers have come, or until patience
+    // with the answers runs out.
+    Expected<Done> Await(Clock::time_point time, const AnswerCounts& counts);
+    [[nodiscard]] AnswerCounts StillExpected(const AnswerCounts& counts) const;
+    Expected<Done> Receive(std::chrono::milliseconds timeout);
+    void Decode(Direction direction, std::span<const std::uint8_t> bytes, const char* event = "");
 
-    const vexahost::TransportFactory connect;
+    const TransportFactory connect;
     const ReplayOptions options;
     AnswerLog answers;
-    std::map<std::string, std::size_t> missing;  // by origin: answers that were waited for in vain
-    vexahost::CaptureDecoder decoder;
-    std::unique_ptr<vexahost::Transport> link;
-    std::optional<vexahost::FrameCutter> frames;  // of the link
+    AnswerCounts missing;  // answers that did not come in time
+    CaptureDecoder decoder;
+    std::unique_ptr<Transport> link;
+    std::optional<FrameCutter> frames;  // of the link
 };
+
+}  // namespace vexahost::tool

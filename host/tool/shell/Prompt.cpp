@@ -1,6 +1,5 @@
-#include "Prompt.h"
+#include "tool/shell/Prompt.h"
 
-#include <editline/readline.h>
 #include <poll.h>
 #include <termios.h>
 #include <unistd.h>
@@ -9,11 +8,19 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "../Interrupt.h"
+#include "tool/Exit.h"
+
+#ifdef VEXA_HOST_EDITLINE
+#include <editline/readline.h>
+#endif
+
+namespace vexahost::tool {
+
+#ifdef VEXA_HOST_EDITLINE
 
 namespace {
 
-// The line editor's callbacks have no context: this is it.
+// For the line editor's callbacks, which have no context argument.
 struct Editing {
     Prompt::Complete complete;
     std::vector<std::string> candidates;
@@ -24,7 +31,7 @@ struct Editing {
 };
 
 Editing editing;
-termios before;  // the terminal as it was; read by a signal handler
+termios before;  // former terminal settings; read by a signal handler
 
 void RestoreTerminal() { tcsetattr(STDIN_FILENO, TCSANOW, &before); }
 
@@ -43,7 +50,7 @@ char** CompleteWord(const char* text, int start, int /*end*/) {
     return rl_completion_matches(text, NextCandidate);
 }
 
-void TakeLine(char* line) {
+void OnLine(char* line) {
     editing.isLineHere = true;
     editing.isEnd = line == nullptr;
     if (line == nullptr) return;
@@ -72,12 +79,12 @@ Prompt::~Prompt() {
 }
 
 std::optional<std::string> Prompt::Read(const std::string& prompt) {
-    constexpr int kLookUpMs = 50;
+    constexpr int kInterruptPollMs = 50;
     editing.isLineHere = false;
-    rl_callback_handler_install(prompt.c_str(), TakeLine);
+    rl_callback_handler_install(prompt.c_str(), OnLine);
     while (!editing.isLineHere) {
         pollfd entry{STDIN_FILENO, POLLIN, 0};
-        if (poll(&entry, 1, kLookUpMs) > 0) rl_callback_read_char();
+        if (poll(&entry, 1, kInterruptPollMs) > 0) rl_callback_read_char();
         if (!IsInterrupted()) continue;
         ForgetInterrupt();
         std::printf("^C\n");
@@ -88,3 +95,32 @@ std::optional<std::string> Prompt::Read(const std::string& prompt) {
     std::printf("\n");
     return std::nullopt;
 }
+
+#else
+
+// Without a line editor: the terminal's own editing, no history and no completion.
+Prompt::Prompt(Complete) {}
+
+Prompt::~Prompt() = default;
+
+std::optional<std::string> Prompt::Read(const std::string& prompt) {
+    std::printf("%s", prompt.c_str());
+    std::fflush(stdout);
+    std::string line;
+    for (;;) {
+        char c = 0;
+        const ssize_t count = read(STDIN_FILENO, &c, 1);
+        if (IsInterrupted()) {
+            ForgetInterrupt();
+            std::printf("\n");
+            return "";
+        }
+        if (count <= 0) return std::nullopt;
+        if (c == '\n') return line;
+        line += c;
+    }
+}
+
+#endif
+
+}  // namespace vexahost::tool

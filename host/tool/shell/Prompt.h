@@ -6,11 +6,13 @@
 #include <string>
 #include <vector>
 
-/// One at a time, used by one thread.
+namespace vexahost::tool {
+
+// One object at a time, and one thread.
 class Prompt {
   public:
-    /// `complete` gives the words that may stand where the cursor is; `isFirst` says that it is the
-    /// first word of the line.
+    // `complete` returns the words that may stand at the cursor; `isFirst` is true for the first
+    // word of the line.
     using Complete = std::function<std::vector<std::string>(bool isFirst)>;
 
     explicit Prompt(Complete complete);
@@ -18,7 +20,9 @@ class Prompt {
     Prompt(const Prompt&) = delete;
     Prompt& operator=(const Prompt&) = delete;
 
-    /// The next line, also kept in the history. Ctrl-C drops what was typed and gives an empty
-    /// line; nothing at the end of the input (Ctrl-D).
+    // The next line, which also joins the history. Ctrl-C discards what was typed and returns an
+    // empty line. Nothing at the end of the input (Ctrl-D).
     std::optional<std::string> Read(const std::string& prompt);
 };
+
+}  // namespace vexahost::tool

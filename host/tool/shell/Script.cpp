@@ -1,18 +1,16 @@
-#include "Script.h"
+#include "tool/shell/Script.h"
 
 #include <chrono>
 #include <cstdio>
 #include <istream>
 
-#include "../Duration.h"
-#include "../Interrupt.h"
-#include "../Number.h"
+#include "tool/Exit.h"
+#include "tool/Parse.h"
+
+namespace vexahost::tool {
 
 namespace {
 
-using vexahost::Error;
-using vexahost::ErrorKind;
-using vexahost::Expected;
 using Clock = std::chrono::steady_clock;
 
 std::string Place(const std::string& name, std::size_t number) {
@@ -29,7 +27,7 @@ class Reader {
   public:
     Reader(std::istream& source, const std::string& scriptName) : input(source), name(scriptName) {}
 
-    // The lines up to the end, which is that of the "repeat" in line `opened`, or that of the file.
+    // The lines up to the "end" of the "repeat" in line `opened`; with 0 up to the end of the file.
     Expected<std::vector<ScriptLine>> Read(std::size_t opened = 0) {
         std::vector<ScriptLine> lines;
         for (std::string text; std::getline(input, text);) {
@@ -76,7 +74,7 @@ class Runner {
         return End::kReached;
     }
 
-    [[nodiscard]] ExitCode Failure() const { return failure; }
+    [[nodiscard]] ExitCode FailureCode() const { return failure; }
     [[nodiscard]] std::size_t Commands() const { return commands; }
 
   private:
@@ -134,7 +132,7 @@ ExitCode RunScript(Session& session, const std::vector<ScriptLine>& lines, const
     Runner runner(session, name, verbose);
     switch (runner.Run(lines)) {
         case Runner::End::kFailed:
-            return runner.Failure();
+            return runner.FailureCode();
         case Runner::End::kInterrupted:
             return kExitInterrupted;
         default:
@@ -142,3 +140,5 @@ ExitCode RunScript(Session& session, const std::vector<ScriptLine>& lines, const
             return kExitDone;
     }
 }
+
+}  // namespace vexahost::tool

@@ -6,22 +6,25 @@
 #include <string>
 #include <vector>
 
-#include "../ExitCode.h"
-#include "Session.h"
+#include "tool/Exit.h"
+#include "tool/shell/Session.h"
 
-/// One line of a script. "repeat" holds the lines up to its "end".
+namespace vexahost::tool {
+
+// One line of a script. The body of "repeat" is the lines up to its "end".
 struct ScriptLine {
     std::size_t number;  // in the file, from 1
     Words words;
     std::vector<ScriptLine> body;
 };
 
-/// Reads a script; `name` is what errors call it. kInvalidArgument, with the line, for a quote, a
-/// "repeat" or an "end" without its counterpart. Commands are looked at when they are run.
-vexahost::Expected<std::vector<ScriptLine>> ReadScript(std::istream& input,
-                                                       const std::string& name);
+// Reads a script, called `name` in errors. kInvalidArgument, with the line, for a quote, a "repeat"
+// or an "end" without its counterpart. The commands are checked only when they run.
+Expected<std::vector<ScriptLine>> ReadScript(std::istream& input, const std::string& name);
 
-/// Runs a script and prints what its commands say; with `verbose` the commands as well. Stops at
-/// the first that fails, says where on standard error, and gives the exit code for it.
+// Runs a script and prints the output of its commands; with `verbose` the commands as well. Stops
+// at the first that fails, reports its line on standard error, and returns the exit code for it.
 ExitCode RunScript(Session& session, const std::vector<ScriptLine>& lines, const std::string& name,
                    bool verbose);
+
+}  // namespace vexahost::tool

@@ -1,91 +1,101 @@
-// The session that the shell's commands act on.
+// The shell's session: its state, its commands, and how a command ends.
 #pragma once
 
 #include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "../Connection.h"
-#include "Collector.h"
-#include "Outcome.h"
+#include "tool/Connection.h"
 
+namespace vexahost::tool {
+
+// The words of a command line.
+using Words = std::vector<std::string>;
+
+// Splits a line into words at blanks. Double quotes keep blanks in a word; "#" at the start of a
+// word begins a comment. Nothing when a quote is not closed.
+std::optional<Words> SplitLine(std::string_view line);
+
+struct Outcome {
+    std::optional<Error> error;  // nothing: success
+    std::string text;            // to be printed; any number of lines
+    bool skipsRound = false;     // a command after "try" has lost the link
+    bool quits = false;
+
+    static Outcome Good(std::string text = {}) { return {std::nullopt, std::move(text)}; }
+    static Outcome Failed(Error error) { return {std::move(error), {}}; }
+
+    // A wrong command line; nothing was done.
+    static Outcome Wrong(std::string why) {
+        return Failed({ErrorKind::kInvalidArgument, std::move(why)});
+    }
+
+    // A check or an expectation that does not hold.
+    static Outcome Unmet(std::string why) { return Failed({ErrorKind::kRefused, std::move(why)}); }
+};
+
+// One thread at a time.
 class Session {
   public:
-    /// Connects and brings both sides in step; while the link is lost over that, tries again for
-    /// some seconds.
-    static vexahost::Expected<std::unique_ptr<Session>> Start(const UnitAddress& unit);
+    using Clock = std::chrono::steady_clock;
 
-    explicit Session(std::unique_ptr<vexahost::Client> connected);
+    struct Device {
+        std::string name;
+        ChildId id;
+        Clock::time_point opened;
+    };
 
-    /// Runs one command; "expect" and "try" in front of it are understood.
+    // Connects and synchronises. When the link is lost meanwhile, tries again for some seconds.
+    static Expected<std::unique_ptr<Session>> Start(const UnitAddress& unit);
+
+    explicit Session(std::unique_ptr<Client> connected) : client(std::move(connected)) {}
+
+    // Runs one command, with "expect" or "try" before it if the user likes.
     Outcome Run(const Words& words);
 
     [[nodiscard]] bool IsLinkUp() const { return !client->LinkError(); }
 
-    /// Names of the open devices.
+    // Names of the open devices.
     [[nodiscard]] std::vector<std::string> OpenNames() const;
 
-    /// Names of all commands.
-    static std::vector<std::string> CommandNames();
+    // For the commands.
 
-    /// All commands with what they do.
-    static std::string HelpText();
+    // The id of the open device with this name, else the id that `text` is.
+    [[nodiscard]] std::optional<ChildId> FindId(const std::string& text) const;
+
+    // An id that no open device has.
+    [[nodiscard]] ChildId FreeId() const;
+
+    // Nothing is open any more: forgets the devices, drops the DAQ's packets and counts them anew.
+    void ForgetAll();
+
+    const std::unique_ptr<Client> client;
+    std::vector<Device> devices;                // open ones
+    Clock::time_point daqSince = Clock::now();  // the DAQ's packets are counted since then
+    ClientStatistics before;                    // the counts at that time
 
   private:
-    using Clock = std::chrono::steady_clock;
-
-    struct Verb {
-        const char* name;
-        const char* arguments;
-        const char* help;
-        std::size_t least;  // arguments
-        std::size_t most;
-        Outcome (Session::*run)(const Words& arguments);
-    };
-    static const std::vector<Verb>& Verbs();
-
-    struct Device {
-        std::string name;
-        vexahost::ChildId id;
-        Clock::time_point opened;
-    };
-
-    // The commands, each with the words behind its name.
-    Outcome Sync(const Words& arguments);
-    Outcome Controller(const Words& arguments);
-    Outcome Query(const Words& arguments);
-    Outcome Takeover(const Words& arguments);
-    Outcome Open(const Words& arguments);
-    Outcome Close(const Words& arguments);
-    Outcome Send(const Words& arguments);
-    Outcome Raw(const Words& arguments);
-    Outcome Mux(const Words& arguments);
-    Outcome Receive(const Words& arguments);
-    Outcome Arm(const Words& arguments);
-    Outcome Stats(const Words& arguments);
-    Outcome Check(const Words& arguments);
-    Outcome Reconnect(const Words& arguments);
-    Outcome Disconnect(const Words& arguments);
-    Outcome Wait(const Words& arguments);
-    Outcome Echo(const Words& arguments);
-    Outcome Help(const Words& arguments);
-    Outcome Quit(const Words& arguments);
-
     Outcome RunExpect(Words words);
     Outcome RunTry(const Words& words);
-    void ForgetAll();
-    [[nodiscard]] std::optional<vexahost::ChildId> FindId(const std::string& text) const;
-    [[nodiscard]] vexahost::ChildId FreeId() const;
-
-    // The figure of a device, or of the DAQ, that "check" asks for; nothing for an unknown one.
-    [[nodiscard]] std::optional<double> Figure(const std::string& device,
-                                               const std::string& figure) const;
-    [[nodiscard]] std::optional<double> DaqFigure(const std::string& figure) const;
-
-    const std::unique_ptr<vexahost::Client> client;
-    std::vector<Device> devices;
-    Clock::time_point daqOpened = Clock::now();  // since when the DAQ's packets are counted
-    Collector collector;                         // last, as its thread uses the client
 };
+
+// One command of the shell.
+struct Command {
+    const char* name;
+    const char* arguments;  // for help
+    const char* help;
+    std::size_t least;  // arguments
+    std::size_t most;
+    Outcome (*run)(Session& session, const Words& arguments);
+};
+
+// All commands, in the order of the help text.
+const std::vector<Command>& Commands();
+
+// The help text: all commands and what they do.
+std::string CommandsHelp();
+
+}  // namespace vexahost::tool

@@ -1,20 +1,20 @@
 // The sinks that write lines to standard output.
-#include <cmath>
+#include <algorithm>
 #include <cstdio>
-#include <nlohmann/json.hpp>
 
-#include "StreamSink.h"
+#include "tool/JsonObject.h"
+#include "tool/stream/StreamSink.h"
 #include "vexahost/Describe.h"
+
+namespace vexahost::tool {
 
 namespace {
 
-std::string Hex(const vexahost::Block& block) {
-    return vexahost::HexText(block.bytes, block.bytes.size());
-}
+std::string Hex(const Block& block) { return HexText(block.bytes, block.bytes.size()); }
 
 class TextSink final : public StreamSink {
   public:
-    void Take(const StreamedBlock& from) override {
+    void Add(const StreamedBlock& from) override {
         std::string line;
         if (from.reading) {
             char time[32];
@@ -55,7 +55,7 @@ class CsvSink final : public StreamSink {
   public:
     CsvSink() { std::printf("time_s,device,sequence,device_time_s,channel,index,value\n"); }
 
-    void Take(const StreamedBlock& from) override {
+    void Add(const StreamedBlock& from) override {
         char start[64];
         std::snprintf(start, sizeof start, "%.6f,", from.seconds);
         std::string front =
@@ -77,33 +77,39 @@ class CsvSink final : public StreamSink {
     void Update() override { std::fflush(stdout); }
 };
 
-// Whole numbers without a fraction.
-nlohmann::ordered_json Number(double value) {
-    constexpr double kMostWhole = 9007199254740992.0;  // from here on doubles leave some out
-    if (std::trunc(value) == value && std::fabs(value) < kMostWhole) {
-        return static_cast<std::int64_t>(value);
+// The samples under the names of their channels; those of a name that comes again join the first.
+JsonObject ChannelObject(const std::vector<Channel>& channels) {
+    JsonObject object;
+    std::vector<std::string> done;
+    for (const Channel& channel : channels) {
+        if (std::ranges::find(done, channel.name) != done.end()) continue;
+        done.push_back(channel.name);
+        std::vector<double> values;
+        for (const Channel& same : channels) {
+            if (same.name != channel.name) continue;
+            values.insert(values.end(), same.values.begin(), same.values.end());
+        }
+        object.Add(channel.name, std::span<const double>(values));
     }
-    return value;
+    return object;
 }
 
 class JsonSink final : public StreamSink {
   public:
-    void Take(const StreamedBlock& from) override {
-        nlohmann::ordered_json line = {
-            {"time_s", from.seconds}, {"device", from.name}, {"sequence", from.block.sequence}};
+    void Add(const StreamedBlock& from) override {
+        JsonObject line;
+        line.Add("time_s", from.seconds)
+            .Add("device", from.name)
+            .Add("sequence", from.block.sequence);
         if (from.reading) {
-            if (from.reading->deviceSeconds) line["device_time_s"] = *from.reading->deviceSeconds;
-            for (const Channel& channel : from.reading->channels) {
-                auto& values = line["channels"][channel.name];
-                for (const double value : channel.values) values.push_back(Number(value));
-            }
+            const auto& deviceSeconds = from.reading->deviceSeconds;
+            if (deviceSeconds) line.Add("device_time_s", *deviceSeconds);
+            line.Add("channels", ChannelObject(from.reading->channels));
         } else {
-            line["bytes"] = Hex(from.block);
+            line.Add("bytes", Hex(from.block));
         }
-        if (!from.block.checksumRight) line["checksum_right"] = false;
-        // A name on the command line need not be UTF-8.
-        using Json = nlohmann::ordered_json;
-        std::printf("%s\n", line.dump(-1, ' ', false, Json::error_handler_t::replace).c_str());
+        if (!from.block.checksumRight) line.Add("checksum_right", false);
+        line.PrintLine();
     }
 
     void Update() override { std::fflush(stdout); }
@@ -114,3 +120,5 @@ class JsonSink final : public StreamSink {
 std::unique_ptr<StreamSink> MakeTextSink() { return std::make_unique<TextSink>(); }
 std::unique_ptr<StreamSink> MakeCsvSink() { return std::make_unique<CsvSink>(); }
 std::unique_ptr<StreamSink> MakeJsonSink() { return std::make_unique<JsonSink>(); }
+
+}  // namespace vexahost::tool

@@ -1,21 +1,123 @@
-#include "LiveView.h"
+#include "tool/stream/LiveView.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <termios.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstdio>
+#include <string_view>
 
-#include "../SparkLine.h"
+#include "tool/Exit.h"
+#include "tool/Figures.h"
 #include "vexahost/Describe.h"
+
+namespace vexahost::tool {
+
+namespace {
+
+// The alternate screen, without a cursor and without lines that wrap.
+constexpr std::string_view kEnter = "\033[?1049h\033[?25l\033[?7l";
+constexpr std::string_view kLeave = "\033[?7h\033[?25h\033[?1049l";
+
+std::atomic<bool> stopAsked{false};
+std::atomic<bool> keyboardChanged{false};
+termios keyboard;  // former settings; read by a signal handler once keyboardChanged is set
+
+void OnStopSignal(int) { stopAsked = true; }
+
+void SetStopHandler(void (*handler)(int)) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGTSTP, &action, nullptr);
+}
+
+void WriteAll(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = write(STDOUT_FILENO, text.data(), text.size());
+        if (count <= 0) return;
+        text.remove_prefix(static_cast<std::size_t>(count));
+    }
+}
+
+}  // namespace
+
+FullScreen::FullScreen() {
+    std::fflush(stdout);
+    OnSecondInterrupt(&FullScreen::Leave);
+    Enter();
+    SetStopHandler(OnStopSignal);
+}
+
+FullScreen::~FullScreen() {
+    Leave();
+    OnSecondInterrupt(nullptr);
+    SetStopHandler(SIG_DFL);
+}
+
+// Keys arrive one by one and are not echoed; those that send signals go on doing so.
+void FullScreen::Enter() {
+    if (tcgetattr(STDIN_FILENO, &keyboard) == 0) {
+        termios keys = keyboard;
+        keys.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        keyboardChanged = tcsetattr(STDIN_FILENO, TCSANOW, &keys) == 0;
+    }
+    WriteAll(kEnter);
+}
+
+// Also called by a signal handler.
+void FullScreen::Leave() {
+    WriteAll(kLeave);
+    if (keyboardChanged.exchange(false)) tcsetattr(STDIN_FILENO, TCSANOW, &keyboard);
+}
+
+std::size_t FullScreen::Height() const {
+    winsize size{};
+    if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_row == 0) return 24;
+    return size.ws_row;
+}
+
+// One write, and each line is cleared only after its text: nothing flickers.
+void FullScreen::Draw(const std::vector<std::string>& lines) {
+    std::string page = "\033[H";
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        page += (i == 0 ? "" : "\r\n") + lines[i] + "\033[K";
+    }
+    WriteAll(page + "\033[J");
+}
+
+bool FullScreen::IsQuitTyped() {
+    pollfd entry{STDIN_FILENO, POLLIN, 0};
+    while (keyboardChanged && !quit && poll(&entry, 1, 0) == 1) {
+        char key = 0;
+        if (read(STDIN_FILENO, &key, 1) != 1) break;
+        quit = key == 'q' || key == 'Q';
+    }
+    return quit;
+}
+
+bool FullScreen::StopIfAsked() {
+    if (!stopAsked.exchange(false)) return false;
+    Leave();
+    raise(SIGSTOP);
+    Enter();
+    return true;
+}
 
 namespace {
 
 constexpr std::chrono::milliseconds kRedraw{100};
-constexpr std::chrono::milliseconds kFigures{1000};
+constexpr std::chrono::milliseconds kRates{1000};
 constexpr std::size_t kGraphSamples = 500;  // more than a terminal is wide
 constexpr std::size_t kBytesShown = 16;
 constexpr std::size_t kExtremesFrom = 110;  // columns that leave room for the extremes
 
-// The formats of the columns, for heading and rows alike; the graph comes behind them.
+// The formats of the columns, for heading and rows alike; the graph comes after them.
 constexpr const char* kDeviceHeading = "%-14.14s %7s %5s ";
 constexpr const char* kDeviceRow = "%-14.14s %7.1f %5llu ";
 constexpr const char* kChannelHeading = "%-9.9s %8s %10s  ";
@@ -37,11 +139,11 @@ LiveView::LiveView(std::string unit, const std::vector<std::string>& names, Loss
     for (const std::string& name : names) devices.push_back({name, 0, 0, "", {}});
 }
 
-void LiveView::Take(const StreamedBlock& from) {
+void LiveView::Add(const StreamedBlock& from) {
     DeviceRows& device = devices.at(from.device);
     ++device.blocks;
     if (!from.reading) {
-        device.bytes = vexahost::HexText(from.block.bytes, kBytesShown);
+        device.bytes = HexText(from.block.bytes, kBytesShown);
         return;
     }
     for (const Channel& channel : from.reading->channels) AddChannel(device, channel);
@@ -65,12 +167,12 @@ void LiveView::AddChannel(DeviceRows& device, const Channel& channel) {
 
 void LiveView::Update() {
     const auto now = Clock::now();
-    if (now - figuresAt >= kFigures) TakeFigures(now);
+    if (now - ratesAt >= kRates) UpdateRates(now);
     if (screen.StopIfAsked() || now - drawnAt >= kRedraw) Draw(now);
 }
 
-void LiveView::TakeFigures(Clock::time_point now) {
-    const double seconds = std::chrono::duration<double>(now - figuresAt).count();
+void LiveView::UpdateRates(Clock::time_point now) {
+    const double seconds = std::chrono::duration<double>(now - ratesAt).count();
     for (DeviceRows& device : devices) {
         device.blocksPerSecond = static_cast<double>(device.blocks) / seconds;
         device.blocks = 0;
@@ -79,7 +181,7 @@ void LiveView::TakeFigures(Clock::time_point now) {
             channel.samples = 0;
         }
     }
-    figuresAt = now;
+    ratesAt = now;
 }
 
 void LiveView::Draw(Clock::time_point now) {
@@ -113,7 +215,7 @@ std::vector<std::string> LiveView::Lines(Clock::time_point now) const {
         for (const ChannelRow& channel : device.channels) {
             lines.push_back(Fit(text + ChannelText(channel, hasExtremes)) +
                             SparkLine(channel.graph, graphWidth, console.HasUnicode()));
-            text.assign(text.size(), ' ');  // of the next channels of the same device
+            text.assign(text.size(), ' ');  // only the first channel shows its device
         }
     }
     return lines;
@@ -140,3 +242,5 @@ std::string LiveView::ChannelText(const ChannelRow& channel, bool withExtremes) 
 }
 
 std::string LiveView::Fit(const std::string& text) const { return text.substr(0, console.Width()); }
+
+}  // namespace vexahost::tool

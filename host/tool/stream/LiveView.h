@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -9,20 +10,51 @@
 #include <string>
 #include <vector>
 
-#include "../Console.h"
-#include "FullScreen.h"
-#include "StreamSink.h"
+#include "tool/Console.h"
+#include "tool/stream/StreamSink.h"
 #include "vexahost/Block.h"
 
+namespace vexahost::tool {
+
+// Uses the whole terminal as a page. Standard output must be a terminal, and there is at most one
+// object at a time. The destructor restores the terminal, and so do a second Ctrl-C, and Ctrl-Z
+// while the program is stopped.
+class FullScreen {
+  public:
+    FullScreen();
+    ~FullScreen();
+    FullScreen(const FullScreen&) = delete;
+    FullScreen& operator=(const FullScreen&) = delete;
+
+    // Lines of the terminal at the moment.
+    [[nodiscard]] std::size_t Height() const;
+
+    // Shows `lines`, none wider than the terminal and no more than its height, and clears the rest.
+    void Draw(const std::vector<std::string>& lines);
+
+    // True once "q" has been typed.
+    [[nodiscard]] bool IsQuitTyped();
+
+    // Stops the program if Ctrl-Z was typed, and returns true when it is continued.
+    bool StopIfAsked();
+
+  private:
+    static void Enter();
+    static void Leave();
+
+    bool quit = false;
+};
+
+// Figures and a graph for each channel. One thread at a time.
 class LiveView final : public StreamSink {
   public:
-    /// Gives gaps and drops of the device with that index.
-    using Losses = std::function<vexahost::ChildStatistics(std::size_t device)>;
+    // Returns the statistics of the device with that index.
+    using Losses = std::function<ChildStatistics(std::size_t device)>;
 
-    /// `where` says which unit; `names` are the devices' in the order of their indices.
+    // `where` names the unit; `names` are the devices, in the order of their indices.
     LiveView(std::string where, const std::vector<std::string>& names, Losses losses);
 
-    void Take(const StreamedBlock& block) override;
+    void Add(const StreamedBlock& block) override;
     void Update() override;
     [[nodiscard]] bool WantsEnd() override { return screen.IsQuitTyped(); }
 
@@ -31,22 +63,22 @@ class LiveView final : public StreamSink {
 
     struct ChannelRow {
         std::string name;
-        std::uint64_t samples = 0;    // since the last figures
-        double samplesPerSecond = 0;  // the last figures
+        std::uint64_t samples = 0;    // since the last rates
+        double samplesPerSecond = 0;  // the last rate
         double lowest = 0;            // of all
         double highest = 0;           // of all
         std::deque<double> graph;     // newest samples, never empty
     };
     struct DeviceRows {
         std::string name;
-        std::uint64_t blocks = 0;    // since the last figures
-        double blocksPerSecond = 0;  // the last figures
+        std::uint64_t blocks = 0;    // since the last rates
+        double blocksPerSecond = 0;  // the last rate
         std::string bytes;           // the last block, when it held no samples
         std::vector<ChannelRow> channels;
     };
 
     void AddChannel(DeviceRows& device, const Channel& channel);
-    void TakeFigures(Clock::time_point now);
+    void UpdateRates(Clock::time_point now);
     void Draw(Clock::time_point now);
     [[nodiscard]] std::string Title(Clock::time_point now) const;
     [[nodiscard]] std::vector<std::string> Lines(Clock::time_point now) const;
@@ -60,7 +92,9 @@ class LiveView final : public StreamSink {
     const Losses losses;
     std::vector<DeviceRows> devices;
     const Clock::time_point start = Clock::now();
-    Clock::time_point figuresAt = start;
+    Clock::time_point ratesAt = start;
     Clock::time_point drawnAt{};
-    FullScreen screen;  // last, so that the terminal is set right before all else
+    FullScreen screen;  // last: the terminal is restored before anything else goes
 };
+
+}  // namespace vexahost::tool

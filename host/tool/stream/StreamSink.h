@@ -1,4 +1,4 @@
-// Where the blocks of a stream go.
+// Receives the blocks of a stream: prints or draws them.
 #pragma once
 
 #include <chrono>
@@ -8,41 +8,45 @@
 #include <string>
 #include <vector>
 
-#include "SampleFormat.h"
+#include "tool/Samples.h"
 #include "vexahost/Block.h"
 
-/// A block and what it says.
+namespace vexahost::tool {
+
+// A block with its samples.
 struct StreamedBlock {
     std::size_t device;       // index among the stream's devices
     const std::string& name;  // of the device
     double seconds;           // from the start of the stream to the block's arrival
-    const vexahost::Block& block;
+    const Block& block;
     const std::optional<Reading>& reading;
 };
 
-/// Used by one thread.
+// One thread at a time.
 class StreamSink {
   public:
     virtual ~StreamSink() = default;
 
-    virtual void Take(const StreamedBlock& block) = 0;
+    virtual void Add(const StreamedBlock& block) = 0;
 
-    /// Called often, whether something has come or not.
+    // Called at least every 20 ms or so, also when nothing has come.
     virtual void Update() {}
 
-    /// True when the person in front of it wants the stream to end.
+    // True once the user has asked for the end of the stream.
     [[nodiscard]] virtual bool WantsEnd() { return false; }
 };
 
-/// A line for each block: device, time (the device's own where it is known), samples or bytes.
+// A line for each block: device, time (the device's own where it is known), samples or bytes.
 std::unique_ptr<StreamSink> MakeTextSink();
 
-/// A header line, then a row for each sample:
-/// time_s,device,sequence,device_time_s,channel,index,value. A block without samples makes one row:
-/// channel "bytes", index 0, its bytes in hex as the value.
+// A header line, then a row for each sample:
+// time_s,device,sequence,device_time_s,channel,index,value. A block without samples makes one row:
+// channel "bytes", index 0, its bytes in hex as the value.
 std::unique_ptr<StreamSink> MakeCsvSink();
 
-/// A JSON object for each block: time_s, device, sequence, then device_time_s where it is known and
-/// channels (an array of samples under each channel's name), or bytes (hex); checksum_right, false,
-/// for DAQ packets that are damaged.
+// A JSON object for each block: time_s, device, sequence, then device_time_s where it is known and
+// channels (an array of samples under each channel's name), or bytes (hex); checksum_right, false,
+// for DAQ packets that are damaged.
 std::unique_ptr<StreamSink> MakeJsonSink();
+
+}  // namespace vexahost::tool

@@ -1,0 +1,69 @@
+#include "tool/Exit.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstdio>
+#include <thread>
+
+namespace vexahost::tool {
+
+namespace {
+
+std::atomic<bool> interrupted{false};
+std::atomic<void (*)()> restoreAtSecond{nullptr};
+static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
+static_assert(std::atomic<void (*)()>::is_always_lock_free, "read by a signal handler");
+
+void OnSignal(int) {
+    if (!interrupted.exchange(true)) return;
+    if (void (*const restore)() = restoreAtSecond) restore();
+    _exit(kExitInterrupted);
+}
+
+}  // namespace
+
+ExitCode ReportError(const Error& error) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "vexa-host: %s\n", error.message.c_str());
+    switch (error.kind) {
+        case ErrorKind::kRefused:
+            return kExitWrongAnswer;
+        case ErrorKind::kInvalidArgument:
+        case ErrorKind::kCannotConnect:
+            return kExitUsage;
+        case ErrorKind::kTimeout:
+            return kExitTimeout;
+        case ErrorKind::kLinkLost:
+        case ErrorKind::kProtocolViolation:
+            return kExitLinkLost;
+    }
+    return kExitWrongAnswer;
+}
+
+void CatchInterrupts() {
+    struct sigaction action {};
+    action.sa_handler = OnSignal;
+    sigemptyset(&action.sa_mask);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        sigaction(number, &action, nullptr);
+    }
+}
+
+bool IsInterrupted() { return interrupted; }
+
+void ForgetInterrupt() { interrupted = false; }
+
+void OnSecondInterrupt(void (*restore)()) { restoreAtSecond = restore; }
+
+void WaitInterruptibly(std::chrono::steady_clock::time_point deadline) {
+    constexpr std::chrono::milliseconds kSlice{50};
+    for (auto now = std::chrono::steady_clock::now(); now < deadline && !IsInterrupted();
+         now = std::chrono::steady_clock::now()) {
+        std::this_thread::sleep_until(std::min(deadline, now + kSlice));
+    }
+}
+
+}  // namespace vexahost::tool

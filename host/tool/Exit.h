@@ -1,0 +1,40 @@
+// How vexa-host ends: exit codes, errors on standard error, and Ctrl-C as a flag.
+#pragma once
+
+#include <chrono>
+
+#include "vexahost/Error.h"
+
+namespace vexahost::tool {
+
+// The same for every verb.
+enum ExitCode : int {
+    kExitDone = 0,
+    kExitWrongAnswer = 1,  // the unit refused, or did not behave as it should
+    kExitUsage = 2,        // wrong arguments, or no unit to connect to
+    kExitTimeout = 3,
+    kExitLinkLost = 4,  // the link ended, or the unit broke the protocol
+    kExitInterrupted = 130,
+};
+
+// Prints the error as one line on standard error and returns the exit code for it.
+ExitCode ReportError(const Error& error);
+
+// From now on SIGINT, SIGTERM, SIGHUP and SIGQUIT set a flag instead of ending the program. A
+// second signal while the flag is set ends it at once, with exit code 130.
+void CatchInterrupts();
+
+// True once such a signal has come. Every longer wait checks it. Any thread.
+bool IsInterrupted();
+
+// Clears the flag, for programs that go on after an interrupted command.
+void ForgetInterrupt();
+
+// Sets what the second signal does before it ends the program, such as restoring the terminal; null
+// for nothing. `restore` must be safe in a signal handler.
+void OnSecondInterrupt(void (*restore)());
+
+// Waits until `deadline` or an interrupt.
+void WaitInterruptibly(std::chrono::steady_clock::time_point deadline);
+
+}  // namespace vexahost::tool
