@@ -2,18 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdlib>
 
 #include "e2e/RunningUnit.h"
 
 namespace vexa::test {
 namespace {
-
-std::size_t CountStarting(const Lines& lines, const std::string& start) {
-    return static_cast<std::size_t>(std::ranges::count_if(
-        lines, [&](const std::string& line) { return line.starts_with(start); }));
-}
 
 // 20, unless the environment says how often.
 int CycleCount() {
@@ -32,42 +26,32 @@ TEST(Cable, LeavesNothingBehindHoweverOftenItIsPulled) {
     for (int cycle = 0; cycle < cycles && !HasFailure(); ++cycle) {
         {
             Host host(unit);
-            const auto await = [&](const std::string& wanted) {
-                std::string packet;
-                do packet = host.Receive();
-                while (packet.find(wanted) == std::string::npos && packet != "timeout");
-                EXPECT_NE(packet, "timeout") << "cycle " << cycle << ", waiting for " << wanted;
-            };
             host.Send(InitialSync());
-            await("b8 1a 00");
+            host.Await("b8 1a 00");
             host.Send(OpenController(false));
-            await(ControllerReply(0, 0x98, 0x72, 0));
+            host.Await(ControllerReply(0, 0x98, 0x72, 0));
             host.Send(ToController(0x74, {}));
-            await(ControllerReply(1, 0x98, 0x74, 0));
+            host.Await(ControllerReply(1, 0x98, 0x74, 0));
             host.Send(OpenChild(5, "Fast"));
-            await(ControllerReply(2, 0x98, 0x70, 0));
+            host.Await(ControllerReply(2, 0x98, 0x70, 0));
             host.Send(OpenChild(6, "Hid"));
-            await(ControllerReply(3, 0x98, 0x70, 0));
+            host.Await(ControllerReply(3, 0x98, 0x70, 0));
             host.Send(Tunnel(6, Hex("40 00 00 00 00 00 00 00")));
-            await("05 00 00 00 a0");
-            await("06 00 00 00 80 04");
+            host.Await("05 00 00 00 a0");
+            host.Await("06 00 00 00 80 04");
         }
         line = unit.AwaitLine("USB gadget cable is unplugged.", line);
         // The hardware is handed back when nobody is connected any more.
-        while (CountStarting(unit.Journal(), R"(criAnswer("DAQ", 1)") <=
-               static_cast<std::size_t>(cycle)) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        }
+        EXPECT_TRUE(testkit::WaitUntil(kPatience, [&] {
+            return unit.Calls(R"(criAnswer("DAQ", 1)").size() > static_cast<std::size_t>(cycle);
+        }));
         if (cycle == 0) atFirst = unit.ThreadsAndDescriptors();
     }
     EXPECT_EQ(unit.ThreadsAndDescriptors(), atFirst);
     EXPECT_EQ(unit.Stop(), 0);
 
-    const Lines journal = unit.Journal();
-    EXPECT_EQ(CountStarting(journal, "VEXA_Device_Stream_Open"),
-              3U * static_cast<std::size_t>(cycles));
-    EXPECT_EQ(CountStarting(journal, "VEXA_Device_Stream_Close"),
-              3U * static_cast<std::size_t>(cycles));
+    EXPECT_EQ(unit.Calls("VEXA_Device_Stream_Open").size(), 3U * static_cast<std::size_t>(cycles));
+    EXPECT_EQ(unit.Calls("VEXA_Device_Stream_Close").size(), 3U * static_cast<std::size_t>(cycles));
     Lines exchange;
     for (int cycle = 0; cycle < cycles; ++cycle) {
         for (const char* command :
@@ -76,10 +60,7 @@ TEST(Cable, LeavesNothingBehindHoweverOftenItIsPulled) {
             exchange.push_back("criCommand(" + std::string(command) + ") = 1");
         }
     }
-    Lines seen;
-    std::ranges::copy_if(journal, std::back_inserter(seen),
-                         [](const std::string& each) { return each.starts_with("criCommand"); });
-    EXPECT_EQ(seen, exchange);
+    EXPECT_EQ(unit.Calls("criCommand"), exchange);
 }
 
 }  // namespace

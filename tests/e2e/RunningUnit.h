@@ -1,22 +1,31 @@
 // The service on a virtual unit, as a process of its own, and the host at the end of its cable.
 #pragma once
 
-#include <sys/types.h>
+#include <gtest/gtest.h>
 
-#include <condition_variable>
-#include <cstddef>
-#include <mutex>
+#include <optional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/HostPackets.h"
+#include "testkit/ChildProcess.h"
 #include "vexahost/FrameReader.h"
 #include "vexahost/PacketReader.h"
 
 namespace vexa::test {
 
 using Lines = std::vector<std::string>;
+
+inline constexpr testkit::Milliseconds kPatience{20000};
+
+// Devices that send nothing by themselves but echo.
+inline constexpr char kQuietUnit[] = R"({
+  "devices": [{"name": "Stream", "type": 8, "rate": 0}, {"name": "Hid", "type": 2, "rate": 0},
+              {"name": "Camera", "type": 7}],
+  "daq": {"name": "Board", "measurementRate": 0}})";
+
+// The path of one of our programs.
+inline std::string Program(const std::string& name) { return PROGRAM_DIR "/" + name; }
 
 // Runs from construction on; Stop or the destructor ends it.
 class RunningUnit {
@@ -28,46 +37,41 @@ class RunningUnit {
     RunningUnit(const RunningUnit&) = delete;
     RunningUnit& operator=(const RunningUnit&) = delete;
 
-    // Waits until the service has printed a line that ends in `end`, counted from line `from` on.
-    // Returns the number of the line behind it; fails the test after 20 s.
+    // Waits until the service has printed a line that ends in `end`, after position `from` of its
+    // output. Returns the position after the line; fails the test after 20 s.
     std::size_t AwaitLine(const std::string& end, std::size_t from = 0);
 
     // What the service has printed so far.
-    Lines Printed();
+    Lines Printed() { return process->Log().Lines(); }
+    std::size_t PrintedSize() { return process->Log().Text().size(); }
 
-    // What the libraries have been called with so far, as the unit's journal tells it.
-    [[nodiscard]] Lines Journal() const;
+    // The lines of the call log so far that begin with `start`.
+    [[nodiscard]] Lines Calls(const std::string& start = "") const;
 
     // Waits for the end by itself or, with Stop, after SIGTERM; the exit status, 128 + n after a
     // signal.
     int Wait();
     int Stop();
 
+    [[nodiscard]] pid_t ServiceId() const;
     // Threads and descriptors of the service.
     [[nodiscard]] std::pair<std::size_t, std::size_t> ThreadsAndDescriptors() const;
 
+    [[nodiscard]] const std::string& Folder() const { return folder; }
     [[nodiscard]] std::string SocketPath() const { return folder + "/host.sock"; }
 
   private:
-    void ReadOutput(int descriptor);
-
     std::string folder;
-    pid_t process = -1;
-    std::thread reader;
-    std::mutex mutex;  // guards output and ended
-    std::condition_variable changed;
-    std::string output;
-    bool ended = false;
+    std::optional<testkit::ChildProcess> process;
 };
 
-// The host's end of the cable.
+// The host's end of the cable, or of another link.
 class Host {
   public:
     // Connects, and waits until the service has seen the cable.
     explicit Host(RunningUnit& unit);
-    ~Host();
-    Host(const Host&) = delete;
-    Host& operator=(const Host&) = delete;
+    // On a link that is there, without frame headers.
+    explicit Host(testkit::Descriptor link) : descriptor(std::move(link)), framed(false) {}
 
     void Send(const Bytes& bytes) const;
 
@@ -75,17 +79,20 @@ class Host {
     std::string Receive();
     // Sends and receives.
     std::string Ask(const Bytes& bytes);
-    // Waits until so much has come unread that no more fits.
+    // Receives until a packet contains `wanted`.
+    void Await(const std::string& wanted);
+    // Waits until so much is unread that no more fits.
     void AwaitFullWindow() const;
 
   private:
     bool Fill(int milliseconds);
 
-    int descriptor = -1;
+    testkit::Descriptor descriptor;
+    bool framed = true;
     vexahost::FrameReader frames;
     vexahost::PacketReader packets;
-    Bytes received;                      // with the frame headers
-    std::span<const std::uint8_t> left;  // of them, not looked at yet
+    Bytes received;
+    std::span<const std::uint8_t> left;  // of what was received, not looked at yet
     std::span<const std::uint8_t> payload;
 };
 

@@ -1,10 +1,6 @@
 // Each scenario that ships, for 20 s, with the host script that says what must hold there.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include <array>
-#include <cstdio>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -19,18 +15,10 @@ TEST_P(Scenario, ItsScriptPasses) {
     std::ostringstream scenario;
     scenario << std::ifstream(VEXA_SCENARIOS "/" + GetParam() + ".json").rdbuf();
     RunningUnit unit(scenario.str());
-    const auto folder = std::filesystem::path(unit.SocketPath()).parent_path().string();
-    FILE* const pipe = popen((PROGRAM_DIR "/vexa-host shell --verbose --script " VEXA_SCRIPTS "/" +
-                              GetParam() + ".vexa --dir " + folder + " 2>&1")
-                                 .c_str(),
-                             "re");
-    ASSERT_NE(pipe, nullptr);
-    std::string said;
-    std::array<char, 500> piece{};
-    while (const std::size_t count = fread(piece.data(), 1, piece.size(), pipe)) {
-        said.append(piece.data(), count);
-    }
-    EXPECT_EQ(WEXITSTATUS(pclose(pipe)), 0) << said;
+    const auto ran =
+        testkit::RunToEnd({Program("vexa-host"), "shell", "--verbose", "--script",
+                           VEXA_SCRIPTS "/" + GetParam() + ".vexa", "--dir", unit.Folder()});
+    EXPECT_EQ(ran.status, 0) << ran.output;
     EXPECT_EQ(unit.Stop(), 0);
 }
 

@@ -1,26 +1,13 @@
-// Whole host sessions through the real binary: the bytes both ways and every line it prints.
+// The real binary: start-ups, whole host sessions and ends, byte for byte and line for line.
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
+#include <csignal>
 
 #include "e2e/RunningUnit.h"
 
 namespace vexa::test {
 namespace {
-
-Lines Starting(const Lines& lines, const std::string& start) {
-    Lines found;
-    std::ranges::copy_if(lines, std::back_inserter(found),
-                         [&](const std::string& line) { return line.starts_with(start); });
-    return found;
-}
-
-// Devices that send nothing by themselves but echo.
-constexpr char kQuiet[] = R"({
-  "devices": [{"name": "Stream", "type": 8, "rate": 0}, {"name": "Hid", "type": 2, "rate": 0},
-              {"name": "Camera", "type": 7}],
-  "daq": {"name": "Board", "measurementRate": 0}})";
 
 TEST(Session, GivesTheBytesAndLinesOfEachExchange) {
     const std::string sync = ToHex(InitialSync());
@@ -29,7 +16,7 @@ TEST(Session, GivesTheBytesAndLinesOfEachExchange) {
     damaged[3] ^= 0x40U;
     const Bytes orphan = Tunnel(99, {1});
 
-    RunningUnit unit(kQuiet);
+    RunningUnit unit(kQuietUnit);
     {
         Host host(unit);
         EXPECT_EQ(host.Ask(Hex("60 ff 01") + InitialSync()),
@@ -75,7 +62,7 @@ TEST(Session, GivesTheBytesAndLinesOfEachExchange) {
                      "DAQIO(141) : Init during DAQ close succeeded.",
                      "GServerUSBBulkDevice_Linux(490) : USB gadget cable is unplugged.",
                      "VEXADevMgr(130) : VEXADevMgr is shutting down."}));
-    EXPECT_EQ(Starting(unit.Journal(), "criCommand"),
+    EXPECT_EQ(unit.Calls("criCommand"),
               (Lines{R"(criCommand("DAQ", 3, 1000) = 1)", R"(criCommand("DAQ", 3, 1000) = 1)",
                      R"(criCommand("DAQ", 2, 10000) = 1)", R"(criCommand("SPLASH", 1, 1000) = 1)",
                      R"(criCommand("FGEN", 4, 1000) = 1)", R"(criCommand("DAQ", 1, 1000) = 1)",
@@ -89,6 +76,72 @@ TEST(Session, ReportsADaqAndAnApplicationThatFail) {
     EXPECT_EQ(host.Ask(ToController(0x74, {})), ControllerReply(1, 0x9C, 0x74, 57));
     EXPECT_EQ(host.Ask(ToController(0x73, {})), ControllerReply(2, 0x9C, 0x73, 50));
     unit.AwaitLine("vexAppSession(120) : criCommand() failed.");
+}
+
+TEST(StartUp, WithoutANodePrintsItsErrorAndEndsInOrder) {
+    RunningUnit unit(R"({"node": {"present": false}})");
+    EXPECT_EQ(unit.Wait(), 0);
+    EXPECT_EQ(unit.Printed(),
+              (Lines{"VEXADevMgr(38) : VEXADevMgr version 1.37 is starting up.",
+                     "VEXADevMgr(43) : VEXADevMgr is linked to libVEXA version 03.12 .",
+                     "GServerUSBBulkDevice_Linux(312) : Error opening device with id /dev/zt-usb",
+                     "VEXADevMgr(128) : ERROR initializing VEXADevMgr.", "",
+                     "VEXADevMgr(130) : VEXADevMgr is shutting down."}));
+    EXPECT_EQ(unit.Calls(),
+              (Lines{"VEXA_Init() = 1", "VEXA_GetDLLVersion(1) = 0  # 3.12",
+                     "VEXA_Diags_SetDebugTraceThreshold(1, 1) = 0", R"(criInit("DAQ", 1) = 1)",
+                     R"(criInit("SPLASH", 1) = 1)", R"(criInit("FGEN", 1) = 1)",
+                     R"(criTerminate("DAQ", 1) = 1)", R"(criTerminate("SPLASH", 1) = 1)",
+                     R"(criTerminate("FGEN", 1) = 1)", "VEXA_Uninit(1) = 0"}));
+}
+
+TEST(StartUp, WithoutTheLibraryOrASessionSaysSo) {
+    RunningUnit unit(R"({"library": {"initFails": true, "version": [12, 3]},
+                         "applications": {"SPLASH": {"initFails": true}}})");
+    EXPECT_EQ(unit.Wait(), 0);
+    const Lines lines = unit.Printed();
+    ASSERT_EQ(lines.size(), 6U);
+    EXPECT_EQ(lines[2], "vexAppSession(36) : Initiator call to criInit failed.");
+    EXPECT_EQ(lines[3], "VEXADevMgr(128) : ERROR initializing VEXADevMgr.");
+    EXPECT_EQ(lines[5], "VEXADevMgr(130) : VEXADevMgr is shutting down.");
+}
+
+TEST(StartUp, EndsOnSigtermWithAHostAndStreamsOpen) {
+    RunningUnit unit(R"({"devices": [{"name": "Fast", "type": 8, "rate": 500}],
+                         "daq": {"measurementRate": 200}})");
+    Host host(unit);
+    host.Ask(InitialSync());
+    host.Send(OpenController(true));
+    host.Send(OpenChild(5, "Fast"));
+    while (host.Receive().find("05 00 00 00") == std::string::npos) {
+    }
+    EXPECT_EQ(unit.Stop(), 0);
+    const Lines lines = unit.Printed();
+    EXPECT_EQ(lines.at(lines.size() - 2), "VEXADevMgr(130) : VEXADevMgr is shutting down.");
+    EXPECT_EQ(lines.back(), "DAQIO(141) : Init during DAQ close succeeded.");
+    EXPECT_EQ(unit.Calls().back(), "VEXA_Uninit(1) = 0");
+}
+
+// A service whose host takes nothing ends with its writer interrupted; one whose output is stuck as
+// well ends at the second signal.
+TEST(StartUp, EndsAlthoughTheHostReadsNothing) {
+    RunningUnit unit(
+        R"({"devices": [{"name": "Fast", "type": 8, "rate": 2000, "blockSize": 240}]})");
+    Host host(unit);
+    host.Send(OpenController(false));
+    host.Send(OpenChild(5, "Fast"));
+    host.AwaitFullWindow();
+    EXPECT_EQ(unit.Stop(), 0);
+    EXPECT_EQ(unit.Printed().back(), "VEXADevMgr(130) : VEXADevMgr is shutting down.");
+}
+
+TEST(StartUp, ASecondSignalEndsItAtOnce) {
+    RunningUnit unit(R"({"faults": [{"call": "VEXA_Uninit", "action": "block", "ms": 60000}]})");
+    { Host host(unit); }
+    kill(unit.ServiceId(), SIGTERM);
+    unit.AwaitLine("VEXADevMgr(130) : VEXADevMgr is shutting down.");
+    kill(unit.ServiceId(), SIGINT);
+    EXPECT_EQ(unit.Wait(), 128 + SIGINT);
 }
 
 }  // namespace
