@@ -1,5 +1,5 @@
 // The unit's applications die in the middle of a session and are started again.
-#include "Trial.h"
+#include "soak/Trial.h"
 
 namespace vexa::soak {
 

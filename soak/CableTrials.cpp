@@ -1,10 +1,14 @@
-// The cable comes out at any byte of a session, or goes in and out by itself.
+// The cable is pulled at any byte of a session, or goes in and out by itself.
+#include <algorithm>
 #include <thread>
 
-#include "CuttingTransport.h"
-#include "Trial.h"
+#include "soak/Trial.h"
 
 namespace vexa::soak {
+
+using vexahost::Done;
+using vexahost::Error;
+using vexahost::Expected;
 
 namespace {
 
@@ -19,9 +23,60 @@ constexpr std::uint32_t kMostToUnit = 500;
 constexpr std::uint32_t kMostFromUnit = 12000;
 constexpr std::uint32_t kMostStreamingMs = 300;
 
+// Where the cable comes out, in bytes from the start of the connection.
+struct CutAt {
+    std::size_t toUnit;
+    std::size_t fromUnit;
+};
+
+// A cable that is pulled in the middle of the byte stream.
+class CuttingTransport final : public vexahost::Transport {
+  public:
+    CuttingTransport(std::unique_ptr<Transport> whole, CutAt cut);
+
+    vexahost::Expected<std::size_t> Read(std::span<std::uint8_t> buffer,
+                                         std::chrono::milliseconds timeout) override;
+    vexahost::Expected<vexahost::Done> WriteAll(std::span<const std::uint8_t> bytes,
+                                                std::chrono::milliseconds timeout) override;
+    [[nodiscard]] vexahost::Framing UnitFraming() const override { return cable->UnitFraming(); }
+    void Close() override { cable->Close(); }
+
+  private:
+    vexahost::Error Cut();
+
+    const std::unique_ptr<Transport> cable;
+    std::size_t leftToUnit;    // the writing thread's
+    std::size_t leftFromUnit;  // the reading thread's
+};
+
+CuttingTransport::CuttingTransport(std::unique_ptr<Transport> whole, CutAt cut)
+    : cable(std::move(whole)), leftToUnit(cut.toUnit), leftFromUnit(cut.fromUnit) {}
+
+Expected<std::size_t> CuttingTransport::Read(std::span<std::uint8_t> buffer,
+                                             std::chrono::milliseconds timeout) {
+    if (leftFromUnit == 0) return Cut();
+    auto got = cable->Read(buffer.first(std::min(buffer.size(), leftFromUnit)), timeout);
+    if (got) leftFromUnit -= *got;
+    return got;
+}
+
+Expected<Done> CuttingTransport::WriteAll(std::span<const std::uint8_t> bytes,
+                                          std::chrono::milliseconds timeout) {
+    const auto whole = bytes.first(std::min(bytes.size(), leftToUnit));
+    leftToUnit -= whole.size();
+    auto sent = cable->WriteAll(whole, timeout);
+    if (sent && whole.size() < bytes.size()) return Cut();
+    return sent;
+}
+
+Error CuttingTransport::Cut() {
+    cable->Close();
+    return {vexahost::ErrorKind::kLinkLost, "the cable was pulled"};
+}
+
 void Wait(std::uint32_t ms) { std::this_thread::sleep_for(Milliseconds{ms}); }
 
-// A session on a cable that is pulled behind some byte.
+// A session on a cable that is pulled after some byte.
 bool PullOnce(SoakUnit& unit, Random& random) {
     CutAt cut{kMostToUnit, kMostFromUnit};
     if (random.Coin()) {
@@ -32,7 +87,7 @@ bool PullOnce(SoakUnit& unit, Random& random) {
     const auto cutting =
         [&, whole = unit.Cable()]() -> vexahost::Expected<std::unique_ptr<vexahost::Transport>> {
         auto transport = whole();
-        if (!transport) return transport.Failure();
+        if (!transport) return transport.error();
         return std::unique_ptr<vexahost::Transport>(
             std::make_unique<CuttingTransport>(std::move(*transport), cut));
     };

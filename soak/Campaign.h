@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "Trial.h"
+#include "soak/Trial.h"
 
 namespace vexa::soak {
 

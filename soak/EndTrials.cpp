@@ -1,12 +1,13 @@
 // The service is told to end at any moment, and while the calls of its end fail or block.
 #include <thread>
 
-#include "Trial.h"
-#include "Wait.h"
 #include "protocol/InitialSync.h"
+#include "soak/Trial.h"
 #include "vexahost/Requests.h"
 
 namespace vexa::soak {
+
+using testkit::WaitUntil;
 
 namespace {
 
@@ -81,7 +82,7 @@ Outcome EndWith(Json fault, const Settings& settings) {
     const bool isHit = isOfTheNode && AwaitHit(unit, **client, id);
     unit.Terminate();
     Outcome outcome = AfterEnd(unit, settings);
-    outcome.reached = isHit || unit.JournalHolds("fault ");
+    outcome.reached = isHit || unit.CallLogHas("fault ");
     return outcome;
 }
 

@@ -1,9 +1,10 @@
 // Every call fails, blocks, and does what else it can be made to do, with a session under way.
-#include "Trial.h"
-#include "Wait.h"
-#include "model/Call.h"
+#include "model/Faults.h"
+#include "soak/Trial.h"
 
 namespace vexa::soak {
+
+using testkit::WaitUntil;
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "HostSession.h"
+#include "soak/HostSession.h"
 
 #include <algorithm>
 #include <array>
@@ -40,7 +40,7 @@ Expected<Done> Echo(Client& client, ChildId child, Milliseconds timeout) {
     for (;;) {
         const auto left = std::chrono::ceil<Milliseconds>(deadline - Clock::now());
         const auto block = client.Receive(child, std::max(left, Milliseconds{0}));
-        if (!block) return block.Failure();
+        if (!block) return block.error();
         if (std::ranges::equal(block->bytes, sent)) return Done{};
     }
 }
@@ -50,19 +50,19 @@ Expected<Done> Arm(Client& client, ChildId child, Milliseconds timeout) {
     const std::array<std::uint8_t, 8> request{0x40};
     if (auto done = client.Send(child, request); !done) return done;
     const auto report = client.Receive(child, timeout);
-    if (!report) return report.Failure();
+    if (!report) return report.error();
     return Done{};
 }
 
 // A device that stays silent is no reason to stop.
 Expected<Done> Optional(Expected<Done> done) {
-    if (!done && done.Failure().kind == ErrorKind::kTimeout) return Done{};
+    if (!done && done.error().kind == ErrorKind::kTimeout) return Done{};
     return done;
 }
 
 template <typename Value>
 Expected<Done> Only(const Expected<Value>& result) {
-    if (!result) return result.Failure();
+    if (!result) return result.error();
     return Done{};
 }
 
@@ -106,7 +106,7 @@ bool Exercise(Client& client, const ExerciseOptions& options) {
         const auto done = steps[index]();
         if (done) continue;
         // A device that was refused cannot be sent to.
-        const ErrorKind kind = done.Failure().kind;
+        const ErrorKind kind = done.error().kind;
         if (kind != ErrorKind::kRefused && kind != ErrorKind::kInvalidArgument) return false;
     }
     return true;
@@ -123,14 +123,14 @@ FreshSession HoldFreshSession(const vexahost::TransportFactory& cable, Milliseco
     const auto query = [&](Client& client) -> Expected<Done> {
         const auto answer = client.QueryDaqApplication(left());
         if (answer) return Done{};
-        const bool allowed = queryMayFail && answer.Failure().kind == ErrorKind::kRefused &&
-                             answer.Failure().code == kNoSession;
+        const bool allowed = queryMayFail && answer.error().kind == ErrorKind::kRefused &&
+                             answer.error().code == kNoSession;
         if (allowed) return Done{};
-        return answer.Failure();
+        return answer.error();
     };
     const auto attempt = [&]() -> Expected<Done> {
         auto connected = Client::Connect(cable, {}, left());
-        if (!connected) return connected.Failure();
+        if (!connected) return connected.error();
         Client& client = **connected;
         if (auto done = client.OpenController(kController, false, left()); !done) return done;
         if (auto done = query(client); !done) return done;
@@ -146,8 +146,8 @@ FreshSession HoldFreshSession(const vexahost::TransportFactory& cable, Milliseco
         const bool late = session.took > limit;
         if (done && !late) session.failure.clear();
         if (done && late) session.failure = "took " + std::to_string(session.took.count()) + " ms";
-        if (!done) session.failure = done.Failure().message;
-        const bool again = !done && !late && done.Failure().kind != ErrorKind::kRefused;
+        if (!done) session.failure = done.error().message;
+        const bool again = !done && !late && done.error().kind != ErrorKind::kRefused;
         if (!again) return session;
         ++session.reconnects;
         std::this_thread::sleep_for(kPause);

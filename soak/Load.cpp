@@ -1,16 +1,15 @@
-#include "Load.h"
+#include "soak/Load.h"
 
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdio>
 #include <stdexcept>
 #include <thread>
 #include <vector>
 
-#include "Interrupt.h"
-#include "LoadChecker.h"
-#include "LoadReport.h"
-#include "SoakUnit.h"
+#include "soak/LoadChecker.h"
+#include "soak/SoakUnit.h"
 
 namespace vexa::soak {
 
@@ -33,6 +32,90 @@ constexpr Milliseconds kPoll{10};
 constexpr Milliseconds kQueryPause{250};
 constexpr Milliseconds kQuiet{500};
 constexpr int kMostAtOnce = 10;  // echoes, when the sender has been held up
+
+// What the output path carries in a second: 10,000 bytes every 30 ms.
+inline constexpr double kMostBytesPerSecond = 10000 / 0.030;
+
+struct LoadResult {
+    std::string failure;  // that ended the link before its time; empty: none did
+    double seconds = 0;
+    double fromUnit = 0;  // bytes a second, as are those below
+    double toUnit = 0;
+    std::chrono::milliseconds longestPause{0};  // in which nothing came from the unit
+    LoadCounts counts;
+    std::uint64_t echoesSent = 0;
+    std::uint64_t openings = 0;  // of controller and children, each answered, as are
+    std::uint64_t queries = 0;
+    std::uint64_t taken = 0;    // blocks and echoes that the service took from the devices
+    std::uint64_t refused = 0;  // and those that it did not take
+
+    // Taken, but never received.
+    [[nodiscard]] std::uint64_t Lost() const;
+    // All that was sent came, once and in order.
+    [[nodiscard]] bool IsClean() const;
+};
+
+std::uint64_t LoadResult::Lost() const {
+    const auto came = counts.blocks + counts.echoes;
+    return taken > came ? taken - came : 0;
+}
+
+bool LoadResult::IsClean() const {
+    return failure.empty() && counts.Faults() == 0 && refused == 0 &&
+           taken == counts.blocks + counts.echoes && counts.echoes == echoesSent &&
+           counts.replies == queries + openings;
+}
+
+void PrintText(const LoadResult& result) {
+    const auto number = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
+    const LoadCounts& counts = result.counts;
+    std::printf("ten children (nine streams and the controller) for %.0f s\n", result.seconds);
+    if (!result.failure.empty()) std::printf("ended: %s\n", result.failure.c_str());
+    std::printf("from the unit  %8.0f B/s, %.1f %% of 10,000 bytes every 30 ms\n", result.fromUnit,
+                100 * result.fromUnit / kMostBytesPerSecond);
+    std::printf("to the unit    %8.0f B/s\n", result.toUnit);
+    std::printf("               (whole tunnel packets; frame headers not counted)\n");
+    std::printf("longest pause  %8lld ms\n", static_cast<long long>(result.longestPause.count()));
+    std::printf("blocks %llu, echoes %llu of %llu, replies of the controller %llu\n",
+                number(counts.blocks), number(counts.echoes), number(result.echoesSent),
+                number(counts.replies));
+    std::printf("sequence gaps %llu, missing %llu, duplicates %llu, wrong content %llu\n",
+                number(counts.gaps), number(counts.missing), number(counts.duplicates),
+                number(counts.wrong));
+    std::printf("taken by the service but not received %llu, refused by it %llu\n",
+                number(result.Lost()), number(result.refused));
+    std::printf("%s\n", result.IsClean() ? "every byte came once, in order" : "LOST");
+}
+
+void PrintJson(const LoadResult& result) {
+    const LoadCounts& counts = result.counts;
+    const Json json = {{"seconds", result.seconds},
+                       {"from_unit_bytes_per_s", result.fromUnit},
+                       {"share", result.fromUnit / kMostBytesPerSecond},
+                       {"to_unit_bytes_per_s", result.toUnit},
+                       {"longest_pause_ms", result.longestPause.count()},
+                       {"blocks", counts.blocks},
+                       {"echoes_sent", result.echoesSent},
+                       {"echoes", counts.echoes},
+                       {"replies", counts.replies},
+                       {"gaps", counts.gaps},
+                       {"missing", counts.missing},
+                       {"duplicates", counts.duplicates},
+                       {"wrong", counts.wrong},
+                       {"lost", result.Lost()},
+                       {"refused", result.refused},
+                       {"failure", result.failure},
+                       {"clean", result.IsClean()}};
+    std::printf("%s\n", json.dump().c_str());
+}
+
+void PrintLoad(const LoadResult& result, bool json) {
+    if (json) {
+        PrintJson(result);
+    } else {
+        PrintText(result);
+    }
+}
 
 struct Device {
     const char* name;
@@ -66,7 +149,7 @@ Json Scenario(double share) {
 
 template <typename Result>
 void Need(const Result& result, const char* what) {
-    if (!result) throw std::runtime_error(std::string(what) + ": " + result.Failure().message);
+    if (!result) throw std::runtime_error(std::string(what) + ": " + result.error().message);
 }
 
 // Sends echoes to all children in turn, at a steady rate, until it is destroyed.
@@ -170,7 +253,7 @@ LoadResult Measure(SoakUnit& unit, const LoadOptions& options) {
     const auto bytesBefore = checker.Total().bytes;
     while (Clock::now() - start < options.time && !IsInterrupted() && result.failure.empty()) {
         const auto answer = client.QueryDaqApplication(kPatience);
-        if (!answer) result.failure = answer.Failure().message;
+        if (!answer) result.failure = answer.error().message;
         ++result.queries;
         std::this_thread::sleep_for(kQueryPause);
     }

@@ -1,9 +1,9 @@
-#include "LoadChecker.h"
+#include "soak/LoadChecker.h"
 
 #include <algorithm>
 #include <array>
 
-#include "model/PacedDevice.h"
+#include "model/Devices.h"
 #include "protocol/Packet.h"
 
 namespace vexa::soak {

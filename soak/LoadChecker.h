@@ -8,7 +8,7 @@
 #include <span>
 #include <vector>
 
-#include "model/WaveSource.h"
+#include "model/Devices.h"
 #include "vexahost/Packet.h"
 
 namespace vexa::soak {

@@ -1,9 +1,9 @@
-#include "SoakUnit.h"
+#include "soak/SoakUnit.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <stdexcept>
-#include <thread>
 
 #include "vexahost/SocketTransport.h"
 
@@ -15,8 +15,7 @@ namespace fs = std::filesystem;
 
 constexpr std::size_t kLastLines = 8;
 constexpr Milliseconds kEndPatience{2000};
-constexpr Milliseconds kRemovePause{20};
-constexpr int kRemoveTries = 50;
+constexpr Milliseconds kRemoveTimeout{1000};
 
 constexpr char kFirstLine[] = "is starting up.";
 constexpr char kShutDownLine[] = "VEXADevMgr is shutting down.";
@@ -27,12 +26,12 @@ fs::path NewFolder() {
     return path;
 }
 
-// The journal's account of a run.
-struct Journal {
+// What the call log says of a run.
+struct CallLogSummary {
     bool libraryWorked = false;
     std::string last;
 
-    explicit Journal(const fs::path& file) {
+    explicit CallLogSummary(const fs::path& file) {
         std::ifstream stream(file);
         for (std::string line; std::getline(stream, line); last = line) {
             libraryWorked = libraryWorked || (line.starts_with("VEXA_Init() = ") &&
@@ -46,26 +45,25 @@ struct Journal {
 SoakUnit::SoakUnit(const std::string& program, const Json& scenario) : folder(NewFolder()) {
     const std::string file = folder / "scenario.json";
     std::ofstream(file) << scenario.dump(2) << '\n';
-    auto started = UnitProcess::Start(
-        {program, "run", "--dir", folder, "--scenario", file, "--journal", folder / "journal"});
-    if (!started) throw std::runtime_error(started.Failure().message);
-    process = std::move(*started);
+    process.emplace(testkit::ProcessCall{.command = {program, "run", "--dir", folder, "--scenario",
+                                                     file, "--journal", folder / "journal"},
+                                         .ownGroup = true,
+                                         .withoutInput = true});
 }
 
 SoakUnit::~SoakUnit() {
-    process->Terminate();
-    if (!process->Wait(kEndPatience)) process.reset();
-    // What tidies up after a killed unit may still be at it, and get in the way.
-    std::error_code error;
-    for (int tries = kRemoveTries; tries > 0; --tries) {
+    process->Stop(kEndPatience);
+    process.reset();
+    // After a kill, the unit's watcher may be removing files at the same time.
+    (void)testkit::WaitUntil(kRemoveTimeout, [&] {
+        std::error_code error;
         fs::remove_all(folder, error);
-        if (!error) return;
-        std::this_thread::sleep_for(kRemovePause);
-    }
+        return !error;
+    });
 }
 
 bool SoakUnit::AwaitStart(Milliseconds timeout) {
-    if (!process->Log().WaitFor(kFirstLine, timeout)) return false;
+    if (process->Log().WaitFor(kFirstLine, timeout) == std::string::npos) return false;
     service = LastChildOf(process->Id());
     return true;
 }
@@ -94,15 +92,14 @@ std::string SoakUnit::AwaitEnd(Milliseconds timeout) {
 }
 
 std::string SoakUnit::WhatIsMissing() {
-    CollectLines();
-    bool saidSo = false;
-    for (const auto& line : lines) saidSo = saidSo || line.find(kShutDownLine) != line.npos;
-    if (!saidSo) return "ended without its shut-down line";
-    // Without the library there is none to give back, and the sessions go last.
-    const Journal journal(folder / "journal");
-    const char* const last = journal.libraryWorked ? "VEXA_Uninit" : "criTerminate(\"FGEN\"";
-    if (journal.last.starts_with(last)) return "";
-    return "ended with the libraries in use; their last call was " + journal.last;
+    if (process->Log().Text().find(kShutDownLine) == std::string::npos) {
+        return "ended without its shut-down line";
+    }
+    // The library is released last; without it, the sessions are.
+    const CallLogSummary log(folder / "journal");
+    const char* const last = log.libraryWorked ? "VEXA_Uninit" : "criTerminate(\"FGEN\"";
+    if (log.last.starts_with(last)) return "";
+    return "ended with the libraries in use; their last call was " + log.last;
 }
 
 std::string SoakUnit::WhatIsLeft() const {
@@ -114,7 +111,7 @@ std::string SoakUnit::WhatIsLeft() const {
     return "";
 }
 
-bool SoakUnit::JournalHolds(const std::string& text) const {
+bool SoakUnit::CallLogHas(const std::string& text) const {
     std::ifstream stream(folder / "journal");
     for (std::string line; std::getline(stream, line);) {
         if (line.find(text) != line.npos) return true;
@@ -122,12 +119,8 @@ bool SoakUnit::JournalHolds(const std::string& text) const {
     return false;
 }
 
-void SoakUnit::CollectLines() {
-    for (auto& line : process->Log().Take()) lines.push_back(std::move(line));
-}
-
 std::vector<std::string> SoakUnit::LastLines() {
-    CollectLines();
+    auto lines = process->Log().Lines();
     if (lines.size() > kLastLines) lines.erase(lines.begin(), lines.end() - kLastLines);
     return lines;
 }

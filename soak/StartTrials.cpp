@@ -1,8 +1,9 @@
 // Calls of the start-up fail or block: the service starts all the same, or ends in order.
-#include "Trial.h"
-#include "Wait.h"
+#include "soak/Trial.h"
 
 namespace vexa::soak {
+
+using testkit::WaitUntil;
 
 namespace {
 

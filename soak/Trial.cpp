@@ -1,11 +1,11 @@
-#include "Trial.h"
+#include "soak/Trial.h"
 
 #include <algorithm>
 #include <stdexcept>
 
-#include "Wait.h"
-
 namespace vexa::soak {
+
+using testkit::WaitUntil;
 
 namespace {
 
@@ -98,7 +98,7 @@ WarmUnit::WarmUnit(const Settings& settings)
     for (int round = 0; round < kWarmUps; ++round) {
         {
             const auto client = vexahost::Client::Connect(unit.Cable(), {}, kWarmUpLimit);
-            if (!client) throw std::runtime_error("no first session: " + client.Failure().message);
+            if (!client) throw std::runtime_error("no first session: " + client.error().message);
             if (!Exercise(**client, {.patience = kWarmUpLimit})) {
                 throw std::runtime_error("a first session does not end");
             }

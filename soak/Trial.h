@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
-#include "HostSession.h"
-#include "Random.h"
-#include "SoakUnit.h"
+#include "soak/HostSession.h"
+#include "soak/SoakUnit.h"
+#include "soak/Support.h"
 
 namespace vexa::soak {
 

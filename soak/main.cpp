@@ -1,13 +1,11 @@
-// vexa-soak: what a unit survives, and what it carries.
+// vexa-soak: lets a unit recover from faults, and loads the link to its limit.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
 
-#include "Campaign.h"
-#include "HelpText.h"
-#include "Interrupt.h"
-#include "Load.h"
+#include "soak/Campaign.h"
+#include "soak/Load.h"
 
 namespace {
 
@@ -18,7 +16,7 @@ constexpr int kWrongUse = 2;
 
 const CLI::Range kSomeTime(0.01, 10000.0, "TIME");
 
-// The unit's program beside this one.
+// vexa-unit, in the folder of this program.
 std::string UnitProgram() {
     return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "vexa-unit";
 }
@@ -41,50 +39,52 @@ int Run(int argc, char** argv) {
     bool lists = false;
 
     CLI::App program(
-        "Lets all that can go wrong on a unit go wrong, and checks that the service goes on.",
+        "Makes everything go wrong on a unit that can go wrong, and checks that the service "
+        "recovers.",
         "vexa-soak");
-    program.formatter(std::make_shared<HelpText>());
-    program
-        .add_option("--minutes", minutes, "rounds of all trials until the time is up (one round)")
+    program.add_option("--minutes", minutes, "repeat all trials for so long (default: one round)")
         ->option_text("N")
         ->check(kSomeTime);
-    program.add_flag("--short", campaign.isShort, "only each kind of trial once or a few times");
+    program.add_flag("--short", campaign.isShort,
+                     "run each kind of trial only once or a few times");
     program
         .add_option("--only", campaign.only,
-                    "the trial of this name, or those whose names begin so")
+                    "run the trial of this name, or those whose names begin with it")
         ->option_text("NAME");
-    program.add_option("--every", campaign.every, "of these only every nth")
+    program.add_option("--every", campaign.every, "run only every nth of them")
         ->option_text("N")
         ->check(CLI::Range(1, 1000));
-    program.add_flag("--list", lists, "prints the names of all trials");
+    program.add_flag("--list", lists, "print the names of all trials");
     program
-        .add_option("--seed", campaign.seed, "of what is drawn by lot (1); each round has the next")
+        .add_option("--seed", campaign.seed,
+                    "random seed of the first round (default 1); each round uses the next one")
         ->option_text("N");
-    program.add_option("--units", campaign.units, "units at a time (4)")
+    program.add_option("--units", campaign.units, "number of units at a time (default 4)")
         ->option_text("N")
         ->check(CLI::Range(1, 32));
-    program.add_option("--session", sessionSeconds, "time for a new session afterwards (2)")
+    program
+        .add_option("--session", sessionSeconds,
+                    "time limit for a new session after each trial (default 2)")
         ->option_text("SECONDS")
         ->check(kSomeTime);
-    program.add_option("--end", endSeconds, "time for the end of a unit (5)")
+    program.add_option("--end", endSeconds, "time limit for the end of a unit (default 5)")
         ->option_text("SECONDS")
         ->check(kSomeTime);
-    program.add_flag("--no-memory", ignoresMemory, "does not watch the memory");
-    program.add_flag("--json", campaign.json, "prints the result as JSON");
-    program.add_flag("--verbose", campaign.verbose, "prints each trial");
+    program.add_flag("--no-memory", ignoresMemory, "do not check for memory growth");
+    program.add_flag("--json", campaign.json, "print the result as JSON");
+    program.add_flag("--verbose", campaign.verbose, "print each trial");
     program.footer(
-        "Exit codes: 0 all survived; 1 something was lost; 2 wrong usage; 130 interrupted.");
+        "Exit status: 0 all recovered; 1 a trial was lost; 2 wrong usage; 130 interrupted.");
 
-    CLI::App* const loading =
-        program.add_subcommand("load", "ten children at the most that the link carries");
-    loading->formatter(std::make_shared<HelpText>());
-    loading->add_option("--minutes", loadMinutes, "how long (1)")
+    CLI::App* const loading = program.add_subcommand(
+        "load", "Run ten children at the highest rate that the link carries");
+    loading->add_option("--minutes", loadMinutes, "how long (default 1)")
         ->option_text("N")
         ->check(kSomeTime);
-    loading->add_option("--share", load.share, "percent of 10,000 bytes every 30 ms (96)")
+    loading->add_option("--share", load.share, "percent of 10,000 bytes every 30 ms (default 96)")
         ->option_text("PERCENT")
         ->check(CLI::Range(1.0, 200.0));
-    loading->add_flag("--json", load.json, "prints the result as JSON");
+    loading->add_flag("--json", load.json, "print the result as JSON");
 
     try {
         program.parse(argc, argv);
@@ -96,7 +96,7 @@ int Run(int argc, char** argv) {
     const auto milliseconds = [](double seconds) {
         return vexa::soak::Milliseconds(static_cast<std::int64_t>(seconds * 1000));
     };
-    CatchInterrupts();
+    vexa::soak::CatchInterrupts();
     if (*loading) {
         load.time = milliseconds(loadMinutes * 60);
         return RunLoad(load);

@@ -2,9 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sstream>
-
-#include "unit/RunningTool.h"
+#include "unit/Tool.h"
 
 namespace vexa::unit {
 namespace {
@@ -16,11 +14,10 @@ using ::testing::Not;
 // The lines of a check that finds something.
 std::vector<std::string> Findings(std::vector<std::string> options) {
     options.insert(options.begin(), "check");
-    RunningTool tool(options);
-    EXPECT_EQ(tool.Wait(), 1);
+    const auto [status, output] = RunTool(options);
+    EXPECT_EQ(status, 1);
     std::vector<std::string> findings;
-    std::istringstream output(tool.Output());
-    for (std::string line; std::getline(output, line);) {
+    for (const auto& line : testkit::SplitLines(output)) {
         // An emulator has a word of its own on a crash.
         if (!line.starts_with("ok ") && !line.starts_with("qemu: ")) findings.push_back(line);
     }
@@ -28,14 +25,14 @@ std::vector<std::string> Findings(std::vector<std::string> options) {
 }
 
 TEST(Check, FindsNothingAgainstAVirtualUnit) {
-    RunningTool tool(
-        {"run", "--", VEXA_UNIT_PROGRAM, "check", "--sessions", "--device", "Gyroscope"});
-    EXPECT_EQ(tool.Wait(), 0);
-    EXPECT_THAT(tool.Output(), HasSubstr("2 attached of type 8: Accelerometer, Gyroscope\n"));
-    EXPECT_THAT(tool.Output(), HasSubstr("\"Gyroscope\" is of type 8\n"));
-    EXPECT_THAT(tool.Output(), HasSubstr("the session with FGEN begins and ends\n"));
-    EXPECT_THAT(tool.Output(), HasSubstr("/dev/zt-usb: the cable is out\n"));
-    EXPECT_THAT(tool.Output(), Not(HasSubstr("odd  ")));
+    const auto [status, output] =
+        RunTool({"run", "--", VEXA_UNIT_PROGRAM, "check", "--sessions", "--device", "Gyroscope"});
+    EXPECT_EQ(status, 0);
+    EXPECT_THAT(output, HasSubstr("2 attached of type 8: Accelerometer, Gyroscope\n"));
+    EXPECT_THAT(output, HasSubstr("\"Gyroscope\" is of type 8\n"));
+    EXPECT_THAT(output, HasSubstr("the session with FGEN begins and ends\n"));
+    EXPECT_THAT(output, HasSubstr("/dev/zt-usb: the cable is out\n"));
+    EXPECT_THAT(output, Not(HasSubstr("odd  ")));
 }
 
 TEST(Check, SaysWhatIsMissingOrNoLibraryOrNode) {
@@ -59,7 +56,7 @@ TEST(Check, SaysWhatALibraryDoesThatTheServiceCannotWorkWith) {
             "odd      VEXA_SearchForDevices of type 2 gave -9, not 0",
             "odd      VEXA_OpenDeviceListSnapshot of type 3 gave no snapshot",
             "odd      \"Tilt\" is listed as of type 4, but looked up it is of type 8",
-            "odd      VEXA_DeviceListSnapshot_GetNthEntry of type 9, entry 0 writes behind the 220 "
+            "odd      VEXA_DeviceListSnapshot_GetNthEntry of type 9, entry 0 writes beyond the 220 "
             "bytes that it was given",
             "odd      VEXA_DeviceListSnapshot_GetNthEntry of type 11, entry 0 gives a name that "
             "does not end",

@@ -5,10 +5,8 @@
 #include <sys/ioctl.h>
 
 #include <array>
-#include <nlohmann/json.hpp>
 
 #include "VEXA.h"
-#include "unit/HostClient.h"
 #include "unit/UnitUnderTest.h"
 #include "vexcri.h"
 #include "zt_usb.h"
@@ -32,7 +30,7 @@ TEST(Control, SaysWhatIsWrongWithARequest) {
         {"{}", "request: is missing"},
         {R"({"request": "reboot"})", R"(request: expected "attach", "detach")"},
         {R"({"request": "state", "all": 1})", "all: unknown key"},
-        {R"({"request": "attach"})", "name: expected a name"},
+        {R"({"request": "attach"})", "name: is missing"},
         {R"({"request": "attach", "name": "New"})", "a new one needs a \"type\""},
         {R"({"request": "attach", "name": "Quiet", "rate": -1})", "rate: expected a number per"},
         {R"({"request": "attach", "name": "Board", "rate": 1})", "changed with \"daq\""},
@@ -61,11 +59,11 @@ TEST(Control, SaysWhatIsWrongWithARequest) {
          "bytes: is missing"},
     };
     for (const auto& [request, error] : cases) {
-        const auto answer = AskUnit(request);
+        const auto answer = AskLine(request);
         EXPECT_EQ(answer["ok"], false) << request;
         EXPECT_THAT(answer.value("error", ""), HasSubstr(error)) << request;
     }
-    const auto faults = AskUnit(R"({"request": "fault.list"})");
+    const auto faults = Ask("fault.list");
     EXPECT_TRUE(faults["faults"].empty()) << faults;
 }
 
@@ -94,41 +92,34 @@ TEST(Control, OutlivesItsClients) {
     EXPECT_EQ(std::count(answers.begin(), answers.end(), '\n'), 2) << answers;
 }
 
-using Blocks = Collected<std::size_t>;
-
-std::int32_t CountBlock(const std::uint8_t* /*data*/, std::int32_t count, void* context) {
-    static_cast<Blocks*>(context)->Add(static_cast<std::size_t>(count));
-    return 0;
-}
-
 TEST(Control, DevicesComeAndGo) {
     const auto library = VEXA_Init();
     Blocks blocks;
     const auto open = [&](const char* name) {
-        return VEXA_Device_Stream_Open(library, name, CountBlock, 3, &blocks);
+        return VEXA_Device_Stream_Open(library, name, CollectBlock, 3, &blocks);
     };
     EXPECT_EQ(open("Late"), 0U);
-    const std::string late = R"({"request": "attach", "name": "Late", "type": 9, "rate": 500,)";
-    EXPECT_EQ(AskUnit(late + R"("blockSize": 33})")["ok"], true);
+    EXPECT_EQ(Ask("attach", R"("name": "Late", "type": 9, "rate": 500, "blockSize": 33)")["ok"],
+              true);
     const auto stream = open("Late");
-    EXPECT_EQ(blocks.Await(2)[0], 33U);
-    EXPECT_EQ(AskUnit(R"({"request": "detach", "name": "Late"})")["ok"], true);
+    EXPECT_EQ(blocks.Await(2)[0].size(), 33U);
+    EXPECT_EQ(Ask("detach", R"("name": "Late")")["ok"], true);
     EXPECT_NE(VEXA_Device_Stream_Write(stream, "x", 1), 0);
     EXPECT_EQ(open("Late"), 0U);
-    const auto state = AskUnit(R"({"request": "state"})");
+    const auto state = Ask("state");
     EXPECT_EQ(state["streams"].back()["device"], "Late");
     EXPECT_EQ(state["streams"].back()["attached"], false);
-    EXPECT_EQ(AskUnit(R"({"request": "attach", "name": "Late"})")["ok"], true);
+    EXPECT_EQ(Ask("attach", R"("name": "Late")")["ok"], true);
     EXPECT_NE(VEXA_Device_Stream_Write(stream, "x", 1), 0) << "a stream does not come back";
     EXPECT_EQ(VEXA_Device_Stream_Close(stream), 0);
     EXPECT_NE(open("Late"), 0U);
-    EXPECT_EQ(AskUnit(R"({"request": "detach", "name": "Late"})")["ok"], true);
+    EXPECT_EQ(Ask("detach", R"("name": "Late")")["ok"], true);
 
     for (const char* request :
          {R"({"request": "detach", "name": "Board"})", R"({"request": "daq", "present": false})"}) {
-        EXPECT_EQ(AskUnit(request)["ok"], true);
+        EXPECT_EQ(AskLine(request)["ok"], true);
         EXPECT_EQ(open("Board"), 0U);
-        EXPECT_EQ(AskUnit(R"({"request": "attach", "name": "Board"})")["ok"], true);
+        EXPECT_EQ(Ask("attach", R"("name": "Board")")["ok"], true);
         EXPECT_NE(open("Board"), 0U);
     }
     EXPECT_EQ(VEXA_Uninit(library), 0);
@@ -137,31 +128,24 @@ TEST(Control, DevicesComeAndGo) {
 TEST(Control, AnOpenLinkFollowsTheBoard) {
     const auto library = VEXA_Init();
     Blocks blocks;
-    const auto stream = VEXA_Device_Stream_Open(library, "Board", CountBlock, 4, &blocks);
+    const auto stream = VEXA_Device_Stream_Open(library, "Board", CollectBlock, 4, &blocks);
     const std::array<std::uint8_t, 6> command = {0x40, 6, 1, 0, 9, 0};
     const auto ask = [&] { return VEXA_Device_Stream_Write(stream, command.data(), 6); };
-    EXPECT_EQ(AskUnit(R"({"request": "daq", "acknowledges": false})")["ok"], true);
+    EXPECT_EQ(Ask("daq", R"("acknowledges": false)")["ok"], true);
     EXPECT_EQ(ask(), 0);
-    EXPECT_EQ(AskUnit(R"({"request": "daq", "acknowledges": true})")["ok"], true);
+    EXPECT_EQ(Ask("daq", R"("acknowledges": true)")["ok"], true);
     EXPECT_EQ(ask(), 0);
     EXPECT_EQ(blocks.Await(1).size(), 1U);
     EXPECT_EQ(VEXA_Uninit(library), 0);
 }
 
-using Answers = Collected<std::pair<std::uint32_t, std::int32_t>>;
-
 TEST(Control, ApplicationsTalkOutOfTurn) {
     using ::testing::ElementsAre;
-    using Answer = std::pair<std::uint32_t, std::int32_t>;
     Answers answers;
-    const auto collect = [](void* context, std::uint32_t command, std::int32_t response) {
-        static_cast<Answers*>(context)->Add({command, response});
-    };
     std::uint32_t session = 0;
-    ASSERT_EQ(criInit("DAQ", 1, collect, &answers, &session), 1);
+    ASSERT_EQ(criInit("DAQ", 1, CollectAnswer, &answers, &session), 1);
     const auto strays = [](const std::string& list) {
-        return AskUnit(R"({"request": "app", "name": "DAQ", "holds": true, "strays": [)" + list +
-                       "]}")["ok"];
+        return Ask("app", R"("name": "DAQ", "holds": true, "strays": [)" + list + "]")["ok"];
     };
     EXPECT_EQ(strays(R"({"when": "after", "command": 8, "response": -8},
                         {"when": "before", "command": 7, "response": 70})"),
@@ -182,23 +166,21 @@ TEST(Control, TheCableGoesOutAndInByHandAndByItself) {
         return ::ioctl(node.Get(), ZTG_LINK_STATUS, &status) == 0 && status == 1;
     };
     ASSERT_TRUE(Eventually(isIn));
-    EXPECT_EQ(AskUnit(R"({"request": "cable", "in": false})")["ok"], true);
+    EXPECT_EQ(Ask("cable", R"("in": false)")["ok"], true);
     EXPECT_FALSE(isIn());
     EXPECT_EQ(Receive(host, 1), "");
     host = ConnectHost(UnitFolderUnderTest());
     EXPECT_EQ(Receive(host, 1), "") << "turned away";
     EXPECT_FALSE(isIn());
 
-    EXPECT_EQ(AskUnit(R"({"request": "cable", "flap": {"inMs": 20, "outMs": 1}})")["ok"], true);
-    const auto hosts = [] {
-        return AskUnit(R"({"request": "state"})")["cable"]["hosts"].get<int>();
-    };
+    EXPECT_EQ(Ask("cable", R"("flap": {"inMs": 20, "outMs": 1})")["ok"], true);
+    const auto hosts = [] { return Ask("state")["cable"]["hosts"].get<int>(); };
     for (const int before = hosts(); hosts() < before + 2;) {
         host = ConnectHost(UnitFolderUnderTest());
         EXPECT_EQ(Receive(host, 1), "") << "plugged in for a while, or turned away at once";
     }
     for (int times = 0; times < 2; ++times) {
-        EXPECT_EQ(AskUnit(R"({"request": "cable", "in": true})")["ok"], true);
+        EXPECT_EQ(Ask("cable", R"("in": true)")["ok"], true);
         if (times == 0) host = ConnectHost(UnitFolderUnderTest());
         EXPECT_TRUE(Eventually(isIn));
         EXPECT_FALSE(IsHungUp(host)) << "what is in already is not disturbed";

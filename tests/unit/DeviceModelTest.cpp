@@ -5,9 +5,7 @@
 #include <numeric>
 #include <vector>
 
-#include "model/DaqBoard.h"
-#include "model/HidSensor.h"
-#include "model/StreamSensor.h"
+#include "model/Devices.h"
 #include "protocol/InitialSync.h"
 #include "protocol/Packet.h"
 
@@ -54,9 +52,9 @@ TEST(StreamSensor, EchoesEachWriteInOneBlockUnlessToldNotTo) {
     StreamSensor echoing({.name = "Echo", .rate = 0}, kStart);
     StreamSensor mute({.name = "Mute", .rate = 0, .echo = false}, kStart);
     for (StreamSensor* sensor : {&echoing, &mute}) {
-        sensor->Take(Bytes{1, 2, 3}, kStart);
-        sensor->Take(Bytes{}, kStart);
-        sensor->Take(Bytes(300, 7), kStart);
+        sensor->Receive(Bytes{1, 2, 3}, kStart);
+        sensor->Receive(Bytes{}, kStart);
+        sensor->Receive(Bytes(300, 7), kStart);
     }
     EXPECT_EQ(SentUntil(echoing, kStart), (std::vector<Bytes>{{1, 2, 3}, Bytes(300, 7)}));
     EXPECT_EQ(mute.NextDue(), kNever);
@@ -79,8 +77,8 @@ TEST(Pacer, NeitherDriftsNorCatchesUpOnMoreThanASecond) {
 TEST(HidSensor, ReportsAnswersInitAndEchoes) {
     HidSensor sensor({.name = "Hid", .type = 3, .rate = 100, .waveform = Waveform::kSquare},
                      kStart);
-    sensor.Take(Bytes{0x55, 9, 21, 22, 23, 24, 25, 26, 27}, kStart);  // init, one byte too many
-    sensor.Take(Bytes{0x95, 1, 2}, kStart);
+    sensor.Receive(Bytes{0x55, 9, 21, 22, 23, 24, 25, 26, 27}, kStart);  // init, one byte too many
+    sensor.Receive(Bytes{0x95, 1, 2}, kStart);
     const auto sent = SentUntil(sensor, kStart + milliseconds(650));
     ASSERT_EQ(sent.size(), 2U + 65U);
     EXPECT_EQ(sent[0], (Bytes{0x80, 3, 21, 22, 23, 24, 25, 26}));
@@ -93,9 +91,9 @@ TEST(DaqBoard, MeasuresOnlyOnceItHasAnsweredTheSync) {
     DaqBoard board({.syncDelayMs = 20, .measurementRate = 50, .checksumErrorEvery = 3}, kStart);
     Bytes request(kInitialSyncSize);
     BuildInitialSync(std::span<std::uint8_t, kInitialSyncSize>(request), 77);
-    board.Take(Bytes{0x60, 5, 1, 0, 2}, kStart);  // not of the command class
-    board.Take(request, kStart);
-    board.Take(Bytes{0x41, 6, 9, 0, 0x33, 1}, kStart);  // a command, while it synchronises
+    board.Receive(Bytes{0x60, 5, 1, 0, 2}, kStart);  // not of the command class
+    board.Receive(request, kStart);
+    board.Receive(Bytes{0x41, 6, 9, 0, 0x33, 1}, kStart);  // a command, while it synchronises
     EXPECT_EQ(board.NextDue(), kStart + milliseconds(20));
     const auto sent = SentUntil(board, kStart + milliseconds(20 + 120));
     ASSERT_EQ(sent.size(), 2U + 6U);
@@ -117,7 +115,7 @@ TEST(DaqBoard, TakesNoDamagedSync) {
     BuildInitialSync(std::span<std::uint8_t, kInitialSyncSize>(request), 77);
     request.back() ^= 1;
     DaqBoard board({.acknowledges = false}, kStart);
-    board.Take(request, kStart);
+    board.Receive(request, kStart);
     EXPECT_EQ(board.NextDue(), kNever);
 }
 

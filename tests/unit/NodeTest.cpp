@@ -11,13 +11,16 @@
 #include <string>
 #include <thread>
 
-#include "model/Descriptor.h"
-#include "unit/HostClient.h"
 #include "unit/UnitUnderTest.h"
 #include "zt_usb.h"
 
 namespace vexa::unit {
 namespace {
+
+[[nodiscard]] bool IsReadable(const Descriptor& host) {
+    pollfd entry{host.Get(), POLLIN, 0};
+    return ::poll(&entry, 1, 0) == 1;
+}
 
 class Node : public ::testing::Test {
   protected:
@@ -109,12 +112,12 @@ TEST_F(Node, AWriteWaitsForASlowHostButFailsWhenItLeaves) {
         EXPECT_EQ(::write(node.Get(), sent.data(), sent.size()), -1);
         EXPECT_EQ(errno, ESHUTDOWN);
     });
-    EXPECT_TRUE(AwaitReadable(host));
+    EXPECT_TRUE(Eventually([&] { return IsReadable(host); }));
     // A reader that is in the way of nobody: both directions at once.
     EXPECT_EQ(::send(host.Get(), "meanwhile", 9, 0), 9);
     EXPECT_EQ(Read(), "meanwhile");
     EXPECT_EQ(Receive(host, sent.size()), sent);
-    EXPECT_TRUE(AwaitReadable(host)) << "the second write is under way";
+    EXPECT_TRUE(Eventually([&] { return IsReadable(host); })) << "the second write is under way";
     host = Descriptor();
     writer.join();
 }

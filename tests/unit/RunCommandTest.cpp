@@ -7,26 +7,16 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <functional>
-#include <thread>
 
-#include "model/UnitSocket.h"
-#include "unit/HostClient.h"
-#include "unit/RunningTool.h"
+#include "unit/Tool.h"
+#include "unit/UnitUnderTest.h"
 
 namespace vexa::unit {
 namespace {
 
 namespace fs = std::filesystem;
 using ::testing::HasSubstr;
-
-bool Eventually(const std::function<bool()>& condition) {
-    for (int look = 0; look < 30000; ++look) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
-}
+using testkit::ChildProcess;
 
 class RunCommand : public ::testing::Test {
   protected:
@@ -35,7 +25,7 @@ class RunCommand : public ::testing::Test {
         ASSERT_NE(::mkdtemp(path.data()), nullptr);
         scratch = fs::canonical(path);
     }
-    // What watches over a killed unit may be tidying up in there at the same time.
+    // The watcher of a killed unit may be removing files at the same time.
     void TearDown() override {
         EXPECT_TRUE(Eventually([&] {
             std::error_code error;
@@ -55,53 +45,59 @@ class RunCommand : public ::testing::Test {
         return options;
     }
 
+    // Starts a unit and waits for its program's first line, which is printed at once although the
+    // program never flushes it.
+    [[nodiscard]] static ChildProcess Start(const std::vector<std::string>& arguments) {
+        ChildProcess tool(ToolCall(arguments));
+        EXPECT_NE(tool.Log().WaitFor("waits\n", kPatience), std::string::npos);
+        return tool;
+    }
+
     fs::path scratch;
 };
 
 TEST_F(RunCommand, ExitsAsTheProgramAndLeavesNothingBehind) {
-    EXPECT_EQ(RunningTool(Run({}, {"exit", "7"})).Wait(), 7);
-    EXPECT_EQ(RunningTool(Run({}, {"raise", std::to_string(SIGUSR2)})).Wait(), 128 + SIGUSR2);
-    for (const int passedOn : {SIGTERM, SIGINT}) {
-        RunningTool tool(Run({}, {"wait"}));
-        ASSERT_TRUE(tool.AwaitOutput("waits\n")) << "printed at once, though never flushed";
-        tool.Send(passedOn);
-        EXPECT_EQ(tool.Wait(), 128 + passedOn) << "it ended the program, and not the tool";
+    EXPECT_EQ(RunTool(Run({}, {"exit", "7"})).status, 7);
+    EXPECT_EQ(RunTool(Run({}, {"raise", std::to_string(SIGUSR2)})).status, 128 + SIGUSR2);
+    for (const int passedOn : {SIGTERM, SIGINT, SIGHUP}) {
+        ChildProcess tool = Start(Run({}, {"wait"}));
+        tool.Signal(passedOn);
+        EXPECT_EQ(tool.Wait(kPatience), 128 + passedOn);
+        EXPECT_FALSE(fs::exists(Scratch("unit"))) << "it ended the program, and not the tool";
     }
-    EXPECT_FALSE(fs::exists(Scratch("unit")));
-
     fs::create_directory(Scratch("unit"));
-    RunningTool tool(Run({}, {"exit", "0"}));
-    EXPECT_EQ(tool.Wait(), 0);
-    EXPECT_EQ(tool.Output(), "vexa-unit: host socket " + Scratch("unit") + "/host.sock\n");
-    EXPECT_TRUE(fs::is_empty(Scratch("unit"))) << "a folder that was there stays";
+    const auto [status, output] = RunTool(Run({}, {"exit", "0"}));
+    EXPECT_EQ(status, 0);
+    EXPECT_EQ(output, "vexa-unit: host socket " + Scratch("unit") + "/host.sock\n");
+    EXPECT_TRUE(fs::is_empty(Scratch("unit"))) << "a folder that existed before stays";
 }
 
 TEST_F(RunCommand, WhenItIsKilledNothingIsLeftAndTheNextUnitStarts) {
-    RunningTool tool(Run({}, {"wait"}));
-    ASSERT_TRUE(tool.AwaitOutput("waits\n"));
-    tool.Send(SIGKILL);
-    EXPECT_EQ(tool.Wait(), -SIGKILL);  // returns only when the program has ended as well
-    EXPECT_TRUE(Eventually([&] { return !fs::exists(Scratch("unit")); }));
-
-    RunningTool another(Run({}, {"wait"}));
-    ASSERT_TRUE(another.AwaitOutput("waits\n"));
-    another.Send(SIGKILL);
-    EXPECT_EQ(another.Wait(), -SIGKILL);
-    EXPECT_EQ(RunningTool(Run({}, {"exit", "3"})).Wait(), 3) << "whatever is left by then";
-    EXPECT_FALSE(fs::exists(Scratch("unit") + "/host.sock"));
+    for (const bool existed : {false, true}) {
+        if (existed) fs::create_directory(Scratch("unit"));
+        ChildProcess tool = Start(Run({}, {"wait"}));
+        tool.Signal(SIGKILL);
+        EXPECT_EQ(tool.Wait(kPatience), 128 + SIGKILL);
+        EXPECT_TRUE(Eventually([&] {
+            return existed ? fs::is_empty(Scratch("unit")) : !fs::exists(Scratch("unit"));
+        }));
+        EXPECT_TRUE(tool.Log().WaitForEnd(kPatience)) << "the program has ended as well";
+    }
+    ChildProcess another = Start(Run({}, {"wait"}));
+    another.Signal(SIGKILL);
+    (void)another.Wait(kPatience);
+    EXPECT_EQ(RunTool(Run({}, {"exit", "3"})).status, 3) << "whatever is left by then";
 }
 
 TEST_F(RunCommand, UnitsSideBySideAreToldApartAndControlled) {
     const auto ask = [&](const std::string& unit, std::vector<std::string> words) {
         words.insert(words.begin(), {"ctl", "--dir", Scratch(unit)});
-        RunningTool tool(words);
-        const int status = tool.Wait();
-        return std::to_string(status) + " " + tool.Output();
+        const auto [status, output] = RunTool(words);
+        return std::to_string(status) + " " + output;
     };
-    RunningTool one({"run", "--dir", Scratch("one"), "--", UNIT_PROBE, "library"});
-    RunningTool two(
+    const auto one = Start({"run", "--dir", Scratch("one"), "--", UNIT_PROBE, "library"});
+    const auto two = Start(
         {"run", "--dir", Scratch("two"), "--scenario", "dead-daq", "--", UNIT_PROBE, "library"});
-    ASSERT_TRUE(one.AwaitOutput("waits\n") && two.AwaitOutput("waits\n"));
     EXPECT_EQ(ask("one", {"fault", "set", "data", "corrupt", "for=7", "offset=1"}), "0 fault 1\n");
     EXPECT_EQ(ask("one", {"fault", "list"}), "0 1  data corrupt  for 7, offset 1, hits 0\n");
     EXPECT_EQ(ask("two", {"fault", "list"}), "0 no faults\n");
@@ -112,37 +108,40 @@ TEST_F(RunCommand, UnitsSideBySideAreToldApartAndControlled) {
     EXPECT_EQ(ask("none", {"state"}), "2 vexa-unit: no unit to control in " + Scratch("none") +
                                           ": No such file or directory\n");
     EXPECT_EQ(ask("one", {"--raw", R"({"request": "daq"})"}), "0 {\"ok\":true}\n");
-    EXPECT_THAT(ask("one", {"state"}), HasSubstr("answersSync, syncDelayMs 20"));
+    const std::string state = ask("one", {"state"});
+    EXPECT_THAT(state, HasSubstr("cable     in, flap {\"inMs\":1000,\"outMs\":1000,\"times\":1}"));
+    EXPECT_THAT(state, HasSubstr("\n  Microphone        type 11, attached, blockSize 72, rate 50, "
+                                 "waveform square, echo\n"));
+    EXPECT_THAT(state, HasSubstr("\n  DAQ               holds, delayMs 20, not silent"));
+    EXPECT_THAT(state, HasSubstr("answersSync, syncDelayMs 20"));
     EXPECT_THAT(ask("two", {"state"}), HasSubstr("not answersSync, syncDelayMs 20"));
     EXPECT_THAT(ask("two", {"state", "--json"}), HasSubstr("\"answersSync\":false"));
+    EXPECT_THAT(ask("two", {"calls"}), HasSubstr("VEXA_Init                               1\n"));
 }
 
 TEST_F(RunCommand, ListsTheScenariosThatItKnows) {
-    RunningTool tool({"scenarios"});
-    EXPECT_EQ(tool.Wait(), 0);
+    const auto [status, output] = RunTool({"scenarios"});
+    EXPECT_EQ(status, 0);
     for (const auto& entry : fs::directory_iterator(UNIT_SCENARIO_FOLDER)) {
         const bool isSchema = entry.path().stem().extension() == ".schema";
         const std::string name = entry.path().stem();
-        EXPECT_EQ(tool.Output().find(name + " ") != std::string::npos, !isSchema) << name;
+        EXPECT_EQ(output.find(name + " ") != std::string::npos, !isSchema) << name;
     }
 }
 
 TEST_F(RunCommand, RefusesAFolderInWhichAUnitRuns) {
     {
-        RunningTool running(Run({}, {"wait"}));
-        ASSERT_TRUE(running.AwaitOutput("waits\n"));
-        RunningTool second(Run({}, {"exit", "0"}));
-        EXPECT_EQ(second.Wait(), 2);
-        EXPECT_THAT(second.Output(), HasSubstr("another unit is running in " + Scratch("unit")));
+        const ChildProcess running = Start(Run({}, {"wait"}));
+        const auto [status, output] = RunTool(Run({}, {"exit", "0"}));
+        EXPECT_EQ(status, 2);
+        EXPECT_THAT(output, HasSubstr("another unit is running in " + Scratch("unit")));
         EXPECT_TRUE(ConnectHost(Scratch("unit"))) << "the first one is not disturbed";
-        running.Send(SIGTERM);
-        EXPECT_EQ(running.Wait(), 128 + SIGTERM);
     }
     // A socket that somebody else listens on.
+    EXPECT_TRUE(Eventually([&] { return !fs::exists(Scratch("unit")); }));
     fs::create_directory(Scratch("unit"));
     const Descriptor listener = ListenOn(HostSocketPath(Scratch("unit")));
-    RunningTool third(Run({}, {"exit", "0"}));
-    EXPECT_EQ(third.Wait(), 2);
+    EXPECT_EQ(RunTool(Run({}, {"exit", "0"})).status, 2);
     EXPECT_TRUE(ConnectHost(Scratch("unit")));
 }
 
@@ -150,11 +149,7 @@ TEST_F(RunCommand, SaysInOneLineWhatCannotBeUsed) {
     std::ofstream(Scratch("scenario")) << R"({"daq": {"colour": 1}})";
     std::ofstream(Scratch("file")) << "";
     const std::string unit = Scratch("unit");
-    struct Case {
-        std::vector<std::string> arguments;
-        std::string complaint;
-    };
-    const Case cases[] = {
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
         {{}, "subcommand is required"},
         {Run({"--scenario", "none"}, {}), "scenario none: there is no file of that name"},
         {{"ctl"}, "a command is required"},
@@ -162,18 +157,18 @@ TEST_F(RunCommand, SaysInOneLineWhatCannotBeUsed) {
         {Run({"--scenario", Scratch("none")}, {}), "scenario " + Scratch("none") + ": cannot read"},
         {Run({"--scenario", Scratch("scenario")}, {}), "daq.colour: unknown key"},
         {Run({"--journal", Scratch("none/journal")}, {}), "journal " + Scratch("none/journal")},
-        {{"run", "--dir", unit, "--", "no-such-program"}, "cannot run no-such-program"},
+        {{"run", "--dir", unit, "--", "no-such-program"}, "cannot run no-such-program: No such"},
         {{"run", "--dir", unit, "--", Scratch("file")}, "cannot run " + Scratch("file")},
         {{"run", "--dir", Scratch("none/unit"), "--", UNIT_PROBE}, "cannot make the folder"},
         {{"run", "--dir", Scratch("file"), "--", UNIT_PROBE}, "there is a file of that name"},
         {{"run", "--dir", Scratch(std::string(100, 'd')), "--", UNIT_PROBE}, "characters at most"},
     };
     for (const auto& [arguments, complaint] : cases) {
-        RunningTool tool(arguments);
-        EXPECT_EQ(tool.Wait(), 2) << complaint;
-        EXPECT_THAT(tool.Output(), ::testing::StartsWith("vexa-unit: "));
-        EXPECT_THAT(tool.Output(), HasSubstr(complaint));
-        EXPECT_EQ(std::ranges::count(tool.Output(), '\n'), 1) << tool.Output();
+        const auto [status, output] = RunTool(arguments);
+        EXPECT_EQ(status, 2) << complaint;
+        EXPECT_THAT(output, ::testing::StartsWith("vexa-unit: "));
+        EXPECT_THAT(output, HasSubstr(complaint));
+        EXPECT_EQ(std::ranges::count(output, '\n'), 1) << output;
     }
     for (const auto& entry : fs::directory_iterator(scratch)) {
         EXPECT_TRUE(entry.is_regular_file()) << entry << " was left behind";

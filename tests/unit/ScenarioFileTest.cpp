@@ -4,11 +4,8 @@
 
 #include <cerrno>
 #include <fstream>
-#include <nlohmann/json.hpp>
-#include <regex>
-#include <set>
 
-#include "model/ScenarioFile.h"
+#include "model/Settings.h"
 
 namespace vexa::unit {
 namespace {
@@ -41,7 +38,7 @@ TEST(ScenarioFile, WhatIsLeftOutIsAsInTheDefaultUnit) {
     expected.applications["FGEN"].responses = {{3, -1}};
     expected.applications["SPLASH"].strays = {
         {.when = StrayTime::kBeforeAnswer, .command = 7, .response = -1}};
-    expected.nodePresent = false;
+    expected.node.present = false;
     expected.cable = {.in = true, .flapping = CableFlapping{.outMs = 5}};
     expected.faults = {{.call = Call::kNodeRead,
                         .action = FaultAction::kFail,
@@ -63,75 +60,11 @@ TEST(ScenarioFile, WhatIsLeftOutIsAsInTheDefaultUnit) {
               expected);
 }
 
-using nlohmann::json;
-
-json SchemaOf(const std::string& name) {
-    const json whole =
-        json::parse(std::ifstream(std::string(UNIT_SCENARIO_FOLDER) + "/scenario.schema.json"));
-    return name.empty() ? whole : whole["definitions"][name];
-}
-
-// The words in quotes, or the comma-separated keys, at the end of a complaint about `text`.
-std::set<std::string> Offered(const std::string& text, const std::string& after) {
-    const std::string error = std::get<ScenarioError>(LoadText(text)).text;
-    const auto start = error.find(after);
-    EXPECT_NE(start, std::string::npos) << error;
-    std::string list = error.substr(start + after.size());
-    list = list.substr(0, list.find(", not"));
-    const std::regex word(R"([\w.$]+)");
-    std::set<std::string> words;
-    for (std::sregex_iterator each(list.begin(), list.end(), word), end; each != end; ++each) {
-        if (each->str() != "or") words.insert(each->str());
-    }
-    return words;
-}
-
-TEST(ScenarioFile, TheSchemaKnowsTheSameKeysAndWords) {
-    const auto keys = [](const json& schema) {
-        std::set<std::string> names;
-        for (const auto& item : schema["properties"].items()) names.insert(item.key());
-        return names;
-    };
-    const json application = SchemaOf("application");
-    const struct {
-        json schema;
-        std::string text;  // with an unknown key in the place that the schema describes
-    } places[] = {
-        {SchemaOf(""), R"({"?": 1})"},
-        {SchemaOf("")["properties"]["applications"], R"({"applications": {"?": 1}})"},
-        {SchemaOf("")["properties"]["node"], R"({"node": {"?": 1}})"},
-        {SchemaOf("")["properties"]["library"], R"({"library": {"?": 1}})"},
-        {SchemaOf("device"), R"({"devices": [{"?": 1}]})"},
-        {SchemaOf("daq"), R"({"daq": {"?": 1}})"},
-        {application, R"({"applications": {"DAQ": {"?": 1}}})"},
-        {application["properties"]["strays"]["items"],
-         R"({"applications": {"DAQ": {"strays": [{"?": 1}]}}})"},
-        {SchemaOf("cable"), R"({"cable": {"?": 1}})"},
-        {SchemaOf("cable")["properties"]["flap"], R"({"cable": {"flap": {"?": 1}}})"},
-        {SchemaOf("fault"), R"({"faults": [{"?": 1}]})"},
-    };
-    for (const auto& [schema, text] : places) {
-        EXPECT_EQ(keys(schema), Offered(text, "expected one of: ")) << text;
-    }
-    const auto words = [](const json& list) { return list.get<std::set<std::string>>(); };
-    EXPECT_EQ(words(SchemaOf("device")["properties"]["waveform"]["enum"]),
-              Offered(R"({"devices": [{"name": "A", "waveform": ""}]})", "expected "));
-    EXPECT_EQ(words(application["properties"]["strays"]["items"]["properties"]["when"]["enum"]),
-              Offered(R"({"applications": {"DAQ": {"strays": [{"when": ""}]}}})", "expected "));
-    const json fault = SchemaOf("fault")["properties"];
-    EXPECT_EQ(words(fault["errno"]["enum"]),
-              Offered(R"({"faults": [{"call": "node.read", "action": "fail", "errno": ""}]})",
-                      "expected "));
-    std::set<std::string> calls;
-    std::set<std::string> actions;
-    for (const auto& info : kCalls) {
-        calls.insert(std::string(info.name));
-        actions.merge(
-            Offered(R"({"faults": [{"call": ")" + std::string(info.name) + R"(", "action": ""}]})",
-                    "expected "));
-    }
-    EXPECT_EQ(words(fault["call"]["enum"]), calls);
-    EXPECT_EQ(words(fault["action"]["enum"]), actions);
+TEST(ScenarioFile, TheShippedSchemaIsTheOneOfTheSettings) {
+    std::ifstream file(std::string(UNIT_SCENARIO_FOLDER) + "/scenario.schema.json");
+    const std::string shipped((std::istreambuf_iterator<char>(file)), {});
+    EXPECT_EQ(shipped, ScenarioSchemaText())
+        << "vexa-unit scenarios --schema > unit/scenarios/scenario.schema.json";
 }
 
 TEST(ScenarioFile, WhatIsWrongIsNamedWithItsPlace) {
@@ -143,7 +76,7 @@ TEST(ScenarioFile, WhatIsWrongIsNamedWithItsPlace) {
         {"{\"daq\": ", "line 1, column 9"},
         {"[]", "the whole: expected an object, not []"},
         {R"({"gadgets": 1})", "gadgets: unknown key; expected one of: "},
-        {R"({"devices": [{"type": 8}]})", "devices[0].name: expected a name"},
+        {R"({"devices": [{"type": 8}]})", "devices[0].name: is missing"},
         {R"({"devices": [{"name": "A\u0000B"}]})", "devices[0].name: expected a name"},
         {R"({"devices": [{"name": "A"}, {"name": "A"}]})", "devices[1].name: expected a name that"},
         {R"({"devices": [{"name": "Acquisition board"}]})", "[0].name: expected a name that"},

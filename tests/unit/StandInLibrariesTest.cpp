@@ -15,13 +15,6 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsSupersetOf;
-using Bytes = std::vector<std::uint8_t>;
-using Blocks = Collected<Bytes>;
-
-std::int32_t Collect(const std::uint8_t* data, std::int32_t count, void* context) {
-    static_cast<Blocks*>(context)->Add({data, data + count});
-    return 0;
-}
 
 std::int32_t Write(std::uint32_t stream, const Bytes& bytes) {
     return VEXA_Device_Stream_Write(stream, bytes.data(), static_cast<std::int32_t>(bytes.size()));
@@ -49,15 +42,15 @@ TEST_F(StandInLibraries, ListsTheAttachedDevicesOfAType) {
     EXPECT_NE(VEXA_DeviceListSnapshot_GetNthEntry(list, 0, name.data(), 4, &word), 0) << "Fast";
     EXPECT_EQ(VEXA_CloseDeviceListSnapshot(list), 0);
     EXPECT_NE(VEXA_CloseDeviceListSnapshot(list), 0);
-    EXPECT_EQ(VEXA_Device_Stream_Open(library, "Gone", Collect, 3, nullptr), 0U);
+    EXPECT_EQ(VEXA_Device_Stream_Open(library, "Gone", CollectBlock, 3, nullptr), 0U);
 }
 
 TEST_F(StandInLibraries, EachStreamHasItsOwnEchoUntilItsLibraryEnds) {
     Blocks first;
     Blocks second;
     const auto other = VEXA_Init();
-    const auto one = VEXA_Device_Stream_Open(library, "Quiet", Collect, 3, &first);
-    const auto two = VEXA_Device_Stream_Open(other, "Quiet", Collect, 3, &second);
+    const auto one = VEXA_Device_Stream_Open(library, "Quiet", CollectBlock, 3, &first);
+    const auto two = VEXA_Device_Stream_Open(other, "Quiet", CollectBlock, 3, &second);
     EXPECT_EQ(Write(one, {}), 0);
     EXPECT_NE(VEXA_Device_Stream_Write(one, "x", -1), 0);
     EXPECT_NE(Write(library, {1}), 0) << "not a stream";
@@ -73,12 +66,12 @@ TEST_F(StandInLibraries, EachStreamHasItsOwnEchoUntilItsLibraryEnds) {
 
 TEST_F(StandInLibraries, NoCallbackRunsOnceItsStreamIsClosed) {
     Blocks blocks;
-    const auto stream = VEXA_Device_Stream_Open(library, "Fast", Collect, 3, &blocks);
+    const auto stream = VEXA_Device_Stream_Open(library, "Fast", CollectBlock, 3, &blocks);
     (void)blocks.Await(3);
     EXPECT_EQ(VEXA_Device_Stream_Close(stream), 0);
     const auto count = blocks.Await(0).size();
     Blocks others;
-    (void)VEXA_Device_Stream_Open(library, "Fast", Collect, 3, &others);
+    (void)VEXA_Device_Stream_Open(library, "Fast", CollectBlock, 3, &others);
     EXPECT_GE(others.Await(5).size(), 5U);
     EXPECT_EQ(blocks.Await(0).size(), count);
     EXPECT_NE(VEXA_Device_Stream_Close(stream), 0);
@@ -100,14 +93,7 @@ TEST_F(StandInLibraries, ACallbackMayCloseItsOwnStream) {
     EXPECT_NE(Write(closing.stream, {1}), 0);
 }
 
-using Answers = Collected<std::pair<std::uint32_t, std::int32_t>>;
-
-void CollectAnswer(void* context, std::uint32_t command, std::int32_t response) {
-    static_cast<Answers*>(context)->Add({command, response});
-}
-
 TEST(StandInSessions, ApplicationsAnswerAsTheScenarioSays) {
-    using Answer = std::pair<std::uint32_t, std::int32_t>;
     Answers answers;
     std::uint32_t daq = 0;
     std::uint32_t splash = 0;
@@ -148,13 +134,13 @@ TEST(StandInSessions, ACallbackMayEndItsOwnSession) {
     EXPECT_THAT(ending.results.Await(1), ElementsAre(1));
 }
 
-TEST(StandInJournal, SaysWhatBecameOfAStream) {
+TEST(StandInCallLog, SaysWhatBecameOfAStream) {
     Blocks blocks;
     const auto library = VEXA_Init();
     std::uint32_t type = 0;
     (void)VEXA_GetDeviceTypeFromDeviceName("No\n\"such\"", &type);
     const auto refuse = [](const std::uint8_t* data, std::int32_t count, void* context) {
-        return Collect(data, count, context) - (*data == 1 ? 1 : 0);
+        return CollectBlock(data, count, context) - (*data == 1 ? 1 : 0);
     };
     const auto stream = VEXA_Device_Stream_Open(library, "Tilt", refuse, 3, &blocks);
     for (const Bytes& bytes : {Bytes{0}, Bytes{1}, Bytes{2}}) (void)Write(stream, bytes);
@@ -166,7 +152,7 @@ TEST(StandInJournal, SaysWhatBecameOfAStream) {
         sizeof &blocks > sizeof(std::uint32_t)
             ? "pointer"
             : std::to_string(reinterpret_cast<std::uintptr_t>(&blocks));  // NOLINT
-    EXPECT_THAT(JournalLines(),
+    EXPECT_THAT(CallLogLines(),
                 IsSupersetOf<std::string>(
                     {R"(VEXA_GetDeviceTypeFromDeviceName("No\x0A\"such\"") = -3)",
                      "VEXA_Device_Stream_Open(" + std::to_string(library) +

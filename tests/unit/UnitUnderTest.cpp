@@ -1,19 +1,13 @@
 #include "unit/UnitUnderTest.h"
 
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
-#include <thread>
 
 #include "VEXA.h"
-#include "model/Descriptor.h"
-#include "model/UnitSocket.h"
 
 namespace vexa::unit {
 
@@ -53,19 +47,19 @@ class UnitEnvironment : public ::testing::Environment {
 
 const std::string& UnitFolderUnderTest() { return folder; }
 
-std::vector<std::string> JournalLines() {
+std::vector<std::string> CallLogLines() {
     std::vector<std::string> lines;
-    std::ifstream journal(folder + "/journal");
-    for (std::string line; std::getline(journal, line);) lines.push_back(line);
+    std::ifstream log(folder + "/journal");
+    for (std::string line; std::getline(log, line);) lines.push_back(line);
     return lines;
 }
 
-nlohmann::json AskUnit(const std::string& request) {
+nlohmann::json AskLine(const std::string& line) {
     static const Descriptor connection = ConnectTo(ControlSocketPath(folder));
-    std::string line = request + "\n";
-    std::replace(line.begin(), line.end() - 1, '\n', ' ');  // of a long literal
-    EXPECT_EQ(::send(connection.Get(), line.data(), line.size(), MSG_NOSIGNAL),
-              static_cast<ssize_t>(line.size()));
+    std::string sent = line + "\n";
+    std::replace(sent.begin(), sent.end() - 1, '\n', ' ');  // in a long literal
+    EXPECT_EQ(::send(connection.Get(), sent.data(), sent.size(), MSG_NOSIGNAL),
+              static_cast<ssize_t>(sent.size()));
     std::string answer;
     for (char letter = 0; ::recv(connection.Get(), &letter, 1, 0) == 1 && letter != '\n';) {
         answer += letter;
@@ -73,12 +67,8 @@ nlohmann::json AskUnit(const std::string& request) {
     return nlohmann::json::parse(answer, nullptr, false);
 }
 
-bool Eventually(const std::function<bool()>& condition) {
-    for (int look = 0; look < 30000; ++look) {
-        if (condition()) return true;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return false;
+nlohmann::json Ask(const std::string& verb, const std::string& members) {
+    return AskLine(R"({"request": ")" + verb + (members.empty() ? "\"" : "\", ") + members + "}");
 }
 
 }  // namespace vexa::unit

@@ -1,4 +1,4 @@
-// "vexa-unit check": what a real unit supplies, looked at before the service is run on it.
+// "vexa-unit check": checks the libraries and the node of a real unit before the service is run.
 #pragma once
 
 #include <string>
@@ -6,15 +6,22 @@
 
 namespace vexa::unit {
 
+class Report;
+
 struct CheckOptions {
-    std::string vexa;                  // file; empty: the one that the service would find
-    std::string vexcri;                // likewise
+    std::string vexa;                  // file; empty: the one that the service would load
+    std::string vexcri;                // file; likewise
     std::string node;                  // empty: the service's
     std::vector<std::string> devices;  // names to look up
     bool sessions = false;             // begin and end a conversation with each application
 };
 
-// Prints findings and a summary; 0 when there was nothing to say against the unit, else 1.
+// Prints findings and a summary. Returns the exit status: 0, or 1 when something is missing or odd.
 [[nodiscard]] int CheckUnit(const CheckOptions& options);
+
+// Its part for the device-access library: loads it (see SharedLibrary), initialises it, lists the
+// devices of each type that the service uses, looks `devices` up, and uninitialises it. Opens no
+// device.
+void CheckVexa(const std::string& path, const std::vector<std::string>& devices, Report& report);
 
 }  // namespace vexa::unit

@@ -1,4 +1,4 @@
-#include "check/VexaCheck.h"
+// The part of "vexa-unit check" for the device-access library.
 
 #include <algorithm>
 #include <array>
@@ -7,7 +7,8 @@
 #include <optional>
 
 #include "VEXA.h"
-#include "check/SharedLibrary.h"
+#include "check/CheckCommand.h"
+#include "check/Report.h"
 
 namespace vexa::unit {
 
@@ -21,9 +22,9 @@ constexpr std::uint32_t kDaqType = 5;
 constexpr std::array<std::uint32_t, 6> kSensorTypes = {2, 3, 4, 8, 9, 11};
 constexpr std::uint32_t kNoType = 12;
 constexpr std::uint32_t kNameCapacity = 220;
-constexpr std::size_t kGuard = 36;  // bytes behind the name, which the library must leave alone
+constexpr std::size_t kGuard = 36;  // bytes after the name, which the library must not touch
 constexpr char kGuardByte = '\x5A';
-constexpr char kNobody[] = "no such device, please";
+constexpr char kUnknownName[] = "no such device, please";
 
 struct Functions {
     decltype(VEXA_Init)* init = nullptr;
@@ -37,7 +38,7 @@ struct Functions {
     decltype(VEXA_CloseDeviceListSnapshot)* closeSnapshot = nullptr;
 };
 
-// Those that are called; the others only have to be there.
+// The functions that are called; the others only have to exist.
 Functions Find(SharedLibrary& library) {
     Functions functions;
     library.Find("VEXA_Init", functions.init);
@@ -62,7 +63,7 @@ bool IsSensorType(std::uint32_t type) {
     return std::ranges::find(kSensorTypes, type) != kSensorTypes.end();
 }
 
-// A library that is up.
+// Checks an initialised library.
 class Check {
   public:
     Check(const Functions& library_, std::uint32_t handle_, Report& report_)
@@ -87,7 +88,7 @@ class Check {
         }
     }
 
-    // A name that the user has given.
+    // A name from the command line.
     void Lookup(const std::string& name) const {
         const auto type = TypeOf(name);
         if (IsSensorType(type)) {
@@ -102,9 +103,9 @@ class Check {
         }
     }
 
-    // The service goes by the type alone.
-    void LookupOfNobody() const {
-        const auto type = TypeOf(kNobody);
+    // The service decides by the type alone whether a device can be opened.
+    void LookupOfUnknownName() const {
+        const auto type = TypeOf(kUnknownName);
         if (type != kNoType) {
             report.Odd("VEXA_GetDeviceTypeFromDeviceName: an unknown name is of type " +
                        std::to_string(type) + "; a host could open it");
@@ -117,7 +118,7 @@ class Check {
     }
 
   private:
-    // True when `status` is success; reports when not.
+    // Whether `status` is success; if not, reports it.
     bool Status(const std::string& call, std::int32_t status) const {
         if (status != 0) report.Odd(call + " gave " + std::to_string(status) + ", not 0");
         return status == 0;
@@ -130,7 +131,7 @@ class Check {
         return type;
     }
 
-    // Lists the devices of a type; their number.
+    // Lists the devices of a type; returns their number.
     std::uint32_t DevicesOf(std::uint32_t type, std::int32_t searchMode) const {
         const std::string ofType = " of type " + std::to_string(type);
         std::uint32_t word = 0;
@@ -161,7 +162,7 @@ class Check {
         return count;
     }
 
-    // Name of an entry; reports what is wrong with it, and gives nothing then.
+    // The name of an entry; if something is wrong with it, reports that and returns nothing.
     [[nodiscard]] std::optional<std::string> Entry(std::uint32_t snapshot, std::uint32_t index,
                                                    const std::string& ofType) const {
         const std::string call =
@@ -175,7 +176,7 @@ class Check {
         }
         const auto end = name.begin() + kNameCapacity;
         if (std::any_of(end, name.end(), [](char byte) { return byte != kGuardByte; })) {
-            report.Odd(call + " writes behind the " + std::to_string(kNameCapacity) +
+            report.Odd(call + " writes beyond the " + std::to_string(kNameCapacity) +
                        " bytes that it was given");
             return std::nullopt;
         }
@@ -208,7 +209,7 @@ void CheckVexa(const std::string& path, const std::vector<std::string>& devices,
     check.Version();
     check.TraceThreshold();
     check.DevicesOfAllTypes();
-    check.LookupOfNobody();
+    check.LookupOfUnknownName();
     for (const auto& device : devices) check.Lookup(device);
     check.Uninit();
 }

@@ -11,13 +11,13 @@
 #include <chrono>
 #include <utility>
 
-#include "model/QuietThread.h"
-
 namespace vexa::unit {
+
+using testkit::Descriptor;
 
 namespace {
 
-// How long the thread leaves a client waiting for which the process had no descriptor left.
+// Pause before accepting again when the process has no descriptor left for a client.
 constexpr int kRetryAcceptMs = 100;
 
 void Signal(const Descriptor& event) {
@@ -30,7 +30,7 @@ bool HasHungUp(int client) {
     return ::poll(&entry, 1, 0) == 1;
 }
 
-// Waits for `events` on `client` (-1: for nothing) or the end of the state. False: interrupted.
+// Waits for `events` on `client` (-1: none) or the end of the state. False when a signal arrived.
 bool Await(int client, short events, const Descriptor& ended) {
     std::array<pollfd, 2> entries{{{client, events, 0}, {ended.Get(), POLLIN, 0}}};
     return ::poll(entries.data(), entries.size(), -1) >= 0;
@@ -52,7 +52,7 @@ Cable::Cable(Descriptor listener_, const CableSettings& settings_,
 
 Cable::~Cable() {
     {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         stopping = true;
     }
     Signal(wake);
@@ -66,18 +66,18 @@ std::shared_ptr<Cable::State> Cable::NewState() {
 }
 
 std::shared_ptr<Cable::State> Cable::Current() const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return state;
 }
 
 bool Cable::IsIn() const { return Current()->in; }
 
 void Cable::Change(const CableSettings& settings_) {
-    std::unique_lock lock(mutex);
+    MutexLock lock(mutex);
     settings = settings_;
     const std::uint64_t number = ++wanted;
     Signal(wake);
-    followedChanged.wait(lock, [&] { return followed >= number; });
+    while (followed < number) followedChanged.wait(lock);
 }
 
 CableCounts Cable::Counts() const { return {hosts, bytesFromHost, bytesToHost}; }
@@ -86,7 +86,7 @@ void Cable::Enter(std::shared_ptr<State> next) {
     const bool in = next->in;
     std::shared_ptr<State> last;
     {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         last = std::exchange(state, std::move(next));
     }
     Signal(last->ended);
@@ -102,7 +102,7 @@ void Cable::PlugIn(Descriptor client) {
 }
 
 void Cable::PullOut(const std::shared_ptr<State>& leaving) {
-    // The host sees its end closed at once, though the descriptor lives on while it is in use.
+    // The host sees the end at once, although the descriptor stays open while it is in use.
     ::shutdown(leaving->client.Get(), SHUT_WR);
     auto next = NewState();
     next->former = leaving;
@@ -151,7 +151,7 @@ ssize_t Cable::Write(std::span<const std::uint8_t> bytes) {
     return -1;
 }
 
-void Cable::TakeClient() {
+void Cable::AcceptClient() {
     Descriptor client(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!client) {
         if (errno != EMFILE && errno != ENFILE) return;
@@ -159,10 +159,10 @@ void Cable::TakeClient() {
         ::poll(&woken, 1, kRetryAcceptMs);
         return;
     }
-    if (!mayBeIn) return;  // closes the newcomer
+    if (!mayBeIn) return;  // turns the client away
     const auto current = Current();
     if (current->in) {
-        if (!HasHungUp(current->client.Get())) return;  // one host at a time: closes the newcomer
+        if (!HasHungUp(current->client.Get())) return;  // one host at a time
         PullOut(current);
     }
     PlugIn(std::move(client));
@@ -178,7 +178,7 @@ void Cable::FollowSettings() {
     CableSettings current;
     std::uint64_t number = 0;
     {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         if (followed == wanted) return;
         current = settings;
         number = wanted;
@@ -190,7 +190,7 @@ void Cable::FollowSettings() {
         flaps = 0;
         nextFlap = Clock::now() + std::chrono::milliseconds(flapping.inMs);
     }
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     followed = number;
     followedChanged.notify_all();
 }
@@ -213,12 +213,14 @@ int Cable::UntilNextFlapMs() const {
     return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
 }
 
+bool Cable::IsStopping() {
+    const MutexLock lock(mutex);
+    return stopping;
+}
+
 void Cable::Run() {
     while (true) {
-        {
-            const std::lock_guard lock(mutex);
-            if (stopping) return;
-        }
+        if (IsStopping()) return;
         FollowSettings();
         Flap();
         const auto current = Current();
@@ -230,7 +232,7 @@ void Cable::Run() {
             std::uint64_t signals = 0;
             [[maybe_unused]] const auto got = ::read(wake.Get(), &signals, sizeof signals);
         } else if (entries[1].revents != 0) {
-            TakeClient();
+            AcceptClient();
         } else if (entries[2].revents != 0) {
             PullOut(current);
         }

@@ -1,6 +1,6 @@
 // The cable between the unit and its host: a connection to the host socket. While a client is
-// connected the cable is in; when it leaves the cable is out. Taken out by the settings, the client
-// is hung up on, and others are turned away until the cable may be in again.
+// connected the cable is in; when it disconnects the cable is out. When the settings take the cable
+// out, the client is disconnected and new ones are turned away until the cable may be in again.
 #pragma once
 
 #include <sys/types.h>
@@ -11,90 +11,92 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <thread>
 
-#include "model/Clock.h"
-#include "model/Descriptor.h"
-#include "model/Export.h"
+#include "foundation/Mutex.h"
+#include "model/Runtime.h"
 #include "model/Scenario.h"
+#include "testkit/Descriptor.h"
 
 namespace vexa::unit {
 
+// Statistics of the cable.
 struct CableCounts {
-    std::uint64_t hosts = 0;          // that were plugged in so far
+    std::uint64_t hosts = 0;          // that have plugged in
     std::uint64_t bytesFromHost = 0;  // that were read
     std::uint64_t bytesToHost = 0;
 };
 
-// Read, Write and IsIn from any thread at the same time; no lock is held while one blocks, and
-// nothing is allocated. Two concurrent writes may mix when the client is slow.
+// Any thread; no lock is held while Read or Write blocks, and they allocate nothing. The bytes of
+// two concurrent writes may mix when the client is slow.
 class VEXA_UNIT_EXPORT Cable {
   public:
-    // Takes clients from `listener` on a thread of its own, which calls `changed` whenever the
-    // cable has gone in (true) or out.
-    Cable(Descriptor listener, const CableSettings& settings, std::function<void(bool)> changed);
+    // Accepts clients from `listener` on a thread of its own, which also calls `changed` whenever
+    // the cable has gone in (true) or out.
+    Cable(testkit::Descriptor listener, const CableSettings& settings,
+          std::function<void(bool)> changed);
     Cable(const Cable&) = delete;
     Cable& operator=(const Cable&) = delete;
-    // Nobody may be inside Read or Write any more.
+    // No Read or Write may be running.
     ~Cable();
 
     [[nodiscard]] bool IsIn() const;
 
-    // Returns once the cable is as the settings say. Not from `changed`.
+    // Returns when the cable is as the settings say. Not from `changed`.
     void Change(const CableSettings& settings_);
 
     [[nodiscard]] CableCounts Counts() const;
 
-    // Waits, also with the cable out, until the host has sent something; returns how many bytes
-    // came, or -1 with errno: EINTR when a signal came first. What a host sent before it left can
-    // be read until the next one plugs in.
+    // Waits, also while the cable is out, until the host has sent something. Returns the number of
+    // bytes, or -1 with errno EINTR when a signal arrived first. What a host sent before it
+    // disconnected can be read until the next one plugs in.
     [[nodiscard]] ssize_t Read(std::span<std::uint8_t> into);
 
-    // Sends all of `bytes`, waiting for a slow client. Returns how many went, fewer only when a
-    // signal came; or -1 with errno: ESHUTDOWN when the cable is out or goes out, EINTR when a
-    // signal came before anything had gone.
+    // Sends all of `bytes`, waiting for a slow client. Returns the number of bytes sent, which is
+    // smaller only when a signal arrived; or -1 with errno ESHUTDOWN when the cable is out or goes
+    // out, EINTR when a signal arrived before anything was sent.
     [[nodiscard]] ssize_t Write(std::span<const std::uint8_t> bytes);
 
   private:
-    // The cable between two changes. Readers and writers hold on to the state that they wait on,
-    // so that its descriptors stay open, and are woken by `ended`, which is never reset.
+    // The cable between two changes. Readers and writers share ownership of the state that they
+    // wait on, so that its descriptors stay open, and are woken by `ended`, which is never reset.
     struct State {
-        Descriptor client;              // of the host that is, or was last, plugged in
+        testkit::Descriptor client;     // of the host that is, or was last, plugged in
         std::shared_ptr<State> former;  // with the cable out: the last state with it in
-        Descriptor ended;               // eventfd, readable once the next state has come
+        testkit::Descriptor ended;      // eventfd, readable once there is a newer state
         bool in = false;
     };
 
     [[nodiscard]] static std::shared_ptr<State> NewState();
     [[nodiscard]] std::shared_ptr<State> Current() const;
     void Enter(std::shared_ptr<State> next);
-    void PlugIn(Descriptor client);
+    void PlugIn(testkit::Descriptor client);
     void PullOut(const std::shared_ptr<State>& leaving);
 
-    // All below: the cable's thread.
+    // The cable's thread.
     void Run();
-    void TakeClient();
-    // Takes over settings that have changed.
+    void AcceptClient();
     void FollowSettings();
     // Goes in or out by itself when that is due.
     void Flap();
     void LetIn(bool in);
     [[nodiscard]] int UntilNextFlapMs() const;
+    [[nodiscard]] bool IsStopping();
 
-    const Descriptor listener;
-    const Descriptor wake;  // eventfd, readable once the thread is to end or to follow settings
+    const testkit::Descriptor listener;
+    const testkit::Descriptor
+        wake;  // eventfd, readable when the thread is to end or follow settings
     const std::function<void(bool)> changed;
-    mutable std::mutex mutex;  // guards state, settings, stopping and the two numbers
-    std::shared_ptr<State> state;
-    CableSettings settings;
-    bool stopping = false;
-    std::uint64_t wanted = 1;  // number of the settings
-    std::uint64_t followed = 0;
-    std::condition_variable followedChanged;
+    mutable Mutex mutex;
+    std::shared_ptr<State> state VEXA_GUARDED_BY(mutex);
+    CableSettings settings VEXA_GUARDED_BY(mutex);
+    bool stopping VEXA_GUARDED_BY(mutex) = false;
+    std::uint64_t wanted VEXA_GUARDED_BY(mutex) = 1;    // number of the current settings
+    std::uint64_t followed VEXA_GUARDED_BY(mutex) = 0;  // of those that the thread applied last
+    std::condition_variable_any followedChanged;
 
-    // The thread's own.
+    // The cable's thread only.
     bool mayBeIn = true;
     CableFlapping flapping;
     std::uint32_t flaps = 0;  // how often it has gone out

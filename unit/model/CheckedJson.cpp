@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <nlohmann/json.hpp>
 
 #include "model/Scenario.h"
 
@@ -12,8 +13,8 @@ namespace {
 constexpr std::size_t kMaxQuotedValue = 60;
 constexpr int kMaxDepth = 16;
 
-std::string Quoted(const nlohmann::json& value) {
-    auto text = value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+std::string Quoted(const Json& value) {
+    std::string text = ToLine(value);
     if (text.size() > kMaxQuotedValue) text = text.substr(0, kMaxQuotedValue) + "...";
     return text;
 }
@@ -30,69 +31,51 @@ std::string CheckedJson::PathOf(std::string_view key) const {
 
 void CheckedJson::Complain(std::string_view expected) const {
     const std::string place = path.empty() ? "the whole" : path;
-    throw JsonComplaint(place + ": expected " + std::string(expected) + ", not " + Quoted(value));
+    throw JsonError(place + ": expected " + std::string(expected) + ", not " + Quoted(value));
 }
 
 void CheckedJson::ComplainAbout(std::string_view key, const std::string& what) const {
-    throw JsonComplaint(PathOf(key) + ": " + what);
+    throw JsonError(PathOf(key) + ": " + what);
 }
 
-void CheckedJson::RequireKeys(std::initializer_list<std::string_view> keys) const {
+void CheckedJson::RequireKeys(const std::vector<std::string_view>& keys) const {
     if (!value.is_object()) Complain("an object");
     for (const auto& item : value.items()) {
         if (std::ranges::find(keys, item.key()) != keys.end()) continue;
         std::string known;
-        for (const auto key : keys) known += (known.empty() ? "" : ", ") + std::string(key);
-        ComplainAbout(item.key(), "unknown key; expected one of: " + known);
+        for (const auto key : keys) known.append(known.empty() ? "" : ", ").append(key);
+        ComplainAbout(item.key(), "unknown key; expected " +
+                                      (known.empty() ? "none here" : "one of: " + known));
     }
 }
 
 bool CheckedJson::Has(std::string_view key) const { return value.contains(key); }
 
 CheckedJson CheckedJson::Member(std::string_view key) const {
+    if (!Has(key)) ComplainAbout(key, "is missing");
     return {*value.find(key), PathOf(key)};
 }
 
-CheckedJson CheckedJson::Required(std::string_view key) const {
-    if (!Has(key)) ComplainAbout(key, "is missing");
-    return Member(key);
+bool CheckedJson::Bool() const {
+    if (!value.is_boolean()) Complain("true or false");
+    return value.get<bool>();
 }
 
-void CheckedJson::ReadBool(std::string_view key, bool& into) const {
-    if (!Has(key)) return;
-    const CheckedJson member = Member(key);
-    if (!member.value.is_boolean()) member.Complain("true or false");
-    into = member.value.get<bool>();
-}
-
-void CheckedJson::ReadUnsigned(std::string_view key, std::uint32_t least, std::uint32_t most,
-                               std::uint32_t& into) const {
-    if (Has(key)) into = Member(key).Unsigned(least, most);
-}
-
-void CheckedJson::ReadRate(std::string_view key, double& into) const {
-    if (!Has(key)) return;
-    const CheckedJson member = Member(key);
-    const double rate = member.value.is_number() ? member.value.get<double>() : -1;
+double CheckedJson::Rate() const {
+    const double rate = value.is_number() ? value.get<double>() : -1;
     if (rate < 0 || rate > kMaxRate) {
-        member.Complain(
-            Range("a number per second", "0", std::to_string(static_cast<int>(kMaxRate))));
+        Complain(Range("a number per second", "0", std::to_string(static_cast<int>(kMaxRate))));
     }
-    into = rate;
+    return rate;
 }
 
-void CheckedJson::ReadName(std::string_view key, bool required, std::string& into) const {
+std::string CheckedJson::Name() const {
     const std::string expected = "a name of 1 to " + std::to_string(kMaxDeviceName) + " bytes";
-    if (!Has(key)) {
-        if (!required) return;
-        ComplainAbout(key, "expected " + expected + ", but it is missing");
-    }
-    const CheckedJson member = Member(key);
-    auto name = member.Text(expected);
+    auto name = Text(expected);
     if (name.empty() || name.size() > kMaxDeviceName || name.find('\0') != std::string::npos) {
-        member.Complain(expected);
+        Complain(expected);
     }
-    into = std::move(name);
+    return name;
 }
 
 std::uint32_t CheckedJson::Unsigned(std::uint32_t least, std::uint32_t most) const {
@@ -142,21 +125,25 @@ void CheckedJson::EachMember(
     for (const auto& item : value.items()) visit(item.key(), {item.value(), PathOf(item.key())});
 }
 
-nlohmann::json ParseJson(const std::string& text) {
-    // To write a deeply nested value down again would take more stack than there is.
-    const auto limitDepth = [](int depth, nlohmann::json::parse_event_t, const nlohmann::json&) {
-        if (depth > kMaxDepth) throw JsonComplaint("nested too deeply");
+Json ParseJson(const std::string& text) {
+    // Printing a deeply nested value would overflow the stack.
+    const auto limitDepth = [](int depth, Json::parse_event_t, const Json&) {
+        if (depth > kMaxDepth) throw JsonError("nested too deeply");
         return true;
     };
     try {
-        return nlohmann::json::parse(text, limitDepth);
-    } catch (const nlohmann::json::exception& error) {
-        // The parser's text starts with its name for the error in brackets: nothing to a user.
+        return Json::parse(text, limitDepth);
+    } catch (const Json::exception& error) {
+        // The parser's text starts with a code in brackets that means nothing to a user.
         const std::string what = error.what();
         const auto end = what.find("] ");
-        throw JsonComplaint("not valid JSON: " +
-                            (end == std::string::npos ? what : what.substr(end + 2)));
+        throw JsonError("not valid JSON: " +
+                        (end == std::string::npos ? what : what.substr(end + 2)));
     }
+}
+
+std::string ToLine(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }
 
 }  // namespace vexa::unit

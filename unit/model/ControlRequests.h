@@ -1,4 +1,4 @@
-// What can be asked of a running unit.
+// The requests that a running unit carries out.
 #pragma once
 
 #include <string>
@@ -7,9 +7,9 @@ namespace vexa::unit {
 
 class Unit;
 
-// Carries out the request in `line`, a JSON object, and returns the answer as one line of JSON:
-// {"ok": true, ...}, or {"ok": false, "error": "..."} when the request cannot be carried out. The
-// requests are those of docs/virtual-unit.md. Any thread.
+// Carries out the request in `line`, a JSON object as docs/virtual-unit.md describes them. Returns
+// the answer as one line of JSON: {"ok": true, ...}, or {"ok": false, "error": "..."} when the
+// request cannot be carried out. Any thread.
 [[nodiscard]] std::string AnswerControlLine(Unit& unit, const std::string& line);
 
 }  // namespace vexa::unit

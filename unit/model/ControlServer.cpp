@@ -9,9 +9,9 @@
 #include <cstdint>
 #include <utility>
 
-#include "model/QuietThread.h"
-
 namespace vexa::unit {
+
+using testkit::Descriptor;
 
 namespace {
 
@@ -19,8 +19,8 @@ constexpr std::size_t kMaxLine = 65536;
 constexpr std::size_t kMaxUnsent = 4U << 20U;
 constexpr std::size_t kMaxClients = 64;
 
-// How long the thread leaves a client waiting for which the process had no descriptor left.
-constexpr int kRetryAcceptMs = 100;
+// Pause before accepting again when the process has no descriptor left for a client.
+constexpr int kRetryMs = 100;
 
 bool IsTemporary(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
@@ -37,14 +37,14 @@ ControlServer::~ControlServer() {
     thread.join();
 }
 
-void ControlServer::TakeClient() {
+void ControlServer::AcceptClient() {
     Descriptor connection(
         ::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (connection && clients.size() < kMaxClients) {
         clients.push_back({.connection = std::move(connection)});
     } else if (!connection && (errno == EMFILE || errno == ENFILE)) {
         pollfd stopped{stop.Get(), POLLIN, 0};
-        ::poll(&stopped, 1, kRetryAcceptMs);
+        ::poll(&stopped, 1, kRetryMs);
     }
 }
 
@@ -96,7 +96,7 @@ void ControlServer::Serve(Client& client, short events) const {
     if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 && !client.isEnding) Read(client);
     Write(client);
     if (client.isEnding && client.unsent.empty()) client.isGone = true;
-    // Still waiting for its answers, it can hang up unnoticed but for this.
+    // It may disconnect while answers wait for it, and nothing is read that would show it.
     if (client.isEnding && (events & (POLLHUP | POLLERR)) != 0) client.isGone = true;
 }
 
@@ -117,7 +117,7 @@ void ControlServer::Run() {
             }
         }
         std::erase_if(clients, [](const Client& client) { return client.isGone; });
-        if (entries[1].revents != 0) TakeClient();
+        if (entries[1].revents != 0) AcceptClient();
     }
 }
 

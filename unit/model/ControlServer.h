@@ -1,4 +1,4 @@
-// The socket on which a running unit is controlled: a request a line, and an answer a line.
+// The socket that controls a running unit: one request per line, one answer per line.
 #pragma once
 
 #include <functional>
@@ -6,43 +6,43 @@
 #include <thread>
 #include <vector>
 
-#include "model/Descriptor.h"
-#include "model/Export.h"
+#include "model/Runtime.h"
+#include "testkit/Descriptor.h"
 
 namespace vexa::unit {
 
-// Serves several clients at a time. One that sends a line without an end, or takes no answers, is
-// hung up on.
+// Serves several clients at a time. One that sends an overlong line, or does not read its answers,
+// is disconnected.
 class VEXA_UNIT_EXPORT ControlServer {
   public:
-    // The answer to a line; neither has the line feed.
+    // Returns the answer to a line, both without the line feed.
     using Answer = std::function<std::string(const std::string& line)>;
 
-    // Takes clients from `listener` on a thread of its own, which also calls `answer`.
-    ControlServer(Descriptor listener, Answer answer);
+    // Accepts clients from `listener` on a thread of its own, which also calls `answer`.
+    ControlServer(testkit::Descriptor listener, Answer answer);
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
     ~ControlServer();
 
   private:
     struct Client {
-        Descriptor connection;
-        std::string received = {};  // without the lines that have been answered
+        testkit::Descriptor connection;
+        std::string received = {};  // the part that has not been answered
         std::string unsent = {};    // answers
-        bool isEnding = false;      // nothing is read from it any more
-        bool isGone = false;
+        bool isEnding = false;      // nothing more is read from it
+        bool isGone = false;        // to be removed
     };
 
-    // All below: the server's thread.
+    // The server's thread.
     void Run();
-    void TakeClient();
+    void AcceptClient();
     void Serve(Client& client, short events) const;
     void Read(Client& client) const;
     void AnswerLines(Client& client) const;
     static void Write(Client& client);
 
-    const Descriptor listener;
-    const Descriptor stop;  // eventfd, readable once the thread is to end
+    const testkit::Descriptor listener;
+    const testkit::Descriptor stop;  // eventfd, readable when the thread is to end
     const Answer answer;
     std::vector<Client> clients;
     std::thread thread;

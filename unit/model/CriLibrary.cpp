@@ -1,27 +1,177 @@
 #include "model/CriLibrary.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace vexa::unit {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// Session commands that change what an application does, or ask for it.
+constexpr std::uint32_t kActivate = 1;
+constexpr std::uint32_t kDeactivate = 2;
+constexpr std::uint32_t kQuery = 3;
+
+}  // namespace
+
+Application::Application(std::string name_, ApplicationSettings settings_)
+    : name(std::move(name_)), settings(std::move(settings_)) {}
+
+ApplicationSettings Application::Settings() const {
+    const MutexLock lock(mutex);
+    return settings;
+}
+
+void Application::Change(const ApplicationSettings& settings_) {
+    const MutexLock lock(mutex);
+    settings = settings_;
+}
+
+std::int32_t Application::Perform(std::uint32_t command) {
+    const MutexLock lock(mutex);
+    const auto replaced = settings.responses.find(command);
+    if (command == kQuery && replaced == settings.responses.end()) return settings.holds ? 1 : 0;
+    const std::int32_t response = replaced == settings.responses.end() ? 1 : replaced->second;
+    if (response == 1 && command == kActivate) settings.holds = true;
+    if (response == 1 && command == kDeactivate) settings.holds = false;
+    return response;
+}
+
+CriSession::CriSession(Application& application_, CriCallback callback_, void* context_,
+                       Observer observer_)
+    : application(application_),
+      callback(callback_),
+      context(context_),
+      observer(std::move(observer_)) {}
+
+void CriSession::Start() {
+    const MutexLock lock(mutex);
+    StartIntervals();
+    thread = StartQuietThread([self = shared_from_this()] { self->Run(); });
+}
+
+bool CriSession::Command(std::uint32_t command) {
+    const auto settings = application.Settings();
+    if (settings.refuses.contains(command)) return false;
+    if (settings.silent) return true;
+    {
+        const MutexLock lock(mutex);
+        pending.push_back({Clock::now() + milliseconds(settings.delayMs), command});
+    }
+    changed.notify_one();
+    return true;
+}
+
+void CriSession::FollowSettings() {
+    {
+        const MutexLock lock(mutex);
+        StartIntervals();
+    }
+    changed.notify_one();
+}
+
+void CriSession::Terminate() {
+    std::thread ending;
+    {
+        const MutexLock lock(mutex);
+        stopping = true;
+        ending = std::move(thread);
+    }
+    changed.notify_one();
+    AwaitEnd(std::move(ending));
+}
+
+void CriSession::StartIntervals() {
+    intervals.clear();
+    const TimePoint now = Clock::now();
+    for (const auto& stray : application.Settings().strays) {
+        if (stray.when != StrayTime::kInterval) continue;
+        intervals.push_back({now + milliseconds(stray.intervalMs), stray});
+    }
+}
+
+TimePoint CriSession::NextDue() const {
+    TimePoint due = pending.empty() ? kNever : pending.front().due;
+    for (const auto& interval : intervals) due = std::min(due, interval.due);
+    return due;
+}
+
+std::vector<CriSession::Answer> CriSession::AwaitAnswers() {
+    MutexLock lock(mutex);
+    while (!stopping) {
+        const TimePoint due = NextDue();
+        if (due <= Clock::now()) return RemoveDueAnswers();
+        if (due == kNever) {
+            changed.wait(lock);
+        } else {
+            changed.wait_until(lock, due);
+        }
+    }
+    return {};
+}
+
+std::vector<CriSession::Answer> CriSession::RemoveDueAnswers() {
+    std::vector<Answer> answers;
+    const TimePoint now = Clock::now();
+    if (!pending.empty() && pending.front().due <= now) {
+        AddAnswer(pending.front().command, answers);
+        pending.pop_front();
+    }
+    for (auto& [due, stray] : intervals) {
+        if (due > now) continue;
+        answers.push_back({stray.command, stray.response});
+        due = now + milliseconds(stray.intervalMs);
+    }
+    return answers;
+}
+
+void CriSession::AddAnswer(std::uint32_t command, std::vector<Answer>& into) {
+    const auto strays = application.Settings().strays;
+    const auto addStrays = [&](StrayTime when) {
+        for (const auto& stray : strays) {
+            if (stray.when == when) into.push_back({stray.command, stray.response});
+        }
+    };
+    addStrays(StrayTime::kBeforeAnswer);
+    into.push_back({command, application.Perform(command)});
+    addStrays(StrayTime::kAfterAnswer);
+}
+
+bool CriSession::IsStopping() {
+    const MutexLock lock(mutex);
+    return stopping;
+}
+
+void CriSession::Run() {
+    while (!IsStopping()) {
+        for (const auto& [command, response] : AwaitAnswers()) {
+            if (IsStopping()) return;
+            observer(application.Name(), command, response);
+            callback(context, command, response);
+        }
+    }
+}
 
 CriLibrary::CriLibrary(const ApplicationMap& settings) {
     for (const auto& [name, behaviour] : settings) applications.try_emplace(name, name, behaviour);
 }
 
 std::uint32_t CriLibrary::Init(std::string_view name, CriCallback callback, void* context,
-                               CriSession::Witness witness) {
+                               CriSession::Observer observer) {
     const auto application = applications.find(name);
     if (application == applications.end() || application->second.Settings().initFails) return 0;
     const auto session =
-        std::make_shared<CriSession>(application->second, callback, context, std::move(witness));
-    const std::lock_guard lock(mutex);
+        std::make_shared<CriSession>(application->second, callback, context, std::move(observer));
+    const MutexLock lock(mutex);
     sessions[++lastHandle] = session;
     session->Start();
     return lastHandle;
 }
 
 std::shared_ptr<CriSession> CriLibrary::Find(std::uint32_t session) const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     const auto found = sessions.find(session);
     return found == sessions.end() ? nullptr : found->second;
 }
@@ -31,17 +181,17 @@ bool CriLibrary::Command(std::uint32_t session, std::uint32_t command) {
     return found && found->Command(command);
 }
 
-std::optional<std::string> CriLibrary::Terminate(std::uint32_t session) {
+bool CriLibrary::Terminate(std::uint32_t session) {
     std::shared_ptr<CriSession> ending;
     {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         const auto found = sessions.find(session);
-        if (found == sessions.end()) return std::nullopt;
+        if (found == sessions.end()) return false;
         ending = std::move(found->second);
         sessions.erase(found);
     }
     ending->Terminate();
-    return ending->ApplicationName();
+    return true;
 }
 
 std::optional<std::string> CriLibrary::ApplicationName(std::uint32_t session) const {
@@ -60,7 +210,7 @@ void CriLibrary::ChangeApplication(std::string_view name, const ApplicationSetti
     const auto application = applications.find(name);
     if (application == applications.end()) return;
     application->second.Change(settings);
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     for (const auto& [handle, session] : sessions) {
         if (session->ApplicationName() == name) session->FollowSettings();
     }

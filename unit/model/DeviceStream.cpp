@@ -1,16 +1,14 @@
 #include "model/DeviceStream.h"
 
 #include <utility>
-
-#include "model/QuietThread.h"
-
 namespace vexa::unit {
 
 namespace {
-// Writes that wait for a device whose callback does not return; beyond, they are refused.
-constexpr std::size_t kMaxWaitingWrites = 1000;
 
-// The block as a fault makes it: grown by repetition or cut to size, with a byte inverted.
+// Requests that may be queued while the callback does not return; further writes are refused.
+constexpr std::size_t kMaxQueuedRequests = 1000;
+
+// The block as faults alter it: repeated or cut to a given size, with a byte inverted.
 std::vector<std::uint8_t> Spoiled(std::span<const std::uint8_t> block, const FaultEffect& effect) {
     std::vector<std::uint8_t> spoiled(effect.blockSize.value_or(block.size()));
     for (std::size_t at = 0; at < spoiled.size(); ++at) spoiled[at] = block[at % block.size()];
@@ -20,6 +18,7 @@ std::vector<std::uint8_t> Spoiled(std::span<const std::uint8_t> block, const Fau
     }
     return spoiled;
 }
+
 }  // namespace
 
 DeviceStream::DeviceStream(std::string deviceName_, std::unique_ptr<DeviceModel> model_,
@@ -31,16 +30,16 @@ DeviceStream::DeviceStream(std::string deviceName_, std::unique_ptr<DeviceModel>
       context(context_) {}
 
 void DeviceStream::Start() {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     thread = StartQuietThread([self = shared_from_this()] { self->Run(); });
 }
 
 bool DeviceStream::Write(std::span<const std::uint8_t> bytes) {
     {
-        const std::lock_guard lock(mutex);
-        if (unplugged || requests.size() >= kMaxWaitingWrites) return false;
+        const MutexLock lock(mutex);
+        if (unplugged || requests.size() >= kMaxQueuedRequests) return false;
         requests.push_back([written = std::vector(bytes.begin(), bytes.end())](
-                               DeviceModel& device) { device.Take(written, Clock::now()); });
+                               DeviceModel& device) { device.Receive(written, Clock::now()); });
     }
     ++writes;
     changed.notify_one();
@@ -49,7 +48,7 @@ bool DeviceStream::Write(std::span<const std::uint8_t> bytes) {
 
 void DeviceStream::Change(std::function<void(DeviceModel&)> change) {
     {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         requests.push_back(std::move(change));
     }
     changed.notify_one();
@@ -57,7 +56,7 @@ void DeviceStream::Change(std::function<void(DeviceModel&)> change) {
 
 void DeviceStream::Unplug() {
     {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         unplugged = true;
     }
     changed.notify_one();
@@ -66,7 +65,7 @@ void DeviceStream::Unplug() {
 void DeviceStream::Close(bool sendsData) {
     std::thread ending;
     {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         stopping = true;
         lastBlock = sendsData && thread.get_id() != std::this_thread::get_id();
         ending = std::move(thread);
@@ -78,13 +77,15 @@ void DeviceStream::Close(bool sendsData) {
 StreamCounts DeviceStream::Counts() const { return {blocks, taken, refused, writes}; }
 
 DeviceStream::Requests DeviceStream::AwaitWork() {
-    std::unique_lock lock(mutex);
-    const auto woken = [this] { return stopping || !requests.empty(); };
-    const TimePoint due = unplugged ? kNever : model->NextDue();
-    if (due == kNever) {
-        changed.wait(lock, woken);
-    } else {
-        changed.wait_until(lock, due, woken);
+    MutexLock lock(mutex);
+    while (!stopping && requests.empty()) {
+        const TimePoint due = unplugged ? kNever : model->NextDue();
+        if (due <= Clock::now()) break;
+        if (due == kNever) {
+            changed.wait(lock);
+        } else {
+            changed.wait_until(lock, due);
+        }
     }
     return std::exchange(requests, {});
 }
@@ -102,7 +103,7 @@ void DeviceStream::Deliver(std::span<const std::uint8_t> block) {
     ++(accepted ? taken : refused);
 }
 
-void DeviceStream::DeliverWhatIsDue() {
+void DeviceStream::DeliverDueBlocks() {
     while (!stopping && !unplugged) {
         const TimePoint now = Clock::now();
         if (model->NextDue() > now) return;
@@ -110,16 +111,17 @@ void DeviceStream::DeliverWhatIsDue() {
     }
 }
 
+bool DeviceStream::SendsLastBlock() {
+    const MutexLock lock(mutex);
+    return lastBlock && !unplugged;
+}
+
 void DeviceStream::Run() {
     while (!stopping) {
         for (const auto& request : AwaitWork()) request(*model);
-        DeliverWhatIsDue();
+        DeliverDueBlocks();
     }
-    const bool sends = [this] {
-        const std::lock_guard lock(mutex);
-        return lastBlock && !unplugged;
-    }();
-    if (sends) Deliver(model->Next(Clock::now()));
+    if (SendsLastBlock()) Deliver(model->Next(Clock::now()));
 }
 
 }  // namespace vexa::unit

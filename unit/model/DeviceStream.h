@@ -1,5 +1,5 @@
-// An open stream: a thread that runs one device's model and hands what it sends to the read
-// callback.
+// An open stream: a thread that runs one device's model and passes what the device sends to the
+// read callback.
 #pragma once
 
 #include <atomic>
@@ -7,52 +7,52 @@
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "VEXA.h"
-#include "model/DeviceModel.h"
-#include "model/FaultTable.h"
+#include "foundation/Mutex.h"
+#include "model/Devices.h"
+#include "model/Faults.h"
 
 namespace vexa::unit {
 
-// What went through a stream.
+// Statistics of a stream.
 struct StreamCounts {
-    std::uint64_t blocks = 0;  // handed to the callback
-    std::uint64_t taken = 0;
-    std::uint64_t refused = 0;
+    std::uint64_t blocks = 0;   // passed to the callback
+    std::uint64_t taken = 0;    // accepted by it
+    std::uint64_t refused = 0;  // refused by it
     std::uint64_t writes = 0;
 };
 
+// Any thread, except where it is said.
 class DeviceStream : public std::enable_shared_from_this<DeviceStream> {
   public:
-    // `faults`, which must outlive the stream, are those of the blocks that the device sends.
+    // `faults`, which must outlive the stream, are applied to the blocks that the device sends.
     DeviceStream(std::string deviceName, std::unique_ptr<DeviceModel> model, FaultTable& faults,
                  VEXA_ReadCallback callback, void* context);
 
     // Starts the thread, which keeps the stream alive while it runs. Once, before all else.
     void Start();
 
-    // Hands `bytes` to the device without waiting for it. False when the device is gone, or when
-    // too much is waiting already. Any thread.
+    // Queues `bytes` for the device. False when the device is detached or the queue is full.
     [[nodiscard]] bool Write(std::span<const std::uint8_t> bytes);
 
-    // Lets the stream's thread change the model. Any thread.
+    // Lets the stream's thread change the model.
     void Change(std::function<void(DeviceModel&)> change);
 
-    // The device has been taken away: it sends nothing any more. Any thread.
+    // The device has been detached: it sends nothing any more.
     void Unplug();
     [[nodiscard]] bool IsUnplugged() const { return unplugged; }
 
-    // Ends the thread. Once it has returned no callback runs, except the one that called it. With
-    // `sendsData` the device sends one more block before the end, whether it is due or not; not
-    // when a callback of this stream closes it. Once.
+    // Ends the thread. Afterwards no callback runs, except the one that called this. With
+    // `sendsData` the device sends one more block before the end, due or not; not when a callback
+    // of this stream closes it. Once.
     void Close(bool sendsData = false);
 
-    // Any thread; complete after Close().
+    // Complete after Close().
     [[nodiscard]] StreamCounts Counts() const;
 
     [[nodiscard]] const std::string& DeviceName() const { return deviceName; }
@@ -61,11 +61,13 @@ class DeviceStream : public std::enable_shared_from_this<DeviceStream> {
     using Request = std::function<void(DeviceModel&)>;
     using Requests = std::deque<Request>;
 
+    // The stream's thread.
     void Run();
-    // Waits until something was written, the model has something to send or the stream is to end.
+    // Waits for requests, a block that is due or the end of the stream. Returns the requests.
     [[nodiscard]] Requests AwaitWork();
-    void DeliverWhatIsDue();
+    void DeliverDueBlocks();
     void Deliver(std::span<const std::uint8_t> block);
+    [[nodiscard]] bool SendsLastBlock();
 
     const std::string deviceName;
     const std::unique_ptr<DeviceModel> model;  // the stream's thread only
@@ -73,13 +75,14 @@ class DeviceStream : public std::enable_shared_from_this<DeviceStream> {
     const VEXA_ReadCallback callback;
     void* const context;
 
-    std::mutex mutex;  // guards requests, lastBlock and thread
-    std::condition_variable changed;
-    Requests requests;
-    bool lastBlock = false;  // one more is to be sent at the end
-    std::thread thread;
-    std::atomic<bool> stopping = false;   // set under mutex
-    std::atomic<bool> unplugged = false;  // set under mutex
+    Mutex mutex;
+    std::condition_variable_any changed;
+    Requests requests VEXA_GUARDED_BY(mutex);
+    bool lastBlock VEXA_GUARDED_BY(mutex) = false;  // one more is to be sent at the end
+    std::thread thread VEXA_GUARDED_BY(mutex);
+    // Set under the mutex, so that no wait misses them; read without it.
+    std::atomic<bool> stopping = false;
+    std::atomic<bool> unplugged = false;
 
     std::atomic<std::uint64_t> blocks = 0;
     std::atomic<std::uint64_t> taken = 0;

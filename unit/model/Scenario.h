@@ -1,19 +1,19 @@
-// What a virtual unit consists of, and how each piece behaves. Plain values with the built-in
-// default unit as their initial state.
+// The settings of a virtual unit, as plain values. Their defaults describe the built-in unit. What
+// each is called, and which values it may have, is in Settings.cpp.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
-#include "model/Fault.h"
+#include "model/Faults.h"
 
 namespace vexa::unit {
 
-// Device types of the device-access library that the model treats specially; every other type is
-// modelled as a byte stream.
+// Device types that the model treats specially; all others are modelled as byte streams.
 inline constexpr std::uint32_t kDaqType = 5;
 [[nodiscard]] constexpr bool IsHidType(std::uint32_t type) { return type >= 2 && type <= 4; }
 
@@ -56,10 +56,10 @@ struct DaqSettings {
 
 enum class StrayTime { kInterval, kBeforeAnswer, kAfterAnswer };
 
-// An answer that nobody asked for.
+// An answer without a request.
 struct Stray {
     StrayTime when = StrayTime::kInterval;
-    std::uint32_t intervalMs = 1000;  // of kInterval
+    std::uint32_t intervalMs = 1000;  // for kInterval
     std::uint32_t command = 0;
     std::int32_t response = 0;
 
@@ -70,9 +70,9 @@ struct Stray {
 struct ApplicationSettings {
     bool holds = false;  // drives the hardware when the unit starts
     std::uint32_t delayMs = 20;
-    bool silent = false;                                   // takes commands and never answers
-    std::set<std::uint32_t> refuses = {};                  // commands that it does not take
-    std::map<std::uint32_t, std::int32_t> responses = {};  // answers that replace its own
+    bool silent = false;                                   // accepts commands but never answers
+    std::set<std::uint32_t> refuses = {};                  // commands that it refuses
+    std::map<std::uint32_t, std::int32_t> responses = {};  // fixed responses, by command
     bool initFails = false;
     std::vector<Stray> strays = {};
 
@@ -87,20 +87,27 @@ struct LibrarySettings {
     bool operator==(const LibrarySettings&) const = default;
 };
 
-// The cable goes in and out by itself.
+// A cable that goes out and in by itself.
 struct CableFlapping {
     std::uint32_t inMs = 1000;
     std::uint32_t outMs = 1000;
-    std::uint32_t times = 0;  // how often it goes out; 0: for good
+    std::uint32_t times = 0;  // how often it goes out; 0: without end
 
     bool operator==(const CableFlapping&) const = default;
 };
 
 struct CableSettings {
-    bool in = true;                         // hosts can plug in; otherwise they are turned away
+    bool in = true;                         // false: hosts are turned away
     std::optional<CableFlapping> flapping;  // starts with the cable in
 
     bool operator==(const CableSettings&) const = default;
+};
+
+// The USB node.
+struct NodeSettings {
+    bool present = true;
+
+    bool operator==(const NodeSettings&) const = default;
 };
 
 using ApplicationMap = std::map<std::string, ApplicationSettings, std::less<>>;
@@ -114,7 +121,7 @@ struct Scenario {
     std::vector<DeviceSettings> devices = DefaultDevices();
     DaqSettings daq;
     ApplicationMap applications = DefaultApplications();
-    bool nodePresent = true;
+    NodeSettings node;
     LibrarySettings library;
     CableSettings cable;
     std::vector<Fault> faults;

@@ -12,11 +12,12 @@
 #include <variant>
 
 #include "model/ControlRequests.h"
-#include "model/ScenarioFile.h"
-#include "model/UnitEnvironment.h"
+#include "model/Settings.h"
 #include "model/UnitSocket.h"
 
 namespace vexa::unit {
+
+using testkit::Descriptor;
 
 namespace {
 
@@ -35,7 +36,7 @@ Scenario ScenarioOfEnvironment() {
     return std::get<Scenario>(std::move(loaded));
 }
 
-// The listening socket that vexa-unit made; or one made here, for a program started without it.
+// The listening socket that vexa-unit made, or a new one for a program started without vexa-unit.
 Descriptor SocketOfEnvironment(const char* variable, std::string (*pathIn)(const std::string&)) {
     const std::string folder = Variable(kFolderVariable);
     if (folder.empty()) {
@@ -50,7 +51,7 @@ Descriptor SocketOfEnvironment(const char* variable, std::string (*pathIn)(const
     return Descriptor(inherited);
 }
 
-// The service would go on as on a broken unit, and its user look for the fault in the wrong place.
+// Ends the process when `make` fails: otherwise the service would run as if on a broken unit.
 template <typename Make>
 auto OrEndProcess(Make make) {
     try {
@@ -64,13 +65,13 @@ auto OrEndProcess(Make make) {
 }  // namespace
 
 Unit::Unit(const Scenario& scenario)
-    : journal(Variable(kJournalVariable)),
+    : calls(Variable(kCallLogVariable)),
       faults(scenario.faults),
       vexa(scenario, faults),
       cri(scenario.applications),
-      nodePresent(scenario.nodePresent),
+      nodePresent(scenario.node.present),
       cableSettings(scenario.cable) {
-    if (Variable(kFolderVariable).empty()) return;  // a program that was started without a unit
+    if (Variable(kFolderVariable).empty()) return;  // started without a unit
     control = std::make_unique<ControlServer>(
         SocketOfEnvironment(kControlSocketVariable, ControlSocketPath),
         [this](const std::string& line) { return AnswerControlLine(*this, line); });
@@ -84,12 +85,12 @@ Unit& Unit::Instance() {
 
 Cable& Unit::HostCable() {
     if (Cable* const served = servedCable) return *served;
-    const std::lock_guard lock(cableMutex);
+    const MutexLock lock(cableMutex);
     if (cable == nullptr) {
-        cable = OrEndProcess([this] {
+        cable = OrEndProcess([this, settings = cableSettings] {
             return std::make_unique<Cable>(
-                SocketOfEnvironment(kHostSocketVariable, HostSocketPath), cableSettings,
-                [this](bool in) { journal.Write(in ? "cable in" : "cable out"); });
+                SocketOfEnvironment(kHostSocketVariable, HostSocketPath), settings,
+                [this](bool in) { calls.Write(in ? "cable in" : "cable out"); });
         });
         servedCable = cable.get();
     }
@@ -97,13 +98,13 @@ Cable& Unit::HostCable() {
 }
 
 void Unit::ChangeCable(const CableSettings& settings) {
-    const std::lock_guard lock(cableMutex);
+    const MutexLock lock(cableMutex);
     cableSettings = settings;
     if (cable != nullptr) cable->Change(settings);
 }
 
 CableState Unit::StateOfCable() const {
-    const std::lock_guard lock(cableMutex);
+    const MutexLock lock(cableMutex);
     if (cable == nullptr) return {cableSettings, false, {}};
     return {cableSettings, cable->IsIn(), cable->Counts()};
 }

@@ -4,14 +4,13 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 
+#include "foundation/Mutex.h"
 #include "model/Cable.h"
+#include "model/CallLog.h"
 #include "model/ControlServer.h"
 #include "model/CriLibrary.h"
-#include "model/Export.h"
-#include "model/FaultTable.h"
-#include "model/Journal.h"
+#include "model/Faults.h"
 #include "model/Scenario.h"
 #include "model/VexaLibrary.h"
 
@@ -25,38 +24,38 @@ struct CableState {
 
 class VEXA_UNIT_EXPORT Unit {
   public:
-    // The process's unit, made on first use as the environment describes it (UnitEnvironment.h).
-    // What makes that impossible is printed on standard error and ends the process with status 2.
-    // Never destroyed: threads may use it until the process is gone.
+    // The process's unit, made on first use as the environment describes it (UnitSocket.h). When
+    // that fails, the reason is printed on standard error and the process ends with status 2. Never
+    // destroyed: threads may use it until the process ends. Any thread.
     [[nodiscard]] static Unit& Instance();
 
-    [[nodiscard]] const Journal& CallJournal() const { return journal; }
+    [[nodiscard]] const CallLog& Calls() const { return calls; }
     [[nodiscard]] FaultTable& Faults() { return faults; }
     [[nodiscard]] VexaLibrary& Vexa() { return vexa; }
     [[nodiscard]] CriLibrary& Cri() { return cri; }
 
     [[nodiscard]] bool HasNode() const { return nodePresent; }
-    // Any thread. Hosts are served from the first call on: of the processes that a program may
-    // start, only the one that uses the node may take them.
+    // Hosts are served from the first call on: of all the processes that the program may start,
+    // only the one that uses the node may accept them.
     [[nodiscard]] Cable& HostCable();
 
-    // Of the cable, also before it is served.
+    // These also work before hosts are served.
     void ChangeCable(const CableSettings& settings);
     [[nodiscard]] CableState StateOfCable() const;
 
   private:
     explicit Unit(const Scenario& scenario);
 
-    const Journal journal;
+    const CallLog calls;
     FaultTable faults;
     VexaLibrary vexa;
     CriLibrary cri;
     const bool nodePresent;
-    mutable std::mutex cableMutex;  // guards cableSettings and the making of the cable
-    CableSettings cableSettings;
-    std::atomic<Cable*> servedCable = nullptr;  // that of `cable`, once there is one
-    std::unique_ptr<Cable> cable;               // set once, under cableMutex
-    std::unique_ptr<ControlServer> control;     // last: its thread uses all the others; may be none
+    mutable Mutex cableMutex;
+    CableSettings cableSettings VEXA_GUARDED_BY(cableMutex);
+    std::unique_ptr<Cable> cable VEXA_GUARDED_BY(cableMutex);  // set once
+    std::atomic<Cable*> servedCable = nullptr;                 // the same, for use without the lock
+    std::unique_ptr<ControlServer> control;  // last, as its thread uses all the others; may be none
 };
 
 }  // namespace vexa::unit

@@ -10,6 +10,8 @@
 
 namespace vexa::unit {
 
+using testkit::Descriptor;
+
 namespace {
 
 constexpr int kBacklog = 16;
@@ -31,19 +33,8 @@ const sockaddr* Generic(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
-Descriptor NewSocket(const std::string& path) {
-    Descriptor made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (!made) Fail(path, std::strerror(errno));
-    return made;
-}
-
-// A refused connection tells that the socket's owner is gone.
-void RemoveIfStale(const std::string& path, const sockaddr_un& address) {
-    const Descriptor probe = NewSocket(path);
-    if (::connect(probe.Get(), Generic(address), sizeof address) == 0 || errno == EAGAIN) {
-        Fail(path, "another unit is running there");
-    }
-    if (errno == ECONNREFUSED) ::unlink(path.c_str());
+Descriptor NewSocket(int flags) {
+    return Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
 }
 
 }  // namespace
@@ -58,13 +49,25 @@ Descriptor ListenOn(const std::string& path) {
         Fail(path, "the path may have " + std::to_string(sizeof address->sun_path - 1) +
                        " characters at most");
     }
-    RemoveIfStale(path, *address);
-    Descriptor listener = NewSocket(path);
-    if (::bind(listener.Get(), Generic(*address), sizeof *address) != 0 ||
+    if (!RemoveStaleSocket(path)) Fail(path, "another unit is running there");
+    Descriptor listener = NewSocket(SOCK_NONBLOCK);
+    if (!listener || ::bind(listener.Get(), Generic(*address), sizeof *address) != 0 ||
         ::listen(listener.Get(), kBacklog) != 0) {
         Fail(path, std::strerror(errno));
     }
     return listener;
+}
+
+bool RemoveStaleSocket(const std::string& path) {
+    const auto address = AddressOf(path);
+    if (!address) return true;
+    const Descriptor probe = NewSocket(SOCK_NONBLOCK);
+    if (::connect(probe.Get(), Generic(*address), sizeof *address) == 0 || errno == EAGAIN) {
+        return false;
+    }
+    // A refused connection shows that the socket's owner is gone.
+    if (errno == ECONNREFUSED) ::unlink(path.c_str());
+    return true;
 }
 
 bool ListensOn(int descriptor, const std::string& path) {
@@ -84,7 +87,7 @@ Descriptor ConnectTo(const std::string& path) {
         errno = ENAMETOOLONG;
         return {};
     }
-    Descriptor made(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    Descriptor made = NewSocket(0);
     if (::connect(made.Get(), Generic(*address), sizeof *address) != 0) return {};
     return made;
 }

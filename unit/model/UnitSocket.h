@@ -1,24 +1,36 @@
-// The sockets in a unit's folder: one on which hosts plug in, one that controls the unit.
+// How a unit is found: the sockets in its folder, and the variables by which vexa-unit passes the
+// unit's description to the stand-ins in the program's process.
 #pragma once
 
 #include <string>
 
-#include "model/Descriptor.h"
+#include "testkit/Descriptor.h"
 
 namespace vexa::unit {
 
+inline constexpr char kFolderVariable[] = "VEXA_UNIT_DIR";                // folder of the sockets
+inline constexpr char kScenarioVariable[] = "VEXA_UNIT_SCENARIO";         // file; unset: built in
+inline constexpr char kCallLogVariable[] = "VEXA_UNIT_JOURNAL";           // file; unset: none
+inline constexpr char kHostSocketVariable[] = "VEXA_UNIT_HOST_FD";        // inherited, listening
+inline constexpr char kControlSocketVariable[] = "VEXA_UNIT_CONTROL_FD";  // inherited, listening
+
+// The socket into which hosts plug, and the one that controls the unit.
 [[nodiscard]] std::string HostSocketPath(const std::string& folder);
 [[nodiscard]] std::string ControlSocketPath(const std::string& folder);
 
-// Listens on the socket at `path`, in place of one that nobody listens on any more. Throws
-// std::runtime_error, with a line for the user, when the path is too long for a socket, when
-// another unit listens there, or when the socket cannot be made.
-[[nodiscard]] Descriptor ListenOn(const std::string& path);
+// Creates a listening socket at `path`, replacing a stale one. Throws std::runtime_error, with a
+// line for the user, when the path is too long for a socket, when another unit listens there, or
+// when the socket cannot be made.
+[[nodiscard]] testkit::Descriptor ListenOn(const std::string& path);
+
+// Removes the socket at `path` if it is stale: nothing listens on it any more. False when something
+// does.
+bool RemoveStaleSocket(const std::string& path);
 
 // Whether `descriptor` is open and listens on the socket at `path`.
 [[nodiscard]] bool ListensOn(int descriptor, const std::string& path);
 
-// A connection to the socket at `path`; owns nothing, with errno, when there is none to be had.
-[[nodiscard]] Descriptor ConnectTo(const std::string& path);
+// Connects to the socket at `path`. On failure the descriptor is empty and errno is set.
+[[nodiscard]] testkit::Descriptor ConnectTo(const std::string& path);
 
 }  // namespace vexa::unit

@@ -1,11 +1,6 @@
 #include "model/VexaLibrary.h"
 
 #include <algorithm>
-
-#include "model/DaqBoard.h"
-#include "model/HidSensor.h"
-#include "model/StreamSensor.h"
-
 namespace vexa::unit {
 
 VexaLibrary::VexaLibrary(const Scenario& scenario, FaultTable& faults_)
@@ -13,7 +8,7 @@ VexaLibrary::VexaLibrary(const Scenario& scenario, FaultTable& faults_)
 
 std::uint32_t VexaLibrary::Init() {
     if (settings.initFails) return 0;
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     libraries.push_back(++lastHandle);
     return lastHandle;
 }
@@ -21,7 +16,7 @@ std::uint32_t VexaLibrary::Init() {
 Status VexaLibrary::Uninit(std::uint32_t library) {
     std::vector<std::shared_ptr<DeviceStream>> closing;
     {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         if (std::erase(libraries, library) == 0) return Status::kBadHandle;
         const auto ofLibrary = [library](const auto& item) {
             return item.second.library == library;
@@ -38,7 +33,7 @@ Status VexaLibrary::Uninit(std::uint32_t library) {
 }
 
 bool VexaLibrary::IsOpen(std::uint32_t library) const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return IsOpenLocked(library);
 }
 
@@ -47,7 +42,7 @@ bool VexaLibrary::IsOpenLocked(std::uint32_t library) const {
 }
 
 std::optional<std::uint32_t> VexaLibrary::TypeOf(std::string_view name) const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (name == daq.name) return kDaqType;
     const auto device = std::ranges::find(devices, name, &DeviceSettings::name);
     if (device == devices.end()) return std::nullopt;
@@ -78,7 +73,7 @@ std::unique_ptr<DeviceModel> VexaLibrary::MakeModel(std::string_view name) const
 }
 
 std::optional<Snapshot> VexaLibrary::OpenSnapshot(std::uint32_t library, std::uint32_t type) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (!IsOpenLocked(library)) return std::nullopt;
     auto names = AttachedNames(type);
     const Snapshot snapshot{++lastHandle, static_cast<std::uint32_t>(names.size()), listSignature};
@@ -88,7 +83,7 @@ std::optional<Snapshot> VexaLibrary::OpenSnapshot(std::uint32_t library, std::ui
 
 Status VexaLibrary::SnapshotEntry(std::uint32_t snapshot, std::uint32_t index,
                                   std::string& name) const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     const auto list = lists.find(snapshot);
     if (list == lists.end()) return Status::kBadHandle;
     if (index >= list->second.names.size()) return Status::kNoSuchEntry;
@@ -97,13 +92,13 @@ Status VexaLibrary::SnapshotEntry(std::uint32_t snapshot, std::uint32_t index,
 }
 
 Status VexaLibrary::CloseSnapshot(std::uint32_t snapshot) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return lists.erase(snapshot) != 0 ? Status::kOk : Status::kBadHandle;
 }
 
 std::uint32_t VexaLibrary::OpenStream(std::uint32_t library, std::string_view name,
                                       VEXA_ReadCallback callback, void* context) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (!IsOpenLocked(library) || !IsAttached(name)) return 0;
     const auto stream = std::make_shared<DeviceStream>(std::string(name), MakeModel(name), faults,
                                                        callback, context);
@@ -113,7 +108,7 @@ std::uint32_t VexaLibrary::OpenStream(std::uint32_t library, std::string_view na
 }
 
 std::shared_ptr<DeviceStream> VexaLibrary::FindStream(std::uint32_t stream) const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     const auto found = streams.find(stream);
     return found == streams.end() ? nullptr : found->second.stream;
 }
@@ -128,7 +123,7 @@ Status VexaLibrary::Write(std::uint32_t stream, std::span<const std::uint8_t> by
 std::optional<ClosedStream> VexaLibrary::CloseStream(std::uint32_t stream, bool sendsData) {
     std::shared_ptr<DeviceStream> closing;
     {
-        const std::lock_guard lock(mutex);
+        const MutexLock lock(mutex);
         const auto found = streams.find(stream);
         if (found == streams.end()) return std::nullopt;
         closing = std::move(found->second.stream);
@@ -145,36 +140,36 @@ std::optional<std::string> VexaLibrary::StreamDeviceName(std::uint32_t stream) c
 }
 
 std::uint32_t VexaLibrary::OpenDevice(std::uint32_t library, std::string_view name) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (!IsOpenLocked(library) || !IsAttached(name)) return 0;
     openDevices[++lastHandle] = {library, std::string(name)};
     return lastHandle;
 }
 
 Status VexaLibrary::CloseDevice(std::uint32_t device) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return openDevices.erase(device) != 0 ? Status::kOk : Status::kBadHandle;
 }
 
 std::optional<std::string> VexaLibrary::OpenDeviceName(std::uint32_t device) const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     const auto found = openDevices.find(device);
     if (found == openDevices.end()) return std::nullopt;
     return found->second.name;
 }
 
 std::vector<DeviceSettings> VexaLibrary::Devices() const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return devices;
 }
 
 DaqSettings VexaLibrary::Daq() const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return daq;
 }
 
 std::vector<StreamState> VexaLibrary::Streams() const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     std::vector<StreamState> states;
     states.reserve(streams.size());
     for (const auto& [handle, opened] : streams) {
@@ -191,7 +186,7 @@ void VexaLibrary::UnplugStreams(std::string_view deviceName) const {
 }
 
 void VexaLibrary::ChangeDevice(const DeviceSettings& device) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     ++listSignature;
     const auto known = std::ranges::find(devices, device.name, &DeviceSettings::name);
     if (known == devices.end()) {
@@ -203,7 +198,7 @@ void VexaLibrary::ChangeDevice(const DeviceSettings& device) {
 }
 
 void VexaLibrary::ChangeDaq(const DaqSettings& settings_) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (daq.present != settings_.present) ++listSignature;
     daq = settings_;
     if (!daq.present) UnplugStreams(daq.name);

@@ -1,10 +1,10 @@
-// The device-access library's behaviour: handles, device lists, streams. Its C face is VEXA.cpp.
+// The behaviour of the device-access library: handles, device lists, streams. VEXA.cpp is its C
+// interface.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "VEXA.h"
+#include "foundation/Mutex.h"
 #include "model/DeviceStream.h"
-#include "model/Export.h"
 #include "model/Scenario.h"
 
 namespace vexa::unit {
@@ -26,7 +26,7 @@ enum class Status : std::int32_t {
     kNoSuchDevice = -3,
     kNoSuchEntry = -4,
     kBusy = -5,
-    kFailed = -6,  // by a fault that was set
+    kFailed = -6,  // a fault that was set
 };
 
 struct Snapshot {
@@ -49,7 +49,7 @@ struct StreamState {
     bool unplugged = false;
 };
 
-// All calls from any thread. Handles of all kinds come from one counter and are never used again.
+// Any thread. Handles of all kinds come from one counter and are never reused.
 class VEXA_UNIT_EXPORT VexaLibrary {
   public:
     // `faults` must outlive the library.
@@ -57,7 +57,7 @@ class VEXA_UNIT_EXPORT VexaLibrary {
 
     // Handle of a library; 0 when the scenario makes it fail.
     [[nodiscard]] std::uint32_t Init();
-    // Also closes all that was opened through this handle.
+    // Also closes everything that was opened through this handle.
     [[nodiscard]] Status Uninit(std::uint32_t library);
     [[nodiscard]] bool IsOpen(std::uint32_t library) const;
     [[nodiscard]] const LibrarySettings& Settings() const { return settings; }
@@ -75,25 +75,25 @@ class VEXA_UNIT_EXPORT VexaLibrary {
     [[nodiscard]] std::uint32_t OpenStream(std::uint32_t library, std::string_view name,
                                            VEXA_ReadCallback callback, void* context);
     [[nodiscard]] Status Write(std::uint32_t stream, std::span<const std::uint8_t> bytes);
-    // Nothing when there is no such stream. No lock is held while its callback is waited for. With
-    // `sendsData` the device sends a block meanwhile.
+    // Nothing when there is no such stream. No lock is held while it waits for the callback. With
+    // `sendsData` the device sends one more block meanwhile.
     [[nodiscard]] std::optional<ClosedStream> CloseStream(std::uint32_t stream, bool sendsData);
     [[nodiscard]] std::optional<std::string> StreamDeviceName(std::uint32_t stream) const;
 
-    // A device without a stream, attached ones only; 0 when there is none.
+    // Handle of the attached device of that name, without a stream; 0 when there is none.
     [[nodiscard]] std::uint32_t OpenDevice(std::uint32_t library, std::string_view name);
     [[nodiscard]] Status CloseDevice(std::uint32_t device);
     [[nodiscard]] std::optional<std::string> OpenDeviceName(std::uint32_t device) const;
 
-    // What the unit consists of now.
+    // The current state of the unit's devices.
     [[nodiscard]] std::vector<DeviceSettings> Devices() const;
     [[nodiscard]] DaqSettings Daq() const;
     [[nodiscard]] std::vector<StreamState> Streams() const;
 
-    // Adds the device, or changes the one of its name: attached or taken away, and described anew
-    // for streams opened from now on. Streams to a device that is taken away stay open.
+    // Adds the device, or replaces the settings of the one with its name: whether it is attached,
+    // and how it behaves on streams opened from now on. Streams to a detached device stay open.
     void ChangeDevice(const DeviceSettings& device);
-    // Likewise; all but the name, which stays. Open streams follow.
+    // Replaces the board's settings except its name. Open streams follow.
     void ChangeDaq(const DaqSettings& settings);
 
   private:
@@ -110,26 +110,27 @@ class VEXA_UNIT_EXPORT VexaLibrary {
         std::string name;
     };
 
-    // These need the mutex held.
-    [[nodiscard]] bool IsOpenLocked(std::uint32_t library) const;
-    [[nodiscard]] bool IsAttached(std::string_view name) const;
-    [[nodiscard]] std::vector<std::string> AttachedNames(std::uint32_t type) const;
-    [[nodiscard]] std::unique_ptr<DeviceModel> MakeModel(std::string_view name) const;
-    void UnplugStreams(std::string_view deviceName) const;
+    [[nodiscard]] bool IsOpenLocked(std::uint32_t library) const VEXA_REQUIRES(mutex);
+    [[nodiscard]] bool IsAttached(std::string_view name) const VEXA_REQUIRES(mutex);
+    [[nodiscard]] std::vector<std::string> AttachedNames(std::uint32_t type) const
+        VEXA_REQUIRES(mutex);
+    [[nodiscard]] std::unique_ptr<DeviceModel> MakeModel(std::string_view name) const
+        VEXA_REQUIRES(mutex);
+    void UnplugStreams(std::string_view deviceName) const VEXA_REQUIRES(mutex);
 
     [[nodiscard]] std::shared_ptr<DeviceStream> FindStream(std::uint32_t stream) const;
 
     const LibrarySettings settings;
     FaultTable& faults;
-    mutable std::mutex mutex;  // guards all below; never held during a callback
-    std::vector<DeviceSettings> devices;
-    DaqSettings daq;
-    std::uint32_t lastHandle = 0;
-    std::uint32_t listSignature = 1;  // of the state of the device list
-    std::vector<std::uint32_t> libraries;
-    std::map<std::uint32_t, OpenedList> lists;
-    std::map<std::uint32_t, OpenedStream> streams;
-    std::map<std::uint32_t, OpenedDevice> openDevices;
+    mutable Mutex mutex;  // never held during a callback
+    std::vector<DeviceSettings> devices VEXA_GUARDED_BY(mutex);
+    DaqSettings daq VEXA_GUARDED_BY(mutex);
+    std::uint32_t lastHandle VEXA_GUARDED_BY(mutex) = 0;
+    std::uint32_t listSignature VEXA_GUARDED_BY(mutex) = 1;  // changes with the list of devices
+    std::vector<std::uint32_t> libraries VEXA_GUARDED_BY(mutex);
+    std::map<std::uint32_t, OpenedList> lists VEXA_GUARDED_BY(mutex);
+    std::map<std::uint32_t, OpenedStream> streams VEXA_GUARDED_BY(mutex);
+    std::map<std::uint32_t, OpenedDevice> openDevices VEXA_GUARDED_BY(mutex);
 };
 
 }  // namespace vexa::unit

@@ -14,7 +14,7 @@
 namespace vexa::unit {
 
 namespace {
-constexpr int kPatienceMs = 10000;
+constexpr int kAnswerTimeoutMs = 10000;
 }
 
 ControlClient::ControlClient(const std::string& folder_)
@@ -33,7 +33,7 @@ void ControlClient::Send(std::string line) const {
     }
 }
 
-std::string ControlClient::Receive() {
+std::string ControlClient::ReceiveLine() {
     while (true) {
         if (const auto end = received.find('\n'); end != std::string::npos) {
             std::string line = received.substr(0, end);
@@ -41,7 +41,7 @@ std::string ControlClient::Receive() {
             return line;
         }
         pollfd entry{connection.Get(), POLLIN, 0};
-        if (::poll(&entry, 1, kPatienceMs) == 0) {
+        if (::poll(&entry, 1, kAnswerTimeoutMs) == 0) {
             throw UserError("the unit in " + folder +
                             " does not answer; its program may not have used a library yet");
         }
@@ -54,7 +54,7 @@ std::string ControlClient::Receive() {
 
 std::string ControlClient::Ask(const std::string& line) {
     Send(line);
-    return Receive();
+    return ReceiveLine();
 }
 
 }  // namespace vexa::unit

@@ -3,27 +3,27 @@
 
 #include <string>
 
-#include "model/Descriptor.h"
+#include "testkit/Descriptor.h"
 
 namespace vexa::unit {
 
+// One thread at a time.
 class ControlClient {
   public:
     // Throws UserError when no unit runs in `folder`.
     explicit ControlClient(const std::string& folder);
 
-    // Sends a request, a line without its line feed, and waits for the answer to it, likewise.
-    // Throws UserError when the unit ends or does not answer.
+    // Sends a request and returns the answer, both as a line without the line feed. Throws
+    // UserError when the unit ends or does not answer.
     [[nodiscard]] std::string Ask(const std::string& line);
 
   private:
     void Send(std::string line) const;
-    // Waits for the next line.
-    [[nodiscard]] std::string Receive();
+    [[nodiscard]] std::string ReceiveLine();
 
     const std::string folder;
-    Descriptor connection;
-    std::string received;  // beyond the lines that were returned
+    testkit::Descriptor connection;
+    std::string received;  // the part after the lines that were returned
 };
 
 }  // namespace vexa::unit

@@ -1,12 +1,13 @@
 #include "run/ControlCommand.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <iostream>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
-#include "model/UnitEnvironment.h"
-#include "run/AnswerText.h"
+#include "model/CheckedJson.h"
+#include "model/UnitSocket.h"
 #include "run/ControlClient.h"
 #include "run/UserError.h"
 
@@ -14,20 +15,17 @@ namespace vexa::unit {
 
 namespace {
 
-using nlohmann::json;
-using nlohmann::ordered_json;
-
 constexpr int kRefusedStatus = 1;
 
-// A value as typed: JSON, or else text. A name may look like JSON and is none.
-json ValueOf(const std::string& key, const std::string& text) {
+// A value as typed: JSON if it is valid, else text. A name is text even if it looks like JSON.
+Json ValueOf(const std::string& key, const std::string& text) {
     if (key == "for") return text;
-    json value = json::parse(text, nullptr, false);
-    return value.is_discarded() ? json(text) : value;
+    Json value = Json::parse(text, nullptr, false);
+    return value.is_discarded() ? Json(text) : value;
 }
 
-json RequestOf(const ControlRequest& request) {
-    json members = json::object();
+Json RequestOf(const ControlRequest& request) {
+    Json members = Json::object();
     for (const auto& setting : request.settings) {
         const auto sign = setting.find('=');
         if (sign == 0 || sign == std::string::npos) {
@@ -36,20 +34,101 @@ json RequestOf(const ControlRequest& request) {
         const std::string key = setting.substr(0, sign);
         members[key] = ValueOf(key, setting.substr(sign + 1));
     }
-    json made = members;
+    Json made = members;
     if (!request.inside.empty()) made = {{request.inside, std::move(members)}};
     for (const auto& [key, text] : request.texts) made[key] = text;
     made["request"] = request.verb;
     return made;
 }
 
-ordered_json ParseAnswer(const std::string& line) {
-    auto answer = ordered_json::parse(line, nullptr, false);
+Json ParseAnswer(const std::string& line) {
+    auto answer = Json::parse(line, nullptr, false);
     if (!answer.is_object()) throw UserError("the unit's answer is no JSON object: " + line);
     return answer;
 }
 
-bool IsGood(const ordered_json& answer) { return answer.value("ok", false); }
+constexpr std::size_t kNameWidth = 16;
+
+std::string Padded(std::string text, std::size_t width) {
+    text.resize(std::max(text.size(), width), ' ');
+    return text;
+}
+
+// A value without the quotes of JSON, and whole numbers without a fraction.
+std::string Text(const Json& value) {
+    if (value.is_string()) return value.get<std::string>();
+    std::string text = ToLine(value);
+    if (value.is_number_float() && text.ends_with(".0")) text.resize(text.size() - 2);
+    return text;
+}
+
+// "key value, key value"; for booleans "key" or "not key". Empty lists and objects are left out.
+std::string Members(const Json& object, std::initializer_list<std::string_view> without) {
+    std::string text;
+    for (const auto& [key, value] : object.items()) {
+        if (std::ranges::find(without, key) != without.end()) continue;
+        if (value.is_structured() && value.empty()) continue;
+        if (!text.empty()) text += ", ";
+        if (value.is_boolean()) {
+            text.append(value.get<bool>() ? "" : "not ").append(key);
+        } else {
+            text.append(key).append(" ").append(Text(value));
+        }
+    }
+    return text;
+}
+
+std::string FaultLine(const Json& fault) {
+    return Text(fault["id"]) + "  " + Text(fault["call"]) + " " + Text(fault["action"]) + "  " +
+           Members(fault, {"id", "call", "action"}) + "\n";
+}
+
+std::string CallLines(const Json& calls, bool unusedToo) {
+    std::string text;
+    for (const auto& [name, count] : calls.items()) {
+        if (count == 0 && !unusedToo) continue;
+        text += "  " + Padded(name, 40) + Text(count) + "\n";
+    }
+    return text;
+}
+
+// A heading, and a line for each element of a list of named objects, or each member of an object.
+std::string Section(std::string_view heading, const Json& list, const char* nameKey) {
+    std::string text = std::string(heading) + "\n";
+    for (const auto& [key, item] : list.items()) {
+        const std::string name = list.is_array() ? Text(item[nameKey]) : key;
+        text += "  " + Padded(name, kNameWidth) + "  " + Members(item, {nameKey}) + "\n";
+    }
+    return list.empty() ? text + "  none\n" : text;
+}
+
+std::string StateText(const Json& state) {
+    std::string text = "cable     " + Members(state["cable"], {}) + "\n";
+    text += "daq       " + Members(state["daq"], {}) + "\n";
+    text += Section("devices", state["devices"], "name");
+    text += Section("streams", state["streams"], "device");
+    text += Section("applications", state["applications"], "name");
+    text += "faults\n";
+    for (const auto& fault : state["faults"]) text += "  " + FaultLine(fault);
+    if (state["faults"].empty()) text += "  none\n";
+    return text + "calls\n" + CallLines(state["calls"], false);
+}
+
+// A unit's answer for people to read; empty for one that only says that all went well.
+std::string AnswerText(const Json& answer) {
+    if (answer.contains("devices")) return StateText(answer);
+    if (answer.contains("calls")) return CallLines(answer["calls"], true);
+    if (answer.contains("id")) return "fault " + Text(answer["id"]) + "\n";
+    if (answer.contains("cleared")) return Text(answer["cleared"]) + " cleared\n";
+    std::string text;
+    if (answer.contains("faults")) {
+        for (const auto& fault : answer["faults"]) text += FaultLine(fault);
+        if (text.empty()) text = "no faults\n";
+    }
+    return text;
+}
+
+bool IsGood(const Json& answer) { return answer.value("ok", false); }
 
 int SendRaw(ControlClient& unit, const std::string& raw) {
     int status = 0;
@@ -63,9 +142,14 @@ int SendRaw(ControlClient& unit, const std::string& raw) {
         send(raw);
         return status;
     }
-    for (std::string line; std::getline(std::cin, line);) {
-        if (!line.empty()) send(line);
+    char* line = nullptr;
+    std::size_t capacity = 0;
+    for (ssize_t size = 0; (size = ::getline(&line, &capacity, stdin)) > 0;) {
+        std::string_view text(line, static_cast<std::size_t>(size));
+        if (text.ends_with('\n')) text.remove_suffix(1);
+        if (!text.empty()) send(std::string(text));
     }
+    std::free(line);
     return status;
 }
 
@@ -77,12 +161,11 @@ std::string DefaultUnitFolder() {
 }
 
 int ControlUnit(const ControlOptions& options) {
-    const json request = options.raw.empty() ? RequestOf(options.request) : json();
+    const Json request = options.raw.empty() ? RequestOf(options.request) : Json();
     ControlClient unit(options.folder);
     if (!options.raw.empty()) return SendRaw(unit, options.raw);
 
-    const std::string line =
-        unit.Ask(request.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    const std::string line = unit.Ask(ToLine(request));
     const auto answer = ParseAnswer(line);
     if (options.json) {
         std::printf("%s\n", line.c_str());

@@ -1,82 +1,182 @@
 #include "run/RunCommand.h"
 
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 #include <variant>
 
-#include "model/Journal.h"
-#include "model/ScenarioFile.h"
-#include "model/UnitEnvironment.h"
-#include "run/Program.h"
-#include "run/ScenarioFiles.h"
-#include "run/StandIns.h"
+#include "model/Settings.h"
+#include "model/UnitSocket.h"
 #include "run/UnitFolder.h"
 #include "run/UserError.h"
+#include "testkit/ChildProcess.h"
 
 namespace vexa::unit {
 
 namespace {
 
-constexpr char kService[] = "VEXADevMgr";
+namespace fs = std::filesystem;
 
-std::string Absolute(const std::string& path) {
-    return path.empty() ? "" : std::filesystem::absolute(path).string();
+constexpr char kService[] = "VEXADevMgr";
+constexpr char kNodeLibrary[] = "libzt-usb.so";
+
+// `first` in front of the current value of the variable.
+std::string Before(const std::string& first, const char* variable, char separator) {
+    const char* const rest = std::getenv(variable);
+    return rest == nullptr || *rest == '\0' ? first : first + separator + rest;
 }
 
-void CheckScenario(const std::string& path) {
-    if (path.empty()) return;
-    const auto loaded = LoadScenario(path);
+fs::path ProgramFolder() {
+    std::error_code error;
+    return fs::read_symlink("/proc/self/exe", error).parent_path();
+}
+
+// "lib" beside the program's folder, as built, or their own folder, as installed.
+fs::path StandInFolder() {
+    const auto above = ProgramFolder().parent_path();
+    const std::array candidates = {above / "lib", above / VEXA_STAND_IN_FOLDER};
+    for (const auto& candidate : candidates) {
+        std::error_code error;
+        if (fs::exists(candidate / kNodeLibrary, error)) return candidate;
+    }
+    throw UserError("cannot find " + std::string(kNodeLibrary) + " in " + candidates[0].string() +
+                    " or " + candidates[1].string());
+}
+
+constexpr char kEnding[] = ".json";
+constexpr char kSchemaEnding[] = ".schema";  // before that
+
+fs::path ScenarioFolder() {
+    return ProgramFolder().parent_path() / "share" / "vexa-unit" / "scenarios";
+}
+
+bool Exists(const fs::path& path) {
+    std::error_code error;
+    return fs::exists(path, error);
+}
+
+Scenario Load(const std::string& path) {
+    auto loaded = LoadScenario(path);
     if (const auto* error = std::get_if<ScenarioError>(&loaded)) {
         throw UserError("scenario " + error->text);
     }
+    return std::get<Scenario>(std::move(loaded));
 }
 
-void CheckJournal(const std::string& path) {
-    try {
-        const Journal journal(path);
-    } catch (const std::system_error& error) {
-        throw UserError("journal " + std::string(error.what()));
+// The scenario file that `text` stands for: a shipped one of that name, or else a path.
+std::string FindScenario(const std::string& text) {
+    if (text.empty()) return text;
+    const bool maybeName = text.find('/') == std::string::npos;
+    const fs::path shipped = ScenarioFolder() / (text + kEnding);
+    if (maybeName && Exists(shipped)) return shipped;
+    if (maybeName && !Exists(text)) {
+        throw UserError("scenario " + text + ": there is no file of that name, and no scenario; " +
+                        "vexa-unit scenarios lists them");
     }
+    return fs::absolute(text);
+}
+
+void CheckCallLog(const std::string& path) {
+    if (path.empty()) return;
+    std::FILE* const file = std::fopen(path.c_str(), "ae");
+    if (file == nullptr) throw UserError("journal " + path + ": " + std::strerror(errno));
+    std::fclose(file);
 }
 
 // Beside this program, as built; in the folder for services, as installed, which need not be in
 // PATH; else anywhere in PATH.
 std::string FindService() {
-    const std::filesystem::path here = ProgramFolder();
+    const fs::path here = ProgramFolder();
     for (const auto& folder : {here, here.parent_path() / VEXA_SERVICE_FOLDER}) {
         std::error_code error;
-        if (std::filesystem::exists(folder / kService, error))
-            return FindProgram(folder / kService);
+        if (fs::exists(folder / kService, error)) return folder / kService;
     }
-    return FindProgram(kService);
+    return kService;
+}
+
+// The signals that end the program, and the one that tells of its end. They are blocked, and
+// received by PassSignalsOn.
+sigset_t PassedSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGCHLD}) sigaddset(&signals, signal);
+    return signals;
+}
+
+// Passes signals on to the program until it has ended; returns its exit status.
+int PassSignalsOn(testkit::ChildProcess& program) {
+    const sigset_t passed = PassedSignals();
+    for (;;) {
+        siginfo_t signal{};
+        if (sigwaitinfo(&passed, &signal) < 0) continue;
+        // A key press reaches every process of the terminal's foreground group anyway.
+        const bool isFromTerminal = signal.si_code == SI_KERNEL;
+        if (signal.si_signo != SIGCHLD && !isFromTerminal) program.Signal(signal.si_signo);
+        if (const auto status = program.Status()) return *status;
+    }
+}
+
+testkit::ChildProcess Start(const testkit::ProcessCall& call) {
+    try {
+        return testkit::ChildProcess(call);
+    } catch (const std::system_error& error) {
+        throw UserError("cannot run " + call.command.front() + ": " + error.code().message());
+    }
 }
 
 }  // namespace
 
+std::vector<std::pair<std::string, std::string>> ShippedScenarios() {
+    std::error_code error;
+    fs::directory_iterator folder(ScenarioFolder(), error);
+    if (error) throw UserError("cannot read " + ScenarioFolder().string() + ": " + error.message());
+    std::vector<std::pair<std::string, std::string>> scenarios;
+    for (const auto& entry : folder) {
+        const fs::path name = entry.path().stem();
+        if (entry.path().extension() != kEnding || name.extension() == kSchemaEnding) continue;
+        scenarios.emplace_back(name, Load(entry.path()).description);
+    }
+    std::ranges::sort(scenarios);
+    return scenarios;
+}
+
 int RunOnUnit(const RunOptions& options) {
     const std::string scenario = FindScenario(options.scenario);
-    CheckScenario(scenario);
-    const bool isService = options.program.empty();
+    if (!scenario.empty()) (void)Load(scenario);
+    const std::string standIns = StandInFolder();
 
-    ProgramCall call;
-    call.path = isService ? FindService() : FindProgram(options.program.front());
-    call.arguments = isService ? std::vector<std::string>{kService} : options.program;
-    PreferStandIns(StandInFolder(), call.changes);
-    call.changes[kScenarioVariable] = scenario;
-    call.changes[kJournalVariable] = Absolute(options.journal);
-
+    const sigset_t passed = PassedSignals();
+    sigset_t formerMask;
+    sigprocmask(SIG_BLOCK, &passed, &formerMask);
     UnitFolder folder(options.folder);
-    CheckJournal(options.journal);  // it may be in that folder
-    call.changes[kFolderVariable] = folder.Path();
-    call.changes[kHostSocketVariable] = std::to_string(folder.HostSocket());
-    call.changes[kControlSocketVariable] = std::to_string(folder.ControlSocket());
-    call.inherited = {folder.HostSocket(), folder.ControlSocket()};
+    CheckCallLog(options.callLog);  // it may be in that folder
 
-    Program program(call);
+    testkit::ProcessCall call;
+    call.command = options.program.empty() ? std::vector{FindService()} : options.program;
+    call.output = testkit::ProcessCall::Output::kShared;
+    call.keepIgnored = true;
+    call.mask = &formerMask;
+    call.inherited = {folder.HostSocket(), folder.ControlSocket()};
+    call.environment = {
+        {"LD_LIBRARY_PATH", Before(standIns, "LD_LIBRARY_PATH", ':')},
+        {"LD_PRELOAD", Before(standIns + "/" + kNodeLibrary, "LD_PRELOAD", ':')},
+        {kScenarioVariable, scenario},
+        {kCallLogVariable, options.callLog.empty() ? "" : fs::absolute(options.callLog).string()},
+        {kFolderVariable, folder.Path()},
+        {kHostSocketVariable, std::to_string(folder.HostSocket())},
+        {kControlSocketVariable, std::to_string(folder.ControlSocket())}};
+
+    testkit::ChildProcess program = Start(call);
     folder.ReleaseSockets();
-    std::fprintf(stderr, "vexa-unit: host socket %s\n", folder.HostSocketPath().c_str());
-    return program.Wait();
+    std::fprintf(stderr, "vexa-unit: host socket %s\n", HostSocketPath(folder.Path()).c_str());
+    return PassSignalsOn(program);
 }
 
 }  // namespace vexa::unit

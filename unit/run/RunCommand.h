@@ -1,7 +1,8 @@
-// "vexa-unit run": a program on a virtual unit.
+// "vexa-unit run" and "vexa-unit scenarios".
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vexa::unit {
@@ -9,12 +10,17 @@ namespace vexa::unit {
 struct RunOptions {
     std::string scenario;              // name or file; empty: the built-in one
     std::string folder;                // empty: a temporary one
-    std::string journal;               // file; empty: none
+    std::string callLog;               // file; empty: none
     std::vector<std::string> program;  // with its arguments; empty: the service
 };
 
-// Runs the program to its end; returns its exit status. Throws UserError when something that the
-// user gave cannot be used; nothing is left behind then either.
+// Runs the program on a virtual unit to its end; returns its exit status, or 128 plus the number of
+// the signal that ended it. Throws UserError when an option cannot be used; nothing is left behind
+// then either.
 [[nodiscard]] int RunOnUnit(const RunOptions& options);
+
+// The scenarios that come with vexa-unit: names and descriptions, sorted by name. Throws UserError
+// when they cannot be read.
+[[nodiscard]] std::vector<std::pair<std::string, std::string>> ShippedScenarios();
 
 }  // namespace vexa::unit

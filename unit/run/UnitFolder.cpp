@@ -2,29 +2,102 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
+#include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 
 #include "model/UnitSocket.h"
 #include "run/UserError.h"
+#include "testkit/ChildProcess.h"
 
 namespace vexa::unit {
 
+using testkit::Descriptor;
+
 namespace {
 
-// Whoever tidies up after a killed unit holds the lock for an instant.
-constexpr int kLockTries = 30;
-constexpr unsigned kLockPauseUs = 10000;
+// A watcher holds the lock for an instant; a killed unit may hold it a little longer.
+constexpr int kStartLockTries = 30;
+constexpr int kWatcherTries = 100;
+constexpr unsigned kPauseUs = 10000;
+
+constexpr int kPipe = 0;  // the watcher's only descriptor
 
 [[noreturn]] void Fail(const std::string& path, const char* why) {
     throw UserError("cannot make the folder " + path + ": " + why);
 }
 
+// False, with errno, when the lock cannot be had.
+bool LockWithin(int tries, const Descriptor& folder) {
+    for (; ::flock(folder.Get(), LOCK_EX | LOCK_NB) != 0; --tries) {
+        if (errno != EWOULDBLOCK || tries == 0) return false;
+        ::usleep(kPauseUs);
+    }
+    return true;
+}
+
+// Whether `path` is the folder that is open, and not a later one of the same name.
+bool IsFolder(const std::string& path, const Descriptor& folder) {
+    struct stat open {};
+    struct stat named {};
+    return ::fstat(folder.Get(), &open) == 0 && ::lstat(path.c_str(), &named) == 0 &&
+           open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+}
+
+// After the unit was killed. Its lock goes with it, unless a new unit has taken the folder over:
+// then everything in it belongs to that one.
+void TidyUp(const std::string& path, bool made) {
+    const Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!folder || !LockWithin(kWatcherTries, folder)) return;
+    // The program dies with the unit, but perhaps a moment later.
+    for (const auto& socket : {HostSocketPath(path), ControlSocketPath(path)}) {
+        for (int tries = kWatcherTries; tries > 0 && !RemoveStaleSocket(socket); --tries) {
+            ::usleep(kPauseUs);
+        }
+    }
+    if (made) ::rmdir(path.c_str());
+}
+
+int Watch(const std::string& folder, bool made, int pipe) {
+    ::setsid();
+    // Not the unit's name, so that whoever kills units by name spares the watcher.
+    ::prctl(PR_SET_NAME, "vexa-watch");
+    for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) ::signal(signal, SIG_IGN);
+    [[maybe_unused]] const int moved = ::chdir("/");  // keeps no file system busy either
+    ::dup2(pipe, kPipe);
+    ::close_range(kPipe + 1, ~0U, 0);
+    char dismissed = 0;
+    ssize_t got = 0;
+    do {
+        got = ::read(kPipe, &dismissed, 1);
+    } while (got < 0 && errno == EINTR);
+    if (got == 0) TidyUp(folder, made);
+    return EXIT_SUCCESS;
+}
+
 }  // namespace
+
+Watcher::Watcher(const std::string& folder, bool made) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) return;
+    const Descriptor reading(ends[0]);
+    alive = Descriptor(ends[1]);
+    process = testkit::StartApart([&] { return Watch(folder, made, reading.Get()); });
+}
+
+Watcher::~Watcher() {
+    if (process < 0) return;
+    const char word = 1;
+    [[maybe_unused]] const auto written = ::write(alive.Get(), &word, 1);
+    ::waitpid(process, nullptr, 0);
+}
 
 UnitFolder::UnitFolder(const std::string& path_) {
     if (path_.empty()) {
@@ -39,15 +112,10 @@ UnitFolder::UnitFolder(const std::string& path_) {
         RemoveAll();
         throw;
     }
-    watcher = std::make_unique<Watcher>(WatchedFolder{path, made, sockets});
+    watcher = std::make_unique<Watcher>(path, made);
 }
 
-UnitFolder::~UnitFolder() {
-    RemoveAll();
-    watcher->Dismiss();
-}
-
-std::string UnitFolder::HostSocketPath() const { return vexa::unit::HostSocketPath(path); }
+UnitFolder::~UnitFolder() { RemoveAll(); }
 
 void UnitFolder::MakeTemporary() {
     const char* const parent = std::getenv("TMPDIR");
@@ -70,20 +138,17 @@ bool UnitFolder::Lock() {
     lock = Descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!lock && errno == ENOENT) return false;
     if (!lock) throw UserError("cannot open the folder " + path + ": " + std::strerror(errno));
-    for (int tries = kLockTries; ::flock(lock.Get(), LOCK_EX | LOCK_NB) != 0; --tries) {
-        if (errno != EWOULDBLOCK) {
-            throw UserError("cannot lock the folder " + path + ": " + std::strerror(errno));
-        }
-        if (tries == 0) throw UserError("another unit is running in " + path);
-        ::usleep(kLockPauseUs);
+    if (!LockWithin(kStartLockTries, lock)) {
+        if (errno == EWOULDBLOCK) throw UserError("another unit is running in " + path);
+        throw UserError("cannot lock the folder " + path + ": " + std::strerror(errno));
     }
-    return IsSameFile(path, FileOf(lock.Get()));
+    return IsFolder(path, lock);
 }
 
 void UnitFolder::Listen() {
     try {
-        hostSocket = ListenOn(HostSocketPath());
-        sockets.push_back(HostSocketPath());
+        hostSocket = ListenOn(HostSocketPath(path));
+        sockets.push_back(HostSocketPath(path));
         controlSocket = ListenOn(ControlSocketPath(path));
         sockets.push_back(ControlSocketPath(path));
     } catch (const std::runtime_error& error) {
@@ -92,8 +157,8 @@ void UnitFolder::Listen() {
 }
 
 void UnitFolder::ReleaseSockets() {
-    hostSocket = Descriptor();
-    controlSocket = Descriptor();
+    hostSocket.Close();
+    controlSocket.Close();
 }
 
 void UnitFolder::RemoveAll() const {

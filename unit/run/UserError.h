@@ -1,11 +1,11 @@
-// What a user did wrong, as one line that says what and why.
+// An error for the user: one line that says what went wrong and why.
 #pragma once
 
 #include <stdexcept>
 
 namespace vexa::unit {
 
-inline constexpr int kUserErrorStatus = 2;  // exit status of vexa-unit then
+inline constexpr int kUserErrorStatus = 2;  // the exit status of vexa-unit
 
 class UserError : public std::runtime_error {
   public:

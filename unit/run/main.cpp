@@ -5,9 +5,9 @@
 #include <string>
 
 #include "check/CheckCommand.h"
+#include "model/Settings.h"
 #include "run/ControlCommand.h"
 #include "run/RunCommand.h"
-#include "run/ScenarioFiles.h"
 #include "run/UserError.h"
 
 namespace {
@@ -19,19 +19,22 @@ int Refuse(const std::string& why) {
     return kUserErrorStatus;
 }
 
-// Each Add... function below adds a command that fills `options`, runs when it is chosen, and puts
-// its exit status into `status`.
+// Each Add... function adds a command with its options. When the command is given, it runs and
+// stores its exit status in `status`.
 
 void AddRunCommand(CLI::App& app, RunOptions& options, int& status) {
-    CLI::App* const run = app.add_subcommand("run", "Run the service on a virtual unit");
+    CLI::App* const run =
+        app.add_subcommand("run", "Run the service, or another program, on a virtual unit");
     run->add_option("--scenario", options.scenario,
-                    "What the unit consists of: a name that vexa-unit scenarios lists, or a file")
+                    "Description of the unit: a name from vexa-unit scenarios, or a file")
         ->option_text("NAME|FILE");
-    run->add_option("--dir", options.folder,
-                    "Folder for the unit's sockets, host.sock and control.sock; a temporary one if "
-                    "left out")
+    run->add_option(
+           "--dir", options.folder,
+           "Folder for the unit's sockets, host.sock and control.sock (default: a temporary "
+           "one)")
         ->option_text("DIR");
-    run->add_option("--journal", options.journal, "Append a line for each library call to a file")
+    run->add_option("--journal", options.callLog,
+                    "Append a line to FILE for each library call (the call log)")
         ->option_text("FILE");
     run->add_option("program", options.program,
                     "Program to run instead of VEXADevMgr, with its arguments, after --")
@@ -39,23 +42,28 @@ void AddRunCommand(CLI::App& app, RunOptions& options, int& status) {
     run->footer(
         "Examples: vexa-unit run --dir build/unit\n"
         "          vexa-unit run --dir /tmp/second --scenario flaky-cable --journal calls.txt\n"
-        "Ends when the program ends, with its exit status (128 + n after signal n);\n"
-        "2 when something given here cannot be used.");
+        "Exit status: that of the program (128 + n if signal n ended it); 2 if an option\n"
+        "cannot be used.");
     run->callback([&options, &status] { status = RunOnUnit(options); });
 }
 
-void AddScenariosCommand(CLI::App& app) {
+void AddScenariosCommand(CLI::App& app, bool& schema) {
     CLI::App* const scenarios =
-        app.add_subcommand("scenarios", "List the scenarios that run --scenario knows by name");
+        app.add_subcommand("scenarios", "List the scenarios that come with vexa-unit");
+    scenarios->add_flag("--schema", schema, "Print the JSON schema of scenario files instead");
     scenarios->footer("Example: vexa-unit scenarios");
-    scenarios->callback([] {
+    scenarios->callback([&schema] {
+        if (schema) {
+            std::fputs(ScenarioSchemaText().c_str(), stdout);
+            return;
+        }
         for (const auto& [name, description] : ShippedScenarios()) {
             std::printf("%-16s  %s\n", name.c_str(), description.c_str());
         }
     });
 }
 
-// A subcommand of ctl that sends the request `verb`.
+// A subcommand that sends the request `verb`.
 CLI::App* AddRequest(CLI::App& ctl, const std::string& name, const std::string& description,
                      ControlRequest& request, const std::string& verb) {
     CLI::App* const command = ctl.add_subcommand(name, description);
@@ -63,7 +71,7 @@ CLI::App* AddRequest(CLI::App& ctl, const std::string& name, const std::string& 
     return command;
 }
 
-// A positional argument that becomes the request's member `key`.
+// A required argument that becomes the member `key` of the request.
 CLI::Option* AddText(CLI::App* command, ControlRequest& request, const std::string& key,
                      const std::string& label, const std::string& description) {
     return command
@@ -83,7 +91,7 @@ CLI::Option* AddSettings(CLI::App* command, ControlRequest& request,
 }
 
 void AddFaultRequests(CLI::App& ctl, ControlRequest& request) {
-    CLI::App* const fault = ctl.add_subcommand("fault", "Let calls fail, block or answer late");
+    CLI::App* const fault = ctl.add_subcommand("fault", "Make calls fail, block or return late");
     fault->require_subcommand(1);
     fault->footer(
         "Examples: vexa-unit ctl fault set VEXA_Device_Stream_Open fail count=1\n"
@@ -92,11 +100,12 @@ void AddFaultRequests(CLI::App& ctl, ControlRequest& request) {
         "          vexa-unit ctl fault set data corrupt for=Accelerometer offset=1\n"
         "          vexa-unit ctl fault clear");
     CLI::App* const set = AddRequest(*fault, "set", "Set a fault", request, "fault.set");
-    AddText(set, request, "call", "CALL", "what it hits; vexa-unit ctl calls lists them");
+    AddText(set, request, "call", "CALL", "the call; vexa-unit ctl calls lists them all");
     AddText(set, request, "action", "ACTION",
             "fail, block, late; short (node.read, node.write); data (VEXA_Device_Stream_Close);\n"
             "oversize, corrupt (data)");
-    AddSettings(set, request, "for, skip, count, ms, bytes, offset, errno");
+    AddSettings(set, request, "settings of the fault:");
+    set->footer(SettingsHelp("fault", "call action"));
 
     CLI::App* const clear = AddRequest(*fault, "clear", "Clear one fault, those of a call, or all",
                                        request, "fault.clear");
@@ -111,29 +120,29 @@ void AddFaultRequests(CLI::App& ctl, ControlRequest& request) {
                     request.texts.push_back({"call", text});
                 }
             },
-            "which; all if left out")
+            "the fault or the call (default: all)")
         ->option_text(" ");
-    AddRequest(*fault, "list", "List the faults and how often each has hit", request, "fault.list");
+    AddRequest(*fault, "list", "List the faults and how often each hit", request, "fault.list");
 }
 
 void AddCableRequests(CLI::App& ctl, ControlRequest& request) {
-    CLI::App* const cable = ctl.add_subcommand("cable", "Take the cable out and put it in");
+    CLI::App* const cable = ctl.add_subcommand("cable", "Unplug and plug in the cable");
     cable->require_subcommand(1);
     cable->footer(
         "Examples: vexa-unit ctl cable out\n"
         "          vexa-unit ctl cable flap inMs=2000 outMs=500 times=10");
     for (const bool in : {true, false}) {
         cable
-            ->add_subcommand(
-                in ? "in" : "out",
-                in ? "Hosts can plug in" : "The host, and each that comes, is turned away")
+            ->add_subcommand(in ? "in" : "out", in ? "Let hosts plug in"
+                                                   : "Disconnect the host and turn new ones away")
             ->callback([&request, in] {
                 request.verb = "cable";
                 request.settings.push_back(in ? "in=true" : "in=false");
             });
     }
-    CLI::App* const flap = cable->add_subcommand("flap", "It goes out and in by itself");
-    AddSettings(flap, request, "inMs, outMs, times");
+    CLI::App* const flap = cable->add_subcommand("flap", "Let it go out and in by itself");
+    AddSettings(flap, request, "settings of the cable:");
+    flap->footer(SettingsHelp("cable"));
     flap->callback([&request] {
         request.verb = "cable";
         request.inside = "flap";
@@ -141,16 +150,17 @@ void AddCableRequests(CLI::App& ctl, ControlRequest& request) {
 }
 
 void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
-    CLI::App* const ctl = app.add_subcommand("ctl", "Look into a running unit, and change it");
+    CLI::App* const ctl =
+        app.add_subcommand("ctl", "Show the state of a running unit, and change it");
     ctl->require_subcommand(0, 1);
     options.folder = DefaultUnitFolder();
-    ctl->add_option("--dir", options.folder, "Folder of the unit ($VEXA_UNIT_DIR, else build/unit)")
+    ctl->add_option("--dir", options.folder,
+                    "Folder of the unit (default: $VEXA_UNIT_DIR, or else build/unit)")
         ->option_text("DIR");
     ctl->add_flag("--json", options.json, "Print the unit's answer as JSON");
-    ctl->add_option(
-           "--raw", options.raw,
-           "Send a request that is JSON, or with - each line of standard input, and print\n"
-           "the answers")
+    ctl->add_option("--raw", options.raw,
+                    "Send a request in JSON, or with - each line of standard input, and print the\n"
+                    "answers")
         ->option_text("JSON|-");
     ctl->footer(
         "Examples: vexa-unit ctl state\n"
@@ -159,33 +169,32 @@ void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
         "          vexa-unit ctl app DAQ silent=true\n"
         "          vexa-unit ctl daq answersSync=false\n"
         "          vexa-unit ctl --raw '{\"request\": \"cable\", \"in\": false}'\n"
-        "Exit status: 0 done; 1 the unit refused; 2 wrong usage, or no unit.");
+        "Exit status: 0 done; 1 the unit refused; 2 wrong usage or no unit.");
 
     ControlRequest& request = options.request;
-    CLI::App* const state = AddRequest(*ctl, "state", "Tell all about the unit", request, "state");
-    state->add_flag("--json", options.json, "As JSON");
-    AddRequest(*ctl, "calls", "List all calls and how often each was used", request, "calls");
+    CLI::App* const state =
+        AddRequest(*ctl, "state", "Show everything about the unit", request, "state");
+    state->add_flag("--json", options.json, "Print it as JSON");
+    AddRequest(*ctl, "calls", "List all calls and how often each was made", request, "calls");
     CLI::App* const attach =
-        AddRequest(*ctl, "attach", "Attach a device, changed or new", request, "attach");
-    AddText(attach, request, "name", "NAME", "of the device");
-    AddSettings(attach, request,
-                "type (needed for a new one), blockSize, rate, waveform, echo; they hold for "
-                "streams\nopened from now on");
-    CLI::App* const detach = AddRequest(*ctl, "detach", "Take a device away", request, "detach");
-    AddText(detach, request, "name", "NAME", "of the device");
+        AddRequest(*ctl, "attach", "Attach a device: a known one, perhaps changed, or a new one",
+                   request, "attach");
+    AddText(attach, request, "name", "NAME", "name of the device");
+    AddSettings(attach, request, "settings of the device:");
+    attach->footer(SettingsHelp("device", "name attached") +
+                   "A new device needs a type. Streams that are open keep their settings.");
+    CLI::App* const detach = AddRequest(*ctl, "detach", "Detach a device", request, "detach");
+    AddText(detach, request, "name", "NAME", "name of the device");
     AddCableRequests(*ctl, request);
     CLI::App* const application =
-        AddRequest(*ctl, "app", "Change how an application behaves", request, "app");
+        AddRequest(*ctl, "app", "Change the behaviour of an application", request, "app");
     AddText(application, request, "name", "NAME", "DAQ, SPLASH or FGEN");
-    AddSettings(application, request,
-                "holds, delayMs, silent, refuses, responses, initFails, strays")
-        ->required();
+    AddSettings(application, request, "settings of the application:")->required();
+    application->footer(SettingsHelp("application"));
     CLI::App* const daq =
-        AddRequest(*ctl, "daq", "Change how the acquisition board behaves", request, "daq");
-    AddSettings(daq, request,
-                "present, answersSync, syncDelayMs, measurementRate, measurementSize,\n"
-                "checksumErrorEvery, acknowledges")
-        ->required();
+        AddRequest(*ctl, "daq", "Change the behaviour of the acquisition board", request, "daq");
+    AddSettings(daq, request, "settings of the board:")->required();
+    daq->footer(SettingsHelp("daq", "name"));
     AddFaultRequests(*ctl, request);
 
     ctl->final_callback([ctl, &options, &status] {
@@ -200,31 +209,31 @@ void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
 
 void AddCheckCommand(CLI::App& app, CheckOptions& options, int& status) {
     CLI::App* const check = app.add_subcommand(
-        "check", "Check a real unit's libraries and node, before the service runs");
+        "check", "Check the libraries and the node of a real unit before the service runs");
     check
         ->add_option("--vexa", options.vexa,
-                     "The unit's libVEXA.so; the one that the service would find if left out")
+                     "The unit's libVEXA.so (default: the one that the service would load)")
         ->option_text("FILE");
     check->add_option("--vexcri", options.vexcri, "The unit's libvexcri.so, likewise")
         ->option_text("FILE");
-    check->add_option("--node", options.node, "The USB gadget node (/dev/zt-usb)")
+    check->add_option("--node", options.node, "The USB gadget node (default: /dev/zt-usb)")
         ->option_text("FILE");
-    check->add_option("--device", options.devices, "Look up a device by its name; can be repeated")
+    check->add_option("--device", options.devices, "Look a device up by name; can be repeated")
         ->option_text("NAME")
         ->allow_extra_args(false);
     check->add_flag("--sessions", options.sessions,
-                    "Begin and end a conversation with each application on the unit, too");
+                    "Also open and end a session with each application on the unit");
     check->footer(
-        "Opens no device and sends nothing. To be run while the service is not.\n"
+        "Opens no device and sends nothing. Stop the service first.\n"
         "Examples: vexa-unit check --device Accelerometer\n"
         "          vexa-unit check --vexa ./libVEXA.so --vexcri ./libvexcri.so --sessions\n"
-        "          vexa-unit run -- vexa-unit check     (a virtual unit, to see what is good)\n"
+        "          vexa-unit run -- vexa-unit check     (a virtual unit, to see a good result)\n"
         "Exit status: 0 all is well; 1 something is missing or odd.");
     check->callback([&options, &status] { status = CheckUnit(options); });
 }
 
 int Main(int argc, char** argv) {
-    CLI::App app("A virtual unit: stands in for the devices, applications and USB link of a unit.",
+    CLI::App app("Runs VEXADevMgr on a virtual unit: simulated devices, applications and USB link.",
                  "vexa-unit");
     app.require_subcommand(1);
     app.footer(
@@ -233,9 +242,10 @@ int Main(int argc, char** argv) {
     RunOptions run;
     ControlOptions control;
     CheckOptions check;
+    bool schema = false;
     int status = 0;
     AddRunCommand(app, run, status);
-    AddScenariosCommand(app);
+    AddScenariosCommand(app, schema);
     AddCtlCommand(app, control, status);
     AddCheckCommand(app, check, status);
     try {

@@ -1,8 +1,8 @@
-// Stands between the program and the C library for the calls that can reach the node; everything
-// that is not about the node goes straight on.
+// Interposes the C library's functions that can reach the node; calls that are not about the node
+// go straight on to the C library.
 //
-// The functions have names of their own and take those of the C library as their symbols only, so
-// that its declarations, which vary with the compiler's options, do not matter here.
+// The functions have names of their own, and only their symbols are those of the C library: its
+// declarations vary with the compiler's options and would clash.
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/types.h>
@@ -13,16 +13,16 @@
 #include <cstddef>
 #include <cstdio>
 
-#include "Node.h"
+#include "stand-ins/Node.h"
 
 #define INTERPOSE(symbol) __asm__(symbol) __attribute__((visibility("default")))
 
+namespace vexa::unit {
+
 namespace {
 
-using namespace vexa::unit;
-
-// The next definition of a function after this library's, looked up on first use. Several threads
-// may look it up at the same time; all find the same.
+// The next definition of a function after this library's, looked up on first use. Any thread:
+// several may look it up at the same time, and all find the same.
 template <typename Function>
 class NextDefinition {
   public:
@@ -55,14 +55,14 @@ constinit NextDefinition<ssize_t(int, const void*, std::size_t)> nextWrite("writ
 constinit NextDefinition<int(int, unsigned long, ...)> nextIoctl("ioctl");
 constinit NextDefinition<int(int)> nextClose("close");
 
-// The mode is passed only when the call may make a file.
+// The mode is passed only when the call may create a file.
 mode_t ModeArgument(int flags, std::va_list arguments) {
     const bool given = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
     return given ? va_arg(arguments, mode_t) : 0;
 }
 
-// The service never flushes its standard output, which would keep its lines back for as long as
-// they go into a file or a pipe.
+// The service never flushes its standard output; without this, its lines would be held back when
+// they go to a file or a pipe.
 __attribute__((constructor)) void PrintLinesAtOnce() { std::setvbuf(stdout, nullptr, _IOLBF, 0); }
 
 }  // namespace
@@ -131,7 +131,7 @@ ssize_t InterposedRead(int descriptor, void* into, std::size_t size) {
 }
 
 ssize_t InterposedReadChecked(int descriptor, void* into, std::size_t size, std::size_t capacity) {
-    // Too large a size goes to the C library in any case, which ends the program.
+    // Too large a size is left to the C library, which ends the program.
     if (IsNode(descriptor) && size <= capacity) return ReadNode(into, size);
     return nextReadChecked.Get()(descriptor, into, size, capacity);
 }
@@ -155,3 +155,5 @@ int InterposedClose(int descriptor) {
 }
 
 }  // extern "C"
+
+}  // namespace vexa::unit

@@ -1,4 +1,4 @@
-#include "Node.h"
+#include "stand-ins/Node.h"
 
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -22,11 +22,11 @@ namespace {
 constexpr int kFree = -1;
 constexpr std::size_t kMaxOpens = 16;
 
-// The descriptors that are opens of the node. Zero before any code has run, when descriptor 0 must
-// not be taken for one: slots hold the descriptor plus 1.
+// The descriptors of the node, each plus 1: the slots are zero before any code has run, when
+// descriptor 0 must not be mistaken for the node.
 std::array<std::atomic<int>, kMaxOpens> slots;
 
-// Puts `value` into a slot that holds `expected`.
+// Changes a slot from `expected` to `value`; false when no slot holds `expected`.
 bool ReplaceSlot(int expected, int value) {
     for (auto& slot : slots) {
         int held = expected + 1;
@@ -35,10 +35,10 @@ bool ReplaceSlot(int expected, int value) {
     return false;
 }
 
-// Waits as a driver does: false, with EINTR, when a signal comes first.
+// Waits as a driver does: false, with errno EINTR, when a signal arrives first.
 bool Wait(std::uint32_t ms) { return ms == 0 || ::poll(nullptr, 0, static_cast<int>(ms)) == 0; }
 
-// Performs one system call on the node as the faults that are set for it allow.
+// Performs a system call on the node, subject to the faults set on it.
 template <typename Work>
 ssize_t Perform(Call call, Work work) {
     const FaultEffect effect = Unit::Instance().Faults().Use(call);
@@ -61,7 +61,7 @@ ssize_t OpenNewDescriptor() {
         errno = ENOENT;
         return -1;
     }
-    (void)unit.HostCable();  // hosts are taken from here on
+    (void)unit.HostCable();  // hosts are accepted from now on
     const int descriptor = ::eventfd(0, EFD_CLOEXEC);
     if (descriptor < 0) return -1;
     if (!ReplaceSlot(kFree, descriptor)) {
@@ -73,7 +73,7 @@ ssize_t OpenNewDescriptor() {
 }
 
 int QueryLink(unsigned long request, void* argument) {
-    // The request number may reach us with its sign extended.
+    // The request number may arrive sign-extended.
     if (static_cast<std::uint32_t>(request) != static_cast<std::uint32_t>(ZTG_LINK_STATUS)) {
         errno = ENOTTY;
         return -1;

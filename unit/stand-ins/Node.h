@@ -1,5 +1,5 @@
-// The node "/dev/zt-usb" as this process sees it: which descriptors are opens of it, and what the
-// system calls on those do.
+// The node "/dev/zt-usb" as this process sees it: which descriptors belong to it, and what system
+// calls on them do.
 #pragma once
 
 #include <sys/types.h>
@@ -8,22 +8,22 @@
 
 namespace vexa::unit {
 
-// All functions: any thread; errors as the system calls report them, by -1 and errno.
+// Any thread. Errors are reported like those of system calls, by -1 and errno.
 
 // Whether `path` names the node.
 [[nodiscard]] bool IsNodePath(const char* path);
 
-// Whether `descriptor` is an open of the node. Cheap; touches nothing but a few atomics, so that it
-// can be asked at any time, however early.
+// Whether `descriptor` belongs to the node. It is cheap and only reads a few atomics, so it can be
+// called at any time, however early.
 [[nodiscard]] bool IsNode(int descriptor);
 
-// A new open of the node. ENOENT when the unit has none, EMFILE with too many open.
+// Opens the node. ENOENT when the unit has none, EMFILE when it is open too often.
 [[nodiscard]] int OpenNode();
 
-// `descriptor` is about to be closed and is no open of the node any more.
+// Must be called before a descriptor of the node is closed.
 void ForgetNode(int descriptor);
 
-// Of any open of the node.
+// System calls on any descriptor of the node.
 [[nodiscard]] ssize_t ReadNode(void* into, std::size_t size);
 [[nodiscard]] ssize_t WriteNode(const void* bytes, std::size_t size);
 [[nodiscard]] int ControlNode(unsigned long request, void* argument);

@@ -1,11 +1,12 @@
-// The C face of the modelled device-access library: checks arguments; LibraryCall does the rest.
+// The C interface of the modelled device-access library. It checks the arguments; LibraryCall
+// applies faults and writes the call log.
 #include "VEXA.h"
 
 #include <cstring>
 #include <string>
 #include <string_view>
 
-#include "model/LibraryCall.h"
+#include "model/CallLog.h"
 #include "model/Unit.h"
 
 #define VEXA_PUBLIC extern "C" __attribute__((visibility("default")))
@@ -48,7 +49,7 @@ CallOutcome CopyName(std::string_view from, char* name, std::uint32_t capacity) 
     return Result(Status::kOk, QuotedText(from));
 }
 
-// A context is a number of the caller's or an address, which would differ from run to run.
+// A context is a number that the caller chose, or an address, which would differ between runs.
 std::string ContextText(const void* context, std::string_view deviceName) {
     const auto value = reinterpret_cast<std::uintptr_t>(context);
     const bool address = value > UINT32_MAX || Library().TypeOf(deviceName) == vexa::unit::kDaqType;
@@ -179,7 +180,7 @@ VEXA_PUBLIC std::int32_t VEXA_Device_Stream_Write(std::uint32_t stream, const vo
                                                   std::int32_t length) {
     LibraryCall call(Call::kStreamWrite, StreamName(stream));
     call.Line().Number(stream).Number(length, "length");
-    call.KeepQuiet();  // there would be too many
+    call.KeepQuiet();  // there are too many of them
     return Perform(call, [&] {
         if (length < 0 || (data == nullptr && length > 0)) return Result(Status::kBadArgument);
         const auto* const bytes = static_cast<const std::uint8_t*>(data);

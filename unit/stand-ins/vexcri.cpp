@@ -1,11 +1,11 @@
-// The C face of the modelled application-session library: checks arguments; LibraryCall does the
-// rest.
+// The C interface of the modelled application-session library. It checks the arguments; LibraryCall
+// applies faults and writes the call log.
 #include "vexcri.h"
 
 #include <string>
 #include <string_view>
 
-#include "model/LibraryCall.h"
+#include "model/CallLog.h"
 #include "model/Unit.h"
 
 #define VEXCRI_PUBLIC extern "C" __attribute__((visibility("default")))
@@ -21,21 +21,21 @@ namespace {
 
 vexa::unit::CriLibrary& Library() { return Unit::Instance().Cri(); }
 
-// `work` tells whether it succeeded.
+// Performs a call; `work` returns whether it succeeded.
 template <typename Work>
 std::int32_t Perform(LibraryCall& call, Work work) {
     return static_cast<std::int32_t>(
         call.Perform(0, [&](const FaultEffect&) { return CallOutcome{work() ? 1 : 0}; }));
 }
 
-void NoteAnswer(const std::string& application, std::uint32_t command, std::int32_t response) {
+void LogAnswer(const std::string& application, std::uint32_t command, std::int32_t response) {
     CallLine line("criAnswer");
     line.Text(application).Number(command).Number(response);
-    Unit::Instance().CallJournal().Write(line.Line());
+    Unit::Instance().Calls().Write(line.Line());
 }
 
-// A call with a session: its line starts with the session's application, or with its number when
-// there is none.
+// A call on a session. Its line names the session's application, or the handle when there is no
+// such session.
 LibraryCall SessionCall(Call call, std::uint32_t session) {
     const auto application = Library().ApplicationName(session);
     LibraryCall made(call, application.value_or(""));
@@ -56,7 +56,7 @@ VEXCRI_PUBLIC std::int32_t criInit(const char* name, std::int32_t mode, CriCallb
     call.Line().Text(application).Number(mode);
     return Perform(call, [&] {
         if (name == nullptr || callback == nullptr || handle == nullptr) return false;
-        const auto session = Library().Init(application, callback, context, NoteAnswer);
+        const auto session = Library().Init(application, callback, context, LogAnswer);
         if (session != 0) *handle = session;
         return session != 0;
     });
@@ -72,5 +72,5 @@ VEXCRI_PUBLIC std::int32_t criCommand(std::uint32_t handle, std::uint32_t comman
 VEXCRI_PUBLIC std::int32_t criTerminate(std::uint32_t handle, std::int32_t mode) {
     auto call = SessionCall(Call::kCriTerminate, handle);
     call.Line().Number(mode);
-    return Perform(call, [&] { return Library().Terminate(handle).has_value(); });
+    return Perform(call, [&] { return Library().Terminate(handle); });
 }

@@ -1,0 +1,25 @@
+#include "model/Runtime.h"
+
+#include <csignal>
+
+namespace vexa::unit {
+
+std::thread StartQuietThread(std::function<void()> body) {
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread thread(std::move(body));  // inherits the mask
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return thread;
+}
+
+void AwaitEnd(std::thread ending) {
+    if (ending.get_id() == std::this_thread::get_id()) {
+        ending.detach();
+    } else {
+        ending.join();
+    }
+}
+
+}  // namespace vexa::unit

@@ -1,0 +1,212 @@
+// The table of all settings. A Describe function shows every setting of a section to a visitor:
+// key, value, limits, meaning. Visitors read settings, write them, or make the schema
+// (Settings.cpp, Schema.cpp). The schema has to allow what is right in any case (kCoversAll); the
+// others get the limits of the case at hand.
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "model/Scenario.h"
+
+namespace vexa::unit {
+
+inline constexpr std::uint32_t kMaxUnsigned = UINT32_MAX;
+
+struct Limits {
+    std::uint32_t least;
+    std::uint32_t most;
+};
+inline constexpr Limits kAnyNumber = {0, kMaxUnsigned};
+inline constexpr Limits kDelay = {0, kMaxDelayMs};
+inline constexpr Limits kTime = {1, kMaxDelayMs};
+
+enum class Need { kOptional, kRequired };
+
+template <typename Value>
+using Words = std::vector<std::pair<std::string_view, Value>>;
+
+inline const Words<Waveform> kWaveforms = {{"sine", Waveform::kSine},
+                                           {"ramp", Waveform::kRamp},
+                                           {"square", Waveform::kSquare},
+                                           {"noise", Waveform::kNoise}};
+
+inline const Words<StrayTime> kStrayTimes = {{"interval", StrayTime::kInterval},
+                                             {"before", StrayTime::kBeforeAnswer},
+                                             {"after", StrayTime::kAfterAnswer}};
+
+inline const Words<FaultAction> kActions = {
+    {"fail", FaultAction::kFail},         {"block", FaultAction::kBlock},
+    {"late", FaultAction::kLate},         {"short", FaultAction::kShort},
+    {"oversize", FaultAction::kOversize}, {"corrupt", FaultAction::kCorrupt},
+    {"data", FaultAction::kData}};
+
+inline const Words<int> kErrors = {
+    {"EACCES", EACCES}, {"EAGAIN", EAGAIN}, {"EBADF", EBADF},         {"EBUSY", EBUSY},
+    {"EFAULT", EFAULT}, {"EINTR", EINTR},   {"EINVAL", EINVAL},       {"EIO", EIO},
+    {"EMFILE", EMFILE}, {"ENODEV", ENODEV}, {"ENOENT", ENOENT},       {"ENOMEM", ENOMEM},
+    {"ENOSPC", ENOSPC}, {"ENOTTY", ENOTTY}, {"ENXIO", ENXIO},         {"EPERM", EPERM},
+    {"EPIPE", EPIPE},   {"EPROTO", EPROTO}, {"ESHUTDOWN", ESHUTDOWN}, {"ETIMEDOUT", ETIMEDOUT}};
+
+// The word that stands for `value`, which must have one.
+template <typename Value>
+[[nodiscard]] std::string_view WordFor(const Words<Value>& words, Value value) {
+    return std::ranges::find(words, value, [](const auto& word) { return word.second; })->first;
+}
+
+template <typename Value>
+[[nodiscard]] std::vector<std::string_view> TextsOf(const Words<Value>& words) {
+    std::vector<std::string_view> texts;
+    for (const auto& word : words) texts.push_back(word.first);
+    return texts;
+}
+
+inline Words<FaultAction> ActionsOf(Call call) {
+    Words<FaultAction> possible;
+    for (const auto& word : kActions) {
+        if ((InfoOf(call).actions & Bits(word.second)) != 0) possible.push_back(word);
+    }
+    return possible;
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, DeviceSettings& device) {
+    visit.Name("name", device.name, "the name under which it is opened", Need::kRequired);
+    visit.Unsigned("type", device.type, {0, 255},
+                   "8, 9, 11: byte stream; 2, 3, 4: HID; hosts cannot open others");
+    visit.Except("type", device.type, kDaqType,
+                 "a sensor's type (the acquisition board, 5, is \"daq\")");
+    // A change of type can change the size of the blocks, too.
+    const bool hid = IsHidType(device.type);
+    if (hid) device.blockSize = kHidReportSize;
+    if (!hid && device.blockSize < kMinBlockSize) device.blockSize = DeviceSettings().blockSize;
+    const bool small = hid || Visitor::kCoversAll;
+    const bool large = !hid || Visitor::kCoversAll;
+    visit.Bool("attached", device.attached, "can be found and opened");
+    visit.Unsigned("blockSize", device.blockSize,
+                   {small ? kHidReportSize : kMinBlockSize, large ? kMaxBlockSize : kHidReportSize},
+                   "bytes in a block; at least 10, for HID types 8");
+    visit.Rate("rate", device.rate, "blocks per second; 0: none by itself");
+    visit.Choice("waveform", device.waveform, kWaveforms, "waveform of the samples");
+    visit.Bool("echo", device.echo, "sends back what is written to it");
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, DaqSettings& daq) {
+    visit.Name("name", daq.name, "the name under which it is opened");
+    visit.Bool("present", daq.present, "can be found and opened");
+    visit.Bool("answersSync", daq.answersSync, "answers the initial sync");
+    visit.Unsigned("syncDelayMs", daq.syncDelayMs, kDelay, "ms before it answers the sync");
+    visit.Rate("measurementRate", daq.measurementRate,
+               "measurement packets per second once it is synced");
+    visit.Unsigned("measurementSize", daq.measurementSize, {kMinBlockSize, kMaxMeasurementSize},
+                   "bytes in a measurement packet");
+    visit.Unsigned("checksumErrorEvery", daq.checksumErrorEvery, kAnyNumber,
+                   "every nth measurement has a wrong checksum; 0: none");
+    visit.Bool("acknowledges", daq.acknowledges, "answers each command");
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, Stray& stray) {
+    visit.Choice("when", stray.when, kStrayTimes, "at intervals, or before or after each answer");
+    if (visit.Shows(stray.when == StrayTime::kInterval)) {
+        visit.Unsigned("intervalMs", stray.intervalMs, kTime, "ms from one to the next");
+    }
+    visit.Unsigned("command", stray.command, kAnyNumber, "the command that it claims to answer",
+                   Need::kRequired);
+    visit.Signed("response", stray.response, "its response", Need::kRequired);
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, ApplicationSettings& application) {
+    visit.Bool("holds", application.holds, "drives the hardware; at the start only DAQ does");
+    visit.Unsigned("delayMs", application.delayMs, kDelay, "ms before each answer");
+    visit.Bool("silent", application.silent, "accepts commands but never answers");
+    visit.Numbers("refuses", application.refuses,
+                  "commands that it refuses: 1 activate, 2 deactivate, 3 query, 4 notify");
+    visit.Responses("responses", application.responses, "fixed responses, by command: {\"3\": -1}");
+    visit.Bool("initFails", application.initFails, "no session with it can be opened");
+    visit.List("strays", application.strays, "answers without a request");
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, CableFlapping& flapping) {
+    visit.Unsigned("inMs", flapping.inMs, kTime, "ms that it is in");
+    visit.Unsigned("outMs", flapping.outMs, kTime, "ms that it is out");
+    visit.Unsigned("times", flapping.times, kAnyNumber, "how often it goes out; 0: without end");
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, CableSettings& cable) {
+    visit.Bool("in", cable.in, "hosts can plug in");
+    visit.Object("flap", cable.flapping, "goes out and in by itself");
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, Fault& fault) {
+    const auto is = [&](FaultAction action) { return fault.action == action; };
+    visit.CallName("call", fault.call, "the call that it is set on");
+    visit.Choice("action", fault.action, Visitor::kCoversAll ? kActions : ActionsOf(fault.call),
+                 "what happens to the call", Need::kRequired);
+    if (visit.Applies("for", InfoOf(fault.call).named,
+                      "calls that concern one device or application")) {
+        visit.Name("for", fault.target, "only for this device or application");
+    }
+    if (visit.Shows(fault.skip != 0)) {
+        visit.Unsigned("skip", fault.skip, kAnyNumber, "calls that it leaves alone first");
+    }
+    visit.Unsigned("count", fault.count, {1, kMaxUnsigned}, "calls that it hits then; default all");
+    if (visit.Applies("ms", (Bits(fault.action) & kTimedActions) != 0, "block and late")) {
+        visit.Unsigned("ms", fault.ms, kTime, "how long to block, or how late to return",
+                       Need::kRequired);
+    }
+    const bool mayBeZero = is(FaultAction::kShort) || Visitor::kCoversAll;
+    if (visit.Applies("bytes", is(FaultAction::kShort) || is(FaultAction::kOversize),
+                      "short and oversize")) {
+        visit.Unsigned("bytes", fault.bytes, {mayBeZero ? 0U : 1U, kMaxBlockSize},
+                       "short: most bytes to read or write; oversize: size of the block",
+                       Need::kRequired);
+    }
+    if (visit.Applies("offset", is(FaultAction::kCorrupt), "corrupt")) {
+        visit.Unsigned("offset", fault.offset, {0, kMaxBlockSize},
+                       "the byte that is inverted; default the middle one");
+    }
+    if (visit.Applies("errno", is(FaultAction::kFail) && IsNodeCall(fault.call),
+                      "fail of the calls node.*")) {
+        visit.Choice("errno", fault.error, kErrors, "how the call fails");
+    }
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, NodeSettings& node) {
+    visit.Bool("present", node.present, "the USB node exists");
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, LibrarySettings& library) {
+    visit.Bool("initFails", library.initFails, "VEXA_Init fails");
+    visit.Version("version", library.majorVersion, library.minorVersion, "major, minor");
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, Scenario& scenario) {
+    visit.Text("$schema", nullptr, "the schema of this file, for editors");
+    visit.Text("description", &scenario.description, "a line for vexa-unit scenarios");
+    visit.List("devices", scenario.devices, "the sensors, in place of the default ones");
+    visit.Object("daq", scenario.daq, "the acquisition board");
+    visit.Members("applications", scenario.applications, "the applications on the unit");
+    visit.Object("node", scenario.node, "the USB node");
+    visit.Object("library", scenario.library, "the device-access library");
+    visit.Object("cable", scenario.cable, "the cable to the host");
+    visit.List("faults", scenario.faults, "faults that are set from the start");
+}
+
+// The keys of a section.
+template <typename Section>
+[[nodiscard]] std::vector<std::string_view> KeysOf();
+
+}  // namespace vexa::unit
