@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
-#include <regex>
 
 #include "devices/GServerSocketDevice.h"
 #include "support/Loopback.h"
@@ -78,12 +77,8 @@ class ServerSocketDevice : public testing::Test {
     }
     ~ServerSocketDevice() override { SetTraceThreshold(100); }
 
-    // The lines that `code` traces, without line numbers and with N for descriptors.
-    static std::string Lines(const std::function<void()>& code) {
-        const std::string text = std::regex_replace(
-            Printed(code), std::regex("GServerSocketDevice_Linux\\([0-9]+\\)"), "TCP");
-        return std::regex_replace(text, std::regex("with id [0-9]+ "), "with id N ");
-    }
+    // The lines that `code` traces, with N for descriptors.
+    static std::string Lines(const std::function<void()>& code) { return Masked(Printed(code)); }
     void AwaitComings(int count) {
         while (came < count) OSSleep(1);
     }
@@ -92,9 +87,12 @@ class ServerSocketDevice : public testing::Test {
     }
 
     static constexpr char kAccepted[] =
-        "TCP : \n accept() succeeded. Opening client socket with id N \n\n";
-    static constexpr char kClosed[] = "TCP : Closed client socket with id N \n\n";
-    static constexpr char kRemoteClosed[] = "TCP : \n Remote host closed socket.\n\n";
+        "GServerSocketDevice_Linux(118) : \n accept() succeeded. Opening client socket with id N "
+        "\n\n";
+    static constexpr char kClosed[] =
+        "GServerSocketDevice_Linux(118) : Closed client socket with id N \n\n";
+    static constexpr char kRemoteClosed[] =
+        "GServerSocketDevice_Linux(118) : \n Remote host closed socket.\n\n";
 
     GPortRef port{GPortRef::kHostPort, "", "", "tcp", 0, 0};
     ReceivedBytes received;
@@ -140,7 +138,8 @@ TEST_F(ServerSocketDevice, ServesOneClientAfterTheOther) {
         AwaitGoings(2);
     });
     EXPECT_EQ(text, std::string(kAccepted) + kRemoteClosed + kClosed + kAccepted +
-                        "TCP : \n recv() failed. errno = 104 \n\n" + kClosed);
+                        "GServerSocketDevice_Linux(118) : \n recv() failed. errno = 104 \n\n" +
+                        kClosed);
 }
 
 TEST_F(ServerSocketDevice, EndsInAccept) {
@@ -149,7 +148,7 @@ TEST_F(ServerSocketDevice, EndsInAccept) {
         AwaitBlockedThreads();
         EXPECT_EQ(device->Close(), 0);
     });
-    EXPECT_EQ(text, "TCP : \n accept() failed.\n\n");
+    EXPECT_EQ(text, "GServerSocketDevice_Linux(118) : \n accept() failed.\n\n");
 }
 
 TEST_F(ServerSocketDevice, NeverAcceptsAgainAfterAFailedAccept) {
@@ -162,7 +161,7 @@ TEST_F(ServerSocketDevice, NeverAcceptsAgainAfterAFailedAccept) {
         while (counted.accepts == 0 || (ThreadCount() > threads && came == 0)) OSSleep(1);
         EXPECT_EQ(device->Close(), 0);
     });
-    EXPECT_EQ(text, "TCP : \n accept() failed.\n\n");
+    EXPECT_EQ(text, "GServerSocketDevice_Linux(118) : \n accept() failed.\n\n");
     EXPECT_EQ(counted.accepts, 1);
 }
 
@@ -175,15 +174,17 @@ TEST_F(ServerSocketDevice, EndsInRecv) {
         EXPECT_EQ(device->Close(), 0);
         EXPECT_TRUE(client.Receive(1).empty());
     });
-    EXPECT_EQ(text, std::string(kAccepted) + "TCP : \n recv() failed. errno = 4 \n\n" + kClosed);
+    EXPECT_EQ(text, std::string(kAccepted) +
+                        "GServerSocketDevice_Linux(118) : \n recv() failed. errno = 4 \n\n" +
+                        kClosed);
 }
 
 TEST_F(ServerSocketDevice, FailsOnAPortInUseAndWithoutAContext) {
-    const std::string line = "TCP : Error opening device with id tcp\n";
+    const std::string line = "GServerSocketDevice_Linux(376) : Error opening device with id tcp\n";
     counted.socketOptions = 0;
     failing.listen = 1;
     EXPECT_EQ(Lines([&] { EXPECT_EQ(device->Open(nullptr), -1); }),
-              "TCP : \n listen() failed.\n\n" + line);
+              "GServerSocketDevice_Linux(118) : \n listen() failed.\n\n" + line);
     GPortRef used = GPortRef(GPortRef::kHostPort, "", "", "tcp", 0, 0);
     used.SetPort(port.port);
     GServerSocketDevice second(&used);
@@ -192,7 +193,7 @@ TEST_F(ServerSocketDevice, FailsOnAPortInUseAndWithoutAContext) {
                   ASSERT_EQ(device->Open(nullptr), 0);
                   EXPECT_EQ(second.Open(nullptr), -1);
               }),
-              "TCP : \n bind() failed.\n\n" + line);
+              "GServerSocketDevice_Linux(118) : \n bind() failed.\n\n" + line);
     second.SetReadCallback(nullptr, nullptr);
     EXPECT_EQ(Lines([&] { EXPECT_EQ(second.Open(nullptr), -1); }), line);
     EXPECT_EQ(counted.socketOptions, 0) << "an address in use is not used again";

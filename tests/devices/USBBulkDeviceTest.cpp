@@ -2,7 +2,6 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <regex>
 #include <thread>
 
 #include "devices/GServerUSBBulkDevice.h"
@@ -24,14 +23,16 @@ class USBBulkDevice : public testing::Test {
     }
     ~USBBulkDevice() override { SetTraceThreshold(100); }
 
-    // The lines that `code` traces, without their numbers.
+    // The lines that `code` traces.
     static std::string Lines(const std::function<void()>& code) {
-        return std::regex_replace(Printed(code),
-                                  std::regex("GServerUSBBulkDevice_Linux\\([0-9]+\\)"), "USB");
+        std::string text = Printed(code);
+        constexpr std::string_view kModule = "GServerUSBBulkDevice_Linux";
+        if (text.starts_with(kModule)) text.replace(0, kModule.size(), "USB");
+        return text;
     }
     void Open() {
         ASSERT_EQ(Lines([&] { EXPECT_EQ(device.Open(nullptr), 0); }),
-                  node.pluggedIn != 0 ? "USB : USB gadget cable is plugged in.\n" : "");
+                  node.pluggedIn != 0 ? "USB(490) : USB gadget cable is plugged in.\n" : "");
     }
     int WriteFrame(const Bytes& payload, int& count) {
         count = static_cast<int>(payload.size());
@@ -51,7 +52,7 @@ TEST_F(USBBulkDevice, IsTheOnePortOfItsKind) {
 }
 
 TEST_F(USBBulkDevice, FailsToOpenWithALine) {
-    const std::string line = "USB : Error opening device with id /dev/zt-usb\n";
+    const std::string line = "USB(312) : Error opening device with id /dev/zt-usb\n";
     node.present = false;
     EXPECT_EQ(Lines([&] { EXPECT_EQ(device.Open(nullptr), -1); }), line);
     node.present = true;
@@ -104,8 +105,9 @@ TEST_F(USBBulkDevice, ReportsFailedWrites) {
         *call = nth;
         const std::string text = Lines([&] { EXPECT_EQ(WriteFrame({1, 2, 3}, count), -1); });
         EXPECT_EQ(count, 0);
-        EXPECT_EQ(text,
-                  call == &failing.write && nth == 2 ? "USB : USB write failed. errno = 5\n" : "");
+        EXPECT_EQ(text, call == &failing.write && nth == 2
+                            ? "USB(431) : USB write failed. errno = 5\n"
+                            : "");
     }
     failing.shortWrite = 1;
     count = 3;
@@ -139,15 +141,15 @@ TEST_F(USBBulkDevice, AsksForTheCableAtMostEveryHalfSecond) {
             EXPECT_EQ(device.UpdateLinkStatus(), 0) << "not asked again, also after a failure";
         });
     };
-    EXPECT_EQ(afterHalfASecond(0), "USB : USB gadget cable is plugged in.\n");
+    EXPECT_EQ(afterHalfASecond(0), "USB(490) : USB gadget cable is plugged in.\n");
     EXPECT_TRUE(device.linkUp);
     EXPECT_EQ(afterHalfASecond(0), "") << "nothing changed";
     node.queryFails = true;
-    EXPECT_EQ(afterHalfASecond(-1), "USB : ioctl(ZTG_LINK_STATUS) failed. errno = 25\n");
+    EXPECT_EQ(afterHalfASecond(-1), "USB(482) : ioctl(ZTG_LINK_STATUS) failed. errno = 25\n");
     EXPECT_TRUE(device.linkUp) << "it keeps its value";
     node.queryFails = false;
     node.pluggedIn = 0;
-    EXPECT_EQ(afterHalfASecond(0), "USB : USB gadget cable is unplugged.\n");
+    EXPECT_EQ(afterHalfASecond(0), "USB(490) : USB gadget cable is unplugged.\n");
     EXPECT_EQ(node.queries, 5);
     device.Close();
     EXPECT_EQ(device.UpdateLinkStatus(), -1);

@@ -39,9 +39,8 @@ TEST(Example, ServesOneHostAfterTheOtherOverTcp) {
             HoldASession(host);
         }
         EXPECT_TRUE(WaitUntil(kPatience, [&] {
-            return unit.Calls("VEXA_Device_Stream_Close").size() == 2 * session &&
-                   unit.Calls("criAnswer(\"DAQ\", 1").size() == session;
-        })) << "the host has gone: everything is closed, and the hardware given back";
+            return unit.Calls("VEXA_Device_Stream_Close").size() == 2 * session;
+        })) << "the host has gone: the sensor and the board are closed";
     }
     EXPECT_EQ(unit.Stop(), 0);
 }

@@ -59,6 +59,12 @@ std::size_t RunningUnit::AwaitLine(const std::string& end, std::size_t from) {
     return from;
 }
 
+Lines RunningUnit::Printed() {
+    Lines lines = process->Log().Lines();
+    std::erase_if(lines, [](const std::string& line) { return line.starts_with("vexa-unit: "); });
+    return lines;
+}
+
 Lines RunningUnit::Calls(const std::string& start) const {
     std::ostringstream text;
     text << std::ifstream(folder + "/journal").rdbuf();

@@ -41,8 +41,8 @@ class RunningUnit {
     // output. Returns the position after the line; fails the test after 20 s.
     std::size_t AwaitLine(const std::string& end, std::size_t from = 0);
 
-    // What the service has printed so far.
-    Lines Printed() { return process->Log().Lines(); }
+    // What the service has printed so far, without what vexa-unit says itself.
+    Lines Printed();
     std::size_t PrintedSize() { return process->Log().Text().size(); }
 
     // The lines of the call log so far that begin with `start`.

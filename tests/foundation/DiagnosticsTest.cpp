@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <regex>
-
 #include "foundation/GUtils.h"
 #include "foundation/HexDump.h"
 #include "support/Output.h"
@@ -29,7 +27,7 @@ TEST(Trace, WritesThePrefixOnlyWithAFileAndALine) {
     }
     const int value = 0;
     const std::string pointer = Printed([&] { Trace(static_cast<const void*>(&value), "M", 1); });
-    EXPECT_TRUE(std::regex_match(pointer, std::regex("M\\(1\\) : 0x[0-9a-f]+\n"))) << pointer;
+    EXPECT_EQ(Masked(pointer), "M(1) : 0xN\n");
 }
 
 TEST(Trace, PrintsLevelsFromTheThresholdOn) {

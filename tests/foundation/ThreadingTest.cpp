@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <regex>
 #include <thread>
 
 #include "foundation/GThread.h"
@@ -137,10 +136,8 @@ TEST(OSMutex, IsRecursiveAndItsTimedLockGivesUpWithALine) {
             }).join();
         });
         EXPECT_EQ(sleeps, Sleeps(static_cast<std::size_t>(tries), 2000)) << timeoutMs;
-        EXPECT_TRUE(std::regex_match(
-            text, std::regex("GThread_Linux\\(118\\) : Trying to lock mutex -?\\d+ on thread "
-                             "-?\\d+ in VEXA_lib failed\n")))
-            << text;
+        EXPECT_EQ(Masked(text),
+                  "GThread_Linux(118) : Trying to lock mutex N on thread N in VEXA_lib failed\n");
     }
     EXPECT_TRUE(OSUnlockMutex(mutex.get()));
     EXPECT_TRUE(OSUnlockMutex(mutex.get()));

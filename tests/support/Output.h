@@ -15,4 +15,16 @@ inline std::string Printed(const std::function<void()>& code) {
     return testing::internal::GetCapturedStdout();
 }
 
+// `text` with N for each number that differs from run to run: descriptors, mutexes, threads,
+// addresses.
+inline std::string Masked(std::string text) {
+    for (const std::string word : {"socket with id ", "mutex ", "thread ", ": 0x"}) {
+        for (std::size_t at = 0; (at = text.find(word, at)) != std::string::npos;) {
+            at += word.size();
+            text.replace(at, text.find_first_not_of("-0123456789abcdef", at) - at, "N");
+        }
+    }
+    return text;
+}
+
 }  // namespace vexa::test
