@@ -61,6 +61,7 @@ TEST_F(RunCommand, ExitsAsTheProgramAndLeavesNothingBehind) {
     EXPECT_EQ(RunTool(Run({}, {"raise", std::to_string(SIGUSR2)})).status, 128 + SIGUSR2);
     for (const int passedOn : {SIGTERM, SIGINT, SIGHUP}) {
         ChildProcess tool = Start(Run({}, {"wait"}));
+        EXPECT_THAT(tool.Log().Text(), HasSubstr("has its own group")) << "one signal, not two";
         tool.Signal(passedOn);
         EXPECT_EQ(tool.Wait(kPatience), 128 + passedOn);
         EXPECT_FALSE(fs::exists(Scratch("unit"))) << "it ended the program, and not the tool";

@@ -10,7 +10,7 @@ namespace vexa::unit {
 
 [[nodiscard]] inline testkit::ProcessCall ToolCall(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), VEXA_UNIT_PROGRAM);
-    return {.command = std::move(arguments)};
+    return {.command = std::move(arguments), .withoutInput = true};
 }
 
 // Runs it to its end.
