@@ -42,7 +42,7 @@ std::vector<Trial> Chosen(const CampaignOptions& options) {
     return chosen;
 }
 
-// One that ended in order: the trial's outcome stands.
+// Ends the unit; if that goes wrong, the trial is lost.
 void EndUnit(std::unique_ptr<WarmUnit>& warm, const Settings& settings, Outcome& outcome) {
     warm->unit.Terminate();
     const std::string wrong = warm->unit.AwaitEnd(settings.endLimit);
@@ -76,6 +76,7 @@ int Campaign::Run() {
         workers.emplace_back([this] { Work(); });
     }
     for (auto& worker : workers) worker.join();
+    const MutexLock lock(mutex);
     if (options.json) {
         PrintJson();
     } else {
@@ -86,7 +87,7 @@ int Campaign::Run() {
 }
 
 std::optional<Campaign::Task> Campaign::Next() {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     if (IsInterrupted()) return std::nullopt;
     const bool isUp = options.time && Clock::now() - start >= *options.time;
     if (isUp) return std::nullopt;
@@ -114,7 +115,7 @@ Outcome Campaign::Perform(const Task& task, std::unique_ptr<WarmUnit>& warm) con
         if (task.trial->onUnit) return PerformOnUnit(task, warm);
         Random random(task.seed, task.trial->name);
         return task.trial->alone(options.settings, random);
-    } catch (const std::exception& error) {  // no unit, or one that does not answer any more
+    } catch (const std::exception& error) {  // no unit, or one that no longer answers
         outcome.lost = error.what();
         if (warm) outcome.lines = warm->unit.LastLines();
         warm.reset();
@@ -124,7 +125,7 @@ Outcome Campaign::Perform(const Task& task, std::unique_ptr<WarmUnit>& warm) con
 
 Outcome Campaign::PerformOnUnit(const Task& task, std::unique_ptr<WarmUnit>& warm) const {
     const UnitTrial& trial = *task.trial->onUnit;
-    // The worker's unit lives as long as it can, so that small leaks add up on it.
+    // The worker's unit is used for as long as possible, so that small leaks accumulate.
     const bool spoils = trial.streamsMayStay || trial.afterwards == Afterwards::kQueryMayFail;
     std::unique_ptr<WarmUnit> own;
     std::unique_ptr<WarmUnit>& used = spoils ? own : warm;
@@ -138,9 +139,9 @@ Outcome Campaign::PerformOnUnit(const Task& task, std::unique_ptr<WarmUnit>& war
 }
 
 void Campaign::Account(const Task& task, const Outcome& outcome) {
-    if (IsInterrupted()) return;  // waits are cut short: nothing can be said of it
+    if (IsInterrupted()) return;  // waits were cut short, so the outcome means nothing
     const Trial& trial = *task.trial;
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     Tally& tally = tallies[trial.group];
     ++tally.tried;
     tally.reached += outcome.reached ? 1 : 0;
@@ -157,7 +158,7 @@ void Campaign::Account(const Task& task, const Outcome& outcome) {
                      static_cast<unsigned long long>(task.seed));
     } else if (options.verbose) {
         std::fprintf(out, "ok   %s%s", trial.name.c_str(),
-                     outcome.reached ? "" : "  (did not come about)");
+                     outcome.reached ? "" : "  (not reached)");
         if (outcome.took.count() > 0) {
             std::fprintf(out, "  new session %lld ms",
                          static_cast<long long>(outcome.took.count()));
@@ -178,7 +179,6 @@ Tally Campaign::Total() const {
     return total;
 }
 
-// Of the new sessions, in seconds; `share` of them were no longer.
 double Campaign::SessionTime(double share) const {
     if (sessionTimes.empty()) return 0;
     std::vector<Milliseconds> sorted = sessionTimes;

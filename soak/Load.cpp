@@ -239,7 +239,7 @@ LoadResult Measure(SoakUnit& unit, const LoadOptions& options) {
     LoadChecker checker(kController);
     const vexahost::ClientOptions clientOptions{
         .queueCapacity = 1, .tap = [&](vexahost::Direction direction, auto packet) {
-            if (direction == vexahost::Direction::kFromUnit) checker.Take(packet);
+            if (direction == vexahost::Direction::kFromUnit) checker.Check(packet);
         }};
     auto connected = Client::Connect(unit.Cable(), clientOptions, kPatience);
     Need(connected, "connect");

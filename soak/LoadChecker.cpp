@@ -34,7 +34,8 @@ std::vector<std::uint8_t> EchoOf(ChildId child, std::uint32_t number) {
     std::vector<std::uint8_t> bytes(kEchoHeader +
                                     (number * 37 + child) % (kMostEcho - kEchoHeader + 1));
     bytes[0] = kEchoMark;
-    // 24 bits and a zero, as the unit takes some values of the fifth byte for the controller's.
+    // 24 bits and a zero: some values of the fifth byte would look like a command to the
+    // controller.
     bytes[kEchoNumberOffset] = static_cast<std::uint8_t>(number);
     bytes[kEchoNumberOffset + 1] = static_cast<std::uint8_t>(number >> 8U);
     bytes[kEchoNumberOffset + 2] = static_cast<std::uint8_t>(number >> 16U);
@@ -49,19 +50,19 @@ LoadChecker::LoadChecker(ChildId controllerId) : controller(controllerId) {
 }
 
 void LoadChecker::AddChild(ChildId child, std::size_t blockSize, vexa::unit::Waveform waveform) {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     children.emplace(child,
                      Child{.blockSize = blockSize, .wave = vexa::unit::WaveSource(waveform)});
 }
 
-void LoadChecker::Take(std::span<const std::uint8_t> packet) {
+void LoadChecker::Check(std::span<const std::uint8_t> packet) {
     if (vexa::TypeClass(packet[vexa::kTypeOffset]) != vexa::kClassTunnel) return;
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     const auto now = std::chrono::steady_clock::now();
-    if (lastCame.time_since_epoch().count() > 0) {
-        longestPause = std::max(longestPause, now - lastCame);
+    if (lastPacket.time_since_epoch().count() > 0) {
+        longestPause = std::max(longestPause, now - lastPacket);
     }
-    lastCame = now;
+    lastPacket = now;
     const bool isRight = packet.size() >= vexa::kTunnelHeaderSize &&
                          vexa::PacketChecksum(packet) == packet[vexa::kChecksumOffset];
     const ChildId id = isRight ? vexa::LoadLe32(packet, vexa::kTunnelIdOffset) : 0;
@@ -79,13 +80,13 @@ void LoadChecker::Take(std::span<const std::uint8_t> packet) {
     if (id == controller) {
         ++child.counts.replies;
     } else if (!content.empty() && content[0] == kEchoMark) {
-        TakeEcho(child, id, content);
+        CheckEcho(child, id, content);
     } else {
-        TakeBlock(child, content);
+        CheckBlock(child, content);
     }
 }
 
-void LoadChecker::TakeBlock(Child& child, std::span<const std::uint8_t> block) const {
+void LoadChecker::CheckBlock(Child& child, std::span<const std::uint8_t> block) const {
     ++child.counts.blocks;
     if (block.size() != child.blockSize) {
         ++child.counts.wrong;
@@ -96,7 +97,7 @@ void LoadChecker::TakeBlock(Child& child, std::span<const std::uint8_t> block) c
         vexa::unit::FillSamplePacket(expected, number, milliseconds, child.wave);
         vexa::SealPacket(expected);
     };
-    // The waveform goes on through the blocks that did not come.
+    // The waveform continues through the missing blocks.
     for (; child.block != block[vexa::kSequenceOffset]; ++child.block) {
         made(child.block, 0);
         ++child.counts.missing;
@@ -109,7 +110,7 @@ void LoadChecker::TakeBlock(Child& child, std::span<const std::uint8_t> block) c
     child.milliseconds = milliseconds;
 }
 
-void LoadChecker::TakeEcho(Child& child, ChildId id, std::span<const std::uint8_t> echo) const {
+void LoadChecker::CheckEcho(Child& child, ChildId id, std::span<const std::uint8_t> echo) const {
     ++child.counts.echoes;
     if (echo.size() < kEchoHeader) {
         ++child.counts.wrong;
@@ -126,17 +127,17 @@ void LoadChecker::TakeEcho(Child& child, ChildId id, std::span<const std::uint8_
 }
 
 LoadCounts LoadChecker::CountsOf(ChildId child) const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return children.at(child).counts;
 }
 
 std::chrono::milliseconds LoadChecker::LongestPause() const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     return std::chrono::round<std::chrono::milliseconds>(longestPause);
 }
 
 LoadCounts LoadChecker::Total() const {
-    const std::lock_guard lock(mutex);
+    const MutexLock lock(mutex);
     LoadCounts total;
     for (const auto& [id, child] : children) total.Add(child.counts);
     total.wrong += strays;

@@ -42,16 +42,6 @@ bool IsPacketOf(Bytes bytes, std::size_t least) {
     return bytes.size() >= least && bytes[vexa::kLengthOffset] == bytes.size();
 }
 
-// The name in an open command, up to a zero byte or the end of the packet.
-std::string NameIn(Bytes inner) {
-    std::string name;
-    for (const std::uint8_t byte : inner.subspan(vexa::kCommandNameOffset)) {
-        if (byte == 0 || name.size() == inner[vexa::kCommandNameLengthOffset]) break;
-        name += byte >= 0x20 && byte < 0x7F ? static_cast<char>(byte) : '?';
-    }
-    return '"' + name + '"';
-}
-
 // A command is recognised by its content, as the address alone does not tell which child is the
 // controller. A close command with its own address closes the controller.
 std::string DescribeControllerCommand(std::uint32_t address, Bytes inner) {
@@ -64,7 +54,7 @@ std::string DescribeControllerCommand(std::uint32_t address, Bytes inner) {
             if (inner.size() < vexa::kCommandNameOffset) return name + " " + Hex(id);
             return vexa::ReopensController(inner)
                        ? "open controller " + Hex(id) + ", with DAQ, by name"
-                       : name + " " + Hex(id) + " " + NameIn(inner);
+                       : name + " " + Hex(id) + " \"" + DeviceNameIn(inner) + "\"";
         case vexa::ControllerCommand::kCloseChild:
             return (id == address ? "close controller " : name + " ") + Hex(id);
         case vexa::ControllerCommand::kReopenController: {
@@ -139,6 +129,16 @@ std::string DescribeFromUnit(Bytes packet) {
 }
 
 }  // namespace
+
+std::string DeviceNameIn(std::span<const std::uint8_t> inner) {
+    std::string name;
+    if (inner.size() <= vexa::kCommandNameOffset) return name;
+    for (const std::uint8_t byte : inner.subspan(vexa::kCommandNameOffset)) {
+        if (byte == 0 || name.size() == inner[vexa::kCommandNameLengthOffset]) break;
+        name += byte >= 0x20 && byte < 0x7F ? static_cast<char>(byte) : '?';
+    }
+    return name;
+}
 
 std::string HexText(std::span<const std::uint8_t> bytes, std::size_t most) {
     std::string text;

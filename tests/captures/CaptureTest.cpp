@@ -3,10 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cstdio>
 #include <filesystem>
 
+#include "testkit/ChildProcess.h"
 #include "vexahost/Decoder.h"
 #include "vexahost/Recording.h"
 
@@ -18,15 +17,7 @@ constexpr const char* kNames[] = {"whole-session", "faults", "split-packets"};
 std::string PathOf(const std::string& name) { return VEXA_CAPTURES "/" + name; }
 
 std::string Output(const std::string& commandLine) {
-    FILE* const pipe = popen(commandLine.c_str(), "re");
-    if (pipe == nullptr) return "cannot run " + commandLine;
-    std::string text;
-    std::array<char, 500> piece{};
-    while (const std::size_t count = fread(piece.data(), 1, piece.size(), pipe)) {
-        text.append(piece.data(), count);
-    }
-    pclose(pipe);
-    return text;
+    return vexa::testkit::RunShell(commandLine).output;
 }
 
 TEST(Captures, AreDecodedAsTheirTextsSay) {

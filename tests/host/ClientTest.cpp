@@ -4,9 +4,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <filesystem>
+#include <atomic>
 #include <future>
-#include <map>
 #include <numeric>
 
 #include "host/FakeService.h"
@@ -26,17 +25,13 @@ constexpr Milliseconds kShort{50};    // for what must not
 // What went wrong, or "done".
 template <typename T>
 std::string Outcome(const Expected<T>& result) {
+    static const char* const kinds[] = {"invalid argument", "cannot connect", "refused ",
+                                        "timeout",          "link lost",      "violation"};
     if (result) return "done";
-    static const std::map<ErrorKind, const char*> kinds = {
-        {ErrorKind::kInvalidArgument, "invalid argument"},
-        {ErrorKind::kCannotConnect, "cannot connect"},
-        {ErrorKind::kTimeout, "timeout"},
-        {ErrorKind::kLinkLost, "link lost"},
-        {ErrorKind::kProtocolViolation, "violation"}};
-    const auto kind = kinds.find(result.error().kind);
-    if (kind != kinds.end()) return kind->second;
-    return "refused " + std::to_string(result.error().command) + "/" +
-           std::to_string(result.error().code);
+    const Error& error = result.error();
+    const std::string kind = kinds[static_cast<int>(error.kind)];
+    if (error.kind != ErrorKind::kRefused) return kind;
+    return kind + std::to_string(error.command) + "/" + std::to_string(error.code);
 }
 
 template <typename T>
@@ -45,15 +40,28 @@ T ValueOf(const Expected<T>& result) {
     return result ? *result : T{};
 }
 
-// Waits for a request that is answered in order: all that the service sent before has then come.
-void Catchup(Client& client) { ASSERT_EQ(Outcome(client.InitialSync(kLong)), "done"); }
+// A client whose controller is open, with id 1.
+struct Link {
+    FakeService service;
+    Client client;
+
+    explicit Link(FakeService::Handler handler, const ClientOptions& options = {})
+        : service(std::move(handler)), client(service.Connect(), options) {
+        EXPECT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    }
+
+    // Makes a request that is answered in order: all that was sent before has then come.
+    void Catchup() { ASSERT_EQ(Outcome(client.InitialSync(kLong)), "done"); }
+};
 
 TEST(Client, HoldsAWholeConversation) {
     std::vector<Bytes> requests;
+    int queries = 0;
     FakeService service([&](FakeService& self, const Bytes& packet) {
         requests.push_back(packet);
         if (packet[0] == 0x60 && packet[12] == 0x73) {
-            self.SendFramed(ControllerReply(1, 1, 0x98, 0x73, packet[10], 1));
+            const auto result = static_cast<std::uint8_t>(++queries % 2);
+            self.SendFramed(ControllerReply(1, 1, 0x98, 0x73, packet[10], result));
         } else if (packet[0] == 0x60 && packet[12] == 0x70) {
             // A device may be faster than the acknowledgement of its opening.
             self.SendFramed(ChildBlock(0x1001, 0, {1, 2}));
@@ -61,30 +69,46 @@ TEST(Client, HoldsAWholeConversation) {
         } else if (packet[0] == 0x40 && packet[4] == 5) {
             self.SendFramed(Sealed({0xB8, 7, 0, 0, 5, packet[2], 0}));
             self.SendFramed({0xA0, 6, 1, 0x55, 1, 2});  // its checksum is wrong
+            self.SendFramed(Sealed({0xA0, 5, 2, 0, 1}));
         } else {
             FakeService::Obey(self, packet);
         }
     });
+    std::atomic<std::size_t> sent{0};
+    std::atomic<std::size_t> received{0};
     {
-        Client client(service.TakeTransport());
+        ClientOptions options;
+        options.tap = [&](Direction direction, auto) {
+            ++(direction == Direction::kToUnit ? sent : received);
+        };
+        Client client(service.Connect(), options);
         const std::uint8_t first = client.NextSequence();
         EXPECT_EQ(ValueOf(client.InitialSync(kLong)), SyncReply(0, first));
         EXPECT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
         EXPECT_TRUE(ValueOf(client.QueryDaqApplication(kLong)));
+        EXPECT_FALSE(ValueOf(client.QueryDaqApplication(kLong)));
         EXPECT_EQ(Outcome(client.TakeDaqOver(kLong)), "done");
         EXPECT_EQ(Outcome(client.SendMultiplexerCommand(5, Bytes{9}, kLong)), "done");
         const auto daq = ValueOf(client.ReceiveDaq(kLong));
         EXPECT_THAT(daq.bytes, ElementsAre(0xA0, 6, 1, 0x55, 1, 2));
         EXPECT_FALSE(daq.checksumRight);
+        EXPECT_TRUE(ValueOf(client.ReceiveDaq(kLong)).checksumRight);
         EXPECT_EQ(Outcome(client.OpenDevice("Mic", 0x1001, kLong)), "done");
         EXPECT_THAT(ValueOf(client.Receive(0x1001, kLong)).bytes, ElementsAre(1, 2));
         EXPECT_EQ(Outcome(client.CloseDevice(0x1001, kLong)), "done");
         EXPECT_EQ(Outcome(client.Receive(0x1001, kLong)), "invalid argument");
+        EXPECT_EQ(Outcome(client.OpenDevice("Mic", 0x1001, kLong)), "done");
         EXPECT_EQ(Outcome(client.CloseController(kLong)), "done");
-        EXPECT_EQ(client.Statistics().strayReplies, 0U);
-        EXPECT_EQ(client.Statistics().strayPackets, 0U);
+        EXPECT_FALSE(client.StatisticsOf(0x1001)) << "it is closed with the controller";
+        const auto counts = client.Statistics();
+        EXPECT_EQ(counts.strayReplies + counts.strayPackets + counts.wrongChecksums, 0U);
+        EXPECT_EQ(counts.packets, received);
+        EXPECT_EQ(counts.daqPackets, 2U);
+        EXPECT_EQ(counts.daqBytes, 11U);
+        EXPECT_EQ(counts.daqWrongChecksums, 1U);
     }
-    ASSERT_EQ(requests.size(), 8U);
+    ASSERT_EQ(requests.size(), 10U);
+    EXPECT_EQ(sent, requests.size());
     for (std::size_t i = 1; i < requests.size(); ++i) {
         EXPECT_NE(requests[i][2], requests[i - 1][2]) << "each request has its own number";
     }
@@ -93,25 +117,21 @@ TEST(Client, HoldsAWholeConversation) {
 TEST(Client, TellsTheKindsOfErrorsApart) {
     struct Case {
         const char* outcome;
-        std::function<void(FakeService&, const Bytes&)> answer;
+        FakeService::Handler handler;
         const char* message;
     };
+    const auto onTakeOver = [](auto answer) { return FakeService::On(0x74, answer); };
     const Case cases[] = {
-        {"refused 116/57",
-         [](FakeService& self, const Bytes& p) {
-             self.SendFramed(ControllerReply(1, 0, 0x9C, 0x74, p[10], 57));
-         },
+        {"refused 116/57", FakeService::Refuse(0x74, 57),
          "take DAQ over was refused: error 57, the DAQ did not come up during the take-over"},
         // With no controller left the unit answers under id 0.
-        {"refused 116/50",
-         [](FakeService& self, const Bytes& p) {
+        {"refused 116/50", onTakeOver([](FakeService& self, const Bytes& p) {
              self.SendFramed(ControllerReply(0, 0, 0x9C, 0x74, p[10], 50));
-         },
+         }),
          "error 50, the session with the DAQ application has failed"},
         // Not answers: another request's, another command's, one with a wrong checksum, one of a
         // stranger, and one that is no reply.
-        {"timeout",
-         [](FakeService& self, const Bytes& p) {
+        {"timeout", onTakeOver([](FakeService& self, const Bytes& p) {
              const auto other = static_cast<std::uint8_t>(p[10] + 1);
              self.SendFramed(ControllerReply(1, 0, 0x98, 0x74, other, 0));
              self.SendFramed(ControllerReply(1, 0, 0x9C, 0x70, p[10], 54));
@@ -120,70 +140,76 @@ TEST(Client, TellsTheKindsOfErrorsApart) {
              self.SendFramed(wrong);
              self.SendFramed(ControllerReply(2, 0, 0x98, 0x74, p[10], 0));
              self.SendFramed(Sealed({0x98, 7, 0, 0, 0x74, p[10], 0}));
-         },
+         }),
          "no answer in time to: take DAQ over"},
-        {"link lost", [](FakeService& self, const Bytes&) { self.HangUp(); }, "the link is lost"},
-        {"violation", [](FakeService& self, const Bytes&) { self.SendBytes(Bytes(8)); },
+        {"link lost", onTakeOver([](FakeService& self, const Bytes&) { self.HangUp(); }),
+         "the link is lost"},
+        {"violation", onTakeOver([](FakeService& self, const Bytes&) { self.SendBytes(Bytes(8)); }),
          "bad frame header"},
-        {"violation",
-         [](FakeService& self, const Bytes&) {
+        {"violation", onTakeOver([](FakeService& self, const Bytes&) {
              self.SendFramed(Bytes{96, 2, 0, 0});
-         },
+         }),
          "packet with length byte 2: 60 02 00 00"},
     };
     for (const Case& error : cases) {
-        FakeService service([&](FakeService& self, const Bytes& packet) {
-            if (packet[0] == 0x60 && packet[12] == 0x74) return error.answer(self, packet);
-            FakeService::Obey(self, packet);
-        });
-        Client client(service.TakeTransport());
-        Catchup(client);
-        ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+        Link link(error.handler);
+        link.Catchup();
         const bool silent = std::string(error.outcome) == "timeout";
-        const auto taken = client.TakeDaqOver(silent ? kShort : kLong);
+        const auto taken = link.client.TakeDaqOver(silent ? kShort : kLong);
         ASSERT_EQ(Outcome(taken), error.outcome);
         EXPECT_THAT(taken.error().message, HasSubstr(error.message));
         // The link's end stays; a refusal or a time-out leaves the link usable.
         const bool over = taken.error().kind == ErrorKind::kLinkLost ||
                           taken.error().kind == ErrorKind::kProtocolViolation;
-        EXPECT_EQ(Outcome(client.InitialSync(kLong)), over ? error.outcome : "done");
-        EXPECT_EQ(client.LinkError().has_value(), over);
+        EXPECT_EQ(Outcome(link.client.InitialSync(kLong)), over ? error.outcome : "done");
+        EXPECT_EQ(link.client.LinkError().has_value(), over);
+        if (!silent) continue;
+        const auto counts = link.client.Statistics();
+        EXPECT_EQ(counts.strayReplies, 3U);
+        EXPECT_EQ(counts.strayPackets, 1U);
+        EXPECT_EQ(counts.wrongChecksums, 1U);
     }
 }
 
 TEST(Client, RefusalsComeUnderOtherCommandsAndPacketsToo) {
-    FakeService service([](FakeService& self, const Bytes& packet) {
-        if (packet[0] == 0x40) {
+    Link link([](FakeService& self, const Bytes& packet) {
+        if (packet[0] == 0x40 && packet[4] != 26) {
             self.SendFramed(Sealed({0x9C, 7, 0, 0, packet[4], packet[2], 48}));
-        } else if (packet[12] == 0x71) {
+        } else if (packet[0] == 0x60 &&
+                   (packet[12] == 0x71 || (packet[12] == 0x70 && packet[18] == 'B'))) {
             self.SendFramed(ControllerReply(1, 1, 0x9C, 0x70, packet[10], 54));
         } else {
             FakeService::Obey(self, packet);
         }
     });
-    Client client(service.TakeTransport());
-    ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    Client& client = link.client;
     EXPECT_EQ(Outcome(client.CloseDevice(99, kLong)), "refused 112/54") << "no such child";
     EXPECT_EQ(Outcome(client.SendMultiplexerCommand(5, {}, kLong)), "refused 5/48") << "no DAQ";
+    EXPECT_EQ(Outcome(client.OpenDevice("B", 1, kLong)), "refused 112/54") << "the controller's id";
+    EXPECT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
+    EXPECT_EQ(Outcome(client.OpenDevice("B", 10, kLong)), "refused 112/54") << "10 is in use";
+    EXPECT_TRUE(client.StatisticsOf(10)) << "and stays open";
+    EXPECT_EQ(Outcome(client.OpenDevice("B", 11, kLong)), "refused 112/54");
+    EXPECT_FALSE(client.StatisticsOf(11));
 }
 
 TEST(Client, SynchronisesFromTheMiddleOfAStreamAndAsksAgain) {
-    int requests = 0;
+    std::atomic<int> requests{0};
     FakeService service([&](FakeService& self, const Bytes& packet) {
-        if (++requests == 2) self.SendFramed(SyncReply(0, packet[2]));
+        // Left over from an earlier host.
+        if (++requests == 1) self.SendFramed({0, 0, 0, 0, 0x60, 200, 1, 2, 3});
+        if (requests == 2) self.SendFramed(SyncReply(0, packet[2]));
     });
-    service.SendFramed({0, 0, 0, 0, 0x60, 200, 1, 2, 3});  // left over from an earlier host
-    Client client(service.TakeTransport());
+    Client client(service.Connect());
     EXPECT_EQ(Outcome(client.InitialSync(kLong)), "done");
     EXPECT_EQ(requests, 2);
 }
 
 TEST(Client, KeepsChildrensBlocksApartAndCountsWhatIsMissing) {
-    FakeService service(FakeService::Obey);
     ClientOptions options;
     options.queueCapacity = 3;
-    Client client(service.TakeTransport(), options);
-    ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    Link link(FakeService::Obey, options);
+    Client& client = link.client;
     ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
     ASSERT_EQ(Outcome(client.OpenDevice("B", 11, kLong)), "done");
     Bytes stream;
@@ -191,9 +217,10 @@ TEST(Client, KeepsChildrensBlocksApartAndCountsWhatIsMissing) {
         if (i == 100 || i == 101) continue;
         const auto number = static_cast<std::uint8_t>(i);
         stream = stream + ChildBlock(10, number, {number});
+        if (i < 5) stream = stream + Sealed({0xA0, 5, number, 0, number});
     }
-    service.SendFramed(stream + ChildBlock(11, 0, {7}) + ChildBlock(12, 0, {8}));
-    Catchup(client);
+    link.service.SendFramed(stream + ChildBlock(11, 0, {7}) + ChildBlock(12, 0, {8}));
+    link.Catchup();
     for (const int kept : {255, 0, 1}) {
         EXPECT_THAT(ValueOf(client.Receive(10, kLong)).bytes, ElementsAre(kept));
     }
@@ -201,10 +228,13 @@ TEST(Client, KeepsChildrensBlocksApartAndCountsWhatIsMissing) {
     const auto counts = client.StatisticsOf(10);
     ASSERT_TRUE(counts);
     EXPECT_EQ(counts->blocks, 256U);
+    EXPECT_EQ(counts->bytes, 256U);
     EXPECT_EQ(counts->sequenceGaps, 1U);
     EXPECT_EQ(counts->dropped, 253U);
     EXPECT_EQ(client.StatisticsOf(11)->sequenceGaps, 0U);
     EXPECT_EQ(client.Statistics().strayPackets, 1U);
+    EXPECT_EQ(client.Statistics().daqDropped, 2U);
+    EXPECT_EQ(ValueOf(client.ReceiveDaq(kLong)).sequence, 2);
     // Opening the controller again abandons the children.
     ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
     EXPECT_FALSE(client.StatisticsOf(11));
@@ -212,33 +242,27 @@ TEST(Client, KeepsChildrensBlocksApartAndCountsWhatIsMissing) {
 
 TEST(Client, SendsNothingThatTheUnitWouldMisunderstand) {
     std::atomic<int> tunnelPackets{0};
-    FakeService service([&](FakeService& self, const Bytes& packet) {
+    Link link([&](FakeService& self, const Bytes& packet) {
         if (packet[0] == 0x60) ++tunnelPackets;
         FakeService::Obey(self, packet);
     });
-    Client client(service.TakeTransport());
+    Client& client = link.client;
     EXPECT_EQ(Outcome(client.Send(10, Bytes(248))), "invalid argument");
     EXPECT_EQ(Outcome(client.Send(10, Bytes{1, 2, 3, 4, 0x72})), "invalid argument");
     EXPECT_EQ(Outcome(client.OpenDevice(std::string(220, 'x'), 10)), "invalid argument");
     EXPECT_EQ(Outcome(client.Send(10, Bytes(247))), "done");
-    Catchup(client);
-    EXPECT_EQ(tunnelPackets, 1);
+    link.Catchup();
+    EXPECT_EQ(tunnelPackets, 2) << "the first opened the controller";
 }
 
 TEST(Client, ServesSeveralThreads) {
     constexpr int kThreads = 4;
     constexpr int kRequests = 50;
-    FakeService service([&](FakeService& self, const Bytes& packet) {
-        if (packet[0] == 0x60 && packet[12] == 0x73) {
-            self.SendFramed(ChildBlock(10, 0, {packet[10]}));
-            self.SendFramed(ControllerReply(1, 0, 0x98, 0x73, packet[10],
-                                            static_cast<std::uint8_t>(packet[10] & 1)));
-        } else {
-            FakeService::Obey(self, packet);
-        }
-    });
-    Client client(service.TakeTransport());
-    ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    Link link(FakeService::On(0x73, [](FakeService& self, const Bytes& packet) {
+        self.SendFramed(ChildBlock(10, 0, {packet[10]}));
+        self.SendFramed(ControllerReply(1, 0, 0x98, 0x73, packet[10], 1));
+    }));
+    Client& client = link.client;
     ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
     std::vector<std::future<int>> threads;
     threads.reserve(kThreads);
@@ -259,13 +283,10 @@ TEST(Client, ServesSeveralThreads) {
 }
 
 TEST(Client, CloseEndsAllWaits) {
-    FakeService service([](FakeService& self, const Bytes& packet) {
-        if (packet[0] == 0x60 && packet[12] >= 0x73) return;
-        FakeService::Obey(self, packet);
+    Link link([](FakeService& self, const Bytes& packet) {
+        if (packet[0] != 0x60 || packet[12] < 0x73) FakeService::Obey(self, packet);
     });
-    Client client(service.TakeTransport());
-    ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kShort)), "timeout");  // no controller is open yet
-    ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    Client& client = link.client;
     ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
     std::vector<std::future<std::string>> waits;
     const auto wait = [&](auto call) {
@@ -284,9 +305,11 @@ TEST(Client, CloseEndsAllWaits) {
 TEST(Client, ReconnectsUnderThreadsThatWait) {
     const std::string path = testing::TempDir() + "vexa-reconnect-" + std::to_string(getpid());
     std::atomic<bool> silent{false};
-    FakeService service(path, [&](FakeService& self, const Bytes& packet) {
-        if (!silent) FakeService::Obey(self, packet);
-    });
+    FakeService service(
+        [&](FakeService& self, const Bytes& packet) {
+            if (!silent) FakeService::Obey(self, packet);
+        },
+        path);
     int attempts = 0;
     std::function<void()> beforeAttempt = [] {};
     auto connected = Client::Connect([&]() -> Expected<std::unique_ptr<Transport>> {
@@ -312,7 +335,6 @@ TEST(Client, ReconnectsUnderThreadsThatWait) {
     EXPECT_EQ(Outcome(client.SendRaw(Bytes{1})), "link lost");
     beforeAttempt = [&] { client.Close(); };
     EXPECT_EQ(Outcome(client.Reconnect(kLong)), "link lost") << "Close ends a Reconnect";
-    std::filesystem::remove(path);
 }
 
 TEST(SerialTransport, TakesAWholeConversationAndLeavesTheLineAsItWas) {

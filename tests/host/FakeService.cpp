@@ -6,6 +6,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdlib>
+#include <filesystem>
 
 #include "protocol/InitialSync.h"
 #include "protocol/Packet.h"
@@ -44,27 +46,26 @@ Bytes ControllerReply(std::uint32_t controller, std::uint8_t sequence, std::uint
                       Sealed({type, 7, sequence, 0, command, requestSequence, code}));
 }
 
-FakeService::FakeService(Handler packetHandler) : handler(std::move(packetHandler)) {
-    std::array<int, 2> ends{};
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) == 0) {
-        connection = ends[0];
-        hostEnd = ends[1];
-    }
-    thread = std::thread([this] { Serve(); });
+std::string FakeService::OwnPath() {
+    static std::atomic<int> count{0};
+    return testing::TempDir() + "vexa-" + std::to_string(getpid()) + "-" + std::to_string(++count);
 }
 
-FakeService::FakeService(const std::string& path, Handler packetHandler)
-    : handler(std::move(packetHandler)), listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+FakeService::FakeService(Handler handler_, std::string path_)
+    : handler(std::move(handler_)),
+      path(std::move(path_)),
+      listener(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     path.copy(address.sun_path, sizeof address.sun_path - 1);
-    if (bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        listen(listener, 1) != 0) {
+    unlink(path.c_str());
+    if (bind(listener.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+        listen(listener.Get(), 1) != 0) {
         return;
     }
     thread = std::thread([this] {
         for (;;) {
-            const int host = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+            const int host = accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC);
             if (host < 0) return;
             const int former = connection.exchange(host);
             if (former >= 0) close(former);
@@ -74,15 +75,15 @@ FakeService::FakeService(const std::string& path, Handler packetHandler)
 }
 
 FakeService::~FakeService() {
-    if (listener >= 0) shutdown(listener, SHUT_RDWR);
+    shutdown(listener.Get(), SHUT_RDWR);
     HangUp();
     if (thread.joinable()) thread.join();
     if (connection >= 0) close(connection);
-    if (listener >= 0) close(listener);
+    unlink(path.c_str());
 }
 
-std::unique_ptr<Transport> FakeService::TakeTransport() {
-    return std::make_unique<SocketTransport>(hostEnd, Framing::kFrameHeaders);
+std::unique_ptr<Transport> FakeService::Connect() const {
+    return std::move(*SocketTransport::ConnectUnit(path));
 }
 
 void FakeService::SendBytes(const Bytes& bytes) {
@@ -113,6 +114,32 @@ void FakeService::Obey(FakeService& service, const Bytes& packet) {
         service.SendFramed(
             ControllerReply(1, service.controllerSequence++, 0x98, command, packet[10], 0));
     }
+}
+
+FakeService::Handler FakeService::On(std::uint8_t command, Handler answer) {
+    return [=](FakeService& service, const Bytes& packet) {
+        const std::size_t at = packet[0] == 0x60 ? 12 : 4;
+        if (packet.size() > at && packet[at] == command) return answer(service, packet);
+        Obey(service, packet);
+    };
+}
+
+FakeService::Handler FakeService::Refuse(std::uint8_t command, std::uint8_t code) {
+    return On(command, [=](FakeService& service, const Bytes& packet) {
+        service.SendFramed(ControllerReply(1, 0, 0x9C, command, packet[10], code));
+    });
+}
+
+ToolTest::ToolTest() {
+    std::string pattern = testing::TempDir() + "vexa-host-XXXXXX";
+    if (mkdtemp(pattern.data()) != nullptr) folder = pattern;
+}
+
+ToolTest::~ToolTest() { std::filesystem::remove_all(folder); }
+
+vexa::testkit::Finished ToolTest::Run(const std::string& commandLine) const {
+    return vexa::testkit::RunShell("export HOST='" VEXA_HOST_PROGRAM "' VEXA_UNIT_DIR='" + folder +
+                                   "'; " + commandLine);
 }
 
 }  // namespace vexahost

@@ -2,11 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 
 #include "host/FakeService.h"
-#include "host/ToolFixture.h"
 #include "protocol/Packet.h"
 #include "tool/shell/Session.h"
 
@@ -37,7 +35,7 @@ void Play(FakeService& self, const Bytes& packet) {
     }
 }
 
-TEST_F(Tool, ScriptsEndAtTheFirstCommandThatFails) {
+TEST_F(ToolTest, ScriptsEndAtTheFirstCommandThatFails) {
     struct Case {
         const char* script;
         int exitCode;
@@ -66,10 +64,9 @@ TEST_F(Tool, ScriptsEndAtTheFirstCommandThatFails) {
         {"quit\nnonsense\n", 0, "1 commands, all as expected"},
     };
     for (const Case& each : cases) {
-        std::filesystem::remove(Socket());
-        FakeService service(Socket(), Play);
+        FakeService service(Play, Socket());
         std::ofstream(folder + "/script") << each.script;
-        const Ran ran = RunOnUnit("cd " + folder + "; $HOST shell --script script");
+        const auto ran = Run("cd " + folder + "; $HOST shell --script script");
         EXPECT_EQ(ran.status, each.exitCode) << each.script << ran.output;
         EXPECT_THAT(ran.output, HasSubstr(each.output)) << each.script;
         EXPECT_THAT(ran.output, testing::Not(HasSubstr("never"))) << each.script;

@@ -5,9 +5,6 @@
 #include <filesystem>
 
 #include "host/FakeService.h"
-#include "host/ToolFixture.h"
-#include "tool/Parse.h"
-#include "tool/Samples.h"
 
 namespace vexahost::tool {
 namespace {
@@ -15,7 +12,7 @@ namespace {
 using testing::AllOf;
 using testing::HasSubstr;
 
-TEST_F(Tool, WrongUseIsOneLineAndExitCodeTwo) {
+TEST_F(ToolTest, WrongUseIsOneLineAndExitCodeTwo) {
     const std::pair<std::string, const char*> cases[] = {
         {"$HOST", "A subcommand is required"},
         {"$HOST sync --dir " + folder, "/host.sock: No such file or directory"},
@@ -33,23 +30,19 @@ TEST_F(Tool, WrongUseIsOneLineAndExitCodeTwo) {
         {"echo 'wait 1s\nrepeat 2' | $HOST shell", "standard input:2: \"repeat\" without \"end\""},
     };
     for (const auto& [line, message] : cases) {
-        const Ran ran = RunShell(line);
+        const auto ran = Run(line);
         EXPECT_EQ(ran.status, 2) << line;
         EXPECT_THAT(ran.output, AllOf(testing::StartsWith("vexa-host: "), HasSubstr(message)));
         EXPECT_EQ(std::ranges::count(ran.output, '\n'), 1) << ran.output;
     }
 }
 
-TEST_F(Tool, ExitCodesTellWhatTheUnitDid) {
+TEST_F(ToolTest, ExitCodesTellWhatTheUnitDid) {
     struct Case {
         const char* line;
         FakeService::Handler handler;
         int exitCode;
         const char* output;
-    };
-    const auto refuse = [](FakeService& self, const Bytes& packet) {
-        if (packet[0] == 0x40) return FakeService::Obey(self, packet);
-        self.SendFramed(ControllerReply(1, 0, 0x9C, packet[12], packet[10], 59));
     };
     const auto streamOneBlock = [](FakeService& self, const Bytes& packet) {
         FakeService::Obey(self, packet);
@@ -71,7 +64,8 @@ TEST_F(Tool, ExitCodesTellWhatTheUnitDid) {
     };
     const Case cases[] = {
         {"sync", FakeService::Obey, 0, "in step with the unit"},
-        {"query", refuse, 1, "vexa-host: open controller was refused: error 59, the DAQ did not"},
+        {"query", FakeService::Refuse(0x72, 59), 1,
+         "vexa-host: open controller was refused: error 59, the DAQ did not"},
         {"sync", [](FakeService&, const Bytes&) {}, 3, "vexa-host: no answer in time to: initial"},
         {"sync", [](FakeService& self, const Bytes&) { self.SendBytes(Bytes(8)); }, 4,
          "bad frame header"},
@@ -97,15 +91,14 @@ TEST_F(Tool, ExitCodesTellWhatTheUnitDid) {
         {"ping T -n 3 --timeout 50ms", FakeService::Obey, 3, "3 round trips, 3 lost"},
     };
     for (const Case& unit : cases) {
-        std::filesystem::remove(Socket());
-        FakeService service(Socket(), unit.handler);
-        const Ran ran = RunOnUnit(std::string("$HOST ") + unit.line);
+        FakeService service(unit.handler, Socket());
+        const auto ran = Run(std::string("$HOST ") + unit.line);
         EXPECT_EQ(ran.status, unit.exitCode) << unit.line << ran.output;
         EXPECT_THAT(ran.output, HasSubstr(unit.output));
     }
 }
 
-TEST_F(Tool, DemoReportsAUnitThatFailsAndLeavesNothingBehind) {
+TEST_F(ToolTest, DemoReportsAUnitThatFailsAndLeavesNothingBehind) {
     const std::string demo = "TMPDIR=" + folder + " $HOST demo -- ";
     const std::pair<std::string, const char*> cases[] = {
         {folder + "/none", "cannot start "},
@@ -114,47 +107,17 @@ TEST_F(Tool, DemoReportsAUnitThatFailsAndLeavesNothingBehind) {
         {"sh -c 'trap \"\" TERM; sleep 1000 & wait; wait'", "The unit had to be killed."},
     };
     for (const auto& [unit, output] : cases) {
-        const Ran ran = RunShell(demo + unit);
+        const auto ran = Run(demo + unit);
         EXPECT_EQ(ran.status, 1);
         EXPECT_THAT(ran.output, AllOf(HasSubstr(output), HasSubstr("FAILED: expected "),
                                       HasSubstr("0 of 18 steps as expected")));
         EXPECT_TRUE(std::filesystem::is_empty(folder)) << unit;
     }
     // The unit itself interrupts the host, so that it surely runs by then.
-    const Ran ran = RunShell(demo + "sh -c 'echo up; kill -INT $PPID; sleep 1000'");
+    const auto ran = Run(demo + "sh -c 'echo up; kill -INT $PPID; sleep 1000'");
     EXPECT_EQ(ran.status, 130);
     EXPECT_THAT(ran.output, HasSubstr("Interrupted."));
     EXPECT_TRUE(std::filesystem::is_empty(folder));
-}
-
-TEST(Number, TakesWhatIsWholeAndFits) {
-    EXPECT_EQ(ParseNumber<std::uint8_t>("255"), 255);
-    EXPECT_EQ(ParseNumber<std::uint32_t>("0xFFFFFFFF"), 0xFFFFFFFF);
-    for (const char* wrong : {"", "256", "-1", "1 ", "0x", "0x1g"}) {
-        EXPECT_FALSE(ParseNumber<std::uint8_t>(wrong)) << wrong;
-    }
-    EXPECT_EQ(ParseHex("0aFF:1b 2c"), (Bytes{0x0A, 0xFF, 0x1B, 0x2C}));
-    for (const char* wrong : {"", " ", "1", "0a1", "0x1a", "1 2"}) EXPECT_FALSE(ParseHex(wrong));
-}
-
-TEST(Duration, HasUnitsAndLimits) {
-    EXPECT_EQ(ParseDuration("3s"), std::chrono::seconds(3));
-    EXPECT_EQ(ParseDuration("1.5"), std::chrono::milliseconds(1500));
-    EXPECT_EQ(ParseDuration("250ms"), std::chrono::milliseconds(250));
-    for (const char* wrong : {"", "s", "-1s", "0", "3h", "3 s", "nan", "inf", "1e99", "1441m"}) {
-        EXPECT_FALSE(ParseDuration(wrong)) << wrong;
-    }
-}
-
-TEST(DeviceData, DecodesOnlyWhatIsWhole) {
-    const Bytes block = Sealed({0xA0, 12, 0, 0, 0xE8, 3, 0, 0, 0xFF, 0xFF, 0x10, 0x27});
-    EXPECT_EQ(DescribeBlock(block), "1.000 s: -1 10000");
-    Bytes wrong = block;
-    ++wrong[3];
-    EXPECT_EQ(DescribeBlock(wrong), "a0 0c 00 " + ToHex(Part(wrong, 3, 12)));
-    EXPECT_EQ(DescribeBlock(Part(block, 0, 11)), ToHex(Part(block, 0, 11)));
-    EXPECT_EQ(DescribeBlock(Bytes{3, 2, 0xFE, 0xFF, 1, 0, 0, 0}), "0.001 s: -2");
-    EXPECT_EQ(DescribeBlock(Bytes{0x80, 2, 0, 0, 0, 0, 0, 0}), "80 02 00 00 00 00 00 00");
 }
 
 }  // namespace

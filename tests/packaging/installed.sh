@@ -17,6 +17,12 @@ vexa-host demo --dir "$scratch/demo" -- vexa-unit run --dir '{dir}' --journal '{
 
 cmake -S "$consumer" -B consumer -DCMAKE_PREFIX_PATH="$scratch/usr" >configure.log
 cmake --build consumer >build.log || { cat build.log; exit 1; }
+if command -v pkg-config >pkg-config.txt; then # and without CMake: one library, whatever it consists of
+    PKG_CONFIG_PATH=$(dirname "$(find "$scratch/usr" -name vexahost.pc)")
+    export PKG_CONFIG_PATH
+    # shellcheck disable=SC2046 # words on purpose
+    "${CXX:-c++}" "$consumer/who_has_the_daq.cpp" $(pkg-config --cflags --libs vexahost) -o who_by_pkg_config
+fi
 vexa-unit run --dir unit --scenario daq-in-use >unit.txt 2>&1 &
 unit=$!
 tries=1000
@@ -25,5 +31,8 @@ until test -S unit/host.sock; do
     test $tries -gt 0 || { cat unit.txt; exit 1; }
     sleep 0.02
 done
-answer=$(consumer/who_has_the_daq unit)
-test "$answer" = "the unit's DAQ application" || { echo "wrong answer: $answer"; exit 1; }
+for program in consumer/who_has_the_daq ./who_by_pkg_config; do
+    test -x $program || continue
+    answer=$($program unit)
+    test "$answer" = "the unit's DAQ application" || { echo "$program: wrong answer: $answer"; exit 1; }
+done

@@ -140,5 +140,50 @@ TEST_F(Node, OtherFilesAreLeftAlone) {
     EXPECT_STREQ(bytes.data(), "text");
 }
 
+TEST_F(Node, FaultsSpoilItsSystemCalls) {
+    Ask("fault.set", R"("call": "node.open", "action": "fail", "errno": "ENODEV", "count": 1)");
+    EXPECT_LT(::open(ZT_USB_NODE, O_RDWR), 0);
+    EXPECT_EQ(errno, ENODEV);
+    const Descriptor host = PlugIn();
+    int isIn = 0;
+    Ask("fault.set", R"("call": "node.ioctl", "action": "fail", "count": 1)");
+    EXPECT_EQ(::ioctl(node.Get(), ZTG_LINK_STATUS, &isIn), -1);
+    EXPECT_EQ(errno, EIO);
+
+    Ask("fault.set", R"("call": "node.write", "action": "short", "bytes": 4, "count": 1)");
+    EXPECT_EQ(::write(node.Get(), "to the host", 11), 4);
+    EXPECT_EQ(Receive(host, 4), "to t");
+    Ask("fault.set", R"("call": "node.read", "action": "fail", "errno": "EINTR", "count": 1)");
+    Ask("fault.set", R"("call": "node.read", "action": "short", "bytes": 2, "skip": 1)");
+    ASSERT_EQ(::send(host.Get(), "abc", 3, 0), 3);
+    EXPECT_EQ(Read(), "errno " + std::to_string(EINTR));
+    EXPECT_EQ(Read(), "ab");
+    EXPECT_EQ(Read(), "c");
+    Ask("fault.clear");
+}
+
+TEST_F(Node, TheCableGoesOutAndInByHandAndByItself) {
+    Descriptor host = PlugIn();
+    Ask("cable", R"("in": false)");
+    EXPECT_FALSE(CableIsIn());
+    EXPECT_EQ(Receive(host, 1), "");
+    host = ConnectHost(UnitFolderUnderTest());
+    EXPECT_EQ(Receive(host, 1), "") << "turned away";
+    EXPECT_FALSE(CableIsIn());
+
+    Ask("cable", R"("flap": {"inMs": 20, "outMs": 1})");
+    const auto hosts = [] { return Ask("state")["cable"]["hosts"].get<int>(); };
+    for (const int before = hosts(); hosts() < before + 2;) {
+        host = ConnectHost(UnitFolderUnderTest());
+        EXPECT_EQ(Receive(host, 1), "") << "plugged in for a while, or turned away at once";
+    }
+    for (int times = 0; times < 2; ++times) {
+        Ask("cable", R"("in": true)");
+        if (times == 0) host = ConnectHost(UnitFolderUnderTest());
+        EXPECT_TRUE(Eventually([&] { return CableIsIn(); }));
+        EXPECT_FALSE(IsHungUp(host)) << "what is in already is not disturbed";
+    }
+}
+
 }  // namespace
 }  // namespace vexa::unit

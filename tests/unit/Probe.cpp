@@ -13,6 +13,7 @@ int main(int argc, char** argv) {
     if (task == "exit" && argc > 2) return std::atoi(argv[2]);
     if (task == "raise" && argc > 2) return std::raise(std::atoi(argv[2]));
     if (task == "library") (void)VEXA_Init();
+    if (::getpgrp() == ::getpid()) std::printf("has its own group\n");
     std::printf("waits\n");  // never flushed, as what the service prints
     return ::pause();
 }

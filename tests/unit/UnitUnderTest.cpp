@@ -7,8 +7,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include "VEXA.h"
-
 namespace vexa::unit {
 
 namespace {
@@ -68,7 +66,10 @@ nlohmann::json AskLine(const std::string& line) {
 }
 
 nlohmann::json Ask(const std::string& verb, const std::string& members) {
-    return AskLine(R"({"request": ")" + verb + (members.empty() ? "\"" : "\", ") + members + "}");
+    auto answer =
+        AskLine(R"({"request": ")" + verb + (members.empty() ? "\"" : "\", ") + members + "}");
+    EXPECT_EQ(answer["ok"], true) << members << answer;
+    return answer;
 }
 
 }  // namespace vexa::unit

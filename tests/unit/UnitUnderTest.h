@@ -2,6 +2,7 @@
 // and a host at the end of a unit's cable.
 #pragma once
 
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "VEXA.h"
 #include "foundation/Mutex.h"
 #include "model/UnitSocket.h"
 #include "testkit/Wait.h"
@@ -33,10 +35,10 @@ template <typename Condition>
 // The lines of the call log so far.
 [[nodiscard]] std::vector<std::string> CallLogLines();
 
-// The unit's answer to a control request; `members` are added to {"request": verb}.
-[[nodiscard]] nlohmann::json Ask(const std::string& verb, const std::string& members = "");
-// The answer to a whole line.
+// The unit's answer to a line on its control socket.
 [[nodiscard]] nlohmann::json AskLine(const std::string& line);
+// The answer to {"request": verb, members}, which must be carried out.
+nlohmann::json Ask(const std::string& verb, const std::string& members = "");
 
 // Collects what callbacks are given.
 template <typename Item>
@@ -77,6 +79,28 @@ using Answers = Collected<Answer>;
 inline void CollectAnswer(void* context, std::uint32_t command, std::int32_t response) {
     static_cast<Answers*>(context)->Add({command, response});
 }
+
+// A test with the device-access library open.
+class WithLibrary : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_NE(library, 0U); }
+    void TearDown() override {
+        Ask("fault.clear");
+        EXPECT_EQ(VEXA_Uninit(library), 0);
+    }
+
+    // Opens a stream whose blocks are collected in `blocks`.
+    [[nodiscard]] std::uint32_t Open(const char* device) {
+        return VEXA_Device_Stream_Open(library, device, CollectBlock, 3, &blocks);
+    }
+    static std::int32_t Write(std::uint32_t stream, const Bytes& bytes) {
+        return VEXA_Device_Stream_Write(stream, bytes.data(),
+                                        static_cast<std::int32_t>(bytes.size()));
+    }
+
+    const std::uint32_t library = VEXA_Init();
+    Blocks blocks;
+};
 
 [[nodiscard]] inline Descriptor ConnectHost(const std::string& folder) {
     return ConnectTo(HostSocketPath(folder));

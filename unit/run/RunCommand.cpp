@@ -111,14 +111,14 @@ sigset_t PassedSignals() {
 }
 
 // Passes signals on to the program until it has ended; returns its exit status.
-int PassSignalsOn(testkit::ChildProcess& program) {
+int PassSignalsOn(testkit::ChildProcess& program, bool ownGroup) {
     const sigset_t passed = PassedSignals();
     for (;;) {
         siginfo_t signal{};
         if (sigwaitinfo(&passed, &signal) < 0) continue;
-        // A key press reaches every process of the terminal's foreground group anyway.
-        const bool isFromTerminal = signal.si_code == SI_KERNEL;
-        if (signal.si_signo != SIGCHLD && !isFromTerminal) program.Signal(signal.si_signo);
+        // A key press reaches every process of the terminal's foreground group by itself.
+        const bool hasIt = signal.si_code == SI_KERNEL && !ownGroup;
+        if (signal.si_signo != SIGCHLD && !hasIt) program.Signal(signal.si_signo);
         if (const auto status = program.Status()) return *status;
     }
 }
@@ -162,6 +162,10 @@ int RunOnUnit(const RunOptions& options) {
     call.command = options.program.empty() ? std::vector{FindService()} : options.program;
     call.output = testkit::ProcessCall::Output::kShared;
     call.keepIgnored = true;
+    // Whoever signals the whole process group would otherwise signal the program twice, and the
+    // service ends at once on the second signal. On a terminal the program has to stay in the
+    // foreground group.
+    call.ownGroup = ::isatty(STDIN_FILENO) == 0;
     call.mask = &formerMask;
     call.inherited = {folder.HostSocket(), folder.ControlSocket()};
     call.environment = {
@@ -176,7 +180,7 @@ int RunOnUnit(const RunOptions& options) {
     testkit::ChildProcess program = Start(call);
     folder.ReleaseSockets();
     std::fprintf(stderr, "vexa-unit: host socket %s\n", HostSocketPath(folder.Path()).c_str());
-    return PassSignalsOn(program);
+    return PassSignalsOn(program, call.ownGroup);
 }
 
 }  // namespace vexa::unit

@@ -34,9 +34,6 @@ class [[nodiscard]] Expected {
     // The error; only without a value.
     [[nodiscard]] const Error& error() const { return *std::get_if<Error>(&content); }
 
-    // The former name, until all users have moved to error().
-    [[nodiscard]] const Error& Failure() const { return error(); }
-
   private:
     std::variant<T, Error> content;
 };

@@ -40,18 +40,6 @@ std::string HexId(ChildId id) {
     return text;
 }
 
-// The name in an open command, up to a zero byte or the end of the packet.
-std::string NameIn(Bytes inner) {
-    if (inner.size() <= vexa::kCommandNameOffset) return {};
-    const auto text = inner.subspan(vexa::kCommandNameOffset);
-    const auto most =
-        text.first(std::min<std::size_t>(text.size(), inner[vexa::kCommandNameLengthOffset]));
-    std::string name(most.begin(), std::ranges::find(most, 0));
-    std::ranges::replace_if(
-        name, [](char letter) { return letter < ' ' || letter > '~'; }, '?');
-    return name;
-}
-
 }  // namespace
 
 const char* KindName(PacketKind kind) {
@@ -188,7 +176,7 @@ void CaptureDecoder::Follow(Bytes request) {
         controller = id;
         names.clear();
     } else if (IsCommand(inner, vexa::ControllerCommand::kOpenChild)) {
-        names.emplace(id, NameIn(inner));  // an id already in use keeps its device
+        names.emplace(id, DeviceNameIn(inner));  // an id already in use keeps its device
     }
 }
 

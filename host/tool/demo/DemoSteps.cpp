@@ -17,7 +17,7 @@ namespace vexahost::tool {
 namespace {
 
 constexpr Milliseconds kConnectTimeout{5000};
-constexpr Milliseconds kEndTimeout{5000};
+constexpr Milliseconds kUnitEndTimeout{5000};
 constexpr const char* kPluggedIn = "USB gadget cable is plugged in.";
 constexpr const char* kUnplugged = "USB gadget cable is unplugged.";
 
@@ -140,8 +140,8 @@ void Demo::PlugInAgain() {
 void Demo::EndUnit() {
     if (client) client->Close();
     unit->Signal(SIGTERM);
-    const auto status = unit->Wait(kEndTimeout);
-    unit->Log().WaitForEnd(kEndTimeout);
+    const auto status = unit->Wait(kUnitEndTimeout);
+    unit->Log().WaitForEnd(kUnitEndTimeout);
     Show({"VEXADevMgr(130) : VEXADevMgr is shutting down."}, {});
     Expect(status == 0, "exit status 0",
            status ? "exit status " + std::to_string(*status) : "a unit that goes on running");

@@ -13,7 +13,7 @@ namespace vexahost::tool {
 
 namespace {
 
-constexpr std::size_t kBytesShown = 24;
+constexpr std::size_t kDecodedBytesShown = 24;
 constexpr std::size_t kAllBytes = 0xFFFF;
 
 struct DecodeOptions {
@@ -69,7 +69,7 @@ class Printer {
                             : toUnit              ? Style::kToUnit
                                                   : Style::kFromUnit;
         console.Line(style, head, packet.text,
-                     HexText(packet.bytes, options.whole ? kAllBytes : kBytesShown));
+                     HexText(packet.bytes, options.whole ? kAllBytes : kDecodedBytesShown));
     }
 
     void PrintJson(const DecodedPacket& packet) const {

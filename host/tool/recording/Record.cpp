@@ -77,9 +77,9 @@ class Relay {
 };
 
 constexpr int kPollMs = 50;  // how often a wait checks whether all is over
-constexpr std::chrono::milliseconds kReadTimeout{kPollMs};
-constexpr std::chrono::milliseconds kWriteTimeout{5000};
-constexpr std::size_t kReadSize = 16384;
+constexpr std::chrono::milliseconds kRelayReadTimeout{kPollMs};
+constexpr std::chrono::milliseconds kRelayWriteTimeout{5000};
+constexpr std::size_t kRelayReadSize = 16384;
 
 // Waits a short time until `descriptor` can be read or has ended.
 bool CanRead(int descriptor) {
@@ -173,8 +173,8 @@ void Relay::Forward(Transport& unit, int host) {
     FrameCutter wrapper(Framing::kNone,
                         [&](std::span<const std::uint8_t> frame) { SendAll(host, frame); });
     const bool wrap = unit.UnitFraming() == Framing::kNone;
-    std::array<std::uint8_t, kReadSize> buffer;
-    while (const auto count = unit.Read(buffer, kReadTimeout)) {
+    std::array<std::uint8_t, kRelayReadSize> buffer;
+    while (const auto count = unit.Read(buffer, kRelayReadTimeout)) {
         const auto piece = std::span<const std::uint8_t>(buffer).first(*count);
         frames.Add(piece);
         if (wrap) {
@@ -188,7 +188,7 @@ void Relay::Forward(Transport& unit, int host) {
 }
 
 void Relay::ForwardRequests(Transport& unit, int host, const std::function<bool()>& isOver) {
-    std::array<std::uint8_t, kReadSize> buffer;
+    std::array<std::uint8_t, kRelayReadSize> buffer;
     while (!Failure()) {
         if (!CanRead(host)) {
             if (isOver()) return;
@@ -203,7 +203,7 @@ void Relay::ForwardRequests(Transport& unit, int host, const std::function<bool(
         const auto piece =
             std::span<const std::uint8_t>(buffer).first(static_cast<std::size_t>(count));
         Record(Direction::kToUnit, piece);
-        if (!unit.WriteAll(piece, kWriteTimeout)) return;
+        if (!unit.WriteAll(piece, kRelayWriteTimeout)) return;
     }
 }
 

@@ -262,15 +262,16 @@ std::optional<double> Figure(const Session& session, const std::string& device,
                              const std::string& figure) {
     if (device == "daq") return DaqFigure(session, figure);
     const auto id = session.FindId(device);
-    const auto counts = id ? session.client->StatisticsOf(*id) : std::nullopt;
-    const auto entry = std::ranges::find_if(
-        session.devices, [&](const Session::Device& open) { return open.id == id; });
-    if (!counts || entry == session.devices.end()) return std::nullopt;
-    if (figure == "blocks") return static_cast<double>(counts->blocks);
-    if (figure == "bytes") return static_cast<double>(counts->bytes);
-    if (figure == "rate") return static_cast<double>(counts->blocks) / SecondsSince(entry->opened);
-    if (figure == "gaps") return static_cast<double>(counts->sequenceGaps);
-    if (figure == "dropped") return static_cast<double>(counts->dropped);
+    if (!id) return std::nullopt;
+    const auto entry = std::ranges::find(session.devices, *id, &Session::Device::id);
+    const auto found = session.client->StatisticsOf(*id);
+    if (!found || entry == session.devices.end()) return std::nullopt;
+    const ChildStatistics& counts = *found;
+    if (figure == "blocks") return static_cast<double>(counts.blocks);
+    if (figure == "bytes") return static_cast<double>(counts.bytes);
+    if (figure == "rate") return static_cast<double>(counts.blocks) / SecondsSince(entry->opened);
+    if (figure == "gaps") return static_cast<double>(counts.sequenceGaps);
+    if (figure == "dropped") return static_cast<double>(counts.dropped);
     return std::nullopt;
 }
 

@@ -111,10 +111,10 @@ bool FullScreen::StopIfAsked() {
 
 namespace {
 
-constexpr std::chrono::milliseconds kRedraw{100};
-constexpr std::chrono::milliseconds kRates{1000};
+constexpr std::chrono::milliseconds kViewRedraw{100};
+constexpr std::chrono::milliseconds kViewRates{1000};
 constexpr std::size_t kGraphSamples = 500;  // more than a terminal is wide
-constexpr std::size_t kBytesShown = 16;
+constexpr std::size_t kViewBytesShown = 16;
 constexpr std::size_t kExtremesFrom = 110;  // columns that leave room for the extremes
 
 // The formats of the columns, for heading and rows alike; the graph comes after them.
@@ -143,7 +143,7 @@ void LiveView::Add(const StreamedBlock& from) {
     DeviceRows& device = devices.at(from.device);
     ++device.blocks;
     if (!from.reading) {
-        device.bytes = HexText(from.block.bytes, kBytesShown);
+        device.bytes = HexText(from.block.bytes, kViewBytesShown);
         return;
     }
     for (const Channel& channel : from.reading->channels) AddChannel(device, channel);
@@ -167,8 +167,8 @@ void LiveView::AddChannel(DeviceRows& device, const Channel& channel) {
 
 void LiveView::Update() {
     const auto now = Clock::now();
-    if (now - ratesAt >= kRates) UpdateRates(now);
-    if (screen.StopIfAsked() || now - drawnAt >= kRedraw) Draw(now);
+    if (now - ratesAt >= kViewRates) UpdateRates(now);
+    if (screen.StopIfAsked() || now - drawnAt >= kViewRedraw) Draw(now);
 }
 
 void LiveView::UpdateRates(Clock::time_point now) {

@@ -64,7 +64,7 @@ class StreamSource {
 };
 
 constexpr const char* kDaqName = "DAQ";
-constexpr Milliseconds kPause{20};
+constexpr Milliseconds kReceiveWait{20};
 
 ChildId IdOf(std::size_t device) { return kFirstDeviceId + static_cast<ChildId>(device); }
 
@@ -110,7 +110,7 @@ Expected<Done> StreamSource::ReceiveAllOf(std::size_t device, Milliseconds wait,
 
 Expected<Done> StreamSource::ReceiveAll(const UseBlock& use) {
     for (std::size_t i = 0; i < names.size(); ++i) {
-        const Milliseconds wait = i == 0 ? kPause : Milliseconds{0};
+        const Milliseconds wait = i == 0 ? kReceiveWait : Milliseconds{0};
         if (auto received = ReceiveAllOf(i, wait, use); !received) return received;
     }
     return Done{};

@@ -1,12 +1,14 @@
-// The stand-in libraries as the service calls them.
+// The stand-in libraries as the service calls them, well and with faults.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
 #include <atomic>
+#include <functional>
+#include <set>
 #include <utility>
 
-#include "VEXA.h"
+#include "model/Faults.h"
 #include "unit/UnitUnderTest.h"
 #include "vexcri.h"
 
@@ -15,20 +17,9 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::IsSupersetOf;
+using Libraries = WithLibrary;
 
-std::int32_t Write(std::uint32_t stream, const Bytes& bytes) {
-    return VEXA_Device_Stream_Write(stream, bytes.data(), static_cast<std::int32_t>(bytes.size()));
-}
-
-class StandInLibraries : public ::testing::Test {
-  protected:
-    void SetUp() override { ASSERT_NE(library, 0U); }
-    void TearDown() override { EXPECT_EQ(VEXA_Uninit(library), 0); }
-
-    const std::uint32_t library = VEXA_Init();
-};
-
-TEST_F(StandInLibraries, ListsTheAttachedDevicesOfAType) {
+TEST_F(Libraries, ListsTheAttachedDevicesOfAType) {
     std::uint32_t type = 8;
     EXPECT_NE(VEXA_GetDeviceTypeFromDeviceName("Nothing", &type), 0);
     EXPECT_EQ(type, 8U) << "an unknown name leaves the type alone";
@@ -45,7 +36,7 @@ TEST_F(StandInLibraries, ListsTheAttachedDevicesOfAType) {
     EXPECT_EQ(VEXA_Device_Stream_Open(library, "Gone", CollectBlock, 3, nullptr), 0U);
 }
 
-TEST_F(StandInLibraries, EachStreamHasItsOwnEchoUntilItsLibraryEnds) {
+TEST_F(Libraries, EachStreamHasItsOwnEchoUntilItsLibraryEnds) {
     Blocks first;
     Blocks second;
     const auto other = VEXA_Init();
@@ -64,9 +55,8 @@ TEST_F(StandInLibraries, EachStreamHasItsOwnEchoUntilItsLibraryEnds) {
     EXPECT_THAT(first.Await(2), ElementsAre(Bytes{1, 2}, Bytes{4}));
 }
 
-TEST_F(StandInLibraries, NoCallbackRunsOnceItsStreamIsClosed) {
-    Blocks blocks;
-    const auto stream = VEXA_Device_Stream_Open(library, "Fast", CollectBlock, 3, &blocks);
+TEST_F(Libraries, NoCallbackRunsOnceItsStreamIsClosed) {
+    const auto stream = Open("Fast");
     (void)blocks.Await(3);
     EXPECT_EQ(VEXA_Device_Stream_Close(stream), 0);
     const auto count = blocks.Await(0).size();
@@ -77,7 +67,7 @@ TEST_F(StandInLibraries, NoCallbackRunsOnceItsStreamIsClosed) {
     EXPECT_NE(VEXA_Device_Stream_Close(stream), 0);
 }
 
-TEST_F(StandInLibraries, ACallbackMayCloseItsOwnStream) {
+TEST_F(Libraries, ACallbackMayCloseItsOwnStream) {
     struct Closing {
         std::atomic<std::uint32_t> stream = 0;
         Collected<std::int32_t> results;
@@ -93,7 +83,7 @@ TEST_F(StandInLibraries, ACallbackMayCloseItsOwnStream) {
     EXPECT_NE(Write(closing.stream, {1}), 0);
 }
 
-TEST(StandInSessions, ApplicationsAnswerAsTheScenarioSays) {
+TEST(Sessions, ApplicationsAnswerAsTheScenarioSays) {
     Answers answers;
     std::uint32_t daq = 0;
     std::uint32_t splash = 0;
@@ -118,7 +108,7 @@ TEST(StandInSessions, ApplicationsAnswerAsTheScenarioSays) {
     }
 }
 
-TEST(StandInSessions, ACallbackMayEndItsOwnSession) {
+TEST(Sessions, ACallbackMayEndItsOwnSession) {
     struct Ending {
         std::atomic<std::uint32_t> session = 0;
         Collected<std::int32_t> results;
@@ -134,9 +124,7 @@ TEST(StandInSessions, ACallbackMayEndItsOwnSession) {
     EXPECT_THAT(ending.results.Await(1), ElementsAre(1));
 }
 
-TEST(StandInCallLog, SaysWhatBecameOfAStream) {
-    Blocks blocks;
-    const auto library = VEXA_Init();
+TEST_F(Libraries, LogCallsWithWhatBecameOfAStream) {
     std::uint32_t type = 0;
     (void)VEXA_GetDeviceTypeFromDeviceName("No\n\"such\"", &type);
     const auto refuse = [](const std::uint8_t* data, std::int32_t count, void* context) {
@@ -146,7 +134,6 @@ TEST(StandInCallLog, SaysWhatBecameOfAStream) {
     for (const Bytes& bytes : {Bytes{0}, Bytes{1}, Bytes{2}}) (void)Write(stream, bytes);
     (void)blocks.Await(3);
     (void)VEXA_Device_Stream_Close(stream);
-    (void)VEXA_Uninit(library);
     // Where an address has 32 bits, a sensor's context may as well be a number.
     const std::string context =
         sizeof &blocks > sizeof(std::uint32_t)
@@ -159,6 +146,96 @@ TEST(StandInCallLog, SaysWhatBecameOfAStream) {
                          ", \"Tilt\", mode 3, context " + context + ") = " + std::to_string(stream),
                      "VEXA_Device_Stream_Close(" + std::to_string(stream) +
                          ") = 0  # \"Tilt\": 3 blocks out, 2 taken, 1 refused, 3 writes in"}));
+}
+
+TEST_F(Libraries, FailBlockOrAnswerLateInEachCall) {
+    std::uint32_t word = 0;
+    std::uint16_t number = 0;
+    std::array<char, 220> name{};
+    Answers answers;
+    const auto snapshot = [&] { return VEXA_OpenDeviceListSnapshot(library, 8, &word, &word); };
+    const auto session = [&] {
+        std::uint32_t made = 0;
+        return criInit("FGEN", 1, CollectAnswer, &answers, &made) == 1 ? made : 0;
+    };
+    struct Use {
+        const char* call;
+        std::function<bool()> works;
+    };
+    const Use uses[] = {
+        {"VEXA_Init", [] { return VEXA_Uninit(VEXA_Init()) == 0; }},
+        {"VEXA_Uninit", [] { return VEXA_Uninit(VEXA_Init()) == 0; }},
+        {"VEXA_GetDLLVersion", [&] { return VEXA_GetDLLVersion(library, &number, &number) == 0; }},
+        {"VEXA_Diags_SetDebugTraceThreshold",
+         [&] { return VEXA_Diags_SetDebugTraceThreshold(library, 1) == 0; }},
+        {"VEXA_GetDeviceTypeFromDeviceName",
+         [&] { return VEXA_GetDeviceTypeFromDeviceName("Quiet", &word) == 0; }},
+        {"VEXA_SearchForDevices",
+         [&] { return VEXA_SearchForDevices(library, 8, 1, 0, &word) == 0; }},
+        {"VEXA_OpenDeviceListSnapshot", [&] { return snapshot() != 0; }},
+        {"VEXA_DeviceListSnapshot_GetNthEntry",
+         [&] {
+             return VEXA_DeviceListSnapshot_GetNthEntry(snapshot(), 0, name.data(), 220, &word) ==
+                    0;
+         }},
+        {"VEXA_CloseDeviceListSnapshot",
+         [&] { return VEXA_CloseDeviceListSnapshot(snapshot()) == 0; }},
+        {"VEXA_Device_Stream_Open", [&] { return Open("Quiet") != 0; }},
+        {"VEXA_Device_Stream_Write", [&] { return Write(Open("Quiet"), {1}) == 0; }},
+        {"VEXA_Device_Stream_Close", [&] { return VEXA_Device_Stream_Close(Open("Quiet")) == 0; }},
+        {"VEXA_Device_GetOpenDeviceName",
+         [&] { return VEXA_Device_GetOpenDeviceName(Open("Quiet"), name.data(), 220) == 0; }},
+        {"VEXA_Device_Open", [&] { return VEXA_Device_Open(library, "Quiet", 1) != 0; }},
+        {"VEXA_Device_Close",
+         [&] { return VEXA_Device_Close(VEXA_Device_Open(library, "Quiet", 1)) == 0; }},
+        {"criInit", [&] { return criTerminate(session(), 1) == 1; }},
+        {"criCommand", [&] { return criCommand(session(), 4, 0) == 1; }},
+        {"criTerminate", [&] { return criTerminate(session(), 1) == 1; }},
+    };
+    std::set<std::string> used;
+    for (const auto& [call, works] : uses) {
+        const std::string member = R"("call": ")" + std::string(call) + "\", ";
+        Ask("fault.set", member + R"("action": "fail", "skip": 1, "count": 1)");
+        Ask("fault.set", member + R"("action": "block", "ms": 1)");
+        Ask("fault.set", member + R"("action": "late", "ms": 1)");
+        EXPECT_TRUE(works()) << call;
+        EXPECT_FALSE(works()) << call;
+        EXPECT_TRUE(works()) << call;
+        const auto faults = Ask("fault.list")["faults"];
+        EXPECT_EQ(faults[0]["hits"], 1) << call;
+        EXPECT_EQ(faults[1]["hits"], 3) << call;
+        EXPECT_EQ(faults[2]["hits"], 3) << call;
+        Ask("fault.clear");
+        used.insert(call);
+    }
+    std::set<std::string> all;
+    for (const auto& call : kCalls) {
+        if (call.name.starts_with("VEXA_") || call.name.starts_with("cri")) all.emplace(call.name);
+    }
+    EXPECT_EQ(used, all);
+}
+
+TEST_F(Libraries, HaveFaultsOnOneDevice) {
+    Ask("fault.set", R"("call": "VEXA_Device_Stream_Write", "action": "fail", "for": "Tilt")");
+    EXPECT_EQ(Write(Open("Quiet"), {1}), 0);
+    EXPECT_NE(Write(Open("Tilt"), {1}), 0);
+}
+
+TEST_F(Libraries, SpoilWhatADeviceSendsIfAFaultSaysSo) {
+    Ask("fault.set", R"("call": "data", "action": "corrupt", "count": 1)");
+    Ask("fault.set", R"("call": "data", "action": "corrupt", "skip": 1, "count": 1, "offset": 0)");
+    Ask("fault.set", R"("call": "data", "action": "oversize", "skip": 2, "count": 1, "bytes": 5)");
+    const auto stream = Open("Quiet");
+    for (int times = 0; times < 4; ++times) (void)Write(stream, {1, 2, 3});
+    EXPECT_THAT(blocks.Await(4), ElementsAre(Bytes{1, 0xFD, 3}, Bytes{0xFE, 2, 3},
+                                             Bytes{1, 2, 3, 1, 2}, Bytes{1, 2, 3}));
+}
+
+TEST_F(Libraries, LetADeviceSendWhileItsStreamIsBeingClosed) {
+    Ask("fault.set", R"("call": "VEXA_Device_Stream_Close", "action": "data")");
+    const auto stream = Open("Quiet");
+    EXPECT_EQ(VEXA_Device_Stream_Close(stream), 0);
+    EXPECT_EQ(blocks.Await(0).size(), 1U) << "it has come when the call returns";
 }
 
 }  // namespace

@@ -1,10 +1,11 @@
-// Samples in the blocks of real sensors, and figures of round trips.
+// What vexa-host reads and shows: numbers, times, samples, figures.
 #include <gtest/gtest.h>
 
 #include <cmath>
 
 #include "host/FakeService.h"
 #include "tool/Figures.h"
+#include "tool/Parse.h"
 #include "tool/Samples.h"
 
 namespace vexahost::tool {
@@ -82,6 +83,36 @@ TEST(SparkLine, HasAPlaceForEveryNumber) {
     EXPECT_EQ(SparkLine({9, 0, 3.5, 7}, 3, false), "_-#");
     EXPECT_EQ(SparkLine({5, 5}, 9, false), "__");
     EXPECT_EQ(SparkLine({-1e308, 1e308, NAN, INFINITY}, 9, false).size(), 4U);
+}
+
+TEST(Number, TakesWhatIsWholeAndFits) {
+    EXPECT_EQ(ParseNumber<std::uint8_t>("255"), 255);
+    EXPECT_EQ(ParseNumber<std::uint32_t>("0xFFFFFFFF"), 0xFFFFFFFF);
+    for (const char* wrong : {"", "256", "-1", "1 ", "0x", "0x1g"}) {
+        EXPECT_FALSE(ParseNumber<std::uint8_t>(wrong)) << wrong;
+    }
+    EXPECT_EQ(ParseHex("0aFF:1b 2c"), (Bytes{0x0A, 0xFF, 0x1B, 0x2C}));
+    for (const char* wrong : {"", " ", "1", "0a1", "0x1a", "1 2"}) EXPECT_FALSE(ParseHex(wrong));
+}
+
+TEST(Duration, HasUnitsAndLimits) {
+    EXPECT_EQ(ParseDuration("3s"), std::chrono::seconds(3));
+    EXPECT_EQ(ParseDuration("1.5"), std::chrono::milliseconds(1500));
+    EXPECT_EQ(ParseDuration("250ms"), std::chrono::milliseconds(250));
+    for (const char* wrong : {"", "s", "-1s", "0", "3h", "3 s", "nan", "inf", "1e99", "1441m"}) {
+        EXPECT_FALSE(ParseDuration(wrong)) << wrong;
+    }
+}
+
+TEST(DeviceData, DecodesOnlyWhatIsWhole) {
+    const Bytes block = Sealed({0xA0, 12, 0, 0, 0xE8, 3, 0, 0, 0xFF, 0xFF, 0x10, 0x27});
+    EXPECT_EQ(DescribeBlock(block), "1.000 s: -1 10000");
+    Bytes wrong = block;
+    ++wrong[3];
+    EXPECT_EQ(DescribeBlock(wrong), "a0 0c 00 " + ToHex(Part(wrong, 3, 12)));
+    EXPECT_EQ(DescribeBlock(Part(block, 0, 11)), ToHex(Part(block, 0, 11)));
+    EXPECT_EQ(DescribeBlock(Bytes{3, 2, 0xFE, 0xFF, 1, 0, 0, 0}), "0.001 s: -2");
+    EXPECT_EQ(DescribeBlock(Bytes{0x80, 2, 0, 0, 0, 0, 0, 0}), "80 02 00 00 00 00 00 00");
 }
 
 }  // namespace
