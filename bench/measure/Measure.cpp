@@ -1,5 +1,7 @@
 // Measures the service as a whole process: its own binary, started anew for each figure, with a
 // host at its link and sensors that cost next to nothing.
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdio>
@@ -36,6 +38,7 @@ constexpr auto kBurstPeriod = 2ms;
 struct Settings {
     std::string program;
     std::string libraries;
+    std::string floor;
     std::string json;
     double seconds = 10;
 };
@@ -80,9 +83,9 @@ class Session {
     vexahost::Client& Host() { return service.Host(); }
 
     // Sends `count` packets of kPacket bytes, in bursts.
-    void SendPackets(std::size_t count) {
+    void SendPackets(std::size_t count, vexahost::ChildId child = kChild) {
         vexahost::Packet packet(vexa::kTypeTunnel, kPacket, 0);
-        vexa::BuildTunnelHeader(packet.Bytes().data(), kChild, 0, kBlock);
+        vexa::BuildTunnelHeader(packet.Bytes(), child, 0, kBlock);
         packet.Seal();
         std::vector<std::uint8_t> burst;
         for (std::size_t i = 0; i < kBurstPackets; ++i) {
@@ -145,7 +148,7 @@ void MeasureToUnit(const Settings& settings, Figures& figures) {
     Need("count", session.Host().Send(kChild, std::array<std::uint8_t, 1>{}));
     const auto counted = Need("count", session.Host().Receive(kChild, 1000ms));
     const double sent = static_cast<double>(packets);
-    const double lost = sent + kBurstPackets - vexa::LoadLe32(counted.bytes.data());
+    const double lost = sent + kBurstPackets - vexa::LoadLe32(counted.bytes, 0);
     figures.Add("host to unit, 25-byte tunnel packets: rate", sent * kPacket / elapsed.count(),
                 "bytes/s");
     figures.Add("  packets lost", lost, "");
@@ -209,6 +212,53 @@ void MeasureRoundTrips(const Settings& settings, Figures& figures) {
     figures.Add("  round trips", static_cast<double>(times.size()), "");
 }
 
+// Sends `seconds` of bursts to the unit, as fast as SendPackets does, and reads what comes.
+void LoadLink(int link, double seconds) {
+    const std::vector<std::uint8_t> burst(kBurstPackets * kPacket);
+    std::vector<std::uint8_t> received(65536);
+    auto due = Clock::now();
+    for (const auto end = due + Seconds(seconds); due < end; due += kBurstPeriod) {
+        std::this_thread::sleep_until(due);
+        if (::send(link, burst.data(), burst.size(), MSG_NOSIGNAL) < 0) Fail("the link has ended");
+        while (::recv(link, received.data(), received.size(), MSG_DONTWAIT) > 0) continue;
+    }
+}
+
+// 25,000 packets a second each way through the service, and the same bytes through a program that
+// only reads, sleeps and writes; both without the library's own thread.
+void MeasureAgainstFloor(const Settings& settings, Figures& figures) {
+    constexpr std::uint32_t kSmallBlock = 5;
+    constexpr std::uint32_t kRate = 25000;
+    const auto cpuOf = [](const ServiceProcess& process, auto load) {
+        const CpuTime before = process.Cpu();
+        load();
+        return Seconds(process.Cpu().service - before.service).count();
+    };
+    double service = 0;
+    {
+        Session session(settings, "source");
+        Need("sink", session.Host().OpenDevice("sink", kChild + 1));
+        session.SetSource(kSmallBlock, kRate);
+        std::this_thread::sleep_for(500ms);
+        const auto packets =
+            static_cast<std::size_t>(settings.seconds * (1s / kBurstPeriod)) * kBurstPackets;
+        const auto received = session.Host().StatisticsOf(kChild)->blocks;
+        service = cpuOf(session.service, [&] { session.SendPackets(packets, kChild + 1); });
+        figures.Add("25,000 packets a second each way: packets that reached the host",
+                    static_cast<double>(session.Host().StatisticsOf(kChild)->blocks - received),
+                    "");
+    }
+    const auto bytes =
+        static_cast<std::size_t>(kRate * (kSmallBlock + vexa::kTunnelHeaderSize) * 0.030);
+    const ServiceProcess floor(settings.floor, settings.libraries, std::to_string(bytes));
+    LoadLink(floor.Link(), 0.5);
+    const double least = cpuOf(floor, [&] { LoadLink(floor.Link(), settings.seconds); });
+    figures.Add("  CPU of the service, of one core", service / settings.seconds * 100, "%", 2);
+    figures.Add("  CPU of the same reads, sleeps and writes alone", least / settings.seconds * 100,
+                "%", 2);
+    figures.Add("  the service as a multiple of it", service / least, "", 2);
+}
+
 void MeasureSize(const Settings& settings, Figures& figures) {
     namespace fs = std::filesystem;
     const fs::path stripped = settings.libraries + "/VEXADevMgr.stripped";
@@ -228,6 +278,7 @@ void MeasureAll(const Settings& settings) {
     MeasureToUnit(settings, figures);
     MeasureFromUnit(settings, figures, "nearly full", 0.97);
     MeasureFromUnit(settings, figures, "too many", 1.2);
+    MeasureAgainstFloor(settings, figures);
     MeasureRoundTrips(settings, figures);
     if (settings.json.empty()) return;
     std::ofstream file(settings.json);
@@ -240,7 +291,8 @@ void MeasureAll(const Settings& settings) {
 int main(int argc, char** argv) {
     try {
         const auto here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-        Settings settings{here / "VEXADevMgr", here.parent_path() / "lib/measured", "", 10};
+        Settings settings{here / "VEXADevMgr", here.parent_path() / "lib/measured",
+                          here / "vexa-floor", "", 10};
         CLI::App app("Measures the service as a whole process");
         app.add_option("--program", settings.program, "The service's binary")
             ->check(CLI::ExistingFile);

@@ -25,37 +25,40 @@ void Fail(const std::string& text) {
     std::exit(1);
 }
 
-ServiceProcess::ServiceProcess(const std::string& program, const std::string& libraries) {
+ServiceProcess::ServiceProcess(const std::string& program, const std::string& libraries,
+                               const std::string& argument) {
     std::array<int, 2> ends{};
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) != 0) Fail("no socket pair");
-    ::fcntl(ends[0], F_SETFD, FD_CLOEXEC);
-    started = std::chrono::steady_clock::now();
-    process = ::fork();
-    if (process == 0) {
-        ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // also when the measuring is interrupted
-        ::setenv("LD_LIBRARY_PATH", libraries.c_str(), 1);
-        ::setenv("LD_PRELOAD", (libraries + "/libmeasured-node.so").c_str(), 1);
-        ::setenv("MEASURED_LINK", std::to_string(ends[1]).c_str(), 1);
-        const int silence = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        ::dup2(silence, STDOUT_FILENO);
-        ::execl(program.c_str(), program.c_str(), nullptr);
-        std::perror(program.c_str());
-        std::_Exit(EXIT_FAILURE);
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        Fail("no socket pair");
     }
-    ::close(ends[1]);
-    host = std::make_unique<vexahost::Client>(
-        std::make_unique<vexahost::SocketTransport>(ends[0], vexahost::Framing::kFrameHeaders));
+    link = testkit::Descriptor(ends[0]);
+    const testkit::Descriptor unitEnd(ends[1]);
+    testkit::ProcessCall call;
+    call.command = {program};
+    if (!argument.empty()) call.command.push_back(argument);
+    call.environment = {{"LD_LIBRARY_PATH", libraries},
+                        {"LD_PRELOAD", libraries + "/libmeasured-node.so"},
+                        {"MEASURED_LINK", std::to_string(unitEnd.Get())}};
+    call.inherited = {unitEnd.Get()};
+    call.output = testkit::ProcessCall::Output::kDiscarded;
+    started = std::chrono::steady_clock::now();
+    process.emplace(call);
 }
 
-ServiceProcess::~ServiceProcess() {
-    ::kill(process, SIGTERM);
-    ::waitpid(process, nullptr, 0);
+ServiceProcess::~ServiceProcess() { process->Stop(std::chrono::seconds(5)); }
+
+vexahost::Client& ServiceProcess::Host() {
+    if (!host) {
+        host = std::make_unique<vexahost::Client>(std::make_unique<vexahost::SocketTransport>(
+            link.Release(), vexahost::Framing::kFrameHeaders));
+    }
+    return *host;
 }
 
 CpuTime ServiceProcess::Cpu() const {
     CpuTime used;
     for (const auto& thread :
-         fs::directory_iterator("/proc/" + std::to_string(process) + "/task")) {
+         fs::directory_iterator("/proc/" + std::to_string(process->Id()) + "/task")) {
         std::string name;
         std::getline(std::ifstream(thread.path() / "comm"), name);
         std::int64_t nanoseconds = 0;
@@ -67,7 +70,7 @@ CpuTime ServiceProcess::Cpu() const {
 }
 
 std::uint64_t ServiceProcess::ResidentKiB() const {
-    std::ifstream status("/proc/" + std::to_string(process) + "/status");
+    std::ifstream status("/proc/" + std::to_string(process->Id()) + "/status");
     for (std::string key; status >> key;) {
         std::uint64_t value = 0;
         if (key == "VmRSS:" && status >> value) return value;

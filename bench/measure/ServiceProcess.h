@@ -1,13 +1,13 @@
 // The service as a process of its own, over the sensors, sessions and node of this folder.
 #pragma once
 
-#include <sys/types.h>
-
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
+#include "testkit/ChildProcess.h"
 #include "vexahost/Client.h"
 
 namespace vexa::measure {
@@ -20,15 +20,19 @@ struct CpuTime {
 
 class ServiceProcess {
   public:
-    // Starts `program` with the libraries that lie in `libraries`. Ends the measuring program with
-    // a line of error when it cannot.
-    ServiceProcess(const std::string& program, const std::string& libraries);
+    // Starts `program`, with one argument or none, and with the libraries in `libraries`. Ends the
+    // measuring program with a line of error when it cannot.
+    ServiceProcess(const std::string& program, const std::string& libraries,
+                   const std::string& argument = "");
     ~ServiceProcess();
     ServiceProcess(const ServiceProcess&) = delete;
     ServiceProcess& operator=(const ServiceProcess&) = delete;
 
-    // The host at the other end of its link.
-    [[nodiscard]] vexahost::Client& Host() { return *host; }
+    // The host at the other end of its link, made with the first call.
+    [[nodiscard]] vexahost::Client& Host();
+
+    // The link itself, for a program that is not the service.
+    [[nodiscard]] int Link() const { return link.Get(); }
 
     [[nodiscard]] CpuTime Cpu() const;
 
@@ -42,7 +46,8 @@ class ServiceProcess {
 
   private:
     std::chrono::steady_clock::time_point started;
-    pid_t process = -1;
+    testkit::Descriptor link;
+    std::optional<testkit::ChildProcess> process;
     std::unique_ptr<vexahost::Client> host;
 };
 

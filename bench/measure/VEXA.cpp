@@ -131,11 +131,12 @@ int32_t VEXA_Device_Stream_Write(uint32_t stream, const void* data, int32_t leng
     if (stream == kSinkType) {
         WriteSink(open, length);
     } else if (length == 8) {
-        const uint32_t rate = vexa::LoadLe32(bytes + 4);
+        const std::span<const uint8_t> numbers(bytes, 8);
+        const uint32_t rate = vexa::LoadLe32(numbers, 4);
         if (rate == 0) {
             source.Stop();
         } else {
-            source.Start(open, vexa::LoadLe32(bytes), rate);
+            source.Start(open, vexa::LoadLe32(numbers, 0), rate);
         }
     }
     return 0;
