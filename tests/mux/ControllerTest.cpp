@@ -1,4 +1,4 @@
-// The control channel: opening and closing, the conversations with the applications, the DAQ.
+// The control channel and the DAQ, as far as the model in tests/model does not show it.
 
 #include <thread>
 
@@ -11,11 +11,7 @@ namespace {
 using namespace test;
 using Calls = std::vector<std::string>;
 
-class Controller : public MuxTest {
-  protected:
-    void AnswerAll(std::int32_t query) { script.answers = {{1, 1}, {2, 1}, {3, query}, {4, 1}}; }
-    void FailDaq() { script.attached.erase(5); }
-};
+using Controller = MuxTest;
 
 TEST_F(Controller, OpensUnderEitherCommand) {
     const VirtualTime time;
@@ -27,126 +23,12 @@ TEST_F(Controller, OpensUnderEitherCommand) {
     EXPECT_EQ(Reply(OpenController(true)), ControllerReply(0, 0x98, 0x72, 0));
     EXPECT_TRUE(daq.IsOpen());
 
-    FailDaq();
+    script.attached.erase(5);
     mux.DisconnectCleanUp();
     mux.MarkConnected();
     EXPECT_EQ(Reply(ToController(0x70, byName)), ControllerReply(0, 0x9C, 0x70, 59));
     EXPECT_EQ(Reply(OpenChild(1, "Controlle")), ControllerReply(1, 0x9C, 0x70, 54))
         << "another name is a child's";
-}
-
-TEST_F(Controller, ReopeningAbandonsTheChildren) {
-    OpenControllerFirst(true);
-    Open(1, "stream8");
-    const std::uint32_t stream = script.lastHandle;
-    script.TakeCalls();
-    const Bytes packet = OpenController(false);
-    EXPECT_EQ(
-        Printed([&] { Pass(packet); }),
-        "Input from Host - Reopening Controller and abandoning children.: " + ToHex(packet) + "\n");
-    EXPECT_EQ(link.Take(), ControllerReply(0, 0x98, 0x72, 0));
-    EXPECT_EQ(script.TakeCalls(),
-              (Calls{"VEXA_Device_Stream_Close(" + std::to_string(stream - 1) + ")",
-                     "VEXA_Device_Open(board, mode 1)", "VEXA_Device_Close()",
-                     "VEXA_Device_Stream_Close(" + std::to_string(stream) + ")"}));
-}
-
-TEST_F(Controller, QueryReportsTheAnswerOfTheDaqApplication) {
-    OpenControllerFirst();
-    AnswerAll(1);
-    EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(1, 0x98, 0x73, 1));
-    EXPECT_EQ(script.TakeCalls(), Calls{"criCommand(DAQ, 3, 1000)"});
-    AnswerAll(2);
-    EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(2, 0x98, 0x73, 0));
-
-    script.commandResult = 0;
-    EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(3, 0x98, 0x73, 0))
-        << "not sent: no answer";
-    EXPECT_EQ(Reply(ToController(0x73, {})), ControllerReply(4, 0x9C, 0x73, 50))
-        << "the session has an error from now on";
-    EXPECT_EQ(Reply(ToController(0x74, {})), ControllerReply(5, 0x9C, 0x74, 50));
-}
-
-TEST_F(Controller, TakesTheDaqOver) {
-    OpenControllerFirst();
-    AnswerAll(1);
-    EXPECT_EQ(Reply(ToController(0x74, {})), ControllerReply(1, 0x98, 0x74, 0));
-    Pass();
-    Pass();
-    Calls calls = script.TakeCalls();
-    std::erase_if(calls, [](const std::string& call) { return call.find("cri") != 0; });
-    EXPECT_EQ(calls, (Calls{"criCommand(DAQ, 3, 1000)", "criCommand(DAQ, 2, 10000)",
-                            "criCommand(SPLASH, 1, 1000)", "criCommand(FGEN, 4, 1000)"}));
-    EXPECT_TRUE(daq.IsOpen());
-    EXPECT_EQ(sessions.daq.Holder(), SessionHolder::kDeactivated);
-    EXPECT_EQ(sessions.splash.Holder(), SessionHolder::kActivated);
-    EXPECT_TRUE(sessions.fgen.IsIdle()) << "released: it consumed itself";
-    script.TakeCalls();
-
-    // Closing the controller hands everything back.
-    const std::uint32_t board = script.streams.begin()->first;
-    EXPECT_EQ(Reply(CloseChild(kControllerId)), ControllerReply(2, 0x98, 0x71, 0));
-    EXPECT_EQ(script.TakeCalls(),
-              (Calls{"VEXA_Device_Stream_Close(" + std::to_string(board) + ")",
-                     "VEXA_Device_Open(board, mode 1)", "VEXA_Device_Close()",
-                     "criCommand(DAQ, 1, 1000)", "criCommand(SPLASH, 2, 1000)"}))
-        << "sent as the sessions are polled";
-}
-
-TEST_F(Controller, TakesOverWithoutAnAnswerAndReportsADaqThatFails) {
-    OpenControllerFirst();
-    AnswerAll(-1);
-    FailDaq();
-    EXPECT_EQ(Reply(ToController(0x74, {})), ControllerReply(1, 0x9C, 0x74, 57));
-    EXPECT_EQ(sessions.daq.Holder(), SessionHolder::kDeactivated);
-}
-
-TEST_F(Controller, KeepsOneCommandAtATimeAndRefusesUnknownOnes) {
-    OpenControllerFirst();
-    const Bytes query = ToController(0x73, {});
-    EXPECT_EQ(Printed([&] {
-                  for (int i = 0; i < 5; ++i) Pass(query);
-              }),
-              "VEXADevMgr controller ignored new cmd because it was busy.\n"
-              "VEXADevMgr controller ignored new cmd because it was busy.\n"
-              "VEXADevMgr controller ignored new cmd because it was busy.\n"
-              "VEXADevMgr controller ignored new cmd because it was busy.\n");
-    script.Answer("DAQ", 3, 1);
-    EXPECT_EQ(Reply({}), ControllerReply(1, 0x98, 0x73, 1));
-    EXPECT_EQ(Reply(ToController(0x75, {})), ControllerReply(2, 0x9C, 0x75, 49));
-    EXPECT_EQ(Reply(Tunnel(kControllerId, {})), ControllerReply(3, 0x9C, 0, 49, 0))
-        << "no field of an earlier command";
-}
-
-TEST_F(Controller, RepliesWithoutAnEntryCarryZeros) {
-    OpenControllerFirst();
-    Pass(ToController(0x73, {}));
-    mux.DisconnectCleanUp();
-    mux.MarkConnected();
-    for (int i = 0; i < 5; ++i) Pass();
-    script.Answer("DAQ", 3, 1);
-    const Bytes inner = Sealed({0x98, 7, 0, 0, 0x73, 7, 1});
-    EXPECT_EQ(Reply({}), ToHex(Sealed(Hex("60 0f 00 00 00 00 00 00") + inner)));
-}
-
-// A take-over goes on after a disconnect and opens the DAQ link without a controller entry.
-TEST_F(Controller, ClosesTheDaqLinkAlsoWithoutAnEntry) {
-    for (const bool reopens : {false, true}) {
-        OpenControllerFirst();
-        AnswerAll(1);
-        Pass(ToController(0x74, {}));
-        mux.DisconnectCleanUp();
-        mux.MarkConnected();
-        Reply({});
-        EXPECT_TRUE(daq.IsOpen());
-        if (reopens) {
-            Reply(OpenController(false));
-        } else {
-            mux.DisconnectCleanUp();
-            mux.MarkConnected();
-        }
-        EXPECT_FALSE(daq.IsOpen()) << reopens;
-    }
 }
 
 TEST_F(Controller, ForwardsBetweenHostAndDaq) {

@@ -1,4 +1,5 @@
-// The host's byte stream: packets, checksums, initial sync, and the multiplexer's own replies.
+// The host's byte stream: packets, checksums, initial sync, and the multiplexer's own replies, as
+// far as the model in tests/model does not show it.
 
 #include "mux/MuxTest.h"
 
@@ -11,29 +12,6 @@ constexpr char kSyncReply[] =
     "b8 1a 00 2f 1a 4d 55 aa 56 a9 57 a8 58 a7 59 a6 5a a5 5b a4 5c a3 5d a2 5e a1";
 
 using PacketStream = MuxTest;
-
-TEST_F(PacketStream, AnswersTheInitialSyncAndCountsRepliesFromThereOn) {
-    EXPECT_EQ(Printed([&] { Pass(Hex(kSync)); }),
-              "Input from Host - PRE_INIT: " + std::string(kSync).substr(0, 71) +
-                  "\nInput from Host - INIT: " + kSync + "\n");
-    EXPECT_EQ(link.Take(), kSyncReply);
-
-    Pass(Sealed(Hex("41 05 09 00 33")));
-    EXPECT_EQ(link.Take(), ToHex(Sealed(Hex("9c 07 01 00 33 09 30")))) << "error 48, counter 1";
-    Pass(Sealed(Hex("40 04 09 00")));
-    EXPECT_EQ(link.Take(), ToHex(Sealed(Hex("9c 07 02 00 00 09 30"))))
-        << "no command byte of an earlier packet";
-    Printed([&] { Pass(Hex(kSync)); });
-    EXPECT_EQ(link.Take(), kSyncReply) << "counter 0 again";
-}
-
-TEST_F(PacketStream, FindsTheSyncInsideAHalfReceivedPacket) {
-    const Bytes half = Hex("60 ff 01 02 03 41 41");
-    EXPECT_EQ(Printed([&] { Pass(half + Hex(kSync)); }),
-              "Input from Host - PRE_INIT: " + ToHex(half) + " " +
-                  std::string(kSync).substr(0, 71) + "\nInput from Host - INIT: " + kSync + "\n");
-    EXPECT_EQ(link.Take(), kSyncReply);
-}
 
 TEST_F(PacketStream, TakesOnlyExactSyncs) {
     for (const std::size_t position : {0U, 1U, 2U, 3U, 4U, 5U, 14U, 23U, 24U}) {
@@ -87,19 +65,6 @@ TEST_F(PacketStream, DropsWhatComesBehindAWaitingPacketButASync) {
               expected + "Input from Host - INIT: " + kSync + "\n");
     EXPECT_EQ(ToHex(stream.Packet().first<25>()), kSync);
     EXPECT_EQ(HostLink_BytesAvailable(), packet.size()) << "a sync ends the pass";
-}
-
-TEST_F(PacketStream, HandsOverOnePacketAPass) {
-    const Bytes packet = Sealed(Hex("40 05 01 00 33"));
-    Pass(packet + packet + Hex("40 05"));
-    EXPECT_EQ(link.TakeBytes().size(), 7U);
-    Pass();
-    EXPECT_EQ(link.TakeBytes().size(), 7U);
-    Pass(Bytes(packet.begin() + 2, packet.end()));
-    EXPECT_EQ(link.TakeBytes().size(), 7U) << "the rest of a packet cut in two";
-    Pass(Sealed(Hex("80 05 01 00 33")) + Sealed(Hex("00 04 01 00")));
-    Pass();
-    EXPECT_EQ(link.Take(), "") << "other types are dropped";
 }
 
 }  // namespace

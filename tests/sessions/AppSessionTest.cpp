@@ -25,19 +25,6 @@ class AppSession : public testing::Test {
     vexAppSession session;
 };
 
-TEST_F(AppSession, KnowsWhoHoldsTheHardwareAtFirst) {
-    session.Init("SPLASH");
-    EXPECT_EQ(session.Holder(), SessionHolder::kDeactivated);
-    session.Init("FGEN");
-    EXPECT_EQ(session.Holder(), SessionHolder::kNobody);
-    session.Init("DAQ");
-    EXPECT_EQ(session.Holder(), SessionHolder::kActivated);
-    session.Terminate();
-    session.Terminate();
-    EXPECT_EQ(script.TakeCalls(), (Calls{"criInit(SPLASH, 1)", "criInit(FGEN, 1)",
-                                         "criInit(DAQ, 1)", "criTerminate(DAQ, 1)"}));
-}
-
 TEST_F(AppSession, RefusesRequestsWhenItsInitFailed) {
     script.initResults["DAQ"] = 2;
     const std::string line = "vexAppSession(36) : Initiator call to criInit failed.\n";
@@ -104,33 +91,6 @@ TEST_F(AppSession, CompletesACommandThatCannotBeSentAndSaysSoOnce) {
               "vexAppSession(120) : criCommand() failed.\n");
     EXPECT_TRUE(session.HasError());
     session.Terminate();
-}
-
-TEST_F(AppSession, WarnsOnceAboutStrayAnswers) {
-    session.Init("DAQ");
-    EXPECT_EQ(Printed([&] {
-                  script.Answer("DAQ", 3, -5);
-                  script.Answer("DAQ", 4, 1);
-              }),
-              "vexAppSession(154) : Unexpected criLib cmd response. Cmd = 3. Response = -5\n");
-    session.Terminate();
-    script.sessions.clear();
-
-    vexAppSession other;
-    other.Init("FGEN");
-    other.Request(SessionCommand::kNotify, 1000);
-    other.Poll();
-    EXPECT_EQ(Printed([&] {
-                  script.Answer("FGEN", 2, 1);
-                  script.Answer("FGEN", 4, 1);
-                  script.Answer("FGEN", 4, 7);
-              }),
-              "vexAppSession(165) : criLib cmd received did not match expected value. "
-              "Expected cmd = 4. Received cmd = 2\n");
-    other.Poll();
-    EXPECT_TRUE(other.IsDone());
-    EXPECT_EQ(other.Response(), 1) << "the first right answer counts";
-    other.Terminate();
 }
 
 }  // namespace
