@@ -82,7 +82,7 @@ class Session {
     // Sends `count` packets of kPacket bytes, in bursts.
     void SendPackets(std::size_t count) {
         vexahost::Packet packet(vexa::kTypeTunnel, kPacket, 0);
-        vexa::BuildTunnelHeader(packet.Bytes().data(), kChild, 0, kBlock);
+        vexa::BuildTunnelHeader(packet.Bytes(), kChild, 0, kBlock);
         packet.Seal();
         std::vector<std::uint8_t> burst;
         for (std::size_t i = 0; i < kBurstPackets; ++i) {
@@ -145,7 +145,7 @@ void MeasureToUnit(const Settings& settings, Figures& figures) {
     Need("count", session.Host().Send(kChild, std::array<std::uint8_t, 1>{}));
     const auto counted = Need("count", session.Host().Receive(kChild, 1000ms));
     const double sent = static_cast<double>(packets);
-    const double lost = sent + kBurstPackets - vexa::LoadLe32(counted.bytes.data());
+    const double lost = sent + kBurstPackets - vexa::LoadLe32(counted.bytes, 0);
     figures.Add("host to unit, 25-byte tunnel packets: rate", sent * kPacket / elapsed.count(),
                 "bytes/s");
     figures.Add("  packets lost", lost, "");
