@@ -1,4 +1,4 @@
-// The unit's applications die in the middle of a session and are started again.
+// Applications on the unit die in the middle of a session and are restarted.
 #include "soak/Trial.h"
 
 namespace vexa::soak {
@@ -8,12 +8,12 @@ namespace {
 constexpr int kMoments = 3;
 constexpr Milliseconds kConnectPatience{3000};
 
-// How the service learns that an application is dead.
+// A way in which an application is dead for the service.
 struct Death {
     const char* name;
-    Json settings;             // of the application meanwhile
-    bool spoilsSession;        // for good, as the service holds it
-    bool answersAtTheRestart;  // what it was asked before; the library tells then
+    Json settings;             // of the application while it is dead
+    bool spoilsSession;        // permanently: the service keeps its session
+    bool answersAtTheRestart;  // it answers the old commands when it restarts
 };
 
 std::vector<Death> Deaths() {
@@ -43,7 +43,7 @@ void Change(SoakUnit& unit, const std::string& application, const Json& settings
     unit.Ask(request);
 }
 
-// A session in which the application dies before one step and is back before a later one, or
+// Runs a session in which the application dies before one step and restarts before a later one, or
 // after the session.
 bool KillInSession(SoakUnit& unit, const std::string& application, const Death& death,
                    Random& random) {

@@ -18,12 +18,12 @@ constexpr int kFlaps = 6;
 constexpr int kShortFlaps = 1;
 constexpr Milliseconds kConnectPatience{3000};
 
-// More than a session has, so that some end by themselves and are cut while they stream.
+// More bytes than a session has, so that some are only cut while they stream.
 constexpr std::uint32_t kMostToUnit = 500;
 constexpr std::uint32_t kMostFromUnit = 12000;
 constexpr std::uint32_t kMostStreamingMs = 300;
 
-// Where the cable comes out, in bytes from the start of the connection.
+// Where the cable is pulled, in bytes from the start of the connection.
 struct CutAt {
     std::size_t toUnit;
     std::size_t fromUnit;
@@ -45,8 +45,8 @@ class CuttingTransport final : public vexahost::Transport {
     vexahost::Error Cut();
 
     const std::unique_ptr<Transport> cable;
-    std::size_t leftToUnit;    // the writing thread's
-    std::size_t leftFromUnit;  // the reading thread's
+    std::size_t leftToUnit;    // the writing thread only
+    std::size_t leftFromUnit;  // the reading thread only
 };
 
 CuttingTransport::CuttingTransport(std::unique_ptr<Transport> whole, CutAt cut)
@@ -76,7 +76,7 @@ Error CuttingTransport::Cut() {
 
 void Wait(std::uint32_t ms) { std::this_thread::sleep_for(Milliseconds{ms}); }
 
-// A session on a cable that is pulled after some byte.
+// Runs a session on a cable that is pulled after some byte.
 bool PullOnce(SoakUnit& unit, Random& random) {
     CutAt cut{kMostToUnit, kMostFromUnit};
     if (random.Coin()) {
@@ -96,13 +96,13 @@ bool PullOnce(SoakUnit& unit, Random& random) {
     return true;
 }
 
-// Pulls in a row, each at once after the one before.
+// Several pulls, each immediately after the last.
 bool PullAgainAndAgain(SoakUnit& unit, Random& random) {
     for (std::uint32_t pulls = random.Between(1, 4); pulls > 0; --pulls) PullOnce(unit, random);
     return true;
 }
 
-// Sessions, as far as they come, on a cable that flaps.
+// Runs sessions, as far as possible, on a cable that goes out and in by itself.
 bool Flap(SoakUnit& unit, Random& random) {
     const std::uint32_t times = random.Between(3, 6);
     const std::uint32_t inMs = random.Between(50, 900);

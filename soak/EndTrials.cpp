@@ -1,4 +1,4 @@
-// The service is told to end at any moment, and while the calls of its end fail or block.
+// The service is told to end at any moment, also while the calls of its shut-down fail or block.
 #include <thread>
 
 #include "protocol/InitialSync.h"
@@ -17,7 +17,7 @@ constexpr std::uint32_t kLatestEndMs = 2500;  // the session takes about as long
 constexpr std::uint32_t kStallMs = 1000;
 constexpr Milliseconds kPatience{5000};
 
-// Calls of the end, with the use that is hit.
+// Calls of the shut-down, and which one of them is hit.
 constexpr std::pair<const char*, int> kEndCalls[] = {
     {"VEXA_Device_Stream_Close", 1},
     {"VEXA_Device_Stream_Close", 2},
@@ -33,7 +33,7 @@ constexpr std::pair<const char*, int> kEndCalls[] = {
     {"node.ioctl", 1},
 };
 
-// Whatever happens to it.
+// Runs a session; it may fail.
 void HoldSession(SoakUnit& unit) {
     const auto client = vexahost::Client::Connect(unit.Cable(), {}, kPatience);
     if (client) Exercise(**client, {});
@@ -60,7 +60,7 @@ Outcome EndAtRandom(const Settings& settings, Random& random) {
     return outcome;
 }
 
-// Waits until the fault has hit, while the host sends.
+// Sends until the fault has hit.
 bool AwaitHit(SoakUnit& unit, vexahost::Client& client, const Json& id) {
     return WaitUntil(kPatience, [&] {
         (void)client.SendRaw(vexahost::BuildInitialSync(client.NextSequence()).Bytes());
@@ -68,8 +68,8 @@ bool AwaitHit(SoakUnit& unit, vexahost::Client& client, const Json& id) {
     });
 }
 
-// With the DAQ link and two devices open. What goes on all the time goes wrong from before the end,
-// and for good.
+// Ends the service with the DAQ link and two devices open. Calls on the node, which are made all
+// the time, already fail before the end, and for ever.
 Outcome EndWith(Json fault, const Settings& settings) {
     SoakUnit unit(settings.unitProgram, Json::parse(TrialScenario()));
     if (!unit.AwaitStart(settings.startLimit)) return {.lost = "does not start"};

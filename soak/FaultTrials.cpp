@@ -1,4 +1,4 @@
-// Every call fails, blocks, and does what else it can be made to do, with a session under way.
+// Every call fails, blocks and has its other faults during a session.
 #include "model/Faults.h"
 #include "soak/Trial.h"
 
@@ -13,7 +13,7 @@ using vexa::unit::CallInfo;
 using vexa::unit::FaultAction;
 
 constexpr Milliseconds kConnectPatience{3000};
-constexpr Milliseconds kReachPatience{1500};  // for calls that the unit makes when the host is gone
+constexpr Milliseconds kReachPatience{1500};  // for calls after the host has gone
 constexpr int kRounds = 3;
 constexpr std::uint32_t kStallMs = 1000;
 
@@ -25,7 +25,7 @@ struct Action {
     Json details;
 };
 
-// Which uses of a call are hit; of the last ones the first is drawn.
+// Which uses of a call are hit; for kLater a random one.
 enum class Uses { kFirst, kSecond, kLater, kAll };
 
 struct Placement {
@@ -48,7 +48,7 @@ std::vector<Action> Actions() {
             {"data", FaultAction::kData, {}}};
 }
 
-// Calls that are made at the start or at the end only; other trials are theirs.
+// False for calls at the start or the end only, which have trials of their own.
 bool IsOfSessions(Call call) {
     switch (call) {
         case Call::kInit:
@@ -64,7 +64,7 @@ bool IsOfSessions(Call call) {
     }
 }
 
-// Sessions, until the fault has hit; then the cable is out.
+// Runs sessions until the fault has hit; then the cable is out.
 bool RunUntilHit(SoakUnit& unit, Json fault, Uses uses, Random& random) {
     fault["request"] = "fault.set";
     if (fault["action"] == "fail" && fault["call"].get<std::string>().starts_with("node.")) {
@@ -89,7 +89,7 @@ Trial MakeTrial(const CallInfo& call, const Action& action, const Placement& pla
     onUnit.run = [fault, uses = place.uses](SoakUnit& unit, Random& random) {
         return RunUntilHit(unit, fault, uses, random);
     };
-    // The service holds no second conversation with an application that did not take a command.
+    // The service opens no second session with an application that refused a command.
     if (fails && call.name == "criCommand") onUnit.afterwards = Afterwards::kQueryMayFail;
     onUnit.streamsMayStay = fails && call.name == "VEXA_Device_Stream_Close";
     const bool isStall = action.action == FaultAction::kBlock;
@@ -112,7 +112,7 @@ void AddFaultTrials(std::vector<Trial>& trials) {
             if (!IsOfSessions(static_cast<Call>(index))) continue;
             if ((call.actions & vexa::unit::Bits(action.action)) == 0) continue;
             for (const auto& place : kPlacements) {
-                // A unit that stalls at every call is not one that a session of 2 s can be had of.
+                // A unit that stalls at every call cannot complete a session in 2 s.
                 const bool stalls =
                     (vexa::unit::Bits(action.action) & vexa::unit::kTimedActions) != 0;
                 if (stalls && place.uses == Uses::kAll) continue;

@@ -28,11 +28,11 @@ constexpr Milliseconds kPause{20};
 constexpr std::uint8_t kSomeCommand = 0x33;
 constexpr std::uint8_t kNoSession = 50;
 
-// Sends bytes that were never sent before, and takes blocks until they come back.
+// Sends unique bytes and receives blocks until they come back.
 Expected<Done> Echo(Client& client, ChildId child, Milliseconds timeout) {
     static std::atomic<std::uint16_t> count{0};
     const std::uint16_t number = count++;
-    // Nothing that a sample block, or the command to open the controller, begins with.
+    // Neither a sample block nor the command to open the controller begins like this.
     std::array<std::uint8_t, 40> sent{0xE0, static_cast<std::uint8_t>(number),
                                       static_cast<std::uint8_t>(number >> 8U)};
     const auto deadline = Clock::now() + timeout;
@@ -45,7 +45,7 @@ Expected<Done> Echo(Client& client, ChildId child, Milliseconds timeout) {
     }
 }
 
-// Arms a HID device: its answer is a report.
+// Arms a HID device, which answers with a report.
 Expected<Done> Arm(Client& client, ChildId child, Milliseconds timeout) {
     const std::array<std::uint8_t, 8> request{0x40};
     if (auto done = client.Send(child, request); !done) return done;
@@ -54,7 +54,7 @@ Expected<Done> Arm(Client& client, ChildId child, Milliseconds timeout) {
     return Done{};
 }
 
-// A device that stays silent is no reason to stop.
+// The same result, but a timeout counts as success.
 Expected<Done> Optional(Expected<Done> done) {
     if (!done && done.error().kind == ErrorKind::kTimeout) return Done{};
     return done;
@@ -105,7 +105,7 @@ bool Exercise(Client& client, const ExerciseOptions& options) {
         if (options.beforeStep) options.beforeStep(static_cast<int>(index));
         const auto done = steps[index]();
         if (done) continue;
-        // A device that was refused cannot be sent to.
+        // Sending to a device that was refused is an invalid argument.
         const ErrorKind kind = done.error().kind;
         if (kind != ErrorKind::kRefused && kind != ErrorKind::kInvalidArgument) return false;
     }

@@ -20,7 +20,7 @@ using vexahost::Client;
 using Clock = std::chrono::steady_clock;
 using Seconds = std::chrono::duration<double>;
 
-constexpr double kEchoShare = 0.10;    // of all that comes back
+constexpr double kEchoShare = 0.10;    // of all bytes from the unit
 constexpr double kTunnelHeader = 8;    // bytes before each block
 constexpr double kMeanEcho = 8 + 125;  // bytes with that header
 constexpr int kStreamsOfEach = 3;
@@ -31,27 +31,27 @@ constexpr Milliseconds kPatience{10000};
 constexpr Milliseconds kPoll{10};
 constexpr Milliseconds kQueryPause{250};
 constexpr Milliseconds kQuiet{500};
-constexpr int kMostAtOnce = 10;  // echoes, when the sender has been held up
+constexpr int kMostAtOnce = 10;  // echoes in a row, when the sender was delayed
 
-// What the output path carries in a second: 10,000 bytes every 30 ms.
+// The capacity of the output path in bytes per second: 10,000 bytes every 30 ms.
 inline constexpr double kMostBytesPerSecond = 10000 / 0.030;
 
 struct LoadResult {
-    std::string failure;  // that ended the link before its time; empty: none did
+    std::string failure;  // why the link was lost; empty: it was not
     double seconds = 0;
-    double fromUnit = 0;  // bytes a second, as are those below
+    double fromUnit = 0;  // bytes per second
     double toUnit = 0;
-    std::chrono::milliseconds longestPause{0};  // in which nothing came from the unit
+    std::chrono::milliseconds longestPause{0};  // longest time without a packet from the unit
     LoadCounts counts;
     std::uint64_t echoesSent = 0;
-    std::uint64_t openings = 0;  // of controller and children, each answered, as are
+    std::uint64_t openings = 0;  // of controller and children; each has a reply, like each query
     std::uint64_t queries = 0;
-    std::uint64_t taken = 0;    // blocks and echoes that the service took from the devices
-    std::uint64_t refused = 0;  // and those that it did not take
+    std::uint64_t taken = 0;    // blocks and echoes that the service accepted
+    std::uint64_t refused = 0;  // and those that it refused
 
-    // Taken, but never received.
+    // Blocks and echoes that were accepted but never received.
     [[nodiscard]] std::uint64_t Lost() const;
-    // All that was sent came, once and in order.
+    // Everything that was sent arrived, once and in order.
     [[nodiscard]] bool IsClean() const;
 };
 
@@ -125,7 +125,7 @@ struct Device {
     vexa::unit::Waveform waveform;
 };
 
-// Blocks of all lengths, so that packets begin and end everywhere in the chunks of the link.
+// Different block sizes, so that packets begin and end anywhere in the chunks of the link.
 constexpr std::array<Device, 3> kDevices = {{
     {"Accelerometer", 8, 245, "sine", vexa::unit::Waveform::kSine},
     {"Spectrometer", 9, 180, "noise", vexa::unit::Waveform::kNoise},
@@ -176,7 +176,7 @@ class EchoSender {
         while (!stop && !failed) {
             const auto due =
                 static_cast<std::uint64_t>(Seconds(Clock::now() - start).count() * perSecond);
-            if (due > sinceStart + kMostAtOnce) {  // held up: go on from here
+            if (due > sinceStart + kMostAtOnce) {  // delayed: continue from now
                 start = Clock::now();
                 sinceStart = 0;
                 continue;
@@ -198,7 +198,7 @@ class EchoSender {
     Client& client;
     const double perSecond;
     std::atomic<bool> stop{false};        // set by the owner, read by the thread
-    std::atomic<bool> failed{false};      // set by the thread, as those below
+    std::atomic<bool> failed{false};      // set by the thread, like those below
     std::atomic<std::uint64_t> sent{0};   // echoes
     std::atomic<std::uint64_t> bytes{0};  // of whole tunnel packets
     std::thread thread;                   // last, as it uses all of the above
@@ -215,7 +215,7 @@ void AwaitQuiet(const LoadChecker& checker) {
     }
 }
 
-// Lets the devices stop, so that the unit's own counts stand still, and reads these.
+// Adds the unit's own counts, which stand still once its devices have stopped.
 void ReadUnitCounts(SoakUnit& unit, LoadResult& result) {
     const Json state = unit.Ask({{"request", "state"}});
     for (const auto& stream : state.at("streams")) {

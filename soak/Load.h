@@ -1,4 +1,4 @@
-// Ten children at the most that the link carries, with the host sending at the same time.
+// Runs ten children at the highest rate that the link carries, while the host sends, too.
 #pragma once
 
 #include <chrono>
@@ -9,13 +9,12 @@ namespace vexa::soak {
 struct LoadOptions {
     std::string unitProgram;  // "vexa-unit"
     std::chrono::milliseconds time{60000};
-    double share =
-        96;  // percent of 10,000 bytes every 30 ms that the devices and their echoes make
+    double share = 96;  // load of devices and echoes, in percent of 10,000 bytes every 30 ms
     bool json = false;
 };
 
-// Runs and prints. The exit status: 0; 1 when anything was lost, came twice or was wrong, or less
-// came than the devices sent.
+// Runs and prints the result. Returns the exit status: 0, or 1 when anything was lost, duplicated
+// or wrong.
 int RunLoad(const LoadOptions& options);
 
 }  // namespace vexa::soak

@@ -54,9 +54,9 @@ class LoadChecker {
     struct Child {
         std::size_t blockSize = 0;
         vexa::unit::WaveSource wave;
-        std::uint8_t sequence = 0;  // the next one expected, as those below
+        std::uint8_t sequence = 0;  // the next one expected, like those below
         std::uint8_t block = 0;
-        std::uint32_t milliseconds = 0;  // of the block before
+        std::uint32_t milliseconds = 0;  // of the previous block
         std::uint32_t echo = 0;
         LoadCounts counts = {};
     };

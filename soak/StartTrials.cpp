@@ -1,4 +1,4 @@
-// Calls of the start-up fail or block: the service starts all the same, or ends in order.
+// Calls of the start-up fail or block: the service starts nevertheless, or ends in order.
 #include "soak/Trial.h"
 
 namespace vexa::soak {
@@ -11,8 +11,8 @@ constexpr std::uint32_t kStallMs = 1000;
 
 struct StartCall {
     const char* call;
-    int uses;       // that a start makes of it
-    bool isNeeded;  // without it the service must not run
+    int uses;       // during the start
+    bool isNeeded;  // when it fails, the service must end
 };
 
 constexpr StartCall kStartCalls[] = {
@@ -31,7 +31,7 @@ std::uint64_t UsesOf(SoakUnit& unit, const std::string& call) {
     return unit.Ask({{"request", "calls"}}).at("calls").at(call).get<std::uint64_t>();
 }
 
-// Waits until the service has the node open and hosts can plug in.
+// Waits until the service has opened the node and hosts can plug in.
 bool AwaitNode(SoakUnit& unit, Milliseconds limit) {
     return WaitUntil(limit, [&] { return UsesOf(unit, "node.ioctl") > 0; });
 }
@@ -41,7 +41,7 @@ Outcome EndInOrder(SoakUnit& unit, Milliseconds limit, const Outcome& outcome) {
     return wrong.empty() ? outcome : Lost(unit, wrong);
 }
 
-// Starts a unit with the fault from the beginning.
+// Starts a unit on which the fault is set from the start.
 Outcome StartWith(const Json& fault, bool endsByItself, bool queryMayFail,
                   const Settings& settings) {
     Json scenario = Json::parse(TrialScenario());
@@ -56,7 +56,7 @@ Outcome StartWith(const Json& fault, bool endsByItself, bool queryMayFail,
     outcome.took = session.took;
     outcome.reconnects = session.reconnects;
     if (!session.failure.empty()) return Lost(unit, "no session: " + session.failure);
-    outcome.reached = HitsOf(unit, 1) > 0;  // it is the first and only one
+    outcome.reached = HitsOf(unit, 1) > 0;  // the only fault
     unit.Terminate();
     return EndInOrder(unit, settings.endLimit, outcome);
 }

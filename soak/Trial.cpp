@@ -20,7 +20,7 @@ std::size_t StreamsOf(SoakUnit& unit) {
     return unit.Ask({{"request", "state"}}).at("streams").size();
 }
 
-// Waits until nothing is open and no host is there.
+// Waits until no stream is open and no host is connected.
 bool AwaitNoSession(SoakUnit& unit, Milliseconds limit) {
     return WaitUntil(limit, [&] { return StreamsOf(unit) == 0 && !IsHostThere(unit); });
 }
@@ -30,7 +30,7 @@ std::uint64_t LinkQueriesOf(SoakUnit& unit) {
     return calls.at("calls").at("node.ioctl").get<std::uint64_t>();
 }
 
-// Waits until the service has asked for the cable's state with the cable out.
+// Waits until the service has queried the cable while it was out.
 bool AwaitUnplugSeen(SoakUnit& unit, Milliseconds limit) {
     if (!WaitUntil(limit, [&] { return !IsHostThere(unit); })) return false;
     const std::uint64_t before = LinkQueriesOf(unit);
@@ -41,15 +41,15 @@ std::string NotGivenBack(const SoakUnit& unit, const ProcessFigures& wanted) {
     return "not all was given back: " + ToText(unit.Figures()) + ", before " + ToText(wanted);
 }
 
-// What may be in use when no session is under way. A stream that the library would not close is
-// lost to everybody, with the library's own thread for it.
+// What may be in use without a session. A stream that the library did not close stays in use for
+// ever, with the library's thread for it.
 ProcessFigures WantedWhenIdle(WarmUnit& warm, const UnitTrial& trial) {
     ProcessFigures wanted = warm.idle;
     if (trial.streamsMayStay) wanted.threads += StreamsOf(warm.unit);
     return wanted;
 }
 
-// Waits until all that a session used is given back.
+// Waits until everything that a session used is released.
 bool AwaitIdle(WarmUnit& warm, const UnitTrial& trial, Milliseconds limit) {
     return WaitUntil(limit, [&] {
         const ProcessFigures wanted = WantedWhenIdle(warm, trial);
@@ -118,7 +118,7 @@ Outcome CheckRecovered(WarmUnit& warm, const UnitTrial& trial, const Settings& s
     Outcome outcome;
     try {
         outcome = TryToCheck(warm, trial, settings);
-    } catch (const std::exception& error) {  // the unit's controls are silent, or refuse
+    } catch (const std::exception& error) {  // the control socket does not answer, or refuses
         outcome.lost = error.what();
     }
     if (!outcome.lost.empty()) outcome.lines = warm.unit.LastLines();

@@ -1,4 +1,4 @@
-// One thing that is tried on a unit, and what came of it.
+// A trial on a unit, and its outcome.
 #pragma once
 
 #include <chrono>
@@ -15,65 +15,65 @@ namespace vexa::soak {
 
 struct Settings {
     std::string unitProgram;          // "vexa-unit"
-    Milliseconds sessionLimit{2000};  // for a new session from the cable's return
+    Milliseconds sessionLimit{2000};  // for a new session, from the cable's return
     Milliseconds endLimit{5000};      // for the end of the unit
     Milliseconds startLimit{10000};   // for the start
-    Milliseconds idleLimit{10000};    // for all that a session used to be given back
+    Milliseconds idleLimit{10000};    // for releasing everything that a session used
     bool watchMemory = true;
-    std::size_t memoryAllowanceKiB = 256;  // above what the warmed-up unit had
+    std::size_t memoryAllowanceKiB = 256;  // above the use of the warmed-up unit
 };
 
 struct Outcome {
     std::string lost;      // why the trial is lost; empty: survived
-    bool reached = true;   // what was to go wrong did
+    bool reached = true;   // the fault took effect
     Milliseconds took{0};  // of the new session
     int reconnects = 0;    // of the new session
     std::size_t growthKiB = 0;
-    std::vector<std::string> lines = {};  // what the unit printed last, of a lost one
+    std::vector<std::string> lines = {};  // last lines of output, if it is lost
 };
 
-// A unit that has held a few sessions, and what it held when they were over.
+// A unit that has had a few sessions, and what it used after them.
 struct WarmUnit {
     SoakUnit unit;
     ProcessFigures idle;
 
-    // Throws std::runtime_error when no session works even now.
+    // Throws std::runtime_error when not even these sessions work.
     explicit WarmUnit(const Settings& settings);
 };
 
 enum class Afterwards {
-    kSessionWorks,  // the unit goes on as if nothing had been
-    kQueryMayFail,  // the same, but for its session with the DAQ application; it is of no use then
+    kSessionWorks,  // the unit works as before
+    kQueryMayFail,  // except its session with the DAQ application; the unit is discarded
 };
 
-// A trial on a unit that runs.
+// A trial on a running unit.
 struct UnitTrial {
-    std::function<bool(SoakUnit& unit, Random& random)> run;  // whether it went wrong as it was to
+    std::function<bool(SoakUnit& unit, Random& random)> run;  // whether the fault took effect
     Afterwards afterwards = Afterwards::kSessionWorks;
-    bool streamsMayStay = false;  // the library does not close them; the unit is of no use then
-    bool returnsAtOnce = false;   // the cable comes back before the unit may have seen it go
+    bool streamsMayStay = false;  // the library does not close them; the unit is discarded
+    bool returnsAtOnce = false;   // the cable may return before the service has noticed
 };
 
 struct Trial {
     std::string group;
-    std::string name;  // under which it can be repeated
+    std::string name;  // by which it can be repeated
     bool isShort;      // part of the short form
-    // One of the two: on a unit that is at hand, or with units of its own.
+    // One of the two: a trial on a unit that runs already, or one with units of its own.
     std::optional<UnitTrial> onUnit = {};
     std::function<Outcome(const Settings& settings, Random& random)> alone = nullptr;
 };
 
-// Whether all is as it was before the trial, with the cable out and faults set or not.
+// Clears faults and checks that everything is as it was before the trial. The cable must be out.
 [[nodiscard]] Outcome CheckRecovered(WarmUnit& warm, const UnitTrial& trial,
                                      const Settings& settings);
 
-// How often the fault that was set under `id` has hit so far.
+// How often the fault `id` has hit so far.
 [[nodiscard]] std::uint64_t HitsOf(SoakUnit& unit, const Json& id);
 
-// All that can be tried, in the order of the report.
+// All trials, in the order of the report.
 [[nodiscard]] std::vector<Trial> AllTrials();
 
-// Each group's trials.
+// Each adds the trials of a group.
 void AddFaultTrials(std::vector<Trial>& trials);
 void AddCableTrials(std::vector<Trial>& trials);
 void AddApplicationTrials(std::vector<Trial>& trials);

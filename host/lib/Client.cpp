@@ -366,7 +366,7 @@ Expected<Done> Client::Send(ChildId child, std::span<const std::uint8_t> bytes) 
     if (bytes.size() > kMaxRequestToChild) return TooLong("the request", kMaxRequestToChild);
     if (vexa::ReopensController(bytes)) {
         return Error{ErrorKind::kInvalidArgument,
-                     "the unit would take these bytes for the command to open the controller"};
+                     "the unit would execute these bytes as the command to open the controller"};
     }
     return SendRaw(BuildTunnel(child, implementation->nextSequence++, bytes)->Bytes());
 }

@@ -129,7 +129,7 @@ Expected<Done> SocketTransport::WriteAll(std::span<const std::uint8_t> bytes,
             bytes = bytes.subspan(static_cast<std::size_t>(count));
         } else if (errno == EAGAIN) {
             if (!PollDescriptor(socketHandle, POLLOUT, deadline)) {
-                return Error{ErrorKind::kTimeout, "the unit took no bytes in time"};
+                return Error{ErrorKind::kTimeout, "the unit accepted no bytes in time"};
             }
         } else if (errno != EINTR) {
             return LinkLost(std::strerror(errno));
@@ -234,7 +234,7 @@ Expected<Done> SerialTransport::WriteAll(std::span<const std::uint8_t> bytes,
             bytes = bytes.subspan(static_cast<std::size_t>(count));
         } else if (count == 0 || errno == EAGAIN) {
             if (!PollDescriptor(line, POLLOUT, deadline, stop)) {
-                return Error{ErrorKind::kTimeout, "the unit took no bytes in time"};
+                return Error{ErrorKind::kTimeout, "the unit accepted no bytes in time"};
             }
         } else if (errno != EINTR) {
             return LinkLost(std::strerror(errno));

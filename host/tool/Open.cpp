@@ -58,7 +58,7 @@ Verb OpenVerb() {
     const auto options = std::make_shared<OpenOptions>();
     return {
         .name = "open",
-        .summary = "Open devices, say how each went, and hold them open until Ctrl-C",
+        .summary = "Open devices, report each result, and hold them open until Ctrl-C",
         .options = WithUnitOptions(
             options->unit,
             {{"NAME", " ", "device names", WordList{&options->names, 100}, true},

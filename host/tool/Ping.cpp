@@ -145,24 +145,25 @@ ExitCode RunPing(const PingOptions& options) {
 
 Verb PingVerb() {
     const auto options = std::make_shared<PingOptions>();
-    return {.name = "ping",
-            .summary = "Measure round-trip times through the service and a sensor that echoes",
-            .options = WithUnitOptions(
-                options->unit,
-                {{"NAME", " ", "name of the sensor", &options->device, true},
-                 {"-n", "N", "number of round trips (100)", Number{&options->count, 1, 1 << 24}},
-                 {"--size", "N", "bytes of each request, 8 to 245 (8)",
-                  Number{&options->size, kLeastSize, vexa::kMaxTunnelPayload}},
-                 {"--timeout", "TIME", "after which an echo is lost (1s)", &options->timeout},
-                 {"--arm", "", "send the sensor, a HID one, its init request first", &options->arm},
-                 {"--json", "", "the figures as a JSON object", &options->json}}),
-            .notes =
-                "Each request waits for its echo before the next is sent; sensors of virtual units "
-                "echo.\n"
-                "Examples: vexa-host ping Accelerometer -n 1000\n"
-                "          vexa-host ping Thermometer --arm --json\n"
-                "Exit code 3 when no echo came at all; the others: vexa-host --help.",
-            .run = [options] { return RunPing(*options); }};
+    return {
+        .name = "ping",
+        .summary = "Measure round-trip times through the service and a sensor that echoes",
+        .options = WithUnitOptions(
+            options->unit,
+            {{"NAME", " ", "name of the sensor", &options->device, true},
+             {"-n", "N", "number of round trips (100)", Number{&options->count, 1, 1 << 24}},
+             {"--size", "N", "bytes of each request, 8 to 245 (8)",
+              Number{&options->size, kLeastSize, vexa::kMaxTunnelPayload}},
+             {"--timeout", "TIME", "after which an echo counts as lost (1s)", &options->timeout},
+             {"--arm", "", "send the init request first, for a HID sensor", &options->arm},
+             {"--json", "", "the figures as a JSON object", &options->json}}),
+        .notes =
+            "Each request waits for its echo before the next is sent; sensors of virtual units "
+            "echo.\n"
+            "Examples: vexa-host ping Accelerometer -n 1000\n"
+            "          vexa-host ping Thermometer --arm --json\n"
+            "Exit code 3 when no echo came at all; the others: vexa-host --help.",
+        .run = [options] { return RunPing(*options); }};
 }
 
 }  // namespace vexahost::tool

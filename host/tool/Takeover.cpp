@@ -55,7 +55,8 @@ Verb TakeoverVerb() {
     const auto options = std::make_shared<TakeoverOptions>();
     return {
         .name = "takeover",
-        .summary = "Take the acquisition hardware from the unit's applications, hold it, give back",
+        .summary =
+            "Take the acquisition hardware from the unit's applications, hold it, give it back",
         .options = WithUnitOptions(
             options->unit,
             {{"--for", "TIME", "how long to hold it (until Ctrl-C)", &options->duration},

@@ -96,8 +96,8 @@ vexa.experts = e
 
 local frame_comment = Field.new("frame.comment")
 
--- What the first pass over the capture has found out for each frame; later passes come in any order.
--- `prefix`: bytes of a packet that began in earlier frames. `controller`, `names`: as of this frame.
+-- State of the conversation at each frame, from the first pass over the capture: later passes visit
+-- the frames in any order. `prefix`: bytes of a packet that began in earlier frames.
 local frames = {}
 local follow = {}  -- the conversation so far, during the first pass
 
@@ -129,7 +129,7 @@ local function U32(bytes, at)
     return a + b * 0x100 + c * 0x10000 + d * 0x1000000
 end
 
--- Offset (from 0) of the first good sync packet in `bytes` at or behind `from`: an initial sync when
+-- Offset (from 0) of the first valid sync packet in `bytes` at or after `from`: an initial sync when
 -- the bytes go to the unit, else its reply.
 local function FindSync(bytes, from, to_unit)
     local signature = to_unit and kSignature or kReplySignature
@@ -151,8 +151,8 @@ local function FindSync(bytes, from, to_unit)
 end
 
 -- Cuts `bytes` into pieces {kind, first, size}: "packet", "lost" (no packet), "interrupted" (cut off by
--- an initial sync) and "unfinished" (ends in a later frame). A unit searches for no packet start but
--- that of an initial sync; what a unit sends goes wrong only with a length byte below 4.
+-- an initial sync) and "unfinished" (ends in a later frame). A unit searches only for initial
+-- syncs; in what a unit sends, only a length byte below 4 is a fault.
 local function Cut(bytes, to_unit)
     local pieces = {}
     local at = 0
@@ -189,7 +189,7 @@ local function IsReply(bytes)
         (bytes:byte(1) == kAcknowledge or bytes:byte(1) == kError)
 end
 
--- True for an inner packet that opens the controller, under whatever id it comes.
+-- True for an inner packet that opens the controller, with any id.
 local function ReopensController(inner)
     local command = inner:byte(5)
     if command == kReopen then return true end
@@ -226,7 +226,7 @@ local function KindOf(bytes, to_unit, knowledge)
     return "other"
 end
 
--- Learns from a good packet to the unit.
+-- Updates the conversation from a valid packet to the unit.
 local function Learn(bytes)
     local kind = KindOf(bytes, true, follow)
     if kind ~= "controller command" or #bytes < kTunnelHeaderSize + 9 then return end
@@ -319,7 +319,7 @@ local function AddTunnel(tree, range, bytes, kind, knowledge)
     return AddCommand(inner_tree, inner_range, inner)
 end
 
--- Adds a packet; returns it in words.
+-- Adds a packet to the tree and returns it in words.
 local function AddPacket(tree, range, bytes, to_unit, knowledge)
     local kind = KindOf(bytes, to_unit, knowledge)
     local item = tree:add(f.packet, range)
@@ -351,7 +351,7 @@ local function AddPacket(tree, range, bytes, to_unit, knowledge)
     return words
 end
 
--- Adds the pieces of `tvb`, which holds `bytes`; returns what the Info column says.
+-- Adds the pieces of `tvb`, which holds `bytes`, and returns the text of the Info column.
 local function AddPieces(tree, tvb, bytes, to_unit, knowledge)
     local words = {}
     for _, piece in ipairs(Cut(bytes, to_unit)) do
@@ -371,7 +371,7 @@ local function AddPieces(tree, tvb, bytes, to_unit, knowledge)
     return words
 end
 
--- During the first pass: keeps what the frame needs to be dissected again, and follows the
+-- First pass: stores the state that this frame needs in later passes, and advances the
 -- conversation past it.
 local function FirstPass(number, payload, to_unit)
     local prefix = follow.prefix[to_unit]

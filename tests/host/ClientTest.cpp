@@ -324,8 +324,11 @@ TEST(Client, ReconnectsUnderThreadsThatWait) {
         ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
         auto waiting =
             std::async(std::launch::async, [&] { return Outcome(client.Receive(10, kLong)); });
+        service.SendFramed(Sealed({0xA0, 5, 1, 0, 1}));
+        ASSERT_EQ(Outcome(client.InitialSync(kLong)), "done");
         if (round == 1) service.HangUp();
         EXPECT_EQ(Outcome(client.Reconnect(kLong)), "done");
+        EXPECT_EQ(Outcome(client.ReceiveDaq(kShort)), "timeout") << "so are packets of the DAQ";
         EXPECT_THAT(waiting.get(), testing::AnyOf("link lost", "invalid argument"));
         EXPECT_EQ(Outcome(client.Receive(10, kShort)), "invalid argument") << "children are gone";
         EXPECT_FALSE(client.LinkError());

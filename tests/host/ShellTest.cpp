@@ -22,13 +22,17 @@ TEST(SplitLine, KnowsQuotesAndComments) {
 }
 
 // Obeys; refuses devices whose name begins with B, holds no hardware, hangs up at multiplexer
-// commands, and sends each device that opens two blocks with a gap between them.
+// commands, sends each device that opens two blocks with a gap between them, and after a take-over
+// two DAQ packets, one of them damaged.
 void Play(FakeService& self, const Bytes& packet) {
     if (packet[0] == 0x40 && packet[4] != 26) return self.HangUp();
     if (packet[0] == 0x60 && packet[12] == 0x70 && packet[18] == 'B') {
         return self.SendFramed(ControllerReply(1, 2, 0x9C, 0x70, packet[10], 54));
     }
     FakeService::Obey(self, packet);
+    if (packet[0] == 0x60 && packet[12] == 0x74) {
+        self.SendFramed(Bytes{0xA0, 6, 1, 0x55, 1, 2} + Sealed({0xA0, 5, 2, 0, 1}));
+    }
     if (packet[0] != 0x60 || packet[12] != 0x70) return;
     for (const std::uint8_t sequence : Bytes{0, 2}) {
         self.SendFramed(ChildBlock(vexa::LoadLe32(packet, 13), sequence, {7}));
@@ -49,11 +53,14 @@ TEST_F(ToolTest, ScriptsEndAtTheFirstCommandThatFails) {
         {"controller\nopen B\n", 1, "script:2: open B: open B was refused: error 54"},
         {"controller\nexpect refused open B\nexpect refused 54 open B\ntry open B\necho on\n", 0,
          "(open B was refused: error 54, the child could not be opened or closed)\non\n"},
-        {"controller\nexpect refused 50 open B\n", 1, "it ended otherwise: open B was refused"},
-        {"controller\nexpect refused open A\n", 1, "it ended otherwise: done"},
-        {"controller\nexpect refused query holds\n", 1, "it ended otherwise: the DAQ application"},
+        {"controller\nexpect refused 50 open B\n", 1, "unexpected outcome: open B was refused"},
+        {"controller\nexpect refused open A\n", 1, "unexpected outcome: done"},
+        {"controller\nexpect refused query holds\n", 1, "unexpected outcome: the DAQ application"},
         {"controller\nquery free\nexpect lost mux 5\nexpect lost sync\nreconnect\nexpect done sync",
          0, "nothing is open"},
+        {"controller\ntakeover\nreceive daq 2\ncheck daq packets = 2\ncheck daq badsums = 1\n"
+         "controller\ncheck daq packets = 0\nexpect timeout receive daq 1 10ms\n",
+         0, "daq badsums is 1\nthe controller is open\ndaq packets is 0\n"},
         {"mux 5\n", 4, "script:1: mux 5: the link is lost"},
         {"repeat 2\n try mux 5\n echo never\nend\necho past\n", 0, "lost: the unit closed the "},
         {"repeat 2\n repeat 3\n  echo x\n end\nend\n", 0, "x\nx\nx\nx\nx\nx\nscript: 6 commands"},

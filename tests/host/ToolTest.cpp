@@ -50,6 +50,10 @@ TEST_F(ToolTest, ExitCodesTellWhatTheUnitDid) {
             self.SendFramed(ChildBlock(0x1001, 1, {0x05, 2, 0x10, 0xFF, 0xE8, 3, 0, 0}));
         }
     };
+    const auto sendDaq = FakeService::On(0x74, [](FakeService& self, const Bytes& packet) {
+        self.SendFramed(ControllerReply(1, 0, 0x98, 0x74, packet[10], 0));
+        self.SendFramed(Bytes{0xA0, 6, 1, 0x55, 1, 2} + Sealed({0xA0, 5, 2, 0, 1}));
+    });
     const auto refuseB = [](FakeService& self, const Bytes& packet) {
         if (packet[0] != 0x60 || packet[12] != 0x70 || packet[18] != 'B') {
             return FakeService::Obey(self, packet);
@@ -66,6 +70,10 @@ TEST_F(ToolTest, ExitCodesTellWhatTheUnitDid) {
         {"sync", FakeService::Obey, 0, "in step with the unit"},
         {"query", FakeService::Refuse(0x72, 59), 1,
          "vexa-host: open controller was refused: error 59, the DAQ did not"},
+        {"query --json", FakeService::Obey, 0, R"({"daq_application_holds":false})"},
+        {"takeover --for 100ms --json", sendDaq, 0, R"({"daq_packets":2,"held_s":0.1)"},
+        {"takeover --for 100ms", sendDaq, 0, "held for 0.1 s: 2 DAQ packets, 1 with a wrong"},
+        {"stream --daq --for 100ms", sendDaq, 0, "DAQ: 2 blocks, 11 bytes, 1 with a wrong"},
         {"sync", [](FakeService&, const Bytes&) {}, 3, "vexa-host: no answer in time to: initial"},
         {"sync", [](FakeService& self, const Bytes&) { self.SendBytes(Bytes(8)); }, 4,
          "bad frame header"},

@@ -111,6 +111,8 @@ TEST(DeviceData, DecodesOnlyWhatIsWhole) {
     ++wrong[3];
     EXPECT_EQ(DescribeBlock(wrong), "a0 0c 00 " + ToHex(Part(wrong, 3, 12)));
     EXPECT_EQ(DescribeBlock(Part(block, 0, 11)), ToHex(Part(block, 0, 11)));
+    const Bytes half = Sealed({0xA0, 9, 0, 0, 0, 0, 0, 0, 1});  // too short for one sample
+    EXPECT_FALSE(ReadBlock({}, "A", half));
     EXPECT_EQ(DescribeBlock(Bytes{3, 2, 0xFE, 0xFF, 1, 0, 0, 0}), "0.001 s: -2");
     EXPECT_EQ(DescribeBlock(Bytes{0x80, 2, 0, 0, 0, 0, 0, 0}), "80 02 00 00 00 00 00 00");
 }

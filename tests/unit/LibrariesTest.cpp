@@ -5,7 +5,6 @@
 #include <array>
 #include <atomic>
 #include <functional>
-#include <set>
 #include <utility>
 
 #include "model/Faults.h"
@@ -67,20 +66,34 @@ TEST_F(Libraries, NoCallbackRunsOnceItsStreamIsClosed) {
     EXPECT_NE(VEXA_Device_Stream_Close(stream), 0);
 }
 
-TEST_F(Libraries, ACallbackMayCloseItsOwnStream) {
-    struct Closing {
-        std::atomic<std::uint32_t> stream = 0;
-        Collected<std::int32_t> results;
-    } closing;
+// What a callback closes itself, and what came of it.
+struct Closing {
+    std::atomic<std::uint32_t> handle = 0;
+    Collected<std::int32_t> results;
+};
+
+TEST_F(Libraries, ACallbackMayCloseItsOwnStreamOrSession) {
+    Closing stream;
     const auto close = [](const std::uint8_t*, std::int32_t, void* context) -> std::int32_t {
         auto& self = *static_cast<Closing*>(context);
-        self.results.Add(VEXA_Device_Stream_Close(self.stream));
+        self.results.Add(VEXA_Device_Stream_Close(self.handle));
         return -1;
     };
-    closing.stream = VEXA_Device_Stream_Open(library, "Quiet", close, 3, &closing);
-    EXPECT_EQ(Write(closing.stream, {1}), 0);
-    EXPECT_THAT(closing.results.Await(1), ElementsAre(0));
-    EXPECT_NE(Write(closing.stream, {1}), 0);
+    stream.handle = VEXA_Device_Stream_Open(library, "Quiet", close, 3, &stream);
+    EXPECT_EQ(Write(stream.handle, {1}), 0);
+    EXPECT_THAT(stream.results.Await(1), ElementsAre(0));
+    EXPECT_NE(Write(stream.handle, {1}), 0);
+
+    Closing session;
+    const auto end = [](void* context, std::uint32_t, std::int32_t) {
+        auto& self = *static_cast<Closing*>(context);
+        self.results.Add(criTerminate(self.handle, 1));
+    };
+    std::uint32_t handle = 0;
+    ASSERT_EQ(criInit("DAQ", 1, end, &session, &handle), 1);
+    session.handle = handle;
+    EXPECT_EQ(criCommand(handle, 3, 1000), 1);
+    EXPECT_THAT(session.results.Await(1), ElementsAre(1));
 }
 
 TEST(Sessions, ApplicationsAnswerAsTheScenarioSays) {
@@ -106,22 +119,6 @@ TEST(Sessions, ApplicationsAnswerAsTheScenarioSays) {
         EXPECT_EQ(criTerminate(session, 1), 1);
         EXPECT_EQ(criCommand(session, 3, 1000), 0);
     }
-}
-
-TEST(Sessions, ACallbackMayEndItsOwnSession) {
-    struct Ending {
-        std::atomic<std::uint32_t> session = 0;
-        Collected<std::int32_t> results;
-    } ending;
-    std::uint32_t session = 0;
-    const auto end = [](void* context, std::uint32_t, std::int32_t) {
-        auto& self = *static_cast<Ending*>(context);
-        self.results.Add(criTerminate(self.session, 1));
-    };
-    ASSERT_EQ(criInit("DAQ", 1, end, &ending, &session), 1);
-    ending.session = session;
-    EXPECT_EQ(criCommand(session, 3, 1000), 1);
-    EXPECT_THAT(ending.results.Await(1), ElementsAre(1));
 }
 
 TEST_F(Libraries, LogCallsWithWhatBecameOfAStream) {
@@ -158,61 +155,45 @@ TEST_F(Libraries, FailBlockOrAnswerLateInEachCall) {
         std::uint32_t made = 0;
         return criInit("FGEN", 1, CollectAnswer, &answers, &made) == 1 ? made : 0;
     };
-    struct Use {
-        const char* call;
-        std::function<bool()> works;
+    const auto entry = [&] {
+        return VEXA_DeviceListSnapshot_GetNthEntry(snapshot(), 0, name.data(), 220, &word);
     };
-    const Use uses[] = {
-        {"VEXA_Init", [] { return VEXA_Uninit(VEXA_Init()) == 0; }},
-        {"VEXA_Uninit", [] { return VEXA_Uninit(VEXA_Init()) == 0; }},
-        {"VEXA_GetDLLVersion", [&] { return VEXA_GetDLLVersion(library, &number, &number) == 0; }},
-        {"VEXA_Diags_SetDebugTraceThreshold",
-         [&] { return VEXA_Diags_SetDebugTraceThreshold(library, 1) == 0; }},
-        {"VEXA_GetDeviceTypeFromDeviceName",
-         [&] { return VEXA_GetDeviceTypeFromDeviceName("Quiet", &word) == 0; }},
-        {"VEXA_SearchForDevices",
-         [&] { return VEXA_SearchForDevices(library, 8, 1, 0, &word) == 0; }},
-        {"VEXA_OpenDeviceListSnapshot", [&] { return snapshot() != 0; }},
-        {"VEXA_DeviceListSnapshot_GetNthEntry",
-         [&] {
-             return VEXA_DeviceListSnapshot_GetNthEntry(snapshot(), 0, name.data(), 220, &word) ==
-                    0;
-         }},
-        {"VEXA_CloseDeviceListSnapshot",
-         [&] { return VEXA_CloseDeviceListSnapshot(snapshot()) == 0; }},
-        {"VEXA_Device_Stream_Open", [&] { return Open("Quiet") != 0; }},
-        {"VEXA_Device_Stream_Write", [&] { return Write(Open("Quiet"), {1}) == 0; }},
-        {"VEXA_Device_Stream_Close", [&] { return VEXA_Device_Stream_Close(Open("Quiet")) == 0; }},
-        {"VEXA_Device_GetOpenDeviceName",
-         [&] { return VEXA_Device_GetOpenDeviceName(Open("Quiet"), name.data(), 220) == 0; }},
-        {"VEXA_Device_Open", [&] { return VEXA_Device_Open(library, "Quiet", 1) != 0; }},
-        {"VEXA_Device_Close",
-         [&] { return VEXA_Device_Close(VEXA_Device_Open(library, "Quiet", 1)) == 0; }},
-        {"criInit", [&] { return criTerminate(session(), 1) == 1; }},
-        {"criCommand", [&] { return criCommand(session(), 4, 0) == 1; }},
-        {"criTerminate", [&] { return criTerminate(session(), 1) == 1; }},
+    const std::function<bool()> uses[] = {
+        // In the order of kCalls.
+        [] { return VEXA_Uninit(VEXA_Init()) == 0; },
+        [] { return VEXA_Uninit(VEXA_Init()) == 0; },
+        [&] { return VEXA_GetDLLVersion(library, &number, &number) == 0; },
+        [&] { return VEXA_Diags_SetDebugTraceThreshold(library, 1) == 0; },
+        [&] { return VEXA_GetDeviceTypeFromDeviceName("Quiet", &word) == 0; },
+        [&] { return VEXA_SearchForDevices(library, 8, 1, 0, &word) == 0; },
+        [&] { return snapshot() != 0; },
+        [&] { return entry() == 0; },
+        [&] { return VEXA_CloseDeviceListSnapshot(snapshot()) == 0; },
+        [&] { return Open("Quiet") != 0; },
+        [&] { return Write(Open("Quiet"), {1}) == 0; },
+        [&] { return VEXA_Device_Stream_Close(Open("Quiet")) == 0; },
+        [&] { return VEXA_Device_GetOpenDeviceName(Open("Quiet"), name.data(), 220) == 0; },
+        [&] { return VEXA_Device_Open(library, "Quiet", 1) != 0; },
+        [&] { return VEXA_Device_Close(VEXA_Device_Open(library, "Quiet", 1)) == 0; },
+        [&] { return criTerminate(session(), 1) == 1; },
+        [&] { return criCommand(session(), 4, 0) == 1; },
+        [&] { return criTerminate(session(), 1) == 1; },
     };
-    std::set<std::string> used;
-    for (const auto& [call, works] : uses) {
-        const std::string member = R"("call": ")" + std::string(call) + "\", ";
+    static_assert(std::size(uses) == static_cast<std::size_t>(Call::kNodeOpen));
+    for (std::size_t index = 0; index < std::size(uses); ++index) {
+        const std::string call(kCalls[index].name);
+        const auto& works = uses[index];
+        const std::string member = R"("call": ")" + call + "\", ";
         Ask("fault.set", member + R"("action": "fail", "skip": 1, "count": 1)");
         Ask("fault.set", member + R"("action": "block", "ms": 1)");
         Ask("fault.set", member + R"("action": "late", "ms": 1)");
-        EXPECT_TRUE(works()) << call;
-        EXPECT_FALSE(works()) << call;
-        EXPECT_TRUE(works()) << call;
+        EXPECT_TRUE(works() && !works() && works()) << call;
         const auto faults = Ask("fault.list")["faults"];
         EXPECT_EQ(faults[0]["hits"], 1) << call;
         EXPECT_EQ(faults[1]["hits"], 3) << call;
         EXPECT_EQ(faults[2]["hits"], 3) << call;
         Ask("fault.clear");
-        used.insert(call);
     }
-    std::set<std::string> all;
-    for (const auto& call : kCalls) {
-        if (call.name.starts_with("VEXA_") || call.name.starts_with("cri")) all.emplace(call.name);
-    }
-    EXPECT_EQ(used, all);
 }
 
 TEST_F(Libraries, HaveFaultsOnOneDevice) {

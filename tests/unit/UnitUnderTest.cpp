@@ -65,9 +65,12 @@ nlohmann::json AskLine(const std::string& line) {
     return nlohmann::json::parse(answer, nullptr, false);
 }
 
+std::string Line(const std::string& verb, const std::string& members) {
+    return R"({"request": ")" + verb + (members.empty() ? "\"" : "\", ") + members + "}";
+}
+
 nlohmann::json Ask(const std::string& verb, const std::string& members) {
-    auto answer =
-        AskLine(R"({"request": ")" + verb + (members.empty() ? "\"" : "\", ") + members + "}");
+    auto answer = AskLine(Line(verb, members));
     EXPECT_EQ(answer["ok"], true) << members << answer;
     return answer;
 }

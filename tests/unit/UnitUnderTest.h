@@ -37,7 +37,9 @@ template <typename Condition>
 
 // The unit's answer to a line on its control socket.
 [[nodiscard]] nlohmann::json AskLine(const std::string& line);
-// The answer to {"request": verb, members}, which must be carried out.
+// A request's line: {"request": verb, members}.
+[[nodiscard]] std::string Line(const std::string& verb, const std::string& members = "");
+// The answer to such a request, which must be carried out.
 nlohmann::json Ask(const std::string& verb, const std::string& members = "");
 
 // Collects what callbacks are given.

@@ -51,8 +51,7 @@ class Printer {
 
     void PrintSummary() const {
         std::fflush(stdout);
-        std::fprintf(stderr,
-                     "vexa-host: %zu frames, %zu packets and events, %zu of them not right\n",
+        std::fprintf(stderr, "vexa-host: %zu frames, %zu packets and events, %zu of them faulty\n",
                      frame, packets, wrong);
     }
 
@@ -119,12 +118,14 @@ Verb DecodeVerb() {
     const auto options = std::make_shared<DecodeOptions>();
     return {
         .name = "decode",
-        .summary = "Say what is in a recording, packet by packet",
-        .options = {{"FILE", "", "a recording (pcapng)", &options->file, true},
-                    {"--json", "",
-                     "an object a line: frame, time, direction, kind, child, checksum, text, bytes",
-                     &options->json},
-                    {"--all-bytes", "", "every byte of each packet", &options->whole}},
+        .summary = "Print a recording packet by packet, in words",
+        .options =
+            {{"FILE", "", "a recording (pcapng)", &options->file, true},
+             {"--json", "",
+              "a JSON object for each packet: frame, time, direction, kind, child, checksum, "
+              "text, bytes",
+              &options->json},
+             {"--all-bytes", "", "every byte of each packet", &options->whole}},
         .notes =
             "Columns: number of the frame, seconds since the first, -> to the unit or <- from it,\n"
             "the packet in words, its bytes.\n"

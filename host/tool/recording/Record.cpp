@@ -316,7 +316,7 @@ Verb RecordVerb() {
         .summary = "Record what a host program and the unit say to each other, as pcapng",
         .options = WithUnitOptions(
             options->unit,
-            {{"FILE", "", "the recording; replaced if it is there", &options->file, true},
+            {{"FILE", "", "the recording; replaced if it exists", &options->file, true},
              {"--listen", "DIR",
               "directory for the socket that the host program connects to instead of the unit's (a "
               "temporary one)",

@@ -120,28 +120,28 @@ ExitCode RunReplay(const ReplayVerbOptions& options) {
 
 Verb ReplayVerb() {
     const auto options = std::make_shared<ReplayVerbOptions>();
-    return {
-        .name = "replay",
-        .summary = "Send the host's side of a recording to a unit and compare its answers",
-        .options = WithUnitOptions(
-            options->unit,
-            {{"FILE", "", "a recording (pcapng)", &options->file, true},
-             {"--fast", "", "as fast as the answers come, not at the recorded pace",
-              &options->replay.fast},
-             {"--data", "", "compare what children send as well, block by block",
-              &options->replay.withData},
-             {"--json", "", "an object a line: origin, verdict, recorded, got", &options->json}}),
-        .notes =
-            "Answers are the replies of service, controller and DAQ. Each is compared with the "
-            "recorded\n"
-            "one of the same origin and number, byte for byte; only the DAQ's own numbering is "
-            "left "
-            "out.\n"
-            "Each packet is sent once the answers recorded before it have come, after 3 s at "
-            "most.\n"
-            "Exit codes: 0 all as recorded; 1 not so; the others as for every command.\n"
-            "Example: vexa-host replay session.pcapng --fast",
-        .run = [options] { return RunReplay(*options); }};
+    return {.name = "replay",
+            .summary = "Send the host's side of a recording to a unit and compare its answers",
+            .options = WithUnitOptions(
+                options->unit,
+                {{"FILE", "", "a recording (pcapng)", &options->file, true},
+                 {"--fast", "", "as fast as the answers come, not at the recorded pace",
+                  &options->replay.fast},
+                 {"--data", "", "compare what children send as well, block by block",
+                  &options->replay.withData},
+                 {"--json", "", "a JSON object for each answer: origin, verdict, recorded, got",
+                  &options->json}}),
+            .notes =
+                "Answers are the replies of service, controller and DAQ. Each is compared with the "
+                "recorded\n"
+                "one of the same origin and number, byte for byte; only the DAQ's own numbering is "
+                "left "
+                "out.\n"
+                "Each packet is sent once the answers recorded before it have come, after 3 s at "
+                "most.\n"
+                "Exit codes: 0 all as recorded; 1 not so; the others as for every command.\n"
+                "Example: vexa-host replay session.pcapng --fast",
+            .run = [options] { return RunReplay(*options); }};
 }
 
 }  // namespace vexahost::tool

@@ -302,11 +302,11 @@ Outcome Check(Session& session, const Words& arguments) {
 const std::vector<Command>& Commands() {
     constexpr std::size_t kMany = 1000;
     static const std::vector<Command> commands = {
-        {"sync", "", "bring both sides in step", 0, 0, Sync},
-        {"controller", "[daq]", "open the controller, with the DAQ if asked; closes all else", 0, 1,
-         Controller},
-        {"query", "[holds|free]", "does the DAQ application hold the hardware? must it?", 0, 1,
-         Query},
+        {"sync", "", "bring the unit's packet parser in step", 0, 0, Sync},
+        {"controller", "[daq]",
+         "open the controller, with or without the DAQ; closes everything else", 0, 1, Controller},
+        {"query", "[holds|free]",
+         "does the DAQ application hold the hardware? fails if it is not as given", 0, 1, Query},
         {"takeover", "", "take the hardware from the unit's applications", 0, 0, Takeover},
         {"open", "NAME [ID]", "open the first device of the type that NAME stands for", 1, 2, Open},
         {"close", "ID|NAME|controller", "close a device, or the controller with all devices", 1, 1,
@@ -318,12 +318,14 @@ const std::vector<Command>& Commands() {
          Mux},
         {"receive", "ID|NAME|daq [N] [TIME]", "show the next N blocks (1), each within TIME (3s)",
          1, 3, Receive},
-        {"stats", "", "what has come of each device since it was opened", 0, 0, Stats},
-        {"check", "ID|NAME|daq FIGURE OP N", "pass only if the figure (below) is so", 4, 4, Check},
-        {"reconnect", "[TIME]", "connect anew, trying for TIME (5s); nothing is open then", 0, 1,
+        {"stats", "", "statistics of each device since it was opened, and of the link", 0, 0,
+         Stats},
+        {"check", "ID|NAME|daq FIGURE OP N", "fail unless the figure (below) is as given", 4, 4,
+         Check},
+        {"reconnect", "[TIME]", "connect anew within TIME (5s); nothing is open afterwards", 0, 1,
          Reconnect},
         {"disconnect", "", "end the connection", 0, 0, Disconnect},
-        {"wait", "TIME", "let time pass, e.g. 500ms or 3s", 1, 1, Wait},
+        {"wait", "TIME", "wait, e.g. 500ms or 3s", 1, 1, Wait},
         {"echo", "TEXT", "print the text", 0, kMany, Echo},
         {"help", "", "this list", 0, 0, Help},
         {"quit", "", "end the session", 0, 0, Quit},
@@ -341,12 +343,12 @@ std::string CommandsHelp() {
     return text +
            "figures to check                blocks bytes rate gaps dropped, since the device was\n"
            "                                opened; of the daq: packets rate badsums dropped;\n"
-           "                                rate is a second's; OP: < <= = >= >; N: a whole "
+           "                                rate is per second; OP: < <= = >= >; N: a whole "
            "number\n"
-           "expect OUTCOME COMMAND          passes only if COMMAND ends so: done, refused [CODE],\n"
+           "expect OUTCOME COMMAND          fails unless COMMAND ends so: done, refused [CODE],\n"
            "                                timeout, lost, violation, unconnected\n"
-           "try COMMAND                     its failure is no failure\n"
-           "In scripts also: repeat TIME|N .. end, where a tried command that has lost the link\n"
+           "try COMMAND                     goes on when COMMAND fails\n"
+           "In scripts also: repeat TIME|N .. end, where a command after try that loses the link\n"
            "ends the round; # begins a comment; \"...\" keeps blanks in a word.\n"
            "IDs are decimal or 0x..; HEX is two digits a byte, blanks between bytes are fine.";
 }

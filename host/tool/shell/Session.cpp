@@ -116,7 +116,7 @@ Outcome Session::RunExpect(Words words) {
     Outcome outcome = Run(words);
     if (expected->IsMetBy(outcome)) return Outcome::Good();
     if (outcome.error && outcome.error->kind == ErrorKind::kInvalidArgument) return outcome;
-    return Outcome::Unmet("it ended otherwise: " +
+    return Outcome::Unmet("unexpected outcome: " +
                           (outcome.error ? outcome.error->message : "done"));
 }
 

@@ -254,7 +254,7 @@ Verb StreamVerb() {
             options->unit,
             {{"NAME", " ", "names of the sensors", WordList{&options->devices.names, 100}},
              {"--daq", "", "take the DAQ over and stream its packets too", &options->devices.daq},
-             {"--arm", "NAME", "a HID sensor to be sent the init request", &options->devices.arm},
+             {"--arm", "NAME", "send this HID sensor the init request", &options->devices.arm},
              {"--for", "TIME", "how long, e.g. 3s, 500ms, 2m (until Ctrl-C)", &options->duration},
              {"--csv", "", "a row for each sample", &options->csv},
              {.name = "--json",
