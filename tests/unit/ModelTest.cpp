@@ -64,6 +64,9 @@ TEST(StreamSensor, EchoesEachWriteInOneBlockUnlessToldNotTo) {
     }
     EXPECT_EQ(SentUntil(echoing, kStart), (std::vector<Bytes>{{1, 2, 3}, Bytes(300, 7)}));
     EXPECT_EQ(mute.NextDue(), kNever);
+    HidSensor muteHid({.name = "Hid", .type = 3, .rate = 0, .echo = false}, kStart);
+    muteHid.Receive(Bytes{1}, kStart);
+    EXPECT_EQ(muteHid.NextDue(), kNever);
 }
 
 TEST(Pacer, NeitherDriftsNorCatchesUpOnMoreThanASecond) {
@@ -114,6 +117,21 @@ TEST(DaqBoard, MeasuresOnlyOnceItHasAnsweredTheSync) {
         EXPECT_EQ(sent[index][2], index) << "one sequence for all that it sends";
         EXPECT_EQ(ChecksumIsRight(sent[index]), index != 4 && index != 7) << index;
     }
+}
+
+TEST(DaqBoard, FollowsItsSettingsAndASecondSync) {
+    Bytes request(kInitialSyncSize);
+    BuildInitialSync(std::span<std::uint8_t, kInitialSyncSize>(request), 77);
+    DaqBoard board({.syncDelayMs = 0, .measurementRate = 10}, kStart);
+    board.Receive(request, kStart);
+    EXPECT_EQ(SentUntil(board, kStart).size(), 1U);
+    board.Receive(request, kStart + milliseconds(50));
+    EXPECT_EQ(SentUntil(board, kStart + milliseconds(100)).size(), 2U)
+        << "the second reply, and the measurement when it was due anyway";
+    board.Change({.measurementRate = 100, .measurementSize = 30}, kStart + milliseconds(100));
+    const auto sent = SentUntil(board, kStart + milliseconds(120));
+    ASSERT_EQ(sent.size(), 2U);
+    EXPECT_EQ(sent[0].size(), 30U);
 }
 
 TEST(DaqBoard, TakesNoDamagedSync) {
