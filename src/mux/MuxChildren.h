@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <type_traits>
 
 #include "foundation/Mutex.h"
 
@@ -118,7 +119,7 @@ class MuxChildren {
     // The result of `operation` under the lock, or a zero value without it. Unchecked because the
     // analysis does not connect this object's mutex with the one that `operation` requires.
     template <typename Operation>
-    auto WithLock(Operation operation) VEXA_UNCHECKED->decltype(operation()) {
+    std::invoke_result_t<Operation&> WithLock(Operation operation) VEXA_UNCHECKED {
         if (!Lock(kLockTimeoutMs)) return {};
         const auto result = operation();
         Unlock();

@@ -142,15 +142,6 @@ TEST_F(ServerSocketDevice, ServesOneClientAfterTheOther) {
                         kClosed);
 }
 
-TEST_F(ServerSocketDevice, EndsInAccept) {
-    const std::string text = Lines([&] {
-        ASSERT_EQ(device->Open(nullptr), 0);
-        AwaitBlockedThreads();
-        EXPECT_EQ(device->Close(), 0);
-    });
-    EXPECT_EQ(text, "GServerSocketDevice_Linux(118) : \n accept() failed.\n\n");
-}
-
 TEST_F(ServerSocketDevice, NeverAcceptsAgainAfterAFailedAccept) {
     counted.accepts = 0;
     failing.accept = 1;
@@ -165,18 +156,24 @@ TEST_F(ServerSocketDevice, NeverAcceptsAgainAfterAFailedAccept) {
     EXPECT_EQ(counted.accepts, 1);
 }
 
-TEST_F(ServerSocketDevice, EndsInRecv) {
-    const std::string text = Lines([&] {
-        ASSERT_EQ(device->Open(nullptr), 0);
-        const Client client(port.port);
-        AwaitComings(1);
-        AwaitBlockedThreads();
-        EXPECT_EQ(device->Close(), 0);
-        EXPECT_TRUE(client.Receive(1).empty());
-    });
-    EXPECT_EQ(text, std::string(kAccepted) +
-                        "GServerSocketDevice_Linux(118) : \n recv() failed. errno = 4 \n\n" +
-                        kClosed);
+TEST_F(ServerSocketDevice, EndsInAcceptAndInRecv) {
+    for (const bool connected : {false, true}) {
+        device = std::make_unique<GServerSocketDevice>(&port);
+        device->SetReadCallback(ReceivedBytes::Callback, &received);
+        device->SetConnectionReport([this](bool here) { ++(here ? came : went); });
+        const std::string text = Lines([&] {
+            ASSERT_EQ(device->Open(nullptr), 0);
+            std::unique_ptr<Client> client;
+            if (connected) client = std::make_unique<Client>(port.port);
+            AwaitComings(connected ? 1 : 0);
+            AwaitBlockedThreads();
+            EXPECT_EQ(device->Close(), 0);
+        });
+        const std::string module = "GServerSocketDevice_Linux(118) : ";
+        EXPECT_EQ(text, connected
+                            ? kAccepted + module + "\n recv() failed. errno = 4 \n\n" + kClosed
+                            : module + "\n accept() failed.\n\n");
+    }
 }
 
 TEST_F(ServerSocketDevice, FailsOnAPortInUseAndWithoutAContext) {

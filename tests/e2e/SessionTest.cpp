@@ -69,15 +69,6 @@ TEST(Session, GivesTheBytesAndLinesOfEachExchange) {
                      R"(criCommand("SPLASH", 2, 1000) = 1)"}));
 }
 
-TEST(Session, ReportsADaqAndAnApplicationThatFail) {
-    RunningUnit unit(R"({"daq": {"present": false}, "applications": {"DAQ": {"refuses": [3]}}})");
-    Host host(unit);
-    EXPECT_EQ(host.Ask(OpenController(true)), ControllerReply(0, 0x9C, 0x72, 59));
-    EXPECT_EQ(host.Ask(ToController(0x74, {})), ControllerReply(1, 0x9C, 0x74, 57));
-    EXPECT_EQ(host.Ask(ToController(0x73, {})), ControllerReply(2, 0x9C, 0x73, 50));
-    unit.AwaitLine("vexAppSession(120) : criCommand() failed.");
-}
-
 TEST(StartUp, WithoutANodePrintsItsErrorAndEndsInOrder) {
     RunningUnit unit(R"({"node": {"present": false}})");
     EXPECT_EQ(unit.Wait(), 0);
@@ -93,17 +84,6 @@ TEST(StartUp, WithoutANodePrintsItsErrorAndEndsInOrder) {
                      R"(criInit("SPLASH", 1) = 1)", R"(criInit("FGEN", 1) = 1)",
                      R"(criTerminate("DAQ", 1) = 1)", R"(criTerminate("SPLASH", 1) = 1)",
                      R"(criTerminate("FGEN", 1) = 1)", "VEXA_Uninit(1) = 0"}));
-}
-
-TEST(StartUp, WithoutTheLibraryOrASessionSaysSo) {
-    RunningUnit unit(R"({"library": {"initFails": true, "version": [12, 3]},
-                         "applications": {"SPLASH": {"initFails": true}}})");
-    EXPECT_EQ(unit.Wait(), 0);
-    const Lines lines = unit.Printed();
-    ASSERT_EQ(lines.size(), 6U);
-    EXPECT_EQ(lines[2], "vexAppSession(36) : Initiator call to criInit failed.");
-    EXPECT_EQ(lines[3], "VEXADevMgr(128) : ERROR initializing VEXADevMgr.");
-    EXPECT_EQ(lines[5], "VEXADevMgr(130) : VEXADevMgr is shutting down.");
 }
 
 TEST(StartUp, EndsOnSigtermWithAHostAndStreamsOpen) {

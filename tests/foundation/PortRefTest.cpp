@@ -41,20 +41,6 @@ TEST(GPortRef, SettersFillTheEmptyTexts) {
     EXPECT_EQ(port.displayName, "shown");
 }
 
-TEST(GPortRef, CopiesItsBlob) {
-    const std::uint8_t blob[] = {1, 2, 3};
-    GPortRef port(5, "", "", "7;12;34", 1, 2, blob, sizeof blob);
-    port.extra3 = 9;
-    GPortRef& self = port;
-    port = self;
-    GPortRef copy(0, "", "", "", 0, 0);
-    copy = port;
-    EXPECT_EQ(copy.blob, std::vector<std::uint8_t>({1, 2, 3}));
-    EXPECT_EQ(copy.extra3, 9);
-    EXPECT_EQ(copy.DisplayNameNumber(), 34);
-    EXPECT_TRUE(GPortRef(5, "", "", "", 0, 0, nullptr, 3).blob.empty());
-}
-
 TEST(AddressText, IsReadAsHexadecimalAlthoughWrittenAsDecimal) {
     struct Case {
         std::string text;

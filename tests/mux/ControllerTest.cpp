@@ -27,8 +27,14 @@ TEST_F(Controller, OpensUnderEitherCommand) {
     mux.DisconnectCleanUp();
     mux.MarkConnected();
     EXPECT_EQ(Reply(ToController(0x70, byName)), ControllerReply(0, 0x9C, 0x70, 59));
-    EXPECT_EQ(Reply(OpenChild(1, "Controlle")), ControllerReply(1, 0x9C, 0x70, 54))
-        << "another name is a child's";
+    std::uint8_t sequence = 1;
+    Bytes longer = OpenChild(1, "Controller");
+    longer[17] = 12;
+    for (const Bytes& other : {OpenChild(1, "Controlle"), OpenChild(1, "ControlleR"),
+                               OpenChild(1, "Controller2"), Sealed(longer)}) {
+        EXPECT_EQ(Reply(other), ControllerReply(sequence++, 0x9C, 0x70, 54))
+            << "another name is a child's";
+    }
 }
 
 TEST_F(Controller, ForwardsBetweenHostAndDaq) {
