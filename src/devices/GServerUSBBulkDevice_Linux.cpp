@@ -40,7 +40,7 @@ GServerUSBBulkDevice::GServerUSBBulkDevice(const GPortRef* port)
     // The text for a failed close is the same as the serial transport's, on purpose.
     : GTransportDevice(port, {kModule, kOpenFailedLine, "Error closing serial device",
                               kCloseFailedLine, kCloseGuardLine, kWriteGuardLine}) {
-    if (!GServerUSBBulkDevice::OSInitialize()) {
+    if (!GServerUSBBulkDevice::OSInitialize()) {  // GCOVR_EXCL_BR_LINE: cannot fail
         Trace("Error - GServerUSBBulkDevice constructor, OSInitialize() returned false.", nullptr,
               -1);
     }

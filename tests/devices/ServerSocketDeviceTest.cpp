@@ -136,6 +136,9 @@ TEST_F(ServerSocketDevice, ServesOneClientAfterTheOther) {
         second->Abort();
         second.reset();
         AwaitGoings(2);
+        count = 3;
+        EXPECT_EQ(device->Write("abc", &count), -1);
+        EXPECT_EQ(count, 3) << "untouched without a client";
     });
     EXPECT_EQ(text, std::string(kAccepted) + kRemoteClosed + kClosed + kAccepted +
                         "GServerSocketDevice_Linux(118) : \n recv() failed. errno = 104 \n\n" +
