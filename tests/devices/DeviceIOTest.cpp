@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
@@ -28,6 +29,10 @@ class NotingDevice : public GDeviceIO {
         return 0;
     }
     int OSWriteUnlocked(const void* data, int* count) override {
+        if (blocks) {
+            pause();  // until a signal comes
+            blocks = false;
+        }
         const std::scoped_lock lock(mutex);
         const auto* bytes = static_cast<const unsigned char*>(data);
         sent.insert(sent.end(), bytes, bytes + *count);
@@ -51,6 +56,7 @@ class NotingDevice : public GDeviceIO {
     int closeResult = 0;
     int direct = 0;
     std::atomic<bool> link{true};
+    std::atomic<bool> blocks{false};
     std::atomic<int> polls{0};
     std::mutex mutex;
     Bytes sent;
@@ -195,6 +201,19 @@ TEST_F(DeviceIO, PollingWriterHoldsOutputBackUntilTheLinkIsUp) {
     Queue(device, {4});
     device.link = true;
     EXPECT_EQ(device.AwaitSent(1), Bytes{4}) << "purged";
+}
+
+TEST_F(DeviceIO, ClosesAlthoughAWriterIsInABlockingCall) {
+    for (const bool signalled : {false, true}) {
+        device.bufferedOutput = true;
+        device.signalledWriter = signalled;
+        device.blocks = true;
+        ASSERT_EQ(device.Open(nullptr), 0);
+        Queue(device, {1});
+        while (device.outputBuffer->GetBytesAvailable() > 0) OSSleep(1);
+        EXPECT_EQ(device.Close(), 0);
+        EXPECT_FALSE(device.blocks);
+    }
 }
 
 TEST_F(DeviceIO, SignalledWriterSendsAtOnceAndEndsWithTheDevice) {

@@ -220,6 +220,37 @@ TEST_F(ServerSocketDevice, ListensButNeverAcceptsWhenOpenedAgain) {
     EXPECT_TRUE(received.Await(0).empty());
 }
 
+// The reader is still busy with what the client sent, so only the write can notice that it left.
+TEST_F(ServerSocketDevice, FailsToWriteToAClientThatHasGone) {
+    static std::atomic<int> busy;
+    busy = 0;
+    device->SetReadCallback(
+        [](const unsigned char*, int, void*) {
+            for (busy = 1; busy == 1;) OSSleep(1);
+            return 0;
+        },
+        &received);
+    int result = 0;
+    Lines([&] {
+        ASSERT_EQ(device->Open(nullptr), 0);
+        {
+            const Client client(port.port);
+            client.Send({1});
+            while (busy == 0) OSSleep(1);
+            client.Abort();
+        }
+        // The first write may still be accepted by the system.
+        int count = 1;
+        device->Write("a", &count);
+        count = 1;
+        result = device->Write("b", &count);
+        busy = 2;
+        AwaitGoings(1);
+        EXPECT_EQ(device->Close(), 0);
+    });
+    EXPECT_EQ(result, -1);
+}
+
 // Neither a client that vanishes nor one that takes nothing may end or hang the process.
 TEST_F(ServerSocketDevice, SurvivesClientsThatVanishOrTakeNothing) {
     Lines([&] {

@@ -37,6 +37,26 @@ TEST_F(Controller, OpensUnderEitherCommand) {
     }
 }
 
+// A take-over goes on after a disconnect and opens the DAQ link without a controller entry.
+TEST_F(Controller, ClosesTheDaqLinkAlsoWithoutAnEntry) {
+    for (const bool reopens : {false, true}) {
+        OpenControllerFirst();
+        script.answers = {{1, 1}, {2, 1}, {3, 1}, {4, 1}};
+        Pass(ToController(0x74, {}));
+        mux.DisconnectCleanUp();
+        mux.MarkConnected();
+        Reply({});
+        EXPECT_TRUE(daq.IsOpen());
+        if (reopens) {
+            Reply(OpenController(false));
+        } else {
+            mux.DisconnectCleanUp();
+            mux.MarkConnected();
+        }
+        EXPECT_FALSE(daq.IsOpen()) << reopens;
+    }
+}
+
 TEST_F(Controller, ForwardsBetweenHostAndDaq) {
     OpenControllerFirst(true);
     script.writes.clear();

@@ -32,6 +32,11 @@ TEST_F(Children, AreRefusedForEveryReasonThereIs) {
     ExpectOpenError(sequence++, OpenChild(2, "unknown"), 54);              // unknown name
     ExpectOpenError(sequence++, OpenChild(2, "hid4"), 54);                 // none attached
     ExpectOpenError(sequence++, OpenChild(2, std::string(220, 'x')), 54);  // length 221
+    const std::string longest(219, 'n');
+    script.types[longest] = 8;
+    EXPECT_EQ(Reply(OpenChild(0x77, longest)), ControllerReply(sequence++, 0x98, 0x70, 0));
+    Reply(CloseChild(0x77));
+    ++sequence;
     Bytes cut = OpenChild(2, "stream8-and-more");
     cut[17] = 7;  // the length ends the name
     EXPECT_EQ(Reply(Sealed(cut)), ControllerReply(sequence++, 0x98, 0x70, 0));
@@ -45,6 +50,15 @@ TEST_F(Children, AreRefusedForEveryReasonThereIs) {
     script.TakeCalls();
     ExpectOpenError(sequence, OpenChild(10, "stream8"), 50);  // the controller counts
     EXPECT_EQ(script.TakeCalls(), Calls{});
+}
+
+TEST_F(Children, AreNotMeantByPacketsWithoutAnId) {
+    Open(0, "stream8");
+    for (const Bytes& packet : {Sealed(Hex("60 07 07 00 00 00 00")), Sealed(Hex("60 04 07 00"))}) {
+        EXPECT_EQ(Printed([&] { Pass(packet); }),
+                  "Input from Host - Discarding orphaned tunnel packet.: " + ToHex(packet) + "\n");
+    }
+    EXPECT_TRUE(script.writes.empty());
 }
 
 TEST_F(Children, WrapTheirDataUpTo245Bytes) {
