@@ -2,19 +2,19 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
+#include <array>
 #include <atomic>
-#include <cstdint>
 #include <functional>
-#include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
-#include "support/Bytes.h"
-#include "testkit/ChildProcess.h"
+#include "support/HostPackets.h"
 #include "testkit/Descriptor.h"
-#include "vexahost/Transport.h"
+#include "vexahost/PacketReader.h"
 
 namespace vexahost {
 
@@ -22,21 +22,42 @@ using vexa::test::Bytes;
 using vexa::test::Hex;
 using vexa::test::Sealed;
 using vexa::test::ToHex;
+using vexa::test::Tunnel;
 using vexa::test::operator+;
 
-Bytes Part(const Bytes& bytes, std::size_t from, std::size_t to);
+inline Bytes Part(const Bytes& bytes, std::size_t from, std::size_t to) {
+    return {bytes.begin() + static_cast<long>(from), bytes.begin() + static_cast<long>(to)};
+}
 
-// `payload` behind a frame header.
-Bytes Frame(const Bytes& payload);
+// `payload` after a frame header.
+inline Bytes Frame(const Bytes& payload) {
+    const Bytes size = vexa::test::Le32(static_cast<std::uint32_t>(payload.size()));
+    return size + Bytes{'U', '0', '1', '2'} + payload;
+}
 
-// A tunnel packet of a child.
-Bytes ChildBlock(std::uint32_t child, std::uint8_t sequence, const Bytes& data);
-
-Bytes SyncReply(std::uint8_t sequence, std::uint8_t requestSequence);
+inline Bytes SyncReply(std::uint8_t requestSequence) {
+    const auto& signature = vexa::kInitialSyncReplySignature;
+    return Sealed(Bytes{0xB8, 26, 0, 0, 26, requestSequence} +
+                  Bytes(signature.begin(), signature.end()));
+}
 
 // A reply of the controller: `type` 0x98 or 0x9C.
-Bytes ControllerReply(std::uint32_t controller, std::uint8_t sequence, std::uint8_t type,
-                      std::uint8_t command, std::uint8_t requestSequence, std::uint8_t code);
+inline Bytes Reply(std::uint32_t controller, std::uint8_t type, std::uint8_t command,
+                   std::uint8_t requestSequence, std::uint8_t code) {
+    return Tunnel(controller, Sealed({type, 7, 0, 0, command, requestSequence, code}), 0);
+}
+
+// The command in a packet for the multiplexer or for controller 1; 0 when there is none.
+inline std::uint8_t CommandOf(const Bytes& packet) {
+    const bool toController = packet.size() > 12 && vexa::LoadLe32(packet, 4) == 1;
+    if (packet[0] == 0x60) return toController ? packet[12] : std::uint8_t{0};
+    return packet.size() > 4 ? packet[4] : std::uint8_t{0};
+}
+
+// Controller 1 has executed `request`.
+inline Bytes Executed(const Bytes& request, std::uint8_t result = 0) {
+    return Reply(1, 0x98, CommandOf(request), request[10], result);
+}
 
 // A service for hosts at a socket, one after the other, that answers as a test tells it to.
 class FakeService {
@@ -44,50 +65,58 @@ class FakeService {
     // Called on the service's thread with each packet of the host.
     using Handler = std::function<void(FakeService&, const Bytes& packet)>;
 
-    explicit FakeService(Handler handler, std::string path = OwnPath());
-    ~FakeService();
-    FakeService(const FakeService&) = delete;
-    FakeService& operator=(const FakeService&) = delete;
+    FakeService(Handler handler_, const std::string& path) : handler(std::move(handler_)) {
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
+        EXPECT_EQ(bind(listener.Get(), generic, sizeof address), 0) << path;
+        EXPECT_EQ(listen(listener.Get(), 1), 0);
+        thread = std::thread([this] { Serve(); });
+    }
 
-    [[nodiscard]] std::unique_ptr<Transport> Connect() const;
+    ~FakeService() {
+        shutdown(listener.Get(), SHUT_RDWR);
+        HangUp();
+        thread.join();
+        close(connection);
+        unlink(address.sun_path);
+    }
 
-    void SendBytes(const Bytes& bytes);
+    void SendBytes(const Bytes& bytes) {
+        (void)send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL);  // the host may have left
+    }
     void SendFramed(const Bytes& packets) { SendBytes(Frame(packets)); }
 
     // Ends the connection.
-    void HangUp();
+    void HangUp() { shutdown(connection, SHUT_RDWR); }
 
     // Answers an initial sync and the controller's commands with their acknowledgements.
-    static void Obey(FakeService& service, const Bytes& packet);
-
-    // Handlers that obey, but answer `command`, of the controller or the multiplexer, themselves.
-    static Handler On(std::uint8_t command, Handler answer);
-    static Handler Refuse(std::uint8_t command, std::uint8_t code);
+    static void Obey(FakeService& service, const Bytes& packet) {
+        const std::uint8_t command = CommandOf(packet);
+        if (command == 26) service.SendFramed(SyncReply(packet[2]));
+        if (command >= 0x70) service.SendFramed(Executed(packet));
+    }
 
   private:
-    static std::string OwnPath();
-    void Serve();
+    void Serve() {
+        PacketReader packets;
+        std::array<std::uint8_t, 1000> buffer{};
+        for (int host = 0; (host = accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+            const vexa::testkit::Descriptor former(connection.exchange(host));
+            packets = {};
+            for (ssize_t count = 0; (count = recv(host, buffer.data(), buffer.size(), 0)) > 0;) {
+                auto input = std::span<const std::uint8_t>(buffer).first(std::size_t(count));
+                while (const auto packet = packets.Next(input)) {
+                    handler(*this, Bytes(packet->bytes.begin(), packet->bytes.end()));
+                }
+            }
+        }
+    }
 
     const Handler handler;
-    const std::string path;
-    vexa::testkit::Descriptor listener;
-    std::atomic<int> connection{-1};
-    std::uint8_t controllerSequence = 0;  // the thread's own
+    sockaddr_un address{AF_UNIX, {}};
+    vexa::testkit::Descriptor listener{socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)};
+    std::atomic<int> connection{-1};  // open until the next one, as any thread may use it
     std::thread thread;
-};
-
-// vexa-host as a program, with a folder of its own for the unit's socket.
-class ToolTest : public testing::Test {
-  protected:
-    ToolTest();
-    ~ToolTest() override;
-
-    [[nodiscard]] std::string Socket() const { return folder + "/host.sock"; }
-
-    // Runs a shell command line in which $HOST is vexa-host and $VEXA_UNIT_DIR is `folder`.
-    [[nodiscard]] vexa::testkit::Finished Run(const std::string& commandLine) const;
-
-    std::string folder;
 };
 
 }  // namespace vexahost

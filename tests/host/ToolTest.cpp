@@ -5,127 +5,160 @@
 #include <filesystem>
 
 #include "host/FakeService.h"
+#include "testkit/ChildProcess.h"
 
 namespace vexahost::tool {
 namespace {
 
-using testing::AllOf;
 using testing::HasSubstr;
 
-TEST_F(ToolTest, WrongUseIsOneLineAndExitCodeTwo) {
-    const std::pair<std::string, const char*> cases[] = {
-        {"$HOST", "A subcommand is required"},
-        {"$HOST sync --dir " + folder, "/host.sock: No such file or directory"},
-        {"$HOST sync --dir /" + std::string(200, 'x'), "the path is too long for a socket"},
-        {"$HOST stream A --for soon --dir " + folder, "--for soon: expected a time such as 3s"},
-        {"$HOST stream --dir " + folder, "NAME is required"},
-        {"$HOST stream A --format u9@1", "--format u9@1: \"u9\" is no type"},
-        {"$HOST stream A --arm B", "--arm B: not among the devices"},
-        {"$HOST send 4", "expected bytes in hex"},
-        {"$HOST close 5", "\"5\": only the controller can be closed"},
-        {"$HOST ping A -n 0", "Value 0 not in range"},
-        {"$HOST sync --serial /dev/null", "it is not a terminal device"},
-        {"$HOST sync --serial x --tcp y", "--tcp excludes --serial"},
-        {"$HOST shell --script /none", "cannot read /none: No such file"},
-        {"echo 'wait 1s\nrepeat 2' | $HOST shell", "standard input:2: \"repeat\" without \"end\""},
-    };
-    for (const auto& [line, message] : cases) {
-        const auto ran = Run(line);
-        EXPECT_EQ(ran.status, 2) << line;
-        EXPECT_THAT(ran.output, AllOf(testing::StartsWith("vexa-host: "), HasSubstr(message)));
-        EXPECT_EQ(std::ranges::count(ran.output, '\n'), 1) << ran.output;
+// vexa-host with a folder of its own for the unit's socket.
+class ToolTest : public testing::Test {
+  protected:
+    ~ToolTest() override { std::filesystem::remove_all(folder); }
+
+    // Runs a shell command line in which $HOST is vexa-host and $VEXA_UNIT_DIR is `folder`.
+    [[nodiscard]] vexa::testkit::Finished Run(const std::string& commandLine) const {
+        return vexa::testkit::RunShell("export HOST='" VEXA_HOST_PROGRAM "' VEXA_UNIT_DIR='" +
+                                       folder + "'; " + commandLine);
+    }
+
+    std::string pattern = testing::TempDir() + "vexa-host-XXXXXX";
+    const std::string folder = mkdtemp(pattern.data());
+};
+
+// Obeys; refuses devices whose name begins with B, holds no hardware, hangs up at multiplexer
+// commands, and echoes 8 bytes to a device. Of device T comes one report, of
+// others two blocks with a gap between them; after a take-over two DAQ packets, one damaged.
+void Play(FakeService& self, const Bytes& packet) {
+    const std::uint8_t command = CommandOf(packet);
+    if (packet[0] == 0x40 && command != 26) return self.HangUp();
+    if (command == 0x70 && packet[18] == 'B') {
+        return self.SendFramed(Reply(1, 0x9C, 0x70, packet[10], 54));
+    }
+    FakeService::Obey(self, packet);
+    if (command == 0x74) {
+        self.SendFramed(Bytes{0xA0, 6, 1, 0x55, 1, 2} + Sealed({0xA0, 5, 2, 0, 1}));
+    } else if (command == 0x70 && packet[18] == 'T') {
+        self.SendFramed(Tunnel(0x1001, {0x05, 2, 0x10, 0xFF, 0xE8, 3, 0, 0}, 1));
+    } else if (command == 0x70) {
+        const std::uint32_t child = vexa::LoadLe32(packet, 13);
+        self.SendFramed(Tunnel(child, {7}, 0) + Tunnel(child, {7}, 2));
+    } else if (packet.size() == 16 && packet[5] == 0x10) {
+        self.SendFramed(Tunnel(0x1001, Part(packet, 8, packet.size()), 0));
     }
 }
 
-TEST_F(ToolTest, ExitCodesTellWhatTheUnitDid) {
+TEST_F(ToolTest, PrintsWhatHappenedAndExitsAccordingly) {
+    const auto refuse = [](FakeService& self, const Bytes& packet) {
+        if (CommandOf(packet) != 0x72) return FakeService::Obey(self, packet);
+        self.SendFramed(Reply(1, 0x9C, 0x72, packet[10], 59));
+    };
+    const auto violate = [](FakeService& self, const Bytes& packet) {
+        if (CommandOf(packet) == 26) return FakeService::Obey(self, packet);
+        self.SendFramed(Bytes{96, 2, 0, 0});
+    };
     struct Case {
-        const char* line;
-        FakeService::Handler handler;
+        std::string input;  // arguments, or the lines of a script
         int exitCode;
         const char* output;
-    };
-    const auto streamOneBlock = [](FakeService& self, const Bytes& packet) {
-        FakeService::Obey(self, packet);
-        if (packet[0] == 0x60 && packet[12] == 0x70) {
-            self.SendFramed(ChildBlock(0x1001, 1, {0x05, 2, 0x10, 0xFF, 0xE8, 3, 0, 0}));
-        }
-    };
-    const auto sendDaq = FakeService::On(0x74, [](FakeService& self, const Bytes& packet) {
-        self.SendFramed(ControllerReply(1, 0, 0x98, 0x74, packet[10], 0));
-        self.SendFramed(Bytes{0xA0, 6, 1, 0x55, 1, 2} + Sealed({0xA0, 5, 2, 0, 1}));
-    });
-    const auto refuseB = [](FakeService& self, const Bytes& packet) {
-        if (packet[0] != 0x60 || packet[12] != 0x70 || packet[18] != 'B') {
-            return FakeService::Obey(self, packet);
-        }
-        self.SendFramed(ControllerReply(1, 2, 0x9C, 0x70, packet[10], 54));
-    };
-    const auto echo = [](FakeService& self, const Bytes& packet) {
-        FakeService::Obey(self, packet);
-        if (packet[0] == 0x60 && packet[5] == 0x10) {
-            self.SendFramed(ChildBlock(0x1001, 0, Part(packet, 8, packet.size())));
-        }
+        FakeService::Handler handler = Play;
     };
     const Case cases[] = {
-        {"sync", FakeService::Obey, 0, "in step with the unit"},
-        {"query", FakeService::Refuse(0x72, 59), 1,
-         "vexa-host: open controller was refused: error 59, the DAQ did not"},
-        {"query --json", FakeService::Obey, 0, R"({"daq_application_holds":false})"},
-        {"takeover --for 100ms --json", sendDaq, 0, R"({"daq_packets":2,"held_s":0.1)"},
-        {"takeover --for 100ms", sendDaq, 0, "held for 0.1 s: 2 DAQ packets, 1 with a wrong"},
-        {"stream --daq --for 100ms", sendDaq, 0, "DAQ: 2 blocks, 11 bytes, 1 with a wrong"},
-        {"sync", [](FakeService&, const Bytes&) {}, 3, "vexa-host: no answer in time to: initial"},
-        {"sync", [](FakeService& self, const Bytes&) { self.SendBytes(Bytes(8)); }, 4,
-         "bad frame header"},
-        {"stream T --for 300ms", streamOneBlock, 0,
+        {"sync --dir /proc", 2, "/proc/host.sock: No such file or directory"},
+        {"sync --dir /" + std::string(200, 'x'), 2, "the path is too long for a socket"},
+        {"stream A --for soon", 2, "--for soon: expected a time such as 3s"},
+        {"stream", 2, "NAME is required"},
+        {"stream A --format u9@1", 2, "--format u9@1: \"u9\" is no type"},
+        {"stream A --arm B", 2, "--arm B: not among the devices"},
+        {"send 4", 2, "expected bytes in hex"},
+        {"close 5", 2, "\"5\": only the controller can be closed"},
+        {"sync --serial /dev/null", 2, "it is not a terminal device"},
+        {"shell --script /none", 2, "cannot read /none: No such file"},
+        {"sync", 0, "in step with the unit"},
+        {"query", 1, "vexa-host: open controller was refused: error 59, the DAQ did not", refuse},
+        {"query --json", 0, R"({"daq_application_holds":false})"},
+        {"query", 4, "packet with length byte 2: 60 02 00 00", violate},
+        {"sync", 4, "bad frame header", [](auto& self, auto&) { self.SendBytes(Bytes(8)); }},
+        {"takeover --for 100ms --json", 0, R"({"daq_packets":2,"held_s":0.1)"},
+        {"stream --daq --for 100ms", 0, "DAQ: 2 blocks, 11 bytes, 1 with a wrong"},
+        {"stream T --for 300ms", 0,
          "T              1.000 s: -240\nT: 1 blocks, 8 bytes, 1 gaps in the sequence, 0 blocks"},
-        {"stream T --csv --for 300ms 2>&-", streamOneBlock, 0,
+        {"stream T --csv --for 300ms 2>&-", 0,
          "time_s,device,sequence,device_time_s,channel,index,value\n0.0"},
-        {"stream T,1 --csv --for 300ms | tail -n1", streamOneBlock, 0,
-         ",\"T,1\",1,1,value,0,-240\n"},
-        {"stream T --json --for 300ms", streamOneBlock, 0,
+        {"stream T,1 --csv --for 300ms | tail -n1", 0, ",\"T,1\",1,1,value,0,-240\n"},
+        {"stream T U --format U:i8@0 --json --for 300ms", 0,
          R"("device":"T","sequence":1,"device_time_s":1.0,"channels":{"value":[-240]}})"},
-        {"stream T --format T:x=i8@2x2 --json --for 300ms", streamOneBlock, 0,
-         R"("channels":{"x":[16,-1]}})"},
-        {"stream T --format u8@8 --csv --for 300ms", streamOneBlock, 0,
-         ",T,1,,bytes,0,05 02 10 ff e8 03 00 00\n"},
-        {"send --to T 01 02 --for 300ms --json", FakeService::Obey, 3, "nothing came back"},
-        {"send --seal 40 05 09 00 1a --for 300ms", FakeService::Obey, 0,
-         "  initial-sync reply (request 9)"},
-        {"open A B --for 100ms --json", refuseB, 1, R"({"child":4097,"device":"A","opened":true})"},
-        {"open A B --for 100ms", refuseB, 1, "open B was refused: error 54"},
-        {"close controller", FakeService::Obey, 0, "controller is closed"},
-        {"ping T -n 3 --json", echo, 0, R"({"device":"T","bytes":8,"sent":3,"lost":0,"min_ms":)"},
-        {"ping T -n 3 --timeout 50ms", FakeService::Obey, 3, "3 round trips, 3 lost"},
+        {"stream T --format T:x=i8@2x2 --json --for 300ms", 0, R"("channels":{"x":[16,-1]}})"},
+        {"stream T --format u8@8 --csv --for 300ms", 0, ",T,1,,bytes,0,05 02 10 ff e8 03 00 00\n"},
+        {"send --to T 01 02 --for 300ms --json", 3, "nothing came back", FakeService::Obey},
+        {"send --seal 40 05 09 00 1a --for 300ms", 0, "  initial-sync reply (request 9)"},
+        {"open A B --for 100ms --json", 1, R"({"child":4097,"device":"A","opened":true})"},
+        {"close controller", 0, "controller is closed"},
+        {"ping E -n 3 --json", 0, R"({"device":"E","bytes":8,"sent":3,"lost":0,"min_ms":)"},
+        {"ping E -n 3 --timeout 50ms", 3, "3 round trips, 3 lost", FakeService::Obey},
+        // Scripts end at the first command that fails.
+        {"wait 1s\nrepeat 2\n", 2, "standard input:2: \"repeat\" without \"end\""},
+        {"controller\nopen \"A b\" # why\nreceive \"A b\" 2\ncheck 0x1001 gaps = 1\n"
+         "echo a#b \"\" \"# no\"\n",
+         0, "07\n07\n0x1001 gaps is 1\na#b  # no\nstandard input: 5 commands, all as expected\n"},
+        {"echo \"A\n", 2, "standard input:1: "},
+        {"controller\nopen A\nreceive A 2\ncheck A blocks > 2\necho never\n", 1,
+         "standard input:4: check A blocks > 2: A blocks is 2, not > 2\n"},
+        {"controller\nexpect refused open B\nexpect refused 54 open B\ntry open B\necho on\n", 0,
+         "(open B was refused: error 54, the child could not be opened or closed)\non\n"},
+        {"controller\nexpect refused 50 open B\n", 1, "unexpected outcome: open B was refused"},
+        {"controller\nexpect refused open A\n", 1, "unexpected outcome: done"},
+        {"controller\nquery free\nexpect refused query holds\n", 1, "unexpected outcome: the DAQ"},
+        {"expect lost mux 5\nexpect lost sync\nreconnect\nexpect done sync\n", 0,
+         "nothing is open"},
+        {"controller\ntakeover\nreceive daq 2\ncheck daq packets = 2\ncheck daq badsums = 1\n"
+         "controller\ncheck daq packets = 0\nexpect timeout receive daq 1 10ms\n",
+         0, "daq badsums is 1\nthe controller is open\ndaq packets is 0\n"},
+        {"mux 5\n", 4, "standard input:1: mux 5: the link is lost"},
+        {"repeat 2\n try mux 5\n echo never\nend\necho past\n", 0, "lost: the unit closed the "},
+        {"repeat 2\n repeat 3\n  echo x\n end\nend\n", 0, "x\nx\nx\nx\nx\nx\nstandard input: 6 "},
+        {"expect timeout receive daq 1 10ms\nreceive daq 1 10ms\n", 3, "nothing came in time"},
+        {"try nonsense\n", 2, "standard input:1: try nonsense: no such command: nonsense"},
+        {"check A blocks > 1\n", 2, "A is not open, or has no figure \"blocks\""},
+        {"open\n", 2, "usage: open NAME [ID]"},
+        {"quit\nnonsense\n", 0, "1 commands, all as expected"},
     };
-    for (const Case& unit : cases) {
-        FakeService service(unit.handler, Socket());
-        const auto ran = Run(std::string("$HOST ") + unit.line);
-        EXPECT_EQ(ran.status, unit.exitCode) << unit.line << ran.output;
-        EXPECT_THAT(ran.output, HasSubstr(unit.output));
+    for (const auto& [input, exitCode, output, handler] : cases) {
+        const FakeService service(handler, folder + "/host.sock");
+        const bool isScript = input.ends_with('\n');
+        const auto ran = Run(isScript ? "$HOST shell <<'END'\n" + input + "END" : "$HOST " + input);
+        EXPECT_EQ(ran.status, exitCode) << input << ran.output;
+        EXPECT_THAT(ran.output, HasSubstr(output)) << input;
+        EXPECT_THAT(ran.output, testing::Not(HasSubstr("never"))) << input;
+        if (exitCode != 2) continue;
+        EXPECT_THAT(ran.output, testing::StartsWith("vexa-host: ")) << input;
+        EXPECT_EQ(std::ranges::count(ran.output, '\n'), 1) << "one line: " << ran.output;
     }
 }
 
 TEST_F(ToolTest, DemoReportsAUnitThatFailsAndLeavesNothingBehind) {
-    const std::string demo = "TMPDIR=" + folder + " $HOST demo -- ";
-    const std::pair<std::string, const char*> cases[] = {
-        {folder + "/none", "cannot start "},
-        {"sh -c 'echo made > {dir}/file; echo here it is'", "unit | here it is"},
-        // Neither ends at SIGTERM nor closes its output.
-        {"sh -c 'trap \"\" TERM; sleep 1000 & wait; wait'", "The unit had to be killed."},
+    struct Case {
+        std::string unit;
+        int exitCode;
+        const char* output;
     };
-    for (const auto& [unit, output] : cases) {
-        const auto ran = Run(demo + unit);
-        EXPECT_EQ(ran.status, 1);
-        EXPECT_THAT(ran.output, AllOf(HasSubstr(output), HasSubstr("FAILED: expected "),
-                                      HasSubstr("0 of 18 steps as expected")));
-        EXPECT_TRUE(std::filesystem::is_empty(folder)) << unit;
+    const Case cases[] = {
+        {folder + "/none", 1, "FAILED: expected the unit to start, got cannot start "},
+        {"sh -c 'echo made > {dir}/file; echo here it is'", 1, "unit | here it is"},
+        // Interrupts the host, so that it surely runs by then; neither ends at SIGTERM nor closes
+        // its output.
+        {"sh -c 'trap \"\" TERM; kill -INT $PPID; sleep 1000 & wait; wait'", 130,
+         "The unit had to be killed.\n\nInterrupted."},
+    };
+    for (const Case& each : cases) {
+        const auto ran = Run("TMPDIR=" + folder + " $HOST demo -- " + each.unit);
+        EXPECT_EQ(ran.status, each.exitCode);
+        EXPECT_THAT(ran.output, HasSubstr(each.output));
+        const bool finished = ran.output.find("0 of 18 steps as expected") != std::string::npos;
+        EXPECT_EQ(finished, each.exitCode == 1);
+        EXPECT_TRUE(std::filesystem::is_empty(folder)) << each.unit;
     }
-    // The unit itself interrupts the host, so that it surely runs by then.
-    const auto ran = Run(demo + "sh -c 'echo up; kill -INT $PPID; sleep 1000'");
-    EXPECT_EQ(ran.status, 130);
-    EXPECT_THAT(ran.output, HasSubstr("Interrupted."));
-    EXPECT_TRUE(std::filesystem::is_empty(folder));
 }
 
 }  // namespace

@@ -1,12 +1,12 @@
-// The stand-in libraries as the service calls them, well and with faults.
+// The stand-in libraries as the service calls them, and the control socket of their unit.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
-#include <atomic>
-#include <functional>
 #include <utility>
 
+#include "VEXA.h"
 #include "model/Faults.h"
 #include "unit/UnitUnderTest.h"
 #include "vexcri.h"
@@ -15,65 +15,94 @@ namespace vexa::unit {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsSupersetOf;
-using Libraries = WithLibrary;
+using ::testing::HasSubstr;
+using Blocks = Collected<Bytes>;
+using Answer = std::pair<std::uint32_t, std::int32_t>;
+using Answers = Collected<Answer>;
 
-TEST_F(Libraries, ListsTheAttachedDevicesOfAType) {
-    std::uint32_t type = 8;
-    EXPECT_NE(VEXA_GetDeviceTypeFromDeviceName("Nothing", &type), 0);
-    EXPECT_EQ(type, 8U) << "an unknown name leaves the type alone";
-    std::uint32_t count = 0;
-    std::uint32_t word = 0;
-    const auto list = VEXA_OpenDeviceListSnapshot(library, 8, &count, &word);
-    EXPECT_EQ(count, 2U);
-    std::array<char, 220> name{};
-    EXPECT_EQ(VEXA_DeviceListSnapshot_GetNthEntry(list, 1, name.data(), name.size(), &word), 0);
-    EXPECT_STREQ(name.data(), "Quiet");
-    EXPECT_NE(VEXA_DeviceListSnapshot_GetNthEntry(list, 0, name.data(), 4, &word), 0) << "Fast";
-    EXPECT_EQ(VEXA_CloseDeviceListSnapshot(list), 0);
-    EXPECT_NE(VEXA_CloseDeviceListSnapshot(list), 0);
-    EXPECT_EQ(VEXA_Device_Stream_Open(library, "Gone", CollectBlock, 3, nullptr), 0U);
+// A read callback; its context is a Blocks.
+std::int32_t CollectBlock(const std::uint8_t* data, std::int32_t count, void* context) {
+    static_cast<Blocks*>(context)->Add({data, data + count});
+    return 0;
 }
 
+// Opens a session that collects its answers; 0 when that is refused.
+std::uint32_t Begin(const char* application, Answers& answers) {
+    const auto collect = [](void* context, std::uint32_t command, std::int32_t response) {
+        static_cast<Answers*>(context)->Add({command, response});
+    };
+    std::uint32_t session = 0;
+    return criInit(application, 1, collect, &answers, &session) == 1 ? session : 0;
+}
+
+class Libraries : public ::testing::Test {
+  protected:
+    void TearDown() override {
+        Ask("fault.clear");
+        EXPECT_EQ(VEXA_Uninit(library), 0);
+    }
+
+    // Opens a stream whose blocks are collected in `blocks`.
+    [[nodiscard]] std::uint32_t Open(const char* device) {
+        return VEXA_Device_Stream_Open(library, device, CollectBlock, 3, &blocks);
+    }
+    static std::int32_t Write(std::uint32_t stream, const Bytes& bytes) {
+        return VEXA_Device_Stream_Write(stream, bytes.data(),
+                                        static_cast<std::int32_t>(bytes.size()));
+    }
+
+    [[nodiscard]] std::string CallLog() const {
+        std::ifstream log(folder + "/journal");
+        return {std::istreambuf_iterator<char>(log), {}};
+    }
+
+    const std::string& folder = UnitFolder();
+    const std::uint32_t library = VEXA_Init();
+    Blocks blocks;
+};
+
 TEST_F(Libraries, EachStreamHasItsOwnEchoUntilItsLibraryEnds) {
-    Blocks first;
-    Blocks second;
+    Blocks others;
     const auto other = VEXA_Init();
-    const auto one = VEXA_Device_Stream_Open(library, "Quiet", CollectBlock, 3, &first);
-    const auto two = VEXA_Device_Stream_Open(other, "Quiet", CollectBlock, 3, &second);
+    const auto one = Open("Quiet");
+    const auto two = VEXA_Device_Stream_Open(other, "Quiet", CollectBlock, 3, &others);
     EXPECT_EQ(Write(one, {}), 0);
-    EXPECT_NE(VEXA_Device_Stream_Write(one, "x", -1), 0);
     EXPECT_NE(Write(library, {1}), 0) << "not a stream";
     EXPECT_EQ(Write(one, {1, 2}), 0);
     EXPECT_EQ(Write(two, {3}), 0);
-    EXPECT_THAT(second.Await(1), ElementsAre(Bytes{3}));
+    EXPECT_THAT(others.Await(1), ElementsAre(Bytes{3}));
     EXPECT_EQ(VEXA_Uninit(other), 0);
     EXPECT_NE(VEXA_Uninit(other), 0);
     EXPECT_NE(Write(two, {1}), 0);
     EXPECT_EQ(Write(one, {4}), 0);
-    EXPECT_THAT(first.Await(2), ElementsAre(Bytes{1, 2}, Bytes{4}));
+    EXPECT_THAT(blocks.Await(2), ElementsAre(Bytes{1, 2}, Bytes{4}));
+    EXPECT_EQ(VEXA_Device_Stream_Close(one), 0);
+    EXPECT_THAT(CallLog(),
+                HasSubstr("VEXA_Device_Stream_Close(" + std::to_string(one) +
+                          ") = 0  # \"Quiet\": 2 blocks out, 2 taken, 0 refused, 3 writes in\n"));
 }
 
 TEST_F(Libraries, NoCallbackRunsOnceItsStreamIsClosed) {
     const auto stream = Open("Fast");
     (void)blocks.Await(3);
     EXPECT_EQ(VEXA_Device_Stream_Close(stream), 0);
-    const auto count = blocks.Await(0).size();
+    EXPECT_NE(VEXA_Device_Stream_Close(stream), 0);
+    const auto count = blocks.Now().size();
     Blocks others;
     (void)VEXA_Device_Stream_Open(library, "Fast", CollectBlock, 3, &others);
-    EXPECT_GE(others.Await(5).size(), 5U);
-    EXPECT_EQ(blocks.Await(0).size(), count);
-    EXPECT_NE(VEXA_Device_Stream_Close(stream), 0);
+    (void)others.Await(5);
+    EXPECT_EQ(blocks.Now().size(), count);
+
+    Ask("fault.set", R"("call": "VEXA_Device_Stream_Close", "action": "data")");
+    EXPECT_EQ(VEXA_Device_Stream_Close(Open("Quiet")), 0);
+    EXPECT_EQ(blocks.Now().size(), count + 1) << "sent while closing: it is there on return";
 }
 
-// What a callback closes itself, and what came of it.
-struct Closing {
-    std::atomic<std::uint32_t> handle = 0;
-    Collected<std::int32_t> results;
-};
-
-TEST_F(Libraries, ACallbackMayCloseItsOwnStreamOrSession) {
-    Closing stream;
+TEST_F(Libraries, ACallbackMayCloseItsOwnStream) {
+    struct Closing {
+        std::uint32_t handle = 0;
+        Collected<std::int32_t> results;
+    } stream;
     const auto close = [](const std::uint8_t*, std::int32_t, void* context) -> std::int32_t {
         auto& self = *static_cast<Closing*>(context);
         self.results.Add(VEXA_Device_Stream_Close(self.handle));
@@ -82,30 +111,14 @@ TEST_F(Libraries, ACallbackMayCloseItsOwnStreamOrSession) {
     stream.handle = VEXA_Device_Stream_Open(library, "Quiet", close, 3, &stream);
     EXPECT_EQ(Write(stream.handle, {1}), 0);
     EXPECT_THAT(stream.results.Await(1), ElementsAre(0));
-    EXPECT_NE(Write(stream.handle, {1}), 0);
-
-    Closing session;
-    const auto end = [](void* context, std::uint32_t, std::int32_t) {
-        auto& self = *static_cast<Closing*>(context);
-        self.results.Add(criTerminate(self.handle, 1));
-    };
-    std::uint32_t handle = 0;
-    ASSERT_EQ(criInit("DAQ", 1, end, &session, &handle), 1);
-    session.handle = handle;
-    EXPECT_EQ(criCommand(handle, 3, 1000), 1);
-    EXPECT_THAT(session.results.Await(1), ElementsAre(1));
 }
 
-TEST(Sessions, ApplicationsAnswerAsTheScenarioSays) {
+TEST_F(Libraries, ApplicationsAnswerAsTheyAreTold) {
     Answers answers;
-    std::uint32_t daq = 0;
-    std::uint32_t splash = 0;
-    std::uint32_t silent = 0;
-    EXPECT_EQ(criInit("OTHER", 1, CollectAnswer, &answers, &daq), 0);
-    EXPECT_EQ(daq, 0U);
-    ASSERT_EQ(criInit("DAQ", 1, CollectAnswer, &answers, &daq), 1);
-    ASSERT_EQ(criInit("SPLASH", 1, CollectAnswer, &answers, &splash), 1);
-    ASSERT_EQ(criInit("FGEN", 1, CollectAnswer, &answers, &silent), 1);
+    const auto daq = Begin("DAQ", answers);
+    const auto splash = Begin("SPLASH", answers);
+    const auto silent = Begin("FGEN", answers);
+    EXPECT_EQ(Begin("OTHER", answers), 0U);
     EXPECT_EQ(criCommand(silent, 4, 1000), 1);
     EXPECT_EQ(criCommand(splash, 2, 1000), 0) << "refused";
     for (const std::uint32_t command : {3U, 2U, 3U, 1U, 3U}) {  // it gives the hardware up
@@ -115,108 +128,144 @@ TEST(Sessions, ApplicationsAnswerAsTheScenarioSays) {
                 ElementsAre(Answer{3, 1}, Answer{2, 1}, Answer{3, 0}, Answer{1, 1}, Answer{3, 1}));
     EXPECT_EQ(criCommand(splash, 1, 1000), 1);
     EXPECT_EQ(answers.Await(6).back(), Answer(1, -5));
+
+    Ask("app", R"("name": "DAQ", "strays": [{"when": "after", "command": 8, "response": -8},)"
+               R"({"when": "before", "command": 7, "response": 70}])");
+    EXPECT_EQ(criCommand(daq, 3, 0), 1);
+    EXPECT_THAT(answers.Await(9), ::testing::IsSupersetOf({Answer{7, 70}, Answer{8, -8}}));
+    EXPECT_EQ(answers.Now()[7], Answer(3, 1));
+    Ask("app", R"("name": "DAQ", "strays": [{"intervalMs": 1, "command": 9, "response": 0}])");
+    EXPECT_EQ(answers.Await(11).back(), Answer(9, 0));
+    Ask("app", R"("name": "DAQ", "strays": [])");
     for (const std::uint32_t session : {daq, splash, silent}) {
         EXPECT_EQ(criTerminate(session, 1), 1);
         EXPECT_EQ(criCommand(session, 3, 1000), 0);
     }
 }
 
-TEST_F(Libraries, LogCallsWithWhatBecameOfAStream) {
-    std::uint32_t type = 0;
-    (void)VEXA_GetDeviceTypeFromDeviceName("No\n\"such\"", &type);
-    const auto refuse = [](const std::uint8_t* data, std::int32_t count, void* context) {
-        return CollectBlock(data, count, context) - (*data == 1 ? 1 : 0);
+TEST_F(Libraries, EachCallFailsWhenAFaultSaysSo) {
+    // Makes each call in the order of kCalls; how many worked until the first that failed.
+    const auto makeAll = [&] {
+        std::uint32_t word = 0;
+        std::uint32_t handle = 0;
+        std::uint16_t number = 0;
+        std::array<char, 220> name{};
+        Answers answers;
+        const bool worked[] = {
+            (handle = VEXA_Init()) != 0,
+            VEXA_Uninit(handle) == 0,
+            VEXA_GetDLLVersion(library, &number, &number) == 0,
+            VEXA_Diags_SetDebugTraceThreshold(library, 1) == 0,
+            VEXA_GetDeviceTypeFromDeviceName("Quiet", &word) == 0,
+            VEXA_SearchForDevices(library, 8, 1, 0, &word) == 0,
+            (handle = VEXA_OpenDeviceListSnapshot(library, 8, &word, &word)) != 0,
+            VEXA_DeviceListSnapshot_GetNthEntry(handle, 0, name.data(), 220, &word) == 0,
+            VEXA_CloseDeviceListSnapshot(handle) == 0,
+            (handle = Open("Quiet")) != 0,
+            Write(handle, {1}) == 0,
+            VEXA_Device_Stream_Close(handle) == 0,
+            VEXA_Device_GetOpenDeviceName(Open("Quiet"), name.data(), 220) == 0,
+            (handle = VEXA_Device_Open(library, "Quiet", 1)) != 0,
+            VEXA_Device_Close(handle) == 0,
+            (handle = Begin("FGEN", answers)) != 0,
+            criCommand(handle, 4, 0) == 1,
+            criTerminate(handle, 1) == 1,
+        };
+        return static_cast<std::size_t>(std::ranges::find(worked, false) - worked);
     };
-    const auto stream = VEXA_Device_Stream_Open(library, "Tilt", refuse, 3, &blocks);
-    for (const Bytes& bytes : {Bytes{0}, Bytes{1}, Bytes{2}}) (void)Write(stream, bytes);
-    (void)blocks.Await(3);
-    (void)VEXA_Device_Stream_Close(stream);
-    // Where an address has 32 bits, a sensor's context may as well be a number.
-    const std::string context =
-        sizeof &blocks > sizeof(std::uint32_t)
-            ? "pointer"
-            : std::to_string(reinterpret_cast<std::uintptr_t>(&blocks));  // NOLINT
-    EXPECT_THAT(CallLogLines(),
-                IsSupersetOf<std::string>(
-                    {R"(VEXA_GetDeviceTypeFromDeviceName("No\x0A\"such\"") = -3)",
-                     "VEXA_Device_Stream_Open(" + std::to_string(library) +
-                         ", \"Tilt\", mode 3, context " + context + ") = " + std::to_string(stream),
-                     "VEXA_Device_Stream_Close(" + std::to_string(stream) +
-                         ") = 0  # \"Tilt\": 3 blocks out, 2 taken, 1 refused, 3 writes in"}));
-}
-
-TEST_F(Libraries, FailBlockOrAnswerLateInEachCall) {
-    std::uint32_t word = 0;
-    std::uint16_t number = 0;
-    std::array<char, 220> name{};
-    Answers answers;
-    const auto snapshot = [&] { return VEXA_OpenDeviceListSnapshot(library, 8, &word, &word); };
-    const auto session = [&] {
-        std::uint32_t made = 0;
-        return criInit("FGEN", 1, CollectAnswer, &answers, &made) == 1 ? made : 0;
-    };
-    const auto entry = [&] {
-        return VEXA_DeviceListSnapshot_GetNthEntry(snapshot(), 0, name.data(), 220, &word);
-    };
-    const std::function<bool()> uses[] = {
-        // In the order of kCalls.
-        [] { return VEXA_Uninit(VEXA_Init()) == 0; },
-        [] { return VEXA_Uninit(VEXA_Init()) == 0; },
-        [&] { return VEXA_GetDLLVersion(library, &number, &number) == 0; },
-        [&] { return VEXA_Diags_SetDebugTraceThreshold(library, 1) == 0; },
-        [&] { return VEXA_GetDeviceTypeFromDeviceName("Quiet", &word) == 0; },
-        [&] { return VEXA_SearchForDevices(library, 8, 1, 0, &word) == 0; },
-        [&] { return snapshot() != 0; },
-        [&] { return entry() == 0; },
-        [&] { return VEXA_CloseDeviceListSnapshot(snapshot()) == 0; },
-        [&] { return Open("Quiet") != 0; },
-        [&] { return Write(Open("Quiet"), {1}) == 0; },
-        [&] { return VEXA_Device_Stream_Close(Open("Quiet")) == 0; },
-        [&] { return VEXA_Device_GetOpenDeviceName(Open("Quiet"), name.data(), 220) == 0; },
-        [&] { return VEXA_Device_Open(library, "Quiet", 1) != 0; },
-        [&] { return VEXA_Device_Close(VEXA_Device_Open(library, "Quiet", 1)) == 0; },
-        [&] { return criTerminate(session(), 1) == 1; },
-        [&] { return criCommand(session(), 4, 0) == 1; },
-        [&] { return criTerminate(session(), 1) == 1; },
-    };
-    static_assert(std::size(uses) == static_cast<std::size_t>(Call::kNodeOpen));
-    for (std::size_t index = 0; index < std::size(uses); ++index) {
-        const std::string call(kCalls[index].name);
-        const auto& works = uses[index];
-        const std::string member = R"("call": ")" + call + "\", ";
-        Ask("fault.set", member + R"("action": "fail", "skip": 1, "count": 1)");
-        Ask("fault.set", member + R"("action": "block", "ms": 1)");
-        Ask("fault.set", member + R"("action": "late", "ms": 1)");
-        EXPECT_TRUE(works() && !works() && works()) << call;
-        const auto faults = Ask("fault.list")["faults"];
-        EXPECT_EQ(faults[0]["hits"], 1) << call;
-        EXPECT_EQ(faults[1]["hits"], 3) << call;
-        EXPECT_EQ(faults[2]["hits"], 3) << call;
-        Ask("fault.clear");
+    constexpr auto kCount = static_cast<std::size_t>(Call::kNodeOpen);
+    for (std::size_t index = 0; index < kCount; ++index) {
+        const std::string call = R"("call": ")" + std::string(kCalls[index].name) + "\"";
+        Ask("fault.set", call + R"(, "action": "fail")");
+        EXPECT_EQ(makeAll(), index) << call;
+        EXPECT_EQ(Ask("fault.clear", call)["cleared"], 1);
     }
+    EXPECT_EQ(makeAll(), kCount);
 }
 
-TEST_F(Libraries, HaveFaultsOnOneDevice) {
+TEST_F(Libraries, SpoilWhatADeviceSendsAndFailForOneDevice) {
     Ask("fault.set", R"("call": "VEXA_Device_Stream_Write", "action": "fail", "for": "Tilt")");
-    EXPECT_EQ(Write(Open("Quiet"), {1}), 0);
     EXPECT_NE(Write(Open("Tilt"), {1}), 0);
-}
-
-TEST_F(Libraries, SpoilWhatADeviceSendsIfAFaultSaysSo) {
     Ask("fault.set", R"("call": "data", "action": "corrupt", "count": 1)");
     Ask("fault.set", R"("call": "data", "action": "corrupt", "skip": 1, "count": 1, "offset": 0)");
     Ask("fault.set", R"("call": "data", "action": "oversize", "skip": 2, "count": 1, "bytes": 5)");
     const auto stream = Open("Quiet");
-    for (int times = 0; times < 4; ++times) (void)Write(stream, {1, 2, 3});
+    for (int times = 0; times < 4; ++times) EXPECT_EQ(Write(stream, {1, 2, 3}), 0);
     EXPECT_THAT(blocks.Await(4), ElementsAre(Bytes{1, 0xFD, 3}, Bytes{0xFE, 2, 3},
                                              Bytes{1, 2, 3, 1, 2}, Bytes{1, 2, 3}));
 }
 
-TEST_F(Libraries, LetADeviceSendWhileItsStreamIsBeingClosed) {
-    Ask("fault.set", R"("call": "VEXA_Device_Stream_Close", "action": "data")");
-    const auto stream = Open("Quiet");
-    EXPECT_EQ(VEXA_Device_Stream_Close(stream), 0);
-    EXPECT_EQ(blocks.Await(0).size(), 1U) << "it has come when the call returns";
+TEST_F(Libraries, DevicesAreAttachedDetachedAndChanged) {
+    EXPECT_EQ(Open("Late"), 0U);
+    Ask("attach", R"("name": "Late", "type": 9, "rate": 500, "blockSize": 33)");
+    const auto stream = Open("Late");
+    EXPECT_EQ(blocks.Await(2)[0].size(), 33U);
+    Ask("detach", R"("name": "Late")");
+    EXPECT_EQ(Open("Late"), 0U);
+    EXPECT_EQ(Ask("state")["streams"].back()["attached"], false);
+    Ask("attach", R"("name": "Late")");
+    EXPECT_NE(Write(stream, {1}), 0) << "a stream does not come back";
+    EXPECT_NE(Open("Late"), 0U);
+    Ask("detach", R"("name": "Late")");
+
+    for (const bool byName : {true, false}) {
+        Ask(byName ? "detach" : "daq", byName ? R"("name": "Board")" : R"("present": false)");
+        EXPECT_EQ(Open("Board"), 0U);
+        Ask("attach", R"("name": "Board")");
+    }
+    Blocks replies;
+    const auto link = VEXA_Device_Stream_Open(library, "Board", CollectBlock, 3, &replies);
+    Ask("daq", R"("acknowledges": false)");
+    EXPECT_EQ(Write(link, {0x40, 6, 1, 0, 9, 0}), 0);
+    Ask("daq", R"("acknowledges": true)");
+    EXPECT_EQ(Write(link, {0x40, 6, 2, 0, 9, 0}), 0);
+    EXPECT_EQ(replies.Await(1)[0][5], 2) << "an open link follows the change in between";
+}
+
+TEST_F(Libraries, TheControlSocketSaysWhatIsWrongWithARequest) {
+    const std::pair<std::string, const char*> cases[] = {
+        {"\xFF", "not valid JSON"},
+        {"[[[[[[[[[[[[[[[[[[[[]]]]]]]]]]]]]]]]]]]]", "nested too deeply"},
+        {Line("reboot"), R"(request: expected "attach", "detach")"},
+        {Line("attach", R"("name": "New")"), "a new one needs a \"type\""},
+        {Line("attach", R"("name": "Board", "rate": 1)"), "changed with \"daq\""},
+        {Line("detach", R"("name": "None")"), "there is no device \"None\""},
+        {Line("daq", R"("name": "Other")"), "keeps its name"},
+        {Line("app", R"("name": "OTHER")"), "expected \"DAQ\", \"SPLASH\" or \"FGEN\""},
+        {Line("cable", R"("flap": {"inMs": 0})"), "flap.inMs: expected a whole number"},
+        {Line("fault.clear", R"("id": 1000000)"), "there is no fault 1000000"},
+        {Line("fault.set", R"("call": "VEXA_Init", "action": "short")"),
+         R"(action: expected "fail", "block" or "late", not "short")"},
+        {Line("fault.set", R"("call": "VEXA_Init", "action": "fail", "for": "A")"),
+         "for: is of no use here"},
+        {Line("fault.set", R"("call": "node.read", "action": "fail", "errno": "EGG")"),
+         "errno: expected \"EACCES\""},
+    };
+    for (const auto& [line, error] : cases) {
+        const auto answer = AskLine(line);
+        EXPECT_EQ(answer["ok"], false) << line;
+        EXPECT_THAT(answer.value("error", ""), HasSubstr(error)) << line;
+    }
+    EXPECT_TRUE(Ask("fault.list")["faults"].empty());
+}
+
+TEST_F(Libraries, TheControlSocketOutlivesItsClients) {
+    const std::string path = ControlSocketPath(folder);
+    const Descriptor endless = ConnectTo(path);
+    const std::string chunk(50000, 'x');
+    ASSERT_GT(::send(endless.Get(), chunk.data(), chunk.size(), 0), 0);
+    ASSERT_GT(::send(endless.Get(), chunk.data(), chunk.size(), MSG_NOSIGNAL), 0);
+    EXPECT_THAT(Receive(endless, 1000), HasSubstr("a line may have")) << "and then hangs up";
+
+    const Descriptor deaf = ConnectTo(path);  // receives no answers
+    const std::string request = Line("state") + "\n";
+    while (::send(deaf.Get(), request.data(), request.size(), MSG_DONTWAIT | MSG_NOSIGNAL) > 0) {
+    }
+    // A last line without an end is answered, too.
+    const Descriptor plain = ConnectTo(path);
+    ASSERT_EQ(::send(plain.Get(), "{}\n[]", 5, 0), 5);
+    ::shutdown(plain.Get(), SHUT_WR);
+    EXPECT_EQ(std::ranges::count(Receive(plain, 10000), '\n'), 2);
 }
 
 }  // namespace

@@ -1,14 +1,12 @@
-// A device-access library as a unit should not have it; snapshots have the number of their type.
+// A device-access library as a unit should not have it; what is not here is as in the one that it
+// is linked with. Snapshots have the number of their type.
 #include <cstdlib>
 #include <cstring>
 
 #include "VEXA.h"
 
 extern "C" {
-
-uint32_t VEXA_Init() { return 7; }
 int32_t VEXA_GetDLLVersion(uint32_t, uint16_t*, uint16_t*) { return 5; }
-int32_t VEXA_Diags_SetDebugTraceThreshold(uint32_t, int32_t) { return 0; }
 int32_t VEXA_GetDeviceTypeFromDeviceName(const char* name, uint32_t* type) {
     *type = std::strcmp(name, "Clock") == 0 ? 7 : 8;
     return 0;
@@ -27,16 +25,5 @@ int32_t VEXA_DeviceListSnapshot_GetNthEntry(uint32_t snapshot, uint32_t, char* n
     return 0;
 }
 int32_t VEXA_CloseDeviceListSnapshot(uint32_t) { return 0; }
-uint32_t VEXA_Device_Stream_Open(uint32_t, const char*, VEXA_ReadCallback, int32_t, void*) {
-    return 1;
-}
-int32_t VEXA_Device_Stream_Write(uint32_t, const void*, int32_t) { return 0; }
-int32_t VEXA_Device_Stream_Close(uint32_t) { return 0; }
-int32_t VEXA_Device_GetOpenDeviceName(uint32_t, char*, uint32_t) { return 0; }
 int32_t VEXA_Uninit(uint32_t) { std::abort(); }
-
-#ifndef INCOMPLETE
-uint32_t VEXA_Device_Open(uint32_t, const char*, int32_t) { return 1; }
-int32_t VEXA_Device_Close(uint32_t) { return 0; }
-#endif
 }

@@ -1,19 +1,17 @@
-// A program for tests to run on a virtual unit. Its first argument says what it does.
+// A program for tests to run on a virtual unit: ends with the status that its argument says, or,
+// for "wait", initialises the device-access library and waits to be ended.
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <string_view>
+#include <cstring>
 
 #include "VEXA.h"
 
 int main(int argc, char** argv) {
-    const std::string_view task = argc > 1 ? argv[1] : "";
-    if (task == "exit" && argc > 2) return std::atoi(argv[2]);
-    if (task == "raise" && argc > 2) return std::raise(std::atoi(argv[2]));
-    if (task == "library") (void)VEXA_Init();
-    if (::getpgrp() == ::getpid()) std::printf("has its own group\n");
-    std::printf("waits\n");  // never flushed, as what the service prints
+    if (argc < 2 || std::strcmp(argv[1], "wait") != 0) return argc < 2 ? 0 : std::atoi(argv[1]);
+    (void)VEXA_Init();
+    // Never flushed, as what the service prints.
+    std::printf("waits in %s group\n", ::getpgrp() == ::getpid() ? "its own" : "another's");
     return ::pause();
 }

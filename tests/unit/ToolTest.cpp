@@ -2,246 +2,166 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <csignal>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
+#include "model/UnitSocket.h"
 #include "testkit/ChildProcess.h"
-#include "unit/UnitUnderTest.h"
 
 namespace vexa::unit {
 namespace {
 
 namespace fs = std::filesystem;
-using ::testing::ElementsAre;
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 using ::testing::Not;
 using testkit::ChildProcess;
 
-[[nodiscard]] testkit::ProcessCall ToolCall(std::vector<std::string> arguments) {
-    arguments.insert(arguments.begin(), VEXA_UNIT_PROGRAM);
-    return {.command = std::move(arguments), .withoutInput = true};
-}
+constexpr std::chrono::seconds kPatience{30};
+constexpr char kRunOnUnit[] = "run --dir unit -- " UNIT_PROBE " 7";
 
-// Runs it to its end.
-[[nodiscard]] testkit::Finished RunTool(std::vector<std::string> arguments) {
-    return testkit::RunToEnd(ToolCall(std::move(arguments)).command);
-}
-
-class RunCommand : public ::testing::Test {
+class Tool : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::string path = ::testing::TempDir() + "/run-XXXXXX";
-        ASSERT_NE(::mkdtemp(path.data()), nullptr);
-        scratch = fs::canonical(path);
-    }
+    void SetUp() override { fs::create_directory(scratch); }
     // The watcher of a killed unit may be removing files at the same time.
     void TearDown() override {
-        EXPECT_TRUE(Eventually([&] {
-            std::error_code error;
-            fs::remove_all(scratch, error);
-            return !fs::exists(scratch);
-        }));
+        std::error_code error;
+        EXPECT_TRUE(testkit::WaitUntil(
+            kPatience, [&] { return fs::remove_all(scratch, error) == 0 && !error; }));
     }
 
-    [[nodiscard]] std::string Scratch(const std::string& name) const { return scratch / name; }
-
-    // The arguments that run the probe on a unit in the folder "unit".
-    [[nodiscard]] std::vector<std::string> Run(std::vector<std::string> options,
-                                               const std::vector<std::string>& task) const {
-        options.insert(options.begin(), {"run", "--dir", Scratch("unit")});
-        options.insert(options.end(), {"--", UNIT_PROBE});
-        options.insert(options.end(), task.begin(), task.end());
-        return options;
+    // Runs the tool in the scratch folder to its end; "STATUS OUTPUT".
+    [[nodiscard]] std::string Run(const std::string& arguments) const {
+        const auto [status, output] = testkit::RunShell("cd '" + scratch.string() + "' && exec '" +
+                                                        VEXA_UNIT_PROGRAM "' " + arguments);
+        return std::to_string(status) + " " + output;
     }
 
-    // Starts a unit and waits for its program's first line, which is printed at once although the
+    // Starts a unit, and waits for its program's line, which is printed at once although the
     // program never flushes it.
-    [[nodiscard]] static ChildProcess Start(const std::vector<std::string>& arguments) {
-        ChildProcess tool(ToolCall(arguments));
-        EXPECT_NE(tool.Log().WaitFor("waits\n", kPatience), std::string::npos);
+    [[nodiscard]] static ChildProcess Start(const std::string& folder,
+                                            const std::string& scenario = "default") {
+        ChildProcess tool({.command = {VEXA_UNIT_PROGRAM, "run", "--dir", folder, "--scenario",
+                                       scenario, "--", UNIT_PROBE, "wait"},
+                           .withoutInput = true});
+        EXPECT_NE(tool.Log().WaitFor("waits in its own group\n", kPatience), std::string::npos);
         return tool;
     }
 
-    fs::path scratch;
+    const fs::path scratch = fs::temp_directory_path() / ("tool-" + std::to_string(::getpid()));
+    const std::string unit = scratch / "unit";
 };
 
-TEST_F(RunCommand, ExitsAsTheProgramAndLeavesNothingBehind) {
-    EXPECT_EQ(RunTool(Run({}, {"exit", "7"})).status, 7);
-    EXPECT_EQ(RunTool(Run({}, {"raise", std::to_string(SIGUSR2)})).status, 128 + SIGUSR2);
+TEST_F(Tool, ExitsAsTheProgramAndLeavesNothingBehind) {
     for (const int passedOn : {SIGTERM, SIGINT, SIGHUP}) {
-        ChildProcess tool = Start(Run({}, {"wait"}));
-        EXPECT_THAT(tool.Log().Text(), HasSubstr("has its own group")) << "one signal, not two";
+        ChildProcess tool = Start(unit);
         tool.Signal(passedOn);
         EXPECT_EQ(tool.Wait(kPatience), 128 + passedOn);
-        EXPECT_FALSE(fs::exists(Scratch("unit"))) << "it ended the program, and not the tool";
+        EXPECT_FALSE(fs::exists(unit)) << "it ended the program, and not the tool";
     }
-    fs::create_directory(Scratch("unit"));
-    const auto [status, output] = RunTool(Run({}, {"exit", "0"}));
-    EXPECT_EQ(status, 0);
-    EXPECT_EQ(output, "vexa-unit: host socket " + Scratch("unit") + "/host.sock\n");
-    EXPECT_TRUE(fs::is_empty(Scratch("unit"))) << "a folder that existed before stays";
+    fs::create_directory(unit);
+    EXPECT_EQ(Run(kRunOnUnit), "7 vexa-unit: host socket " + unit + "/host.sock\n");
+    EXPECT_TRUE(fs::is_empty(unit)) << "a folder that existed before stays";
 }
 
-TEST_F(RunCommand, WhenItIsKilledNothingIsLeftAndTheNextUnitStarts) {
+TEST_F(Tool, WhenItIsKilledNothingIsLeftAndTheNextUnitStarts) {
     for (const bool existed : {false, true}) {
-        if (existed) fs::create_directory(Scratch("unit"));
-        ChildProcess tool = Start(Run({}, {"wait"}));
+        if (existed) fs::create_directory(unit);
+        ChildProcess tool = Start(unit);
         tool.Signal(SIGKILL);
         EXPECT_EQ(tool.Wait(kPatience), 128 + SIGKILL);
-        EXPECT_TRUE(Eventually([&] {
-            return existed ? fs::is_empty(Scratch("unit")) : !fs::exists(Scratch("unit"));
-        }));
+        if (existed) {
+            EXPECT_THAT(Run(kRunOnUnit), HasSubstr("7 ")) << "whatever is left by then";
+        }
+        EXPECT_TRUE(testkit::WaitUntil(
+            kPatience, [&] { return existed ? fs::is_empty(unit) : !fs::exists(unit); }));
         EXPECT_TRUE(tool.Log().WaitForEnd(kPatience)) << "the program has ended as well";
     }
-    ChildProcess another = Start(Run({}, {"wait"}));
-    another.Signal(SIGKILL);
-    (void)another.Wait(kPatience);
-    EXPECT_EQ(RunTool(Run({}, {"exit", "3"})).status, 3) << "whatever is left by then";
 }
 
-TEST_F(RunCommand, UnitsSideBySideAreToldApartAndControlled) {
-    const auto ask = [&](const std::string& unit, std::vector<std::string> words) {
-        words.insert(words.begin(), {"ctl", "--dir", Scratch(unit)});
-        const auto [status, output] = RunTool(words);
-        return std::to_string(status) + " " + output;
+TEST_F(Tool, UnitsSideBySideAreToldApartAndControlled) {
+    const auto one = Start(unit);
+    const auto two = Start(scratch / "two", "dead-daq");
+    EXPECT_EQ(Run(kRunOnUnit), "2 vexa-unit: another unit is running in " + unit + "\n");
+    EXPECT_TRUE(ConnectTo(HostSocketPath(unit))) << "the first one is not disturbed";
+    const std::pair<std::string, std::string> cases[] = {
+        {"unit fault set data corrupt for=7 offset=1", "0 fault 1\n"},
+        {"unit fault list", "0 1  data corrupt  for 7, offset 1, hits 0\n"},
+        {"two fault list", "0 no faults\n"},
+        {"unit fault clear data", "0 1 cleared\n"},
+        {"unit cable flap times=1", "0 "},
+        {"unit app DAQ holds", "2 vexa-unit: expected KEY=VALUE, not holds\n"},
+        {"unit --raw '{\"request\": \"daq\"}'", "0 {\"ok\":true}\n"},
+        {"unit state", "cable     in, flap {\"inMs\":1000,\"outMs\":1000,\"times\":1}"},
+        {"unit state", "\n  Microphone        type 11, attached, blockSize 72, rate 50, waveform"},
+        {"unit state", "\n  DAQ               holds, delayMs 20, not silent"},
+        {"two state", "not answersSync, syncDelayMs 20"},
+        {"two calls", "VEXA_Init                               1\n"},
     };
-    const auto one = Start({"run", "--dir", Scratch("one"), "--", UNIT_PROBE, "library"});
-    const auto two = Start(
-        {"run", "--dir", Scratch("two"), "--scenario", "dead-daq", "--", UNIT_PROBE, "library"});
-    EXPECT_EQ(ask("one", {"fault", "set", "data", "corrupt", "for=7", "offset=1"}), "0 fault 1\n");
-    EXPECT_EQ(ask("one", {"fault", "list"}), "0 1  data corrupt  for 7, offset 1, hits 0\n");
-    EXPECT_EQ(ask("two", {"fault", "list"}), "0 no faults\n");
-    EXPECT_EQ(ask("one", {"fault", "clear", "data"}), "0 1 cleared\n");
-    EXPECT_EQ(ask("one", {"cable", "flap", "times=1"}), "0 ");
-    EXPECT_EQ(ask("one", {"detach", "None"}), "1 vexa-unit: name: there is no device \"None\"\n");
-    EXPECT_EQ(ask("one", {"app", "DAQ", "holds"}), "2 vexa-unit: expected KEY=VALUE, not holds\n");
-    EXPECT_EQ(ask("none", {"state"}), "2 vexa-unit: no unit to control in " + Scratch("none") +
-                                          ": No such file or directory\n");
-    EXPECT_EQ(ask("one", {"--raw", R"({"request": "daq"})"}), "0 {\"ok\":true}\n");
-    const std::string state = ask("one", {"state"});
-    EXPECT_THAT(state, HasSubstr("cable     in, flap {\"inMs\":1000,\"outMs\":1000,\"times\":1}"));
-    EXPECT_THAT(state, HasSubstr("\n  Microphone        type 11, attached, blockSize 72, rate 50, "
-                                 "waveform square, echo\n"));
-    EXPECT_THAT(state, HasSubstr("\n  DAQ               holds, delayMs 20, not silent"));
-    EXPECT_THAT(state, HasSubstr("answersSync, syncDelayMs 20"));
-    EXPECT_THAT(ask("two", {"state"}), HasSubstr("not answersSync, syncDelayMs 20"));
-    EXPECT_THAT(ask("two", {"state", "--json"}), HasSubstr("\"answersSync\":false"));
-    EXPECT_THAT(ask("two", {"calls"}), HasSubstr("VEXA_Init                               1\n"));
-}
-
-TEST_F(RunCommand, ListsTheScenariosThatItKnows) {
-    const auto [status, output] = RunTool({"scenarios"});
-    EXPECT_EQ(status, 0);
-    for (const auto& entry : fs::directory_iterator(UNIT_SCENARIO_FOLDER)) {
-        const bool isSchema = entry.path().stem().extension() == ".schema";
-        const std::string name = entry.path().stem();
-        EXPECT_EQ(output.find(name + " ") != std::string::npos, !isSchema) << name;
+    for (const auto& [request, answer] : cases) {
+        EXPECT_THAT(Run("ctl --dir " + request), HasSubstr(answer)) << request;
     }
 }
 
-TEST_F(RunCommand, RefusesAFolderInWhichAUnitRuns) {
-    {
-        const ChildProcess running = Start(Run({}, {"wait"}));
-        const auto [status, output] = RunTool(Run({}, {"exit", "0"}));
-        EXPECT_EQ(status, 2);
-        EXPECT_THAT(output, HasSubstr("another unit is running in " + Scratch("unit")));
-        EXPECT_TRUE(ConnectHost(Scratch("unit"))) << "the first one is not disturbed";
-    }
-    // A socket that somebody else listens on.
-    EXPECT_TRUE(Eventually([&] { return !fs::exists(Scratch("unit")); }));
-    fs::create_directory(Scratch("unit"));
-    const Descriptor listener = ListenOn(HostSocketPath(Scratch("unit")));
-    EXPECT_EQ(RunTool(Run({}, {"exit", "0"})).status, 2);
-    EXPECT_TRUE(ConnectHost(Scratch("unit")));
-}
-
-TEST_F(RunCommand, SaysInOneLineWhatCannotBeUsed) {
-    std::ofstream(Scratch("scenario")) << R"({"daq": {"colour": 1}})";
-    std::ofstream(Scratch("file")) << "";
-    const std::string unit = Scratch("unit");
-    const std::pair<std::vector<std::string>, std::string> cases[] = {
-        {{}, "subcommand is required"},
-        {Run({"--scenario", "none"}, {}), "scenario none: there is no file of that name"},
-        {{"ctl"}, "a command is required"},
-        {{"ctl", "--raw", "{}", "state"}, "either a command or --raw"},
-        {Run({"--scenario", Scratch("none")}, {}), "scenario " + Scratch("none") + ": cannot read"},
-        {Run({"--scenario", Scratch("scenario")}, {}), "daq.colour: unknown key"},
-        {Run({"--journal", Scratch("none/journal")}, {}), "journal " + Scratch("none/journal")},
-        {{"run", "--dir", unit, "--", "no-such-program"}, "cannot run no-such-program: No such"},
-        {{"run", "--dir", unit, "--", Scratch("file")}, "cannot run " + Scratch("file")},
-        {{"run", "--dir", Scratch("none/unit"), "--", UNIT_PROBE}, "cannot make the folder"},
-        {{"run", "--dir", Scratch("file"), "--", UNIT_PROBE}, "there is a file of that name"},
-        {{"run", "--dir", Scratch(std::string(100, 'd')), "--", UNIT_PROBE}, "characters at most"},
+TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
+    std::ofstream(scratch / "file") << R"({"daq": {"colour": 1}})";
+    const std::pair<std::string, std::string> cases[] = {
+        {"", "subcommand is required"},
+        {"ctl", "a command is required"},
+        {"ctl --raw {} state", "either a command or --raw"},
+        {"ctl --dir none state", "no unit to control in none: No such file"},
+        {"run --scenario none", "scenario none: there is no file of that name"},
+        {"run --scenario ./none", "/none: cannot read it"},
+        {"run --scenario ./file", "daq.colour: unknown key"},
+        {"run --journal none/journal", "journal none/journal"},
+        {"run --dir unit -- no-such-program", "cannot run no-such-program: No such"},
+        {"run --dir none/unit -- true", "cannot make the folder"},
+        {"run --dir file -- true", "there is a file of that name"},
+        {"run --dir " + std::string(100, 'd'), "characters at most"},
     };
     for (const auto& [arguments, complaint] : cases) {
-        const auto [status, output] = RunTool(arguments);
-        EXPECT_EQ(status, 2) << complaint;
-        EXPECT_THAT(output, ::testing::StartsWith("vexa-unit: "));
-        EXPECT_THAT(output, HasSubstr(complaint));
-        EXPECT_EQ(std::ranges::count(output, '\n'), 1) << output;
+        EXPECT_THAT(Run(arguments),
+                    AllOf(HasSubstr(complaint), ::testing::MatchesRegex("2 vexa-unit: [^\n]*\n")));
     }
-    for (const auto& entry : fs::directory_iterator(scratch)) {
-        EXPECT_TRUE(entry.is_regular_file()) << entry << " was left behind";
-    }
+    EXPECT_EQ(std::distance(fs::directory_iterator(scratch), {}), 1) << "something was left behind";
+    EXPECT_THAT(Run("scenarios"), AllOf(HasSubstr("\nhostile-library "), Not(HasSubstr("schema"))));
 }
 
-// The lines of a check that finds something.
-std::vector<std::string> Findings(std::vector<std::string> options) {
-    options.insert(options.begin(), "check");
-    const auto [status, output] = RunTool(options);
-    EXPECT_EQ(status, 1);
-    std::vector<std::string> findings;
-    for (const auto& line : testkit::SplitLines(output)) {
-        // An emulator has a word of its own on a crash.
-        if (!line.starts_with("ok ") && !line.starts_with("qemu: ")) findings.push_back(line);
-    }
-    return findings;
-}
+TEST_F(Tool, ChecksAUnit) {
+    EXPECT_THAT(Run("run -- '" VEXA_UNIT_PROGRAM "' check --sessions --device Gyroscope"),
+                AllOf(HasSubstr("2 attached of type 8: Accelerometer, Gyroscope\n"),
+                      HasSubstr("\"Gyroscope\" is of type 8\n"),
+                      HasSubstr("the session with FGEN begins and ends\n"),
+                      HasSubstr("/dev/zt-usb: the cable is out\n"), HasSubstr("0 "),
+                      Not(HasSubstr("odd  "))));
+    EXPECT_THAT(Run("check --vexcri " ODD_LIBRARY " --node /dev/null"),
+                AllOf(HasSubstr("missing  libvexcri.so: the function criInit\n"),
+                      HasSubstr("3 of 3 functions of vexcri.h; the others were not called\n")));
 
-TEST(Check, FindsNothingAgainstAVirtualUnit) {
-    const auto [status, output] =
-        RunTool({"run", "--", VEXA_UNIT_PROGRAM, "check", "--sessions", "--device", "Gyroscope"});
-    EXPECT_EQ(status, 0);
-    EXPECT_THAT(output, HasSubstr("2 attached of type 8: Accelerometer, Gyroscope\n"));
-    EXPECT_THAT(output, HasSubstr("\"Gyroscope\" is of type 8\n"));
-    EXPECT_THAT(output, HasSubstr("the session with FGEN begins and ends\n"));
-    EXPECT_THAT(output, HasSubstr("/dev/zt-usb: the cable is out\n"));
-    EXPECT_THAT(output, Not(HasSubstr("odd  ")));
-}
-
-TEST(Check, SaysWhatIsMissingOrNoLibraryOrNode) {
-    EXPECT_THAT(
-        Findings({"--vexa", INCOMPLETE_LIBRARY, "--vexcri", "/dev/null", "--node", "/dev/null"}),
-        ElementsAre("missing  libVEXA.so: the function VEXA_Device_Open",
-                    "missing  libVEXA.so: the function VEXA_Device_Close",
-                    "missing  libVEXA.so: 2 of 15 functions of VEXA.h; the others were not called",
+    auto lines = testkit::SplitLines(
+        Run("check --vexa " ODD_LIBRARY " --vexcri /dev/null --node /dev/null --device Clock"));
+    EXPECT_EQ(lines.at(0).substr(0, 4), "1 ok");
+    // An emulator has a word of its own on a crash.
+    std::erase_if(lines, [](const auto& line) {
+        return line.find("ok  ") < 3 || line.starts_with("qemu: ");
+    });
+    const std::string entry = "odd      VEXA_DeviceListSnapshot_GetNthEntry of type ";
+    EXPECT_THAT(lines,
+                ::testing::ElementsAre(
+                    "odd      VEXA_GetDLLVersion gave 5, not 0",
+                    "odd      VEXA_SearchForDevices of type 2 gave -9, not 0",
+                    "odd      VEXA_OpenDeviceListSnapshot of type 3 gave no snapshot",
+                    "odd      \"Tilt\" is listed as of type 4, but looked up it is of type 8",
+                    entry + "9, entry 0 writes beyond the 220 bytes that it was given",
+                    entry + "11, entry 0 gives a name that does not end",
+                    "missing  an acquisition board, type 5: no host can take the hardware over",
+                    HasSubstr("an unknown name is of type 8; a host could open it"),
+                    "odd      \"Clock\" is of type 7, which no host can open",
+                    "odd      libVEXA.so: crashed (Aborted) in VEXA_Uninit",
                     HasSubstr("missing  libvexcri.so: /dev/null: "),
                     HasSubstr("odd      /dev/null: does not tell the cable's state"),
                     "See the lines that begin with missing or odd."));
-}
-
-TEST(Check, SaysWhatALibraryDoesThatTheServiceCannotWorkWith) {
-    auto findings = Findings({"--vexa", ODD_LIBRARY, "--device", "Clock"});
-    findings.resize(10);  // the other library and the node are not there
-    EXPECT_THAT(
-        findings,
-        ElementsAre(
-            "odd      VEXA_GetDLLVersion gave 5, not 0",
-            "odd      VEXA_SearchForDevices of type 2 gave -9, not 0",
-            "odd      VEXA_OpenDeviceListSnapshot of type 3 gave no snapshot",
-            "odd      \"Tilt\" is listed as of type 4, but looked up it is of type 8",
-            "odd      VEXA_DeviceListSnapshot_GetNthEntry of type 9, entry 0 writes beyond the 220 "
-            "bytes that it was given",
-            "odd      VEXA_DeviceListSnapshot_GetNthEntry of type 11, entry 0 gives a name that "
-            "does not end",
-            "missing  an acquisition board, type 5: no host can take the hardware over",
-            "odd      VEXA_GetDeviceTypeFromDeviceName: an unknown name is of type 8; a host could "
-            "open it",
-            "odd      \"Clock\" is of type 7, which no host can open",
-            "odd      libVEXA.so: crashed (Aborted) in VEXA_Uninit"));
 }
 
 }  // namespace
