@@ -69,7 +69,7 @@ TEST(Client, HoldsAWholeConversation) {
         } else if (command == 0x74 && ++takeOvers == 1) {
             // Not answers: another request's, another command's, one with a wrong checksum, one of
             // a stranger, and one that is no reply.
-            const auto other = static_cast<std::uint8_t>(packet[10] + 1);
+            const auto other = static_cast<std::uint8_t>(packet[10] + 100);
             Bytes wrong = Executed(packet);
             ++wrong[3];
             self.SendFramed(Reply(1, 0x98, 0x74, other, 0) + Reply(1, 0x9C, 0x70, packet[10], 54) +
@@ -87,14 +87,9 @@ TEST(Client, HoldsAWholeConversation) {
             FakeService::Obey(self, packet);
         }
     };
-    std::atomic<std::size_t> sent{0};
-    std::atomic<std::size_t> received{0};
     {
         FakeService service(answer, SocketPath());
-        const auto tap = [&](Direction direction, auto) {
-            ++(direction == Direction::kToUnit ? sent : received);
-        };
-        Client client(Connection(), {.tap = tap});
+        Client client(Connection());
         const std::uint8_t first = client.NextSequence();
         EXPECT_EQ(ValueOf(client.InitialSync(kLong)), SyncReply(first));
         EXPECT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
@@ -131,14 +126,12 @@ TEST(Client, HoldsAWholeConversation) {
         EXPECT_EQ(counts.strayReplies, 3U);
         EXPECT_EQ(counts.strayPackets, 1U);
         EXPECT_EQ(counts.wrongChecksums, 1U);
-        EXPECT_EQ(counts.packets, received);
         EXPECT_EQ(counts.daqPackets, 2U);
         EXPECT_EQ(counts.daqBytes, 11U);
         EXPECT_EQ(counts.daqWrongChecksums, 1U);
         EXPECT_EQ(Outcome(client.Reconnect(kLong)), "invalid argument") << "it cannot connect";
     }
     ASSERT_EQ(requests.size(), 19U);
-    EXPECT_EQ(sent, requests.size());
     EXPECT_EQ(requests[1], requests[0]) << "the sync is asked for again";
     for (std::size_t i = 2; i < requests.size(); ++i) {
         EXPECT_NE(requests[i][2], requests[i - 1][2]) << "each request has its own number";
@@ -152,22 +145,22 @@ TEST(Client, KeepsChildrensBlocksApartAndCountsWhatIsMissing) {
     ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
     ASSERT_EQ(Outcome(client.OpenDevice("B", 11, kLong)), "done");
     Bytes stream;
-    for (int i = 0; i < 258; ++i) {  // the numbers wrap; 100 and 101 are missing: one gap
+    for (int i = 0; i < 515; ++i) {  // the numbers wrap twice; 255 and 0 are missing once: one gap
         const auto number = static_cast<std::uint8_t>(i);
-        if (i != 100 && i != 101) stream = stream + Tunnel(10, {number, number}, number);
+        if (i != 255 && i != 256) stream = stream + Tunnel(10, {number, number}, number);
         if (i < 5) stream = stream + Sealed({0xA0, 5, number, 0, number});
     }
     service.SendFramed(stream + Tunnel(11, {7}, 0) + Tunnel(12, {8}, 0));
     ASSERT_EQ(Outcome(client.InitialSync(kLong)), "done") << "after all that was sent before";
-    for (const int kept : {255, 0, 1}) {
+    for (const int kept : {0, 1, 2}) {
         EXPECT_THAT(ValueOf(client.Receive(10, kLong)).bytes, ElementsAre(kept, kept));
     }
     EXPECT_EQ(Outcome(client.Receive(10, kShort)), "timeout");
     const auto counts = client.StatisticsOf(10).value_or(ChildStatistics{});
-    EXPECT_EQ(counts.blocks, 256U);
-    EXPECT_EQ(counts.bytes, 512U);
+    EXPECT_EQ(counts.blocks, 513U);
+    EXPECT_EQ(counts.bytes, 1026U);
     EXPECT_EQ(counts.sequenceGaps, 1U);
-    EXPECT_EQ(counts.dropped, 253U);
+    EXPECT_EQ(counts.dropped, 510U);
     EXPECT_EQ(client.StatisticsOf(11)->sequenceGaps, 0U);
     EXPECT_EQ(client.Statistics().strayPackets, 1U);
     EXPECT_EQ(client.Statistics().daqDropped, 2U);

@@ -98,28 +98,20 @@ TEST(PacketStream, ASyncReplyIsFoundInsideAnything) {
     EXPECT_EQ(Read(Frame(data), {}), ToHex(data) + "\n");
 }
 
-using vexa::ControllerCommand;
-
-Packet Command(std::uint8_t sequence, ControllerCommand command, const Bytes& arguments = {},
-               ChildId controller = 1) {
-    return BuildControllerCommand(controller, sequence, command, arguments);
-}
-
 TEST(Requests, AreWhatTheUnitExpects) {
+    using vexa::ControllerCommand;
     const Bytes three = {1, 2, 3};
     const std::pair<Packet, const char*> cases[] = {
         {BuildInitialSync(7),
          "40 19 07 90 1a 05 4a 06 49 07 48 08 47 09 46 0a 45 0b 44 0c 43 0d 42 0e 41"},
         {*BuildMultiplexerCommand(2, 5, three), "40 08 02 55 05 01 02 03"},
         {*BuildTunnel(0xA1B2C3D4, 0xFF, three), "60 0b ff 5a d4 c3 b2 a1 01 02 03"},
-        {Command(4, ControllerCommand::kReopenController, ReopenArguments(0x102, true), 0x102),
+        {BuildControllerCommand(0x102, 4, ControllerCommand::kReopenController,
+                                ReopenArguments(0x102, true)),
          "60 12 04 01 02 01 00 00 40 0a 04 c4 72 02 01 00 00 01"},
-        {Command(5, ControllerCommand::kOpenChild, OpenArguments(0x1001, "Mic")),
+        {BuildControllerCommand(1, 5, ControllerCommand::kOpenChild, OpenArguments(0x1001, "Mic")),
          "60 16 05 5e 01 00 00 00 40 0e 05 f1 70 01 10 00 00 04 4d 69 63 00"},
     };
-    const auto byName = Command(3, ControllerCommand::kOpenChild, OpenArguments(1, "Controller"));
-    EXPECT_EQ(DescribePacket(Direction::kToUnit, byName.Bytes()),
-              "open controller 0x1, with DAQ, by name");
     EXPECT_EQ(DescribePacket(Direction::kToUnit, {}), "fragment of 0 bytes");
     for (const auto& [packet, expected] : cases) EXPECT_EQ(ToHex(packet.Bytes()), expected);
     // They are as long as a packet can be and no longer.
@@ -128,7 +120,9 @@ TEST(Requests, AreWhatTheUnitExpects) {
     EXPECT_EQ(BuildMultiplexerCommand(0, 1, Bytes(250))->Bytes().size(), 255U);
     EXPECT_FALSE(BuildMultiplexerCommand(0, 1, Bytes(251)));
     EXPECT_EQ(OpenArguments(2, std::string(220, 'x')), OpenArguments(2, std::string(219, 'x')));
-    EXPECT_EQ(Command(0, ControllerCommand::kOpenChild, Bytes(243)).Bytes().size(), 255U);
+    EXPECT_EQ(
+        BuildControllerCommand(1, 0, ControllerCommand::kOpenChild, Bytes(250)).Bytes().size(),
+        255U);
 }
 
 }  // namespace

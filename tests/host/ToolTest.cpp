@@ -12,21 +12,6 @@ namespace {
 
 using testing::HasSubstr;
 
-// vexa-host with a folder of its own for the unit's socket.
-class ToolTest : public testing::Test {
-  protected:
-    ~ToolTest() override { std::filesystem::remove_all(folder); }
-
-    // Runs a shell command line in which $HOST is vexa-host and $VEXA_UNIT_DIR is `folder`.
-    [[nodiscard]] vexa::testkit::Finished Run(const std::string& commandLine) const {
-        return vexa::testkit::RunShell("export HOST='" VEXA_HOST_PROGRAM "' VEXA_UNIT_DIR='" +
-                                       folder + "'; " + commandLine);
-    }
-
-    std::string pattern = testing::TempDir() + "vexa-host-XXXXXX";
-    const std::string folder = mkdtemp(pattern.data());
-};
-
 // Obeys; refuses devices whose name begins with B, holds no hardware, hangs up at multiplexer
 // commands, and echoes 8 bytes to a device. Of device T comes one report, of
 // others two blocks with a gap between them; after a take-over two DAQ packets, one damaged.
@@ -49,7 +34,7 @@ void Play(FakeService& self, const Bytes& packet) {
     }
 }
 
-TEST_F(ToolTest, PrintsWhatHappenedAndExitsAccordingly) {
+TEST(Tool, PrintsWhatHappenedAndExitsAccordingly) {
     const auto refuse = [](FakeService& self, const Bytes& packet) {
         if (CommandOf(packet) != 0x72) return FakeService::Obey(self, packet);
         self.SendFramed(Reply(1, 0x9C, 0x72, packet[10], 59));
@@ -97,6 +82,13 @@ TEST_F(ToolTest, PrintsWhatHappenedAndExitsAccordingly) {
         {"close controller", 0, "controller is closed"},
         {"ping E -n 3 --json", 0, R"({"device":"E","bytes":8,"sent":3,"lost":0,"min_ms":)"},
         {"ping E -n 3 --timeout 50ms", 3, "3 round trips, 3 lost", FakeService::Obey},
+        {"demo -- /none", 1, "FAILED: expected the unit to start, got cannot start "},
+        {"demo -- sh -c 'echo made > {dir}/file; echo here'", 1, "unit | here"},
+        {"demo -- false", 1, "0 of 18 steps as expected"},
+        // Interrupts the host, so that it surely runs by then; neither ends at SIGTERM nor closes
+        // its output.
+        {"demo -- sh -c 'trap \"\" TERM; kill -INT $PPID; sleep 1000 & wait; wait'", 130,
+         "The unit had to be killed.\n\nInterrupted."},
         // Scripts end at the first command that fails.
         {"wait 1s\nrepeat 2\n", 2, "standard input:2: \"repeat\" without \"end\""},
         {"controller\nopen \"A b\" # why\nreceive \"A b\" 2\ncheck 0x1001 gaps = 1\n"
@@ -124,41 +116,27 @@ TEST_F(ToolTest, PrintsWhatHappenedAndExitsAccordingly) {
         {"open\n", 2, "usage: open NAME [ID]"},
         {"quit\nnonsense\n", 0, "1 commands, all as expected"},
     };
+    std::string folder = testing::TempDir() + "vexa-host-XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    const std::string temporary = folder + "/tmp";
+    std::filesystem::create_directory(temporary);
     for (const auto& [input, exitCode, output, handler] : cases) {
+        SCOPED_TRACE(input);
         const FakeService service(handler, folder + "/host.sock");
+        const std::string run =
+            "TMPDIR=" + temporary + " VEXA_UNIT_DIR=" + folder + " " + VEXA_HOST_PROGRAM + " ";
         const bool isScript = input.ends_with('\n');
-        const auto ran = Run(isScript ? "$HOST shell <<'END'\n" + input + "END" : "$HOST " + input);
-        EXPECT_EQ(ran.status, exitCode) << input << ran.output;
-        EXPECT_THAT(ran.output, HasSubstr(output)) << input;
-        EXPECT_THAT(ran.output, testing::Not(HasSubstr("never"))) << input;
+        const auto ran =
+            vexa::testkit::RunShell(run + (isScript ? "shell <<'END'\n" + input + "END" : input));
+        EXPECT_EQ(ran.status, exitCode) << ran.output;
+        EXPECT_THAT(ran.output, HasSubstr(output));
+        EXPECT_THAT(ran.output, testing::Not(HasSubstr("never")));
+        EXPECT_TRUE(std::filesystem::is_empty(temporary)) << "something is left behind";
         if (exitCode != 2) continue;
-        EXPECT_THAT(ran.output, testing::StartsWith("vexa-host: ")) << input;
+        EXPECT_THAT(ran.output, testing::StartsWith("vexa-host: "));
         EXPECT_EQ(std::ranges::count(ran.output, '\n'), 1) << "one line: " << ran.output;
     }
-}
-
-TEST_F(ToolTest, DemoReportsAUnitThatFailsAndLeavesNothingBehind) {
-    struct Case {
-        std::string unit;
-        int exitCode;
-        const char* output;
-    };
-    const Case cases[] = {
-        {folder + "/none", 1, "FAILED: expected the unit to start, got cannot start "},
-        {"sh -c 'echo made > {dir}/file; echo here it is'", 1, "unit | here it is"},
-        // Interrupts the host, so that it surely runs by then; neither ends at SIGTERM nor closes
-        // its output.
-        {"sh -c 'trap \"\" TERM; kill -INT $PPID; sleep 1000 & wait; wait'", 130,
-         "The unit had to be killed.\n\nInterrupted."},
-    };
-    for (const Case& each : cases) {
-        const auto ran = Run("TMPDIR=" + folder + " $HOST demo -- " + each.unit);
-        EXPECT_EQ(ran.status, each.exitCode);
-        EXPECT_THAT(ran.output, HasSubstr(each.output));
-        const bool finished = ran.output.find("0 of 18 steps as expected") != std::string::npos;
-        EXPECT_EQ(finished, each.exitCode == 1);
-        EXPECT_TRUE(std::filesystem::is_empty(folder)) << each.unit;
-    }
+    std::filesystem::remove_all(folder);
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ TEST(SampleFormat, FindsTheSamplesOfEachType) {
     }
 }
 
-TEST(RoundTrips, GivesNearestRanksAndClassesThatHoldAll) {
+TEST(Figures, HoldEveryNumber) {
     RoundTrips trips;
     for (int i = 100; i >= 1; --i) trips.Add(std::chrono::milliseconds(i == 100 ? 5000 : i));
     EXPECT_EQ(trips.Percentile(0), 1);
@@ -44,9 +44,6 @@ TEST(RoundTrips, GivesNearestRanksAndClassesThatHoldAll) {
     EXPECT_EQ(lines[0], "      0.00 ms  ######### 9");
     EXPECT_EQ(lines[1], "     10.00 ms  ########## 10");
     EXPECT_EQ(lines[10], "    100.00 ms+ # 1");
-}
-
-TEST(SparkLine, HasAPlaceForEveryNumber) {
     EXPECT_EQ(SparkLine({9, 0, 3.5, 7}, 3, false), "_-#");
     EXPECT_EQ(SparkLine({5, 5}, 9, false), "__");
     EXPECT_EQ(SparkLine({-1e308, 1e308, NAN, INFINITY}, 9, false).size(), 4U);

@@ -101,8 +101,8 @@ TEST(Devices, TheBoardMeasuresOnceItHasAnsweredTheSync) {
 
     const TimePoint later = kStart + milliseconds(150);
     board.Receive(sync, later);
-    EXPECT_EQ(SentUntil(board, later + milliseconds(20)).size(), 2U)
-        << "the second reply, and the measurement when it was due anyway";
+    EXPECT_EQ(SentUntil(board, later + milliseconds(30)).size(), 3U)
+        << "the second reply, and measurements when they were due anyway";
     board.Change({.measurementRate = 200, .measurementSize = 30}, later);
     EXPECT_EQ(SentUntil(board, later + milliseconds(10)).at(1).size(), 30U);
 
@@ -136,7 +136,7 @@ TEST(ScenarioFile, WhatIsLeftOutIsAsInTheDefaultUnit) {
                         {.name = "B", .type = 9, .rate = 0.25, .waveform = Waveform::kNoise}};
     expected.daq.checksumErrorEvery = 4;
     expected.applications["DAQ"].refuses = {1, 2};
-    expected.applications["FGEN"].responses = {{3, -1}};
+    expected.applications["DAQ"].responses = {{3, -1}};
     expected.applications["SPLASH"].strays = {{StrayTime::kBeforeAnswer, 1000, 7, -1}};
     expected.node.present = false;
     expected.cable.flapping = {.outMs = 5};
@@ -147,7 +147,7 @@ TEST(ScenarioFile, WhatIsLeftOutIsAsInTheDefaultUnit) {
         "devices": [{"name": "A", "type": 2, "attached": false},
                     {"name": "B", "type": 9, "rate": 0.25, "waveform": "noise"}],
         "daq": {"checksumErrorEvery": 4},
-        "applications": {"DAQ": {"refuses": [1, 2]}, "FGEN": {"responses": {"3": -1}},
+        "applications": {"DAQ": {"refuses": [1, 2], "responses": {"3": -1}},
                          "SPLASH": {"strays": [{"when": "before", "command": 7, "response": -1}]}},
         "cable": {"flap": {"outMs": 5}},
         "faults": [{"call": "node.read", "action": "fail", "errno": "EINTR", "count": 2}],

@@ -34,13 +34,11 @@ template <typename Condition>
             const std::string scenario = path + "/scenario.json";
             std::ofstream(scenario) << R"({
                 "devices": [{"name": "Fast", "type": 8, "rate": 500},
-                            {"name": "Gone", "type": 8, "attached": false},
                             {"name": "Quiet", "type": 8, "rate": 0},
                             {"name": "Tilt", "type": 2, "rate": 0}],
                 "daq": {"name": "Board", "syncDelayMs": 0},
                 "applications": {"DAQ": {"delayMs": 0}, "FGEN": {"silent": true},
-                                 "SPLASH": {"delayMs": 0, "refuses": [2],
-                                            "responses": {"1": -5}}}})";
+                                 "SPLASH": {"delayMs": 0, "refuses": [2], "responses": {"1": -5}}}})";
             ::setenv("VEXA_UNIT_DIR", path.c_str(), 1);
             ::setenv("VEXA_UNIT_SCENARIO", scenario.c_str(), 1);
             ::setenv("VEXA_UNIT_JOURNAL", (path + "/journal").c_str(), 1);
