@@ -168,7 +168,7 @@ TEST_F(Controller, CountsTheComingsAndGoingsThatATransportReports) {
     EXPECT_EQ(mux.Children().ConnectionGeneration(1), 3U) << "the count that the main loop follows";
 
     const VirtualTime time;
-    ASSERT_TRUE(mux.Children().Lock(0));
+    if (!mux.Children().Lock(0)) FAIL();
     const std::string text = Printed([&] { std::thread([&] { report(false); }).join(); });
     mux.Children().Unlock();
     EXPECT_EQ(text, "Trying to lock mutex failed\n");

@@ -100,7 +100,7 @@ TEST_F(Children, AreNotFoundWhileAnotherThreadHoldsTheirLock) {
             return TunneledDeviceReadCallback(nullptr, 0, reinterpret_cast<void*>(5)) == 0;
         },  // NOLINT
     };
-    ASSERT_TRUE(children.Lock(0));
+    if (!children.Lock(0)) FAIL();
     for (const auto& operation : operations) {
         const std::string text = Printed([&] {
             std::thread([&] {

@@ -85,9 +85,10 @@ TEST_F(Libraries, NoCallbackRunsOnceItsStreamIsClosed) {
     EXPECT_NE(VEXA_Device_Stream_Close(stream), 0);
     const auto count = blocks.Now().size();
     Blocks others;
-    (void)VEXA_Device_Stream_Open(library, "Fast", CollectBlock, 3, &others);
+    const auto second = VEXA_Device_Stream_Open(library, "Fast", CollectBlock, 3, &others);
     (void)others.Await(5);
     EXPECT_EQ(blocks.Now().size(), count);
+    EXPECT_EQ(VEXA_Device_Stream_Close(second), 0);
 
     Ask("fault.set", R"("call": "VEXA_Device_Stream_Close", "action": "data")");
     EXPECT_EQ(VEXA_Device_Stream_Close(Open("Quiet")), 0);
