@@ -17,7 +17,7 @@
 namespace {
 
 void Sleep(int milliseconds) {
-    timeval pause{0, milliseconds * 1000};
+    timeval pause{0, static_cast<suseconds_t>(milliseconds) * 1000};
     ::select(0, nullptr, nullptr, nullptr, &pause);
 }
 

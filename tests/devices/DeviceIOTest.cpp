@@ -136,6 +136,9 @@ TEST_F(DeviceIO, RefusesWithoutItsMutexButReportsSuccess) {
     NotingDevice notHeld(&kPort);
     notHeld.mutexHeld = false;
     EXPECT_EQ(refusals(notHeld), lines);
+    for (int level = 0; level < 7; ++level) {
+        EXPECT_TRUE(OSUnlockMutex(notHeld.deviceMutex.get())) << "each refusal kept its level";
+    }
     notHeld.mutexHeld = true;
 }
 

@@ -4,14 +4,18 @@
 #include <cstddef>
 #include <filesystem>
 #include <mutex>
+#include <thread>
 
 #include "foundation/GUtils.h"
 #include "support/Bytes.h"
 
 namespace vexa::test {
 
-// How many threads this process has.
+// How many threads this process has. A first thread of its own makes a sanitizer start its helper
+// before anything is counted.
 inline std::size_t ThreadCount() {
+    static const bool helped = (std::thread([] {}).join(), true);
+    (void)helped;
     const std::filesystem::directory_iterator tasks("/proc/self/task");
     return static_cast<std::size_t>(std::distance(begin(tasks), end(tasks)));
 }
