@@ -69,7 +69,7 @@ Expected<Done> Prepare(Client& client, const PingOptions& options) {
 Expected<Done> Measure(Client& client, const PingOptions& options, RoundTrips& trips) {
     constexpr Milliseconds kDefaultTimeout{1000};
     for (std::uint64_t i = 0; i < options.count && !IsInterrupted(); ++i) {
-        const auto payload = Payload(i, options.size);
+        const auto payload = Payload(i, static_cast<std::size_t>(options.size));
         const auto start = Clock::now();
         if (auto sent = client.Send(kFirstDeviceId, payload); !sent) return sent;
         const auto echo = ReceiveUntil(
