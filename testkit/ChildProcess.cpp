@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <string_view>
 #include <system_error>
-#include <tuple>
 
 namespace vexa::testkit {
 
@@ -24,7 +23,12 @@ constexpr Milliseconds kForEver = std::chrono::hours(24);
     throw std::system_error(error, std::generic_category(), "cannot start " + call.command.at(0));
 }
 
-std::pair<Descriptor, Descriptor> MakePipe(const ProcessCall& call) {
+struct Pipe {
+    Descriptor read;
+    Descriptor write;
+};
+
+Pipe MakePipe(const ProcessCall& call) {
     std::array<int, 2> ends{};
     if (::pipe2(ends.data(), O_CLOEXEC) != 0) Fail(call, errno);
     return {Descriptor(ends[0]), Descriptor(ends[1])};
@@ -41,7 +45,7 @@ std::vector<std::string> Environment(const ProcessCall& call) {
         if (std::ranges::none_of(call.environment, isChanged)) entries.emplace_back(text);
     }
     for (const auto& [name, value] : call.environment) {
-        if (!value.empty()) entries.push_back(name + "=" + value);
+        if (!value.empty()) entries.push_back(std::string(name).append("=").append(value));
     }
     return entries;
 }
@@ -90,31 +94,30 @@ ChildProcess::ChildProcess(const ProcessCall& call) : ownGroup(call.ownGroup) {
     const auto environment = Pointers(entries);
 
     // The new process reports a failed start through this pipe; a successful one closes it.
-    auto [reportRead, reportWrite] = MakePipe(call);
-    Descriptor outputRead;
-    Descriptor outputWrite;
+    Pipe report = MakePipe(call);
+    Pipe output;
     if (call.output == ProcessCall::Output::kCaptured) {
-        std::tie(outputRead, outputWrite) = MakePipe(call);
+        output = MakePipe(call);
     }
     const pid_t parent = ::getpid();
     process = ::fork();
     if (process < 0) Fail(call, errno);
     if (process == 0) {
-        BecomeProgram(call, arguments.data(), environment.data(), parent, outputWrite.Get(),
-                      reportWrite.Get());
+        BecomeProgram(call, arguments.data(), environment.data(), parent, output.write.Get(),
+                      report.write.Get());
     }
-    reportWrite.Close();
-    outputWrite.Close();
+    report.write.Close();
+    output.write.Close();
     int error = 0;
     ssize_t count = -1;
     do {
-        count = ::read(reportRead.Get(), &error, sizeof error);
+        count = ::read(report.read.Get(), &error, sizeof error);
     } while (count < 0 && errno == EINTR);
     if (count == sizeof error) {
         ::waitpid(process, nullptr, 0);
         Fail(call, error);
     }
-    if (outputRead) log = std::make_unique<OutputLog>(std::move(outputRead));
+    if (output.read) log = std::make_unique<OutputLog>(std::move(output.read));
 }
 
 ChildProcess::ChildProcess(ChildProcess&& other) noexcept
