@@ -16,7 +16,6 @@ namespace vexahost {
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 constexpr Milliseconds kLong{20000};  // for what must come
 constexpr Milliseconds kShort{50};    // for what must not
@@ -28,7 +27,7 @@ std::string Outcome(const Expected<T>& result) {
                                         "timeout",          "link lost",      "violation"};
     if (result) return "done";
     const Error& error = result.error();
-    const std::string kind = kinds[static_cast<int>(error.kind)];
+    std::string kind = kinds[static_cast<int>(error.kind)];
     if (error.kind != ErrorKind::kRefused) return kind;
     return kind + std::to_string(error.command) + "/" + std::to_string(error.code);
 }
