@@ -150,7 +150,7 @@ class SchemaMaker {
 // Indented, but with everything that fits on a line on one.
 std::string Compact(const Json& json, std::size_t indent) {
     constexpr std::size_t kWidth = 110;
-    const std::string line = json.dump();
+    std::string line = json.dump();
     if (!json.is_structured() || line.size() + indent <= kWidth) return line;
     std::string text;
     for (const auto& item : json.items()) {
