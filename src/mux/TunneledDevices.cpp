@@ -90,8 +90,7 @@ std::optional<ReplyError> TunneledDevices::Open(InnerBuffer command) {
     child.stream = VEXA_Device_Stream_Open(
         library, name.data(), isHID ? TunneledHIDDeviceReadCallback : TunneledDeviceReadCallback,
         kStreamMode, ContextOf(id));
-    // A stream whose entry cannot be added stays open: the library was asked for it and gave it,
-    // and hosts count on nothing being closed that they did not close.
+    // A stream whose entry cannot be added stays open: that is part of how an open fails.
     if (child.stream == 0 || !children.Add(child)) return ReplyError::kChildFailed;
     return std::nullopt;
 }
