@@ -40,4 +40,13 @@ inline void BuildFrameHeader(std::span<std::uint8_t, kFrameHeaderSize> header,
     return HasFrameMark(header) && size > 0 && size <= kMaxFramePayload;
 }
 
+// What a virtual unit sends in place of the first header to a host that connects while another one
+// is connected: a length of 0, then "BUSY". The cable of a real unit has one end.
+inline constexpr std::array<std::uint8_t, kFrameHeaderSize> kBusyHeader = {0,   0,   0,   0,
+                                                                           'B', 'U', 'S', 'Y'};
+
+[[nodiscard]] inline bool IsBusyHeader(std::span<const std::uint8_t, kFrameHeaderSize> header) {
+    return std::ranges::equal(header, kBusyHeader);
+}
+
 }  // namespace vexa

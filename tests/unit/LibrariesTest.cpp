@@ -42,6 +42,12 @@ class Libraries : public ::testing::Test {
         EXPECT_EQ(VEXA_Uninit(library), 0);
     }
 
+    [[nodiscard]] int CountInCallLog(const std::string& start) const {
+        std::ifstream log(folder + "/journal");
+        int count = 0;
+        for (std::string line; std::getline(log, line);) count += line.starts_with(start) ? 1 : 0;
+        return count;
+    }
     // Opens a stream whose blocks are collected in `blocks`.
     [[nodiscard]] std::uint32_t Open(const char* device) {
         return VEXA_Device_Stream_Open(library, device, CollectBlock, 3, &blocks);
@@ -223,18 +229,55 @@ TEST_F(Libraries, TheControlSocketSaysWhatIsWrongWithARequest) {
         {Line("attach", R"("name": "Board", "rate": 1)"), "changed with \"daq\""},
         {Line("detach", R"("name": "None")"), "there is no device \"None\""},
         {Line("daq", R"("name": "Other")"), "keeps its name"},
-        {Line("app", R"("name": "OTHER")"), "expected \"DAQ\", \"SPLASH\" or \"FGEN\""},
+        {Line("app", R"("name": "OTHER")"), R"(there are "DAQ", "FGEN", "SPLASH")"},
         {Line("cable", R"("flap": {"inMs": 0})"), "flap.inMs: expected a whole number"},
         {Line("fault.clear", R"("id": 1000000)"), "there is no fault 1000000"},
         {Line("fault.set", R"("call": "VEXA_Init", "action": "fail", "for": "A")"),
          "for: is of no use here"},
         {Line("fault.set", R"("call": "node.read", "action": "fail", "errno": "EGG")"),
          "errno: expected \"EACCES\""},
+        {Line("fault.set", R"("call": "data", "action": "corrupt", "for": "None")"),
+         R"(for: there is no device "None"; there are "Fast", "Quiet", "Tilt")"},
+        {Line("fault.set", R"("call": "criInit", "action": "fail", "for": "A", "later": true)"),
+         R"(for: there is no application "A"; there are "DAQ", "FGEN", "SPLASH")"},
+        {Line("wait", R"("for": "1s")"), "expected something to wait for"},
+        {Line("wait", R"("open": "None")"), "open: there is no device \"None\""},
+        {Line("wait", R"("host": true, "for": "1 day")"), "for: expected a time of at most 24h"},
     };
     for (const auto& [line, error] : cases) {
         EXPECT_THAT(AskLine(line).value("error", ""), HasSubstr(error)) << line;
     }
     EXPECT_TRUE(Ask("fault.list")["faults"].empty());
+}
+
+TEST_F(Libraries, TheTimelineChangesTheUnitByItself) {
+    std::uint32_t type = 0;
+    EXPECT_TRUE(Eventually([&] { return VEXA_GetDeviceTypeFromDeviceName("Timed", &type) == 0; }));
+    EXPECT_EQ(type, 9U);
+    EXPECT_TRUE(Eventually([&] { return CountInCallLog("timeline {\"name\":\"Timed\"") == 3; }))
+        << "once, and repeated twice";
+}
+
+TEST_F(Libraries, ListenersGetEventsAndWaitersAnAnswerOnceItIsSo) {
+    const std::string path = ControlSocketPath(folder);
+    const auto ask = [](const Descriptor& socket, const std::string& line) {
+        EXPECT_GT(::send(socket.Get(), (line + "\n").c_str(), line.size() + 1, 0), 0);
+    };
+    const std::string done = "{\"ok\":true}\n";
+    const Descriptor listener = ConnectTo(path);
+    ask(listener, Line("events"));
+    EXPECT_EQ(Receive(listener, done.size()), done);
+    const Descriptor waiter = ConnectTo(path);
+    ask(waiter, Line("wait", R"("streaming": "Quiet", "closed": "Tilt", "for": "1h")"));
+    ask(waiter, "[]");  // answered in its turn
+    const auto stream = Open("Quiet");
+    Ask("wait", R"("open": "Quiet", "for": "1h")");
+    std::array<char, 1> early{};
+    EXPECT_LT(::recv(waiter.Get(), early.data(), early.size(), MSG_DONTWAIT), 0);
+    EXPECT_EQ(Write(stream, {1}), 0);
+    EXPECT_EQ(Receive(waiter, done.size()), done);
+    const std::string event = R"({"event":"call","call":"VEXA_Device_Stream_Open","for":"Quiet",)";
+    EXPECT_EQ(Receive(listener, event.size()), event);
 }
 
 TEST_F(Libraries, TheControlSocketOutlivesItsClients) {

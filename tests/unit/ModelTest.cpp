@@ -112,6 +112,28 @@ TEST(Devices, TheBoardMeasuresOnceItHasAnsweredTheSync) {
     EXPECT_EQ(deaf.NextDue(), kNever) << "a damaged sync is none";
 }
 
+TEST(Devices, RandomIsTheSameWithTheSameSeed) {
+    const auto noise = [](const char* name, std::uint32_t seed) {
+        StreamSensor sensor({.name = name, .blockSize = 60, .waveform = Waveform::kNoise}, kStart,
+                            seed);
+        return SentUntil(sensor, kStart + milliseconds(100)).at(0);
+    };
+    const auto hits = [](std::uint32_t seed) {
+        const Fault sometimes{.call = Call::kInit, .chance = 25};
+        const Fault always{.call = Call::kInit};
+        FaultTable faults(std::vector{sometimes, always}, seed);
+        for (int calls = 0; calls < 1000; ++calls) (void)faults.Use(Call::kInit);
+        EXPECT_EQ(faults.Faults()[1].hits, 1000U);
+        return faults.Faults()[0].hits;
+    };
+    EXPECT_EQ(noise("A", 1), noise("A", 1));
+    EXPECT_NE(noise("A", 1), noise("A", 2));
+    EXPECT_NE(noise("A", 1), noise("B", 1));
+    EXPECT_EQ(hits(1), hits(1));
+    EXPECT_NE(hits(1), hits(2));
+    EXPECT_NEAR(static_cast<double>(hits(1)), 250, 60);
+}
+
 std::variant<Scenario, ScenarioError> LoadText(const std::string& text) {
     const std::string path = ::testing::TempDir() + "/" + std::to_string(::getpid()) + ".json";
     std::ofstream(path) << text;
@@ -142,6 +164,9 @@ TEST(ScenarioFile, WhatIsLeftOutIsAsInTheDefaultUnit) {
     expected.cable.flapping = {.outMs = 5};
     expected.faults = {{.call = Call::kNodeRead, .action = FaultAction::kFail, .error = EINTR}};
     expected.faults[0].count = 2;
+    expected.timeline = {{.atMs = 1500, .repeatMs = 60000, .times = 3}};
+    expected.timeline[0].requests = {{"cable", R"({"in":false,"request":"cable"})"}};
+    expected.seed = 7;
     expected.library = {.initFails = true, .majorVersion = 9, .minorVersion = 65535};
     EXPECT_EQ(std::get<Scenario>(LoadText(R"({
         "devices": [{"name": "A", "type": 2, "attached": false},
@@ -151,6 +176,8 @@ TEST(ScenarioFile, WhatIsLeftOutIsAsInTheDefaultUnit) {
                          "SPLASH": {"strays": [{"when": "before", "command": 7, "response": -1}]}},
         "cable": {"flap": {"outMs": 5}},
         "faults": [{"call": "node.read", "action": "fail", "errno": "EINTR", "count": 2}],
+        "timeline": [{"at": "1.5s", "repeat": "1m", "times": 3, "cable": {"in": false}}],
+        "seed": 7,
         "node": {"present": false},
         "library": {"initFails": true, "version": [9, 65535]}})")),
               expected);
@@ -168,6 +195,17 @@ TEST(ScenarioFile, WhatIsWrongIsNamedWithItsPlace) {
         {R"({"applications": {"DAQ": {"responses": {"2": 4294967295}}}})", "2: expected a 32-bit"},
         {R"({"faults": [{"call": "data", "action": "fail"}]})", "[0].action: expected \"over"},
         {R"({"library": {"version": [3]}})", "library.version: expected a list of two"},
+        {R"({"faults": [{"call": "data", "action": "corrupt", "for": "A"}]})",
+         R"(faults[0].for: there is no device "A"; there are "Accelerometer")"},
+        {R"({"faults": [{"call": "data", "action": "corrupt", "later": true}]})",
+         "faults[0].later: is of no use here: it goes with \"for\""},
+        {R"({"timeline": [{"at": "5"}, {"at": "5x"}]})", "timeline[1].at: expected a time"},
+        {R"({"timeline": [{"at": "5s", "times": 2}]})", "[0].times: is of no use here"},
+        {R"({"timeline": [{"at": "5s", "cable": {"out": true}}]})", "[0].cable.out: unknown key"},
+        {R"({"timeline": [{"at": "2s", "detach": "A"}, {"at": "1s", "attach": {"name": "A"}}]})",
+         "timeline[1].attach.name: there is no device \"A\"; a new one needs a \"type\""},
+        {R"({"timeline": [{"at": "1s", "applications": {"DAQ": {"delayMs": -1}}}]})",
+         "timeline[0].applications.DAQ.delayMs: expected a whole number"},
     };
     for (const auto& [text, complaint] : cases) {
         const std::string error = std::get<ScenarioError>(LoadText(text)).text;

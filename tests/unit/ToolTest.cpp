@@ -86,15 +86,23 @@ TEST_F(Tool, UnitsSideBySideAreToldApartAndControlled) {
     EXPECT_EQ(Run(kRunOnUnit), "2 vexa-unit: another unit is running in " + unit + "\n");
     EXPECT_TRUE(ConnectTo(HostSocketPath(unit))) << "the first one is not disturbed";
     const std::pair<std::string, std::string> cases[] = {
-        {"unit fault set data corrupt for=7 offset=1", "0 fault 1\n"},
-        {"unit fault list", "0 1  data corrupt  for 7, offset 1, hits 0\n"},
+        {"unit fault set data corrupt for=7 offset=1 later=true", "0 fault 1\n"},
+        {"unit fault list", "0 1  data corrupt  for 7, later, offset 1, hits 0\n"},
         {"two fault list", "0 no faults\n"},
         {"unit fault clear data", "0 1 cleared\n"},
         {"unit cable flap times=1", "0 "},
         {"unit app DAQ holds", "2 vexa-unit: expected KEY=VALUE, not holds\n"},
         {"unit --raw '{\"request\": \"daq\"}'", "0 {\"ok\":true}\n"},
-        {"unit state", "cable     in, flap {\"inMs\":1000,\"outMs\":1000,\"times\":1}"},
+        {"unit state",
+         "cable     in, flap {\"inMs\":1000,\"outMs\":1000,\"times\":1,\"jitter\":0}"},
         {"unit state", "\n  Microphone        type 11, attached, blockSize 72, rate 50, waveform"},
+        {"unit attach Other type=11", "0 "},
+        {"unit state",
+         "\n  Other             type 11, attached, blockSize 20, rate 10, waveform sine, "
+         "echo; hosts get Microphone instead\n"},
+        {"unit state", "echo; hosts cannot open it\n"},
+        {"two wait call=VEXA_Init daq=false", "0 "},
+        {"two wait call=VEXA_Init count=2 --for 1ms", "3 vexa-unit: not in time: call\n"},
         {"unit state", "\n  DAQ               holds, delayMs 20, not silent"},
         {"two state", "not answersSync, syncDelayMs 20"},
         {"two calls", "VEXA_Init                               1\n"},
@@ -107,8 +115,16 @@ TEST_F(Tool, UnitsSideBySideAreToldApartAndControlled) {
 TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
     std::ofstream(scratch / "file") << R"({"daq": {"colour": 1}})";
     const std::pair<std::string, std::string> cases[] = {
-        {"", "subcommand is required"},
+        {"", "a command is required: run, scenarios"},
         {"ctl", "a command is required"},
+        {"rnu --dir unit", "no such command: rnu; did you mean run?"},
+        {"ctl --dir unit fault sett data", "no such command: ctl fault sett; did you mean set?"},
+        {"scenarios a --dir unit b", "not expected: a --dir unit b "},
+        {"run --scenari none", "not expected: --scenari; did you mean --scenario?"},
+        {"ctl -- state --dir none", "no unit to control in none: No such file"},
+        {"--dir none ctl state", "no unit to control in none: No such file"},
+        {"ctl --dir none detach -- --dir", "no unit to control in none: No such file"},
+        {"run --vexa none -- true", "--vexa none: No such file"},
         {"ctl --raw {} state", "either a command or --raw"},
         {"ctl --dir none state", "no unit to control in none: No such file"},
         {"run --scenario none", "scenario none: there is no file of that name"},
@@ -125,13 +141,38 @@ TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
                     AllOf(HasSubstr(complaint), ::testing::MatchesRegex("2 vexa-unit: [^\n]*\n")));
     }
     EXPECT_EQ(std::distance(fs::directory_iterator(scratch), {}), 1) << "something was left behind";
+    EXPECT_EQ(Run("--version"), "0 vexa-unit " VEXA_UNIT_VERSION "\n");
     EXPECT_THAT(Run("scenarios"), AllOf(HasSubstr("\nhostile-library "), Not(HasSubstr("schema"))));
 }
 
+TEST_F(Tool, SaysWhenItsOutputIsLost) {
+    for (const std::string command : {"scenarios", "scenarios --schema", "ctl --help"}) {
+        EXPECT_THAT(Run(command + " >/dev/full"),
+                    AllOf(HasSubstr("6 "), HasSubstr("cannot write")));
+        EXPECT_THAT(Run(command + " >&-"), AllOf(HasSubstr("6 "), HasSubstr("it is closed")));
+    }
+    // The reader leaves at once; nothing is said about that.
+    EXPECT_EQ(Run("scenarios --schema | true"), "0 ");
+}
+
+TEST_F(Tool, PutsAUnitsOwnLibrariesOnTheStandInNode) {
+    const std::string probe = " -- '" VEXA_UNIT_PROGRAM "' check --device Clock";
+    EXPECT_THAT(Run("run --vexa " ODD_LIBRARY + probe),
+                AllOf(HasSubstr("vexa-unit: libVEXA.so is " ODD_LIBRARY "\n"),
+                      HasSubstr("missing  libVEXA.so: the function VEXA_Init\n"),
+                      HasSubstr("/dev/zt-usb: the cable is out\n")));
+    fs::create_symlink(ODD_LIBRARY, scratch / "libVEXA.so");
+    ::setenv("LD_LIBRARY_PATH", scratch.c_str(), 1);
+    EXPECT_THAT(Run("run" + probe),
+                AllOf(HasSubstr("libVEXA.so is the stand-in, not " + scratch.string() + "/libVEXA"),
+                      HasSubstr("version 3.12\n")));
+    ::unsetenv("LD_LIBRARY_PATH");
+}
+
 TEST_F(Tool, ChecksAUnit) {
-    EXPECT_THAT(Run("run -- '" VEXA_UNIT_PROGRAM "' check --sessions --device Gyroscope"),
-                AllOf(HasSubstr("2 attached of type 8: Accelerometer, Gyroscope\n"),
-                      HasSubstr("\"Gyroscope\" is of type 8\n"),
+    EXPECT_THAT(Run("run -- '" VEXA_UNIT_PROGRAM "' check --sessions --device Barometer"),
+                AllOf(HasSubstr("1 attached of type 8: Accelerometer\n"),
+                      HasSubstr("\"Barometer\" is of type 3\n"),
                       HasSubstr("the session with FGEN begins and ends\n"),
                       HasSubstr("/dev/zt-usb: the cable is out\n"), HasSubstr("0 "),
                       Not(HasSubstr("odd  "))));

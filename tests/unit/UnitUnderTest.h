@@ -37,6 +37,8 @@ template <typename Condition>
                             {"name": "Quiet", "type": 8, "rate": 0},
                             {"name": "Tilt", "type": 2, "rate": 0}],
                 "daq": {"name": "Board", "syncDelayMs": 0},
+                "timeline": [{"at": "1ms", "repeat": "1ms", "times": 2,
+                              "attach": {"name": "Timed", "type": 9}}],
                 "applications": {"DAQ": {"delayMs": 0}, "FGEN": {"silent": true},
                                  "SPLASH": {"delayMs": 0, "refuses": [2], "responses": {"1": -5}}}})";
             ::setenv("VEXA_UNIT_DIR", path.c_str(), 1);

@@ -11,6 +11,8 @@
 #include <chrono>
 #include <utility>
 
+#include "protocol/FrameHeader.h"
+
 namespace vexa::unit {
 
 using testkit::Descriptor;
@@ -20,10 +22,8 @@ namespace {
 // Pause before accepting again when the process has no descriptor left for a client.
 constexpr int kRetryAcceptMs = 100;
 
-void Signal(const Descriptor& event) {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const auto written = ::write(event.Get(), &one, sizeof one);
-}
+// How long a host waits for a program that does not look at the cable's state.
+constexpr std::chrono::seconds kLongestWait{2};
 
 bool HasHungUp(int client) {
     pollfd entry{client, POLLRDHUP, 0};
@@ -40,13 +40,14 @@ bool WouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 
 }  // namespace
 
-Cable::Cable(Descriptor listener_, const CableSettings& settings_,
+Cable::Cable(Descriptor listener_, const CableSettings& settings_, std::uint32_t seed,
              std::function<void(bool)> changed_)
     : listener(std::move(listener_)),
       wake(::eventfd(0, EFD_CLOEXEC)),
       changed(std::move(changed_)),
       state(NewState()),
-      settings(settings_) {
+      settings(settings_),
+      random(seed, "cable") {
     thread = StartQuietThread([this] { Run(); });
 }
 
@@ -71,6 +72,12 @@ std::shared_ptr<Cable::State> Cable::Current() const {
 }
 
 bool Cable::IsIn() const { return Current()->in; }
+
+bool Cable::ShowToProgram() const {
+    const auto current = Current();
+    if (!current->seen.exchange(true)) Signal(wake);
+    return current->in;
+}
 
 void Cable::Change(const CableSettings& settings_) {
     MutexLock lock(mutex);
@@ -106,6 +113,7 @@ void Cable::PullOut(const std::shared_ptr<State>& leaving) {
     ::shutdown(leaving->client.Get(), SHUT_WR);
     auto next = NewState();
     next->former = leaving;
+    waitsUntil = Clock::now() + kLongestWait;
     Enter(std::move(next));
 }
 
@@ -162,16 +170,30 @@ void Cable::AcceptClient() {
     if (!mayBeIn) return;  // turns the client away
     const auto current = Current();
     if (current->in) {
-        if (!HasHungUp(current->client.Get())) return;  // one host at a time
+        if (!HasHungUp(current->client.Get())) {
+            (void)::send(client.Get(), kBusyHeader.data(), kBusyHeader.size(),
+                         MSG_DONTWAIT | MSG_NOSIGNAL);
+            return;
+        }
         PullOut(current);
     }
-    PlugIn(std::move(client));
+    waiting = std::move(client);
+}
+
+void Cable::PlugInWaiting() {
+    if (!waiting) return;
+    const auto current = Current();
+    const bool sawItIn = current->former != nullptr && current->former->seen;
+    if (sawItIn && !current->seen && Clock::now() < waitsUntil) return;
+    PlugIn(std::move(waiting));
 }
 
 void Cable::LetIn(bool in) {
     mayBeIn = in;
     const auto current = Current();
-    if (!in && current->in) PullOut(current);
+    if (in) return;
+    waiting.Close();
+    if (current->in) PullOut(current);
 }
 
 void Cable::FollowSettings() {
@@ -188,7 +210,7 @@ void Cable::FollowSettings() {
     if (current.in && current.flapping) {
         flapping = *current.flapping;
         flaps = 0;
-        nextFlap = Clock::now() + std::chrono::milliseconds(flapping.inMs);
+        nextFlap = Clock::now() + Varied(flapping.inMs);
     }
     const MutexLock lock(mutex);
     followed = number;
@@ -204,12 +226,18 @@ void Cable::Flap() {
         nextFlap = kNever;
         return;
     }
-    nextFlap = Clock::now() + std::chrono::milliseconds(in ? flapping.inMs : flapping.outMs);
+    nextFlap = Clock::now() + Varied(in ? flapping.inMs : flapping.outMs);
 }
 
-int Cable::UntilNextFlapMs() const {
-    if (nextFlap == kNever) return -1;
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(nextFlap - Clock::now());
+std::chrono::milliseconds Cable::Varied(std::uint32_t ms) {
+    const std::uint32_t most = ms / 100 * flapping.jitter + ms % 100 * flapping.jitter / 100;
+    return std::chrono::milliseconds(ms - most + random.Below(2 * most + 1));
+}
+
+int Cable::UntilNextTaskMs() const {
+    const TimePoint next = waiting ? std::min(nextFlap, waitsUntil) : nextFlap;
+    if (next == kNever) return -1;
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(next - Clock::now());
     return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
 }
 
@@ -223,14 +251,14 @@ void Cable::Run() {
         if (IsStopping()) return;
         FollowSettings();
         Flap();
+        PlugInWaiting();
         const auto current = Current();
         std::array<pollfd, 3> entries{{{wake.Get(), POLLIN, 0},
-                                       {listener.Get(), POLLIN, 0},
+                                       {waiting ? -1 : listener.Get(), POLLIN, 0},
                                        {current->in ? current->client.Get() : -1, POLLRDHUP, 0}}};
-        if (::poll(entries.data(), entries.size(), UntilNextFlapMs()) <= 0) continue;
+        if (::poll(entries.data(), entries.size(), UntilNextTaskMs()) <= 0) continue;
         if (entries[0].revents != 0) {
-            std::uint64_t signals = 0;
-            [[maybe_unused]] const auto got = ::read(wake.Get(), &signals, sizeof signals);
+            ClearSignal(wake);
         } else if (entries[1].revents != 0) {
             AcceptClient();
         } else if (entries[2].revents != 0) {

@@ -1,11 +1,16 @@
 // The cable between the unit and its host: a connection to the host socket. While a client is
 // connected the cable is in; when it disconnects the cable is out. When the settings take the cable
 // out, the client is disconnected and new ones are turned away until the cable may be in again.
+//
+// There is one host at a time. Another that connects gets kBusyHeader and is disconnected. One that
+// connects after the first has gone is plugged in once the program has seen the cable out, as a
+// program would on a unit, where nobody exchanges hosts between two looks at the cable.
 #pragma once
 
 #include <sys/types.h>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -15,6 +20,7 @@
 #include <thread>
 
 #include "foundation/Mutex.h"
+#include "model/Random.h"
 #include "model/Runtime.h"
 #include "model/Scenario.h"
 #include "testkit/Descriptor.h"
@@ -33,8 +39,8 @@ struct CableCounts {
 class VEXA_UNIT_EXPORT Cable {
   public:
     // Accepts clients from `listener` on a thread of its own, which also calls `changed` whenever
-    // the cable has gone in (true) or out.
-    Cable(testkit::Descriptor listener, const CableSettings& settings,
+    // the cable has gone in (true) or out. `seed` is for the irregularity of flapping.
+    Cable(testkit::Descriptor listener, const CableSettings& settings, std::uint32_t seed,
           std::function<void(bool)> changed);
     Cable(const Cable&) = delete;
     Cable& operator=(const Cable&) = delete;
@@ -42,6 +48,12 @@ class VEXA_UNIT_EXPORT Cable {
     ~Cable();
 
     [[nodiscard]] bool IsIn() const;
+
+    // The same, for the program: it has seen this state of the cable then.
+    [[nodiscard]] bool ShowToProgram() const;
+
+    // Whether hosts can plug in now.
+    [[nodiscard]] bool MayBeIn() const { return mayBeIn; }
 
     // Returns when the cable is as the settings say. Not from `changed`.
     void Change(const CableSettings& settings_);
@@ -66,6 +78,7 @@ class VEXA_UNIT_EXPORT Cable {
         std::shared_ptr<State> former;  // with the cable out: the last state with it in
         testkit::Descriptor ended;      // eventfd, readable once there is a newer state
         bool in = false;
+        std::atomic<bool> seen = false;  // by the program
     };
 
     [[nodiscard]] static std::shared_ptr<State> NewState();
@@ -77,16 +90,18 @@ class VEXA_UNIT_EXPORT Cable {
     // The cable's thread.
     void Run();
     void AcceptClient();
+    void PlugInWaiting();
     void FollowSettings();
     // Goes in or out by itself when that is due.
     void Flap();
     void LetIn(bool in);
-    [[nodiscard]] int UntilNextFlapMs() const;
+    // `ms`, more or less by what the settings allow.
+    [[nodiscard]] std::chrono::milliseconds Varied(std::uint32_t ms);
+    [[nodiscard]] int UntilNextTaskMs() const;
     [[nodiscard]] bool IsStopping();
 
     const testkit::Descriptor listener;
-    const testkit::Descriptor
-        wake;  // eventfd, readable when the thread is to end or follow settings
+    const testkit::Descriptor wake;  // eventfd, readable when the thread has something to do
     const std::function<void(bool)> changed;
     mutable Mutex mutex;
     std::shared_ptr<State> state VEXA_GUARDED_BY(mutex);
@@ -96,8 +111,12 @@ class VEXA_UNIT_EXPORT Cable {
     std::uint64_t followed VEXA_GUARDED_BY(mutex) = 0;  // of those that the thread applied last
     std::condition_variable_any followedChanged;
 
+    std::atomic<bool> mayBeIn = true;  // written by the cable's thread
+
     // The cable's thread only.
-    bool mayBeIn = true;
+    testkit::Descriptor waiting;    // a host that is plugged in once the program has seen the
+    TimePoint waitsUntil = kNever;  // cable out, or at this time
+    Random random;
     CableFlapping flapping;
     std::uint32_t flaps = 0;  // how often it has gone out
     TimePoint nextFlap = kNever;

@@ -7,6 +7,7 @@
 #include <system_error>
 #include <thread>
 
+#include "model/Events.h"
 #include "model/Unit.h"
 
 namespace vexa::unit {
@@ -108,6 +109,7 @@ std::int64_t LibraryCall::Perform(std::int64_t failure, const Work& work) {
 
 void LibraryCall::WriteToLog(const CallOutcome& outcome, const FaultEffect& effect) {
     if (quiet && effect.IsNone()) return;
+    Unit& unit = Unit::Instance();
     line.Result(outcome.result);
     std::string note = outcome.note;
     if (!effect.IsNone()) {
@@ -115,7 +117,8 @@ void LibraryCall::WriteToLog(const CallOutcome& outcome, const FaultEffect& effe
         note += FaultText(effect);
     }
     if (!note.empty()) line.Note(note);
-    Unit::Instance().Calls().Write(line.Line());
+    unit.Calls().Write(line.Line());
+    ReportCall(unit, call, target, outcome.result, effect, line.Line());
 }
 
 }  // namespace vexa::unit

@@ -1,6 +1,7 @@
 #include "model/CheckedJson.h"
 
 #include <algorithm>
+#include <charconv>
 #include <limits>
 #include <nlohmann/json.hpp>
 
@@ -99,6 +100,25 @@ std::int32_t CheckedJson::Signed32() const {
 std::string CheckedJson::Text(std::string_view expected) const {
     if (!value.is_string()) Complain(expected);
     return value.get<std::string>();
+}
+
+std::uint32_t CheckedJson::DurationMs(std::uint32_t least) const {
+    constexpr double kMost = 24.0 * 60 * 60 * 1000;
+    const std::string expected =
+        "a time of at most 24h, such as \"500ms\", \"5s\", \"2m\" or \"1h\"";
+    const std::string text = Text(expected);
+    double number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    const std::string_view unit(rest, static_cast<std::size_t>(end - rest));
+    const double factor = unit == "ms"                  ? 1
+                          : unit == "s" || unit.empty() ? 1000
+                          : unit == "m"                 ? 60 * 1000
+                          : unit == "h"                 ? 60 * 60 * 1000
+                                                        : 0;
+    const double ms = number * factor;
+    if (error != std::errc() || factor == 0 || !(ms >= least && ms <= kMost)) Complain(expected);
+    return static_cast<std::uint32_t>(ms + 0.5);
 }
 
 std::size_t CheckedJson::Choice(const std::vector<std::string_view>& words) const {

@@ -38,6 +38,9 @@ class CheckedJson {
     // The index of this value in `words`.
     [[nodiscard]] std::size_t Choice(const std::vector<std::string_view>& words) const;
 
+    // A time such as "500ms" or "5s", in ms.
+    [[nodiscard]] std::uint32_t DurationMs(std::uint32_t least) const;
+
     // This value as an object: it must have no keys but these.
     void RequireKeys(const std::vector<std::string_view>& keys) const;
     [[nodiscard]] bool Has(std::string_view key) const;
@@ -53,6 +56,9 @@ class CheckedJson {
     [[noreturn]] void Complain(std::string_view expected) const;
     // Throws: `what` is wrong with the member `key`.
     [[noreturn]] void ComplainAbout(std::string_view key, const std::string& what) const;
+
+    [[nodiscard]] const Json& Value() const { return value; }
+    [[nodiscard]] const std::string& Path() const { return path; }
 
   private:
     [[nodiscard]] std::string PathOf(std::string_view key) const;

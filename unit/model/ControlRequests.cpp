@@ -2,9 +2,13 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <string_view>
 
+#include "foundation/Mutex.h"
+#include "model/Events.h"
+#include "model/Requests.h"
 #include "model/Settings.h"
 #include "model/Unit.h"
 
@@ -50,80 +54,26 @@ Json CallsToJson(const CallCounts& counts) {
     return json;
 }
 
-std::string NameIn(const Json& request) { return CheckedJson(request, "").Member("name").Name(); }
+// Held while a request is read and carried out: one may come from the timeline at the same time.
+Mutex changing;
 
-// The board is attached and detached by its name, like a sensor.
-bool AttachBoard(Unit& unit, const std::string& name, bool present) {
-    DaqSettings daq = unit.Vexa().Daq();
-    if (name != daq.name) return false;
-    daq.present = present;
-    unit.Vexa().ChangeDaq(daq);
-    return true;
-}
+// Makes a change.
+class Changer {
+  public:
+    Changer(Unit& unit_, Json& answer_) : unit(unit_), answer(answer_) {}
 
-void Attach(Unit& unit, const Json& request, Json& /*answer*/) {
-    const std::string name = NameIn(request);
-    if (request.size() == 1 && AttachBoard(unit, name, true)) return;
-    if (name == unit.Vexa().Daq().name) {
-        throw JsonError("name: the acquisition board is changed with \"daq\"");
+    void operator()(const DeviceSettings& device) const { unit.Vexa().ChangeDevice(device); }
+    void operator()(const DaqSettings& daq) const { unit.Vexa().ChangeDaq(daq); }
+    void operator()(const CableSettings& cable) const { unit.ChangeCable(cable); }
+    void operator()(const std::pair<std::string, ApplicationSettings>& application) const {
+        unit.Cri().ChangeApplication(application.first, application.second);
     }
-    const auto devices = unit.Vexa().Devices();
-    const auto known = std::ranges::find(devices, name, &DeviceSettings::name);
-    if (known == devices.end() && !request.contains("type")) {
-        throw JsonError("name: there is no device \"" + name + "\"; a new one needs a \"type\"");
-    }
-    DeviceSettings device = known == devices.end() ? DeviceSettings{} : *known;
-    device.attached = true;
-    ReadSettings(CheckedJson(request, ""), device);
-    unit.Vexa().ChangeDevice(device);
-}
+    void operator()(const Fault& fault) const { answer["id"] = unit.Faults().Set(fault); }
 
-void Detach(Unit& unit, const Json& request, Json& /*answer*/) {
-    CheckedJson(request, "").RequireKeys({"name"});
-    const std::string name = NameIn(request);
-    if (AttachBoard(unit, name, false)) return;
-    const auto devices = unit.Vexa().Devices();
-    const auto known = std::ranges::find(devices, name, &DeviceSettings::name);
-    if (known == devices.end()) throw JsonError("name: there is no device \"" + name + "\"");
-    DeviceSettings device = *known;
-    device.attached = false;
-    unit.Vexa().ChangeDevice(device);
-}
-
-void ChangeCable(Unit& unit, const Json& request, Json& /*answer*/) {
-    CableSettings settings;
-    ReadSettings(CheckedJson(request, ""), settings);
-    unit.ChangeCable(settings);
-}
-
-void ChangeApplication(Unit& unit, const Json& request, Json& /*answer*/) {
-    const std::string name = NameIn(request);
-    const auto applications = unit.Cri().Applications();
-    const auto known = applications.find(name);
-    if (known == applications.end()) {
-        throw JsonError("name: expected \"DAQ\", \"SPLASH\" or \"FGEN\", not \"" + name + "\"");
-    }
-    Json change = request;
-    change.erase("name");
-    ApplicationSettings settings = known->second;
-    ReadSettings(CheckedJson(change, ""), settings);
-    unit.Cri().ChangeApplication(name, settings);
-}
-
-void ChangeBoard(Unit& unit, const Json& request, Json& /*answer*/) {
-    if (request.contains("name")) {
-        throw JsonError("name: the board keeps its name while the unit runs");
-    }
-    DaqSettings daq = unit.Vexa().Daq();
-    ReadSettings(CheckedJson(request, ""), daq);
-    unit.Vexa().ChangeDaq(daq);
-}
-
-void SetFault(Unit& unit, const Json& request, Json& answer) {
-    Fault fault;
-    ReadSettings(CheckedJson(request, ""), fault);
-    answer["id"] = unit.Faults().Set(fault);
-}
+  private:
+    Unit& unit;
+    Json& answer;
+};
 
 void ClearFaults(Unit& unit, const Json& request, Json& answer) {
     const CheckedJson node(request, "");
@@ -150,13 +100,29 @@ void ListCalls(Unit& unit, const Json& request, Json& answer) {
     answer["calls"] = CallsToJson(unit.Faults().Uses());
 }
 
+// The device that a host gets when it opens `device` by its name: the service opens the first
+// attached one of the type. Empty: it gets none.
+std::string DeviceThatOpens(const std::vector<DeviceSettings>& devices,
+                            const DeviceSettings& device) {
+    if (!IsHidType(device.type) && !IsStreamType(device.type)) return "";
+    const auto first = std::ranges::find_if(devices, [&](const DeviceSettings& other) {
+        return other.attached && other.type == device.type;
+    });
+    return first == devices.end() ? "" : first->name;
+}
+
 void ReportState(Unit& unit, const Json& request, Json& answer) {
     CheckedJson(request, "").RequireKeys({});
+    answer["seed"] = unit.Seed();
     answer["cable"] = ToJson(unit.StateOfCable());
     answer["daq"] = SettingsToJson(unit.Vexa().Daq());
     answer["devices"] = Json::array();
-    for (const auto& device : unit.Vexa().Devices()) {
-        answer["devices"].push_back(SettingsToJson(device));
+    const auto devices = unit.Vexa().Devices();
+    for (const auto& device : devices) {
+        Json item = SettingsToJson(device);
+        const auto opened = DeviceThatOpens(devices, device);
+        item["opens"] = opened.empty() ? Json(nullptr) : Json(opened);
+        answer["devices"].push_back(std::move(item));
     }
     answer["streams"] = Json::array();
     for (const auto& stream : unit.Vexa().Streams()) answer["streams"].push_back(ToJson(stream));
@@ -167,46 +133,110 @@ void ReportState(Unit& unit, const Json& request, Json& answer) {
     answer["calls"] = CallsToJson(unit.Faults().Uses());
 }
 
+// The keys of what `wait` names that is not so yet; empty when all is so.
+std::string Unmet(const WaitSettings& wait, Unit& unit) {
+    const auto streams = unit.Vexa().Streams();
+    const auto isOpen = [&](const std::string& device, std::uint64_t blocks) {
+        return std::ranges::any_of(streams, [&](const StreamState& stream) {
+            return stream.deviceName == device && stream.counts.taken >= blocks;
+        });
+    };
+    const auto cable = unit.StateOfCable();
+    const auto calls = wait.call ? unit.Faults().Uses()[static_cast<std::size_t>(*wait.call)] : 0;
+    std::string keys;
+    const auto require = [&](const char* key, bool holds) {
+        if (!holds) keys.append(keys.empty() ? "" : ", ").append(key);
+    };
+    require("open", wait.open.empty() || isOpen(wait.open, 0));
+    require("streaming", wait.streaming.empty() || isOpen(wait.streaming, 1));
+    require("closed", wait.closed.empty() || !isOpen(wait.closed, 0));
+    require("call", !wait.call || calls >= wait.count.value_or(1));
+    require("host", wait.host.value_or(cable.hostConnected) == cable.hostConnected);
+    require("cable", wait.cable.value_or(cable.mayPlugIn) == cable.mayPlugIn);
+    // The first that the board sends is its answer to the sync.
+    const bool linked = isOpen(unit.Vexa().Daq().name, 1);
+    require("daq", wait.daq.value_or(linked) == linked);
+    require("bytesToHost", cable.counts.bytesToHost >= wait.bytesToHost.value_or(0));
+    require("bytesFromHost", cable.counts.bytesFromHost >= wait.bytesFromHost.value_or(0));
+    return keys;
+}
+
+ControlAnswer Wait(Unit& unit, const Json& request) {
+    const CheckedJson json(request, "");
+    WaitSettings wait;
+    ReadSettings(json, wait);
+    WaitSettings nothing;
+    nothing.forMs = wait.forMs;
+    if (wait == nothing) json.Complain("something to wait for");
+    for (const auto& [key, name] :
+         {std::pair("open", wait.open), {"streaming", wait.streaming}, {"closed", wait.closed}}) {
+        if (!name.empty()) RequireDevice(json, key, name, unit.Settings());
+    }
+    const TimePoint end = Clock::now() + std::chrono::milliseconds(wait.forMs);
+    return {.later = [&unit, wait, end]() -> std::optional<std::string> {
+        const auto keys = Unmet(wait, unit);
+        if (keys.empty()) return ToLine({{"ok", true}});
+        if (Clock::now() < end) return std::nullopt;
+        return ToLine({{"ok", false}, {"timeout", true}, {"error", "not in time: " + keys}});
+    }};
+}
+
 struct RequestKind {
     std::string_view verb;
-    Handler handle;
+    Handler handle;  // null: carried out elsewhere
 };
 
-constexpr std::array<RequestKind, 10> kRequests = {{{"attach", Attach},
-                                                    {"detach", Detach},
-                                                    {"cable", ChangeCable},
-                                                    {"app", ChangeApplication},
-                                                    {"daq", ChangeBoard},
-                                                    {"fault.set", SetFault},
+constexpr std::array<RequestKind, 12> kRequests = {{{"attach", nullptr},
+                                                    {"detach", nullptr},
+                                                    {"cable", nullptr},
+                                                    {"app", nullptr},
+                                                    {"daq", nullptr},
+                                                    {"fault.set", nullptr},
                                                     {"fault.clear", ClearFaults},
                                                     {"fault.list", ListFaults},
                                                     {"calls", ListCalls},
-                                                    {"state", ReportState}}};
+                                                    {"state", ReportState},
+                                                    {"wait", nullptr},
+                                                    {"events", nullptr}}};
 
-// Removes the verb from the request and returns its handler.
-Handler RemoveVerb(Json& request) {
+const RequestKind& KindOf(const Json& request) {
     const CheckedJson node(request, "");
     if (!request.is_object()) node.Complain("an object");
     std::vector<std::string_view> verbs;
     for (const auto& kind : kRequests) verbs.push_back(kind.verb);
-    const Handler handle = kRequests[node.Member("request").Choice(verbs)].handle;
+    return kRequests[node.Member("request").Choice(verbs)];
+}
+
+ControlAnswer CarryOut(Unit& unit, const Json& whole) {
+    const RequestKind& kind = KindOf(whole);
+    Json request = whole;
     request.erase("request");
-    return handle;
+    if (kind.verb == "wait") return Wait(unit, request);
+    Json answer = {{"ok", true}};
+    if (kind.verb == "events") {
+        CheckedJson(request, "").RequireKeys({});
+        return {.line = ToLine(answer), .subscribes = true};
+    }
+    const MutexLock lock(changing);
+    if (kind.handle != nullptr) {
+        kind.handle(unit, request, answer);
+        if (kind.handle == ClearFaults) ReportChange(unit, whole);
+    } else if (const auto change =
+                   ReadChange(kind.verb, CheckedJson(request, ""), unit.Settings())) {
+        std::visit(Changer(unit, answer), *change);
+        ReportChange(unit, whole);
+    }
+    return {.line = ToLine(answer)};
 }
 
 }  // namespace
 
-std::string AnswerControlLine(Unit& unit, const std::string& line) {
-    Json answer;
+ControlAnswer AnswerControlLine(Unit& unit, const std::string& line) {
     try {
-        Json request = ParseJson(line);
-        const Handler handle = RemoveVerb(request);
-        answer["ok"] = true;
-        handle(unit, request, answer);
+        return CarryOut(unit, ParseJson(line));
     } catch (const std::exception& error) {
-        answer = {{"ok", false}, {"error", error.what()}};
+        return {.line = ToLine({{"ok", false}, {"error", error.what()}})};
     }
-    return ToLine(answer);
 }
 
 }  // namespace vexa::unit

@@ -3,13 +3,15 @@
 
 #include <string>
 
+#include "model/ControlServer.h"
+
 namespace vexa::unit {
 
 class Unit;
 
-// Carries out the request in `line`, a JSON object as docs/virtual-unit.md describes them. Returns
-// the answer as one line of JSON: {"ok": true, ...}, or {"ok": false, "error": "..."} when the
-// request cannot be carried out. Any thread.
-[[nodiscard]] std::string AnswerControlLine(Unit& unit, const std::string& line);
+// Carries out the request in `line`, a JSON object as docs/virtual-unit.md describes them. The
+// answer is one line of JSON: {"ok": true, ...}, or {"ok": false, "error": "..."} when the request
+// cannot be carried out. Any thread.
+[[nodiscard]] ControlAnswer AnswerControlLine(Unit& unit, const std::string& line);
 
 }  // namespace vexa::unit

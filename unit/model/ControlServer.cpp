@@ -4,6 +4,7 @@
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdint>
@@ -22,19 +23,45 @@ constexpr std::size_t kMaxClients = 64;
 // Pause before accepting again when the process has no descriptor left for a client.
 constexpr int kRetryMs = 100;
 
+// How often an answer that comes later is asked for.
+constexpr int kLaterMs = 5;
+
 bool IsTemporary(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
 }  // namespace
 
 ControlServer::ControlServer(Descriptor listener_, Answer answer_)
-    : listener(std::move(listener_)), stop(::eventfd(0, EFD_CLOEXEC)), answer(std::move(answer_)) {
+    : listener(std::move(listener_)), wake(::eventfd(0, EFD_CLOEXEC)), answer(std::move(answer_)) {
     thread = StartQuietThread([this] { Run(); });
 }
 
 ControlServer::~ControlServer() {
-    const std::uint64_t one = 1;
-    [[maybe_unused]] const auto written = ::write(stop.Get(), &one, sizeof one);
+    stopping = true;
+    Signal(wake);
     thread.join();
+}
+
+void ControlServer::Publish(const std::string& line) {
+    if (!HasListeners()) return;
+    {
+        const MutexLock lock(mutex);
+        events += line + '\n';
+    }
+    Signal(wake);
+}
+
+void ControlServer::PassEventsOn() {
+    std::string lines;
+    {
+        const MutexLock lock(mutex);
+        lines = std::exchange(events, {});
+    }
+    for (auto& client : clients) {
+        if (!client.isSubscribed) continue;
+        client.unsent += lines;
+        Write(client);
+        if (client.unsent.size() > kMaxUnsent) client.isGone = true;
+    }
 }
 
 void ControlServer::AcceptClient() {
@@ -43,12 +70,12 @@ void ControlServer::AcceptClient() {
     if (connection && clients.size() < kMaxClients) {
         clients.push_back({.connection = std::move(connection)});
     } else if (!connection && (errno == EMFILE || errno == ENFILE)) {
-        pollfd stopped{stop.Get(), POLLIN, 0};
-        ::poll(&stopped, 1, kRetryMs);
+        pollfd woken{wake.Get(), POLLIN, 0};
+        ::poll(&woken, 1, kRetryMs);
     }
 }
 
-void ControlServer::Read(Client& client) const {
+void ControlServer::Read(Client& client) {
     std::array<char, 4096> chunk{};
     const auto got = ::recv(client.connection.Get(), chunk.data(), chunk.size(), 0);
     if (got < 0 && IsTemporary(errno)) return;
@@ -61,18 +88,25 @@ void ControlServer::Read(Client& client) const {
         client.isEnding = true;
         if (!client.received.empty()) client.received += '\n';  // a last line without its end
     }
-    AnswerLines(client);
 }
 
-void ControlServer::AnswerLines(Client& client) const {
-    std::size_t start = 0;
-    for (auto end = client.received.find('\n'); end != std::string::npos && !client.isGone;
-         end = client.received.find('\n', start)) {
-        client.unsent += answer(client.received.substr(start, end - start)) + '\n';
-        start = end + 1;
+void ControlServer::AnswerLines(Client& client) {
+    while (!client.isGone) {
+        if (client.later) {
+            const auto line = client.later();
+            if (!line) return;
+            client.later = nullptr;
+            client.unsent += *line + '\n';
+        }
+        const auto end = client.received.find('\n');
+        if (end == std::string::npos) break;
+        auto given = answer(client.received.substr(0, end));
+        client.received.erase(0, end + 1);
+        client.later = std::move(given.later);
+        if (!client.later) client.unsent += given.line + '\n';
+        if (given.subscribes && !std::exchange(client.isSubscribed, true)) ++listeners;
         if (client.unsent.size() > kMaxUnsent) client.isGone = true;
     }
-    client.received.erase(0, start);
     if (client.received.size() <= kMaxLine) return;
     client.received.clear();
     client.unsent += R"({"ok":false,"error":"a line may have )" + std::to_string(kMaxLine) +
@@ -92,31 +126,41 @@ void ControlServer::Write(Client& client) {
     }
 }
 
-void ControlServer::Serve(Client& client, short events) const {
-    if ((events & (POLLIN | POLLHUP | POLLERR)) != 0 && !client.isEnding) Read(client);
+void ControlServer::Serve(Client& client, short happened) {
+    if ((happened & (POLLIN | POLLHUP | POLLERR)) != 0 && !client.isEnding) Read(client);
+    AnswerLines(client);
     Write(client);
-    if (client.isEnding && client.unsent.empty()) client.isGone = true;
+    const bool isAnswered = client.unsent.empty() && !client.later && !client.isSubscribed;
+    if (client.isEnding && isAnswered) client.isGone = true;
     // It may disconnect while answers wait for it, and nothing is read that would show it.
-    if (client.isEnding && (events & (POLLHUP | POLLERR)) != 0) client.isGone = true;
+    if (client.isEnding && (happened & (POLLHUP | POLLERR)) != 0) client.isGone = true;
+}
+
+bool ControlServer::IsAnyWaiting() const {
+    return std::ranges::any_of(clients, [](const Client& client) { return bool(client.later); });
 }
 
 void ControlServer::Run() {
     std::vector<pollfd> entries;
-    while (true) {
-        entries.assign({{stop.Get(), POLLIN, 0}, {listener.Get(), POLLIN, 0}});
+    while (!stopping) {
+        entries.assign({{wake.Get(), POLLIN, 0}, {listener.Get(), POLLIN, 0}});
         for (const auto& client : clients) {
-            const int events =
-                (client.isEnding ? 0 : POLLIN) | (client.unsent.empty() ? 0 : POLLOUT);
-            entries.push_back({client.connection.Get(), static_cast<short>(events), 0});
+            const int wanted = (client.isEnding || client.later ? 0 : POLLIN) |
+                               (client.unsent.empty() ? 0 : POLLOUT);
+            entries.push_back({client.connection.Get(), static_cast<short>(wanted), 0});
         }
-        if (::poll(entries.data(), entries.size(), -1) < 0) continue;
-        if (entries[0].revents != 0) return;
+        if (::poll(entries.data(), entries.size(), IsAnyWaiting() ? kLaterMs : -1) < 0) continue;
+        if (entries[0].revents != 0) {
+            ClearSignal(wake);
+        }
         for (std::size_t index = 0; index < clients.size(); ++index) {
-            if (const short events = entries[index + 2].revents; events != 0) {
-                Serve(clients[index], events);
-            }
+            const short happened = entries[index + 2].revents;
+            if (happened != 0 || clients[index].later) Serve(clients[index], happened);
         }
+        PassEventsOn();
         std::erase_if(clients, [](const Client& client) { return client.isGone; });
+        listeners = static_cast<std::size_t>(std::ranges::count_if(
+            clients, [](const Client& client) { return client.isSubscribed; }));
         if (entries[1].revents != 0) AcceptClient();
     }
 }

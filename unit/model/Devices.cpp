@@ -29,15 +29,12 @@ std::uint32_t MillisecondsBetween(TimePoint start, TimePoint now) {
         std::chrono::duration_cast<std::chrono::milliseconds>(now - start).count());
 }
 
-}  // namespace
-
-std::int16_t WaveSource::NextNoise() {
-    noise ^= noise << 13U;
-    noise ^= noise >> 17U;
-    noise ^= noise << 5U;
-    constexpr std::uint32_t kValues = 2 * kWavePeak + 1;
-    return static_cast<std::int16_t>(static_cast<std::int32_t>(noise % kValues) - kWavePeak);
+// Each device has noise of its own.
+WaveSource WaveOf(const DeviceSettings& settings, std::uint32_t seed) {
+    return {settings.waveform, Random(seed, settings.name)};
 }
+
+}  // namespace
 
 std::int16_t WaveSource::NextSample() {
     const int at = phase;
@@ -51,7 +48,8 @@ std::int16_t WaveSource::NextSample() {
         case Waveform::kSquare:
             return at < kWavePeriod / 2 ? kWavePeak : static_cast<std::int16_t>(-kWavePeak);
         case Waveform::kNoise:
-            return NextNoise();
+            return static_cast<std::int16_t>(
+                static_cast<std::int32_t>(noise.Below(2 * kWavePeak + 1)) - kWavePeak);
     }
     return 0;
 }
@@ -98,8 +96,8 @@ void Pacer::Advance(TimePoint now) {
     if (Due() < now - kMaxBacklog) Start(now - kMaxBacklog);
 }
 
-DeviceModel::DeviceModel(TimePoint opened, std::size_t blockSize, double rate, Waveform waveform)
-    : openedAt(opened), pacer(rate), wave(waveform), lastBlock(blockSize) {}
+DeviceModel::DeviceModel(TimePoint opened, std::size_t blockSize, double rate, WaveSource wave_)
+    : openedAt(opened), pacer(rate), wave(wave_), lastBlock(blockSize) {}
 
 TimePoint DeviceModel::NextDue() const {
     return answers.empty() ? pacer.Due() : std::min(answers.front().due, pacer.Due());
@@ -129,8 +127,8 @@ void DeviceModel::Answer(std::vector<std::uint8_t> bytes, TimePoint due) {
 
 void DeviceModel::FinishAnswer(std::span<std::uint8_t> /*answer*/, TimePoint /*now*/) {}
 
-StreamSensor::StreamSensor(const DeviceSettings& settings, TimePoint opened)
-    : DeviceModel(opened, settings.blockSize, settings.rate, settings.waveform),
+StreamSensor::StreamSensor(const DeviceSettings& settings, TimePoint opened, std::uint32_t seed)
+    : DeviceModel(opened, settings.blockSize, settings.rate, WaveOf(settings, seed)),
       echo(settings.echo) {
     StartBlocks(opened);
 }
@@ -144,8 +142,8 @@ void StreamSensor::MakeBlock(std::span<std::uint8_t> block, std::uint32_t millis
     SealPacket(block);
 }
 
-HidSensor::HidSensor(const DeviceSettings& settings, TimePoint opened)
-    : DeviceModel(opened, kHidReportSize, settings.rate, settings.waveform),
+HidSensor::HidSensor(const DeviceSettings& settings, TimePoint opened, std::uint32_t seed)
+    : DeviceModel(opened, kHidReportSize, settings.rate, WaveOf(settings, seed)),
       type(static_cast<std::uint8_t>(settings.type)),
       echo(settings.echo) {
     StartBlocks(opened);
@@ -172,7 +170,8 @@ void HidSensor::MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseco
 }
 
 DaqBoard::DaqBoard(const DaqSettings& settings_, TimePoint opened)
-    : DeviceModel(opened, settings_.measurementSize, settings_.measurementRate, Waveform::kSine),
+    : DeviceModel(opened, settings_.measurementSize, settings_.measurementRate,
+                  WaveSource(Waveform::kSine, Random(kDefaultSeed, settings_.name))),
       settings(settings_) {}
 
 void DaqBoard::Receive(std::span<const std::uint8_t> bytes, TimePoint now) {

@@ -8,6 +8,7 @@
 #include <span>
 #include <vector>
 
+#include "model/Random.h"
 #include "model/Runtime.h"
 #include "model/Scenario.h"
 
@@ -19,7 +20,8 @@ inline constexpr std::int16_t kWavePeak = 10000;  // largest magnitude of every 
 // Produces the samples of a waveform. One thread at a time.
 class WaveSource {
   public:
-    explicit WaveSource(Waveform waveform_) : waveform(waveform_) {}
+    // `noise_` is used for noise alone.
+    WaveSource(Waveform waveform_, Random noise_) : waveform(waveform_), noise(noise_) {}
 
     [[nodiscard]] std::int16_t NextSample();
 
@@ -27,11 +29,9 @@ class WaveSource {
     void Fill(std::span<std::uint8_t> bytes);
 
   private:
-    [[nodiscard]] std::int16_t NextNoise();
-
     const Waveform waveform;
-    int phase = 0;                     // 0 to kWavePeriod - 1
-    std::uint32_t noise = 0x2545F491;  // xorshift state, never 0
+    Random noise;
+    int phase = 0;  // 0 to kWavePeriod - 1
 };
 
 // Fills `block`, of at least kMinBlockSize bytes, with a packet of samples, leaving out the
@@ -93,7 +93,7 @@ class DeviceModel {
   protected:
     // Opened at `opened`; sends blocks of `blockSize` bytes `rate` times a second once
     // StartBlocks() has been called.
-    DeviceModel(TimePoint opened, std::size_t blockSize, double rate, Waveform waveform);
+    DeviceModel(TimePoint opened, std::size_t blockSize, double rate, WaveSource wave);
 
     void StartBlocks(TimePoint now) { pacer.Start(now); }
 
@@ -128,7 +128,9 @@ class DeviceModel {
 // A byte-stream sensor: sends packets of samples and echoes each write.
 class StreamSensor : public DeviceModel {
   public:
-    StreamSensor(const DeviceSettings& settings, TimePoint opened);
+    // `seed` is for the waveform noise.
+    StreamSensor(const DeviceSettings& settings, TimePoint opened,
+                 std::uint32_t seed = kDefaultSeed);
 
     void Receive(std::span<const std::uint8_t> bytes, TimePoint now) override;
 
@@ -150,7 +152,8 @@ class StreamSensor : public DeviceModel {
 // report with the top bits 10, which repeats bytes 2 to 7 of the request after the type.
 class HidSensor : public DeviceModel {
   public:
-    HidSensor(const DeviceSettings& settings, TimePoint opened);
+    // `seed` is for the waveform noise.
+    HidSensor(const DeviceSettings& settings, TimePoint opened, std::uint32_t seed = kDefaultSeed);
 
     void Receive(std::span<const std::uint8_t> bytes, TimePoint now) override;
 

@@ -10,6 +10,7 @@ bool CountHit(FaultRecord& record, Call call, std::string_view target) {
     if (fault.call != call || (!fault.target.empty() && fault.target != target)) return false;
     if (++record.uses <= fault.skip) return false;
     if (fault.count && record.hits >= *fault.count) return false;
+    if (fault.chance < 100 && record.random.Below(100) >= fault.chance) return false;
     ++record.hits;
     return true;
 }
@@ -50,7 +51,7 @@ void AddTo(FaultEffect& effect, const FaultRecord& record) {
 
 }  // namespace
 
-FaultTable::FaultTable(std::span<const Fault> faults) {
+FaultTable::FaultTable(std::span<const Fault> faults, std::uint32_t seed_) : seed(seed_) {
     for (const auto& fault : faults) Set(fault);
 }
 
@@ -66,7 +67,9 @@ FaultEffect FaultTable::Use(Call call, std::string_view target) {
 
 std::uint32_t FaultTable::Set(const Fault& fault) {
     const MutexLock lock(mutex);
-    records.push_back({.id = ++lastId, .fault = fault});
+    ++lastId;
+    records.push_back(
+        {.id = lastId, .fault = fault, .random = Random(seed, "fault " + std::to_string(lastId))});
     return lastId;
 }
 

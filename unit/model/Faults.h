@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "foundation/Mutex.h"
+#include "model/Random.h"
 #include "model/Runtime.h"
 
 namespace vexa::unit {
@@ -101,13 +102,19 @@ inline constexpr std::array<CallInfo, kCallCount> kCalls = {{
     return call >= Call::kNodeOpen && call <= Call::kNodeIoctl;
 }
 
+[[nodiscard]] constexpr bool IsApplicationCall(Call call) {
+    return call >= Call::kCriInit && call <= Call::kCriTerminate;
+}
+
 // A fault, as a scenario or a user sets it.
 struct Fault {
     Call call = Call::kInit;
     FaultAction action = FaultAction::kFail;
     std::string target = {};                   // device or application; empty: all
+    bool later = false;                        // the target may be attached later
     std::uint32_t skip = 0;                    // calls that it leaves alone first
     std::optional<std::uint32_t> count = {};   // calls that it hits then; nothing: all
+    std::uint32_t chance = 100;                // percent of those calls that it hits, at random
     std::uint32_t ms = 0;                      // for kBlock and kLate
     std::uint32_t bytes = 0;                   // for kShort and kOversize
     std::optional<std::uint32_t> offset = {};  // for kCorrupt; nothing: the middle of the block
@@ -137,6 +144,7 @@ struct FaultRecord {
     Fault fault;
     std::uint64_t uses = 0;  // matching calls, including those that it skipped
     std::uint64_t hits = 0;
+    Random random;
 };
 
 using CallCounts = std::array<std::uint64_t, kCallCount>;
@@ -144,7 +152,8 @@ using CallCounts = std::array<std::uint64_t, kCallCount>;
 // Counts every call and decides which faults hit it. Any thread.
 class VEXA_UNIT_EXPORT FaultTable {
   public:
-    explicit FaultTable(std::span<const Fault> faults = {});
+    // `seed` is for the faults that hit at random.
+    explicit FaultTable(std::span<const Fault> faults = {}, std::uint32_t seed = kDefaultSeed);
 
     // Counts a call, on the device or application `target` if it concerns one.
     [[nodiscard]] FaultEffect Use(Call call, std::string_view target = "");
@@ -161,6 +170,7 @@ class VEXA_UNIT_EXPORT FaultTable {
     [[nodiscard]] CallCounts Uses() const;
 
   private:
+    const std::uint32_t seed;
     mutable Mutex mutex;
     std::vector<FaultRecord> records VEXA_GUARDED_BY(mutex);
     std::uint32_t lastId VEXA_GUARDED_BY(mutex) = 0;

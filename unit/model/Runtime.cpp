@@ -1,5 +1,7 @@
 #include "model/Runtime.h"
 
+#include <unistd.h>
+
 #include <csignal>
 
 namespace vexa::unit {
@@ -20,6 +22,16 @@ void AwaitEnd(std::thread ending) {
     } else {
         ending.join();
     }
+}
+
+void Signal(const testkit::Descriptor& event) {
+    const std::uint64_t one = 1;
+    [[maybe_unused]] const auto written = ::write(event.Get(), &one, sizeof one);
+}
+
+void ClearSignal(const testkit::Descriptor& event) {
+    std::uint64_t signals = 0;
+    [[maybe_unused]] const auto got = ::read(event.Get(), &signals, sizeof signals);
 }
 
 }  // namespace vexa::unit

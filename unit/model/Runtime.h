@@ -7,6 +7,8 @@
 #include <functional>
 #include <thread>
 
+#include "testkit/Descriptor.h"
+
 // Exports from the model's library; everything unmarked stays inside it.
 #define VEXA_UNIT_EXPORT __attribute__((visibility("default")))
 
@@ -25,5 +27,9 @@ inline constexpr TimePoint kNever = TimePoint::max();
 // Joins a thread that has been told to end. On that very thread, in a callback that it runs, only
 // detaches it: the thread ends after the callback has returned.
 void AwaitEnd(std::thread ending);
+
+// For an eventfd, which a thread polls: make it readable, and no longer so.
+void Signal(const testkit::Descriptor& event);
+void ClearSignal(const testkit::Descriptor& event);
 
 }  // namespace vexa::unit

@@ -5,7 +5,6 @@ namespace vexa::unit {
 std::vector<DeviceSettings> DefaultDevices() {
     return {
         {.name = "Accelerometer", .type = 8, .blockSize = 20, .rate = 20},
-        {.name = "Gyroscope", .type = 8, .blockSize = 20, .rate = 10, .waveform = Waveform::kRamp},
         {.name = "Spectrometer",
          .type = 9,
          .blockSize = 40,

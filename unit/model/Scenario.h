@@ -16,6 +16,10 @@ namespace vexa::unit {
 // Device types that the model treats specially; all others are modelled as byte streams.
 inline constexpr std::uint32_t kDaqType = 5;
 [[nodiscard]] constexpr bool IsHidType(std::uint32_t type) { return type >= 2 && type <= 4; }
+// Those of them that hosts can open.
+[[nodiscard]] constexpr bool IsStreamType(std::uint32_t type) {
+    return type == 8 || type == 9 || type == 11;
+}
 
 inline constexpr std::uint32_t kHidReportSize = 8;
 inline constexpr std::uint32_t kMinBlockSize = 10;  // header, time stamp and one sample
@@ -91,7 +95,8 @@ struct LibrarySettings {
 struct CableFlapping {
     std::uint32_t inMs = 1000;
     std::uint32_t outMs = 1000;
-    std::uint32_t times = 0;  // how often it goes out; 0: without end
+    std::uint32_t times = 0;   // how often it goes out; 0: without end
+    std::uint32_t jitter = 0;  // percent by which each time is longer or shorter, at random
 
     bool operator==(const CableFlapping&) const = default;
 };
@@ -110,9 +115,27 @@ struct NodeSettings {
     bool operator==(const NodeSettings&) const = default;
 };
 
+struct TimelineRequest {
+    std::string key;   // in the step
+    std::string line;  // the control request
+
+    bool operator==(const TimelineRequest&) const = default;
+};
+
+// What happens to the unit at a set time.
+struct TimelineStep {
+    std::uint32_t atMs = 0;  // from the start of the unit
+    std::optional<std::uint32_t> repeatMs = {};
+    std::uint32_t times = 0;  // how often it is repeated; 0: without end
+    std::vector<TimelineRequest> requests = {};
+
+    bool operator==(const TimelineStep&) const = default;
+};
+
 using ApplicationMap = std::map<std::string, ApplicationSettings, std::less<>>;
 
-// The seven sensors and one camera of the default unit.
+// The sensors of the default unit, one of each type that hosts can open, and a camera, which they
+// cannot.
 [[nodiscard]] std::vector<DeviceSettings> DefaultDevices();
 // "DAQ", "SPLASH" and "FGEN"; "DAQ" holds the hardware.
 [[nodiscard]] ApplicationMap DefaultApplications();
@@ -125,6 +148,8 @@ struct Scenario {
     LibrarySettings library;
     CableSettings cable;
     std::vector<Fault> faults;
+    std::vector<TimelineStep> timeline;
+    std::uint32_t seed = kDefaultSeed;
     std::string description;
 
     bool operator==(const Scenario&) const = default;

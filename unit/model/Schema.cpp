@@ -1,5 +1,6 @@
 // The settings as a JSON schema and as help.
 #include <cmath>
+#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "model/Settings.h"
@@ -21,14 +22,15 @@ class SchemaMaker {
         return schema;
     }
 
-    // The schema of a section with its default values.
+    // The schema of a section with its default values. Never destroyed, as threads of the unit use
+    // it until the process has ended.
     template <typename Section>
     static const Json& Of() {
-        static const Json schema = [] {
+        static const Json& schema = [] {
             SchemaMaker maker;
             Section section;
             Describe(maker, section);
-            return maker.Schema();
+            return std::ref(*new Json(maker.Schema()));
         }();
         return schema;
     }
@@ -38,6 +40,14 @@ class SchemaMaker {
 
     void Bool(std::string_view key, bool value, std::string_view meaning) {
         Add(key, {{"type", "boolean"}, {"default", value}}, meaning);
+    }
+    void Bool(std::string_view key, const std::optional<bool>&, std::string_view meaning) {
+        Add(key, {{"type", "boolean"}}, meaning);
+    }
+    template <typename Milliseconds>
+    void Duration(std::string_view key, const Milliseconds&, std::uint32_t,
+                  std::string_view meaning, Need need = Need::kOptional) {
+        Add(key, {{"type", "string"}, {"pattern", "^[0-9.]+(ms|s|m|h)?$"}}, meaning, need);
     }
     void Unsigned(std::string_view key, std::uint32_t value, Limits limits,
                   std::string_view meaning, Need need = Need::kOptional) {
@@ -85,6 +95,9 @@ class SchemaMaker {
         for (const auto& call : kCalls) names.push_back(call.name);
         Add(key, {{"enum", names}}, meaning, Need::kRequired);
     }
+    void CallName(std::string_view key, const std::optional<Call>&, std::string_view meaning) {
+        Add(key, {{"type", "string"}}, meaning);
+    }
     void Numbers(std::string_view key, const std::set<std::uint32_t>&, std::string_view meaning) {
         Add(key, {{"type", "array"}, {"items", Number(0, kMaxUnsigned)}}, meaning);
     }
@@ -128,6 +141,19 @@ class SchemaMaker {
             meaning);
     }
 
+    template <typename Section>
+    void Request(std::string_view key, std::string_view, const TimelineStep&,
+                 std::string_view meaning) {
+        Add(key, Of<Section>(), meaning);
+    }
+    void NamedRequest(std::string_view key, std::string_view, std::string_view, const TimelineStep&,
+                      std::string_view meaning) {
+        Add(key, {{"type", "string"}}, meaning);
+    }
+    void ApplicationRequests(std::string_view key, const TimelineStep&, std::string_view meaning) {
+        Members(key, DefaultApplications(), meaning);
+    }
+
   private:
     static Json Number(std::int64_t least, std::int64_t most) {
         return {{"type", "integer"}, {"minimum", least}, {"maximum", most}};
@@ -167,6 +193,7 @@ const Json& SchemaNamed(const std::string& name) {
     if (name == "daq") return SchemaMaker::Of<DaqSettings>();
     if (name == "application") return SchemaMaker::Of<ApplicationSettings>();
     if (name == "fault") return SchemaMaker::Of<Fault>();
+    if (name == "wait") return SchemaMaker::Of<WaitSettings>();
     return SchemaMaker::Of<CableFlapping>();
 }
 
@@ -202,6 +229,8 @@ template std::vector<std::string_view> KeysOf<ApplicationSettings>();
 template std::vector<std::string_view> KeysOf<CableFlapping>();
 template std::vector<std::string_view> KeysOf<CableSettings>();
 template std::vector<std::string_view> KeysOf<Fault>();
+template std::vector<std::string_view> KeysOf<TimelineStep>();
+template std::vector<std::string_view> KeysOf<WaitSettings>();
 template std::vector<std::string_view> KeysOf<NodeSettings>();
 template std::vector<std::string_view> KeysOf<LibrarySettings>();
 template std::vector<std::string_view> KeysOf<Scenario>();

@@ -31,6 +31,14 @@ class SettingsReader {
     void Bool(std::string_view key, bool& value, std::string_view) const {
         if (json.Has(key)) value = json.Member(key).Bool();
     }
+    void Bool(std::string_view key, std::optional<bool>& value, std::string_view) const {
+        if (json.Has(key)) value = json.Member(key).Bool();
+    }
+    template <typename Milliseconds>
+    void Duration(std::string_view key, Milliseconds& ms, std::uint32_t least, std::string_view,
+                  Need need = Need::kOptional) const {
+        if (IsGiven(key, need)) ms = json.Member(key).DurationMs(least);
+    }
     void Unsigned(std::string_view key, std::uint32_t& value, Limits limits, std::string_view,
                   Need need = Need::kOptional) const {
         if (IsGiven(key, need)) value = json.Member(key).Unsigned(limits.least, limits.most);
@@ -63,6 +71,9 @@ class SettingsReader {
     }
     void CallName(std::string_view key, Call& value, std::string_view) const {
         value = ReadCall(json, key);
+    }
+    void CallName(std::string_view key, std::optional<Call>& value, std::string_view) const {
+        if (json.Has(key)) value = ReadCall(json, key);
     }
     void Numbers(std::string_view key, std::set<std::uint32_t>& value, std::string_view) const {
         if (!json.Has(key)) return;
@@ -123,7 +134,38 @@ class SettingsReader {
         });
     }
 
+    // The requests of a timeline are only put together here; CheckTimeline reads them.
+    template <typename Section>
+    void Request(std::string_view key, std::string_view verb, TimelineStep& step,
+                 std::string_view) const {
+        if (!json.Has(key)) return;
+        json.Member(key).RequireKeys(KeysOf<Section>());
+        AddRequest(step, std::string(key), verb, json.Member(key).Value());
+    }
+    void NamedRequest(std::string_view key, std::string_view verb, std::string_view member,
+                      TimelineStep& step, std::string_view) const {
+        if (!json.Has(key)) return;
+        const std::string name = json.Member(key).Name();
+        Json request = Json::object();
+        if (member != "call" || name != "all") request[std::string(member)] = name;
+        AddRequest(step, std::string(key), verb, std::move(request));
+    }
+    void ApplicationRequests(std::string_view key, TimelineStep& step, std::string_view) const {
+        if (!json.Has(key)) return;
+        json.Member(key).EachMember([&](const std::string& name, const CheckedJson& settings) {
+            settings.RequireKeys(KeysOf<ApplicationSettings>());
+            Json request = settings.Value();
+            request["name"] = name;
+            AddRequest(step, std::string(key) + "." + name, "app", std::move(request));
+        });
+    }
+
   private:
+    static void AddRequest(TimelineStep& step, std::string key, std::string_view verb,
+                           Json request) {
+        request["request"] = verb;
+        step.requests.push_back({std::move(key), ToLine(request)});
+    }
     [[nodiscard]] bool IsGiven(std::string_view key, Need need) const {
         return need == Need::kRequired || json.Has(key);
     }
@@ -195,6 +237,14 @@ class SettingsWriter {
     void Put(std::string_view key, Json value) { json[std::string(key)] = std::move(value); }
 };
 
+void CheckTargets(const CheckedJson& json, const Scenario& scenario) {
+    if (!json.Has("faults")) return;
+    const UnitSettings settings{scenario.devices, scenario.daq, scenario.applications};
+    auto fault = scenario.faults.begin();
+    json.Member("faults").EachElement(
+        [&](const CheckedJson& element) { CheckTarget(element, *fault++, settings); });
+}
+
 // Devices are opened by name, so no two may share one.
 void RequireDistinctNames(const Scenario& scenario) {
     std::set<std::string> names{scenario.daq.name};
@@ -228,6 +278,7 @@ template void ReadSettings(const CheckedJson&, DaqSettings&);
 template void ReadSettings(const CheckedJson&, ApplicationSettings&);
 template void ReadSettings(const CheckedJson&, CableSettings&);
 template void ReadSettings(const CheckedJson&, Fault&);
+template void ReadSettings(const CheckedJson&, WaitSettings&);
 template Json SettingsToJson(const DeviceSettings&);
 template Json SettingsToJson(const DaqSettings&);
 template Json SettingsToJson(const ApplicationSettings&);
@@ -256,6 +307,8 @@ std::variant<Scenario, ScenarioError> LoadScenario(const std::string& path) {
         Scenario scenario;
         ReadSettings(CheckedJson(json, ""), scenario);
         RequireDistinctNames(scenario);
+        CheckTargets(CheckedJson(json, ""), scenario);
+        CheckTimeline(scenario);
         return scenario;
     } catch (const JsonError& error) {
         return ScenarioError{path + ": " + error.what()};

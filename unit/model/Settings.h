@@ -24,11 +24,12 @@ struct ScenarioError {
 // The JSON schema of scenario files, as text.
 [[nodiscard]] std::string ScenarioSchemaText();
 
-// What the keys of "device", "daq", "application", "cable" or "fault" mean, a line each, for help;
-// without the keys in `except`.
+// What the keys of "device", "daq", "application", "cable", "fault" or "wait" mean, a line each,
+// for help; without the keys in `except`.
 [[nodiscard]] std::string SettingsHelp(const std::string& of, std::string_view except = "");
 
-// The two below: for DeviceSettings, DaqSettings, ApplicationSettings, CableSettings and Fault.
+// The two below: for DeviceSettings, DaqSettings, ApplicationSettings, CableSettings and Fault; the
+// first also for WaitSettings.
 
 // Changes in `settings` what `json` gives; the rest stays. Throws JsonError at the first thing that
 // is wrong; `settings` is of no use then.

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "model/Requests.h"
 #include "model/Scenario.h"
 
 namespace vexa::unit {
@@ -27,30 +28,39 @@ inline constexpr Limits kTime = {1, kMaxDelayMs};
 
 enum class Need { kOptional, kRequired };
 
+// The tables of words are functions: a table that is destroyed at the end of the process would be
+// missed by the unit's threads, which run until then.
 template <typename Value>
 using Words = std::vector<std::pair<std::string_view, Value>>;
 
-inline const Words<Waveform> kWaveforms = {{"sine", Waveform::kSine},
-                                           {"ramp", Waveform::kRamp},
-                                           {"square", Waveform::kSquare},
-                                           {"noise", Waveform::kNoise}};
+inline Words<Waveform> Waveforms() {
+    return {{"sine", Waveform::kSine},
+            {"ramp", Waveform::kRamp},
+            {"square", Waveform::kSquare},
+            {"noise", Waveform::kNoise}};
+}
 
-inline const Words<StrayTime> kStrayTimes = {{"interval", StrayTime::kInterval},
-                                             {"before", StrayTime::kBeforeAnswer},
-                                             {"after", StrayTime::kAfterAnswer}};
+inline Words<StrayTime> StrayTimes() {
+    return {{"interval", StrayTime::kInterval},
+            {"before", StrayTime::kBeforeAnswer},
+            {"after", StrayTime::kAfterAnswer}};
+}
 
-inline const Words<FaultAction> kActions = {
-    {"fail", FaultAction::kFail},         {"block", FaultAction::kBlock},
-    {"late", FaultAction::kLate},         {"short", FaultAction::kShort},
-    {"oversize", FaultAction::kOversize}, {"corrupt", FaultAction::kCorrupt},
-    {"data", FaultAction::kData}};
+inline Words<FaultAction> Actions() {
+    return {{"fail", FaultAction::kFail},         {"block", FaultAction::kBlock},
+            {"late", FaultAction::kLate},         {"short", FaultAction::kShort},
+            {"oversize", FaultAction::kOversize}, {"corrupt", FaultAction::kCorrupt},
+            {"data", FaultAction::kData}};
+}
 
-inline const Words<int> kErrors = {
-    {"EACCES", EACCES}, {"EAGAIN", EAGAIN}, {"EBADF", EBADF},         {"EBUSY", EBUSY},
-    {"EFAULT", EFAULT}, {"EINTR", EINTR},   {"EINVAL", EINVAL},       {"EIO", EIO},
-    {"EMFILE", EMFILE}, {"ENODEV", ENODEV}, {"ENOENT", ENOENT},       {"ENOMEM", ENOMEM},
-    {"ENOSPC", ENOSPC}, {"ENOTTY", ENOTTY}, {"ENXIO", ENXIO},         {"EPERM", EPERM},
-    {"EPIPE", EPIPE},   {"EPROTO", EPROTO}, {"ESHUTDOWN", ESHUTDOWN}, {"ETIMEDOUT", ETIMEDOUT}};
+inline Words<int> Errors() {
+    return {
+        {"EACCES", EACCES}, {"EAGAIN", EAGAIN}, {"EBADF", EBADF},         {"EBUSY", EBUSY},
+        {"EFAULT", EFAULT}, {"EINTR", EINTR},   {"EINVAL", EINVAL},       {"EIO", EIO},
+        {"EMFILE", EMFILE}, {"ENODEV", ENODEV}, {"ENOENT", ENOENT},       {"ENOMEM", ENOMEM},
+        {"ENOSPC", ENOSPC}, {"ENOTTY", ENOTTY}, {"ENXIO", ENXIO},         {"EPERM", EPERM},
+        {"EPIPE", EPIPE},   {"EPROTO", EPROTO}, {"ESHUTDOWN", ESHUTDOWN}, {"ETIMEDOUT", ETIMEDOUT}};
+}
 
 // The word that stands for `value`, which must have one.
 template <typename Value>
@@ -67,7 +77,7 @@ template <typename Value>
 
 inline Words<FaultAction> ActionsOf(Call call) {
     Words<FaultAction> possible;
-    for (const auto& word : kActions) {
+    for (const auto& word : Actions()) {
         if ((InfoOf(call).actions & Bits(word.second)) != 0) possible.push_back(word);
     }
     return possible;
@@ -91,7 +101,7 @@ void Describe(Visitor& visit, DeviceSettings& device) {
                    {small ? kHidReportSize : kMinBlockSize, large ? kMaxBlockSize : kHidReportSize},
                    "bytes in a block; at least 10, for HID types 8");
     visit.Rate("rate", device.rate, "blocks per second; 0: none by itself");
-    visit.Choice("waveform", device.waveform, kWaveforms, "waveform of the samples");
+    visit.Choice("waveform", device.waveform, Waveforms(), "waveform of the samples");
     visit.Bool("echo", device.echo, "sends back what is written to it");
 }
 
@@ -112,7 +122,7 @@ void Describe(Visitor& visit, DaqSettings& daq) {
 
 template <typename Visitor>
 void Describe(Visitor& visit, Stray& stray) {
-    visit.Choice("when", stray.when, kStrayTimes, "at intervals, or before or after each answer");
+    visit.Choice("when", stray.when, StrayTimes(), "at intervals, or before or after each answer");
     if (visit.Shows(stray.when == StrayTime::kInterval)) {
         visit.Unsigned("intervalMs", stray.intervalMs, kTime, "ms from one to the next");
     }
@@ -138,6 +148,8 @@ void Describe(Visitor& visit, CableFlapping& flapping) {
     visit.Unsigned("inMs", flapping.inMs, kTime, "ms that it is in");
     visit.Unsigned("outMs", flapping.outMs, kTime, "ms that it is out");
     visit.Unsigned("times", flapping.times, kAnyNumber, "how often it goes out; 0: without end");
+    visit.Unsigned("jitter", flapping.jitter, {0, 100},
+                   "percent by which each time is longer or shorter, at random");
 }
 
 template <typename Visitor>
@@ -150,16 +162,23 @@ template <typename Visitor>
 void Describe(Visitor& visit, Fault& fault) {
     const auto is = [&](FaultAction action) { return fault.action == action; };
     visit.CallName("call", fault.call, "the call that it is set on");
-    visit.Choice("action", fault.action, Visitor::kCoversAll ? kActions : ActionsOf(fault.call),
+    visit.Choice("action", fault.action, Visitor::kCoversAll ? Actions() : ActionsOf(fault.call),
                  "what happens to the call", Need::kRequired);
     if (visit.Applies("for", InfoOf(fault.call).named,
                       "calls that concern one device or application")) {
         visit.Name("for", fault.target, "only for this device or application");
     }
+    if (visit.Applies("later", !fault.target.empty(), "\"for\"") && visit.Shows(fault.later)) {
+        visit.Bool("later", fault.later, "the device may be attached later");
+    }
     if (visit.Shows(fault.skip != 0)) {
         visit.Unsigned("skip", fault.skip, kAnyNumber, "calls that it leaves alone first");
     }
     visit.Unsigned("count", fault.count, {1, kMaxUnsigned}, "calls that it hits then; default all");
+    if (visit.Shows(fault.chance != 100)) {
+        visit.Unsigned("chance", fault.chance, {1, 100},
+                       "percent of those calls that it hits, at random");
+    }
     if (visit.Applies("ms", (Bits(fault.action) & kTimedActions) != 0, "block and late")) {
         visit.Unsigned("ms", fault.ms, kTime, "how long to block, or how late to return",
                        Need::kRequired);
@@ -177,8 +196,46 @@ void Describe(Visitor& visit, Fault& fault) {
     }
     if (visit.Applies("errno", is(FaultAction::kFail) && IsNodeCall(fault.call),
                       "fail of the calls node.*")) {
-        visit.Choice("errno", fault.error, kErrors, "how the call fails");
+        visit.Choice("errno", fault.error, Errors(), "how the call fails");
     }
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, TimelineStep& step) {
+    visit.Duration("at", step.atMs, 0, "when, counted from the start of the unit: \"5s\"",
+                   Need::kRequired);
+    visit.Duration("repeat", step.repeatMs, 1, "again, each time that so much has passed");
+    if (visit.Applies("times", step.repeatMs.has_value(), "\"repeat\"")) {
+        visit.Unsigned("times", step.times, kAnyNumber, "how often it is repeated; 0: without end");
+    }
+    visit.template Request<CableSettings>("cable", "cable", step, "changes the cable");
+    visit.template Request<DeviceSettings>("attach", "attach", step,
+                                           "attaches a device: a known one, or a new one");
+    visit.NamedRequest("detach", "detach", "name", step, "detaches the device of that name");
+    visit.template Request<DaqSettings>("daq", "daq", step, "changes the acquisition board");
+    visit.ApplicationRequests("applications", step, "changes applications");
+    visit.template Request<Fault>("fault", "fault.set", step, "sets a fault");
+    visit.NamedRequest("clear", "fault.clear", "call", step,
+                       "clears the faults of that call, or \"all\"");
+}
+
+template <typename Visitor>
+void Describe(Visitor& visit, WaitSettings& wait) {
+    visit.Name("open", wait.open, "the device has an open stream");
+    visit.Name("streaming", wait.streaming, "the host has got a block of the device");
+    visit.Name("closed", wait.closed, "the device has no open stream");
+    visit.CallName("call", wait.call, "the call has been made");
+    if (visit.Applies("count", wait.call.has_value(), "\"call\"")) {
+        visit.Unsigned("count", wait.count, {1, kMaxUnsigned}, "that often; default 1");
+    }
+    visit.Bool("host", wait.host, "true: a host is connected; false: none is");
+    visit.Bool("cable", wait.cable, "true: hosts can plug in; false: they cannot");
+    visit.Bool("daq", wait.daq, "true: the service is linked to the board; false: it is not");
+    visit.Unsigned("bytesToHost", wait.bytesToHost, kAnyNumber, "so many bytes have been sent");
+    visit.Unsigned("bytesFromHost", wait.bytesFromHost, kAnyNumber,
+                   "so many bytes have been received");
+    visit.Duration("for", wait.forMs, 0, "how long to wait at most; default \"10s\"",
+                   Need::kOptional);
 }
 
 template <typename Visitor>
@@ -203,6 +260,9 @@ void Describe(Visitor& visit, Scenario& scenario) {
     visit.Object("library", scenario.library, "the device-access library");
     visit.Object("cable", scenario.cable, "the cable to the host");
     visit.List("faults", scenario.faults, "faults that are set from the start");
+    visit.List("timeline", scenario.timeline, "what happens later, and when");
+    visit.Unsigned("seed", scenario.seed, kAnyNumber,
+                   "of all that is random: noise, faults by chance, irregular flapping");
 }
 
 // The keys of a section.

@@ -12,6 +12,7 @@
 #include <variant>
 
 #include "model/ControlRequests.h"
+#include "model/Events.h"
 #include "model/Settings.h"
 #include "model/UnitSocket.h"
 
@@ -66,7 +67,8 @@ auto OrEndProcess(Make make) {
 
 Unit::Unit(const Scenario& scenario)
     : calls(Variable(kCallLogVariable)),
-      faults(scenario.faults),
+      seed(scenario.seed),
+      faults(scenario.faults, scenario.seed),
       vexa(scenario, faults),
       cri(scenario.applications),
       nodePresent(scenario.node.present),
@@ -75,6 +77,12 @@ Unit::Unit(const Scenario& scenario)
     control = std::make_unique<ControlServer>(
         SocketOfEnvironment(kControlSocketVariable, ControlSocketPath),
         [this](const std::string& line) { return AnswerControlLine(*this, line); });
+    publisher = control.get();
+    if (scenario.timeline.empty()) return;
+    timeline = std::make_unique<Timeline>(scenario.timeline, [this](const std::string& request) {
+        calls.Write("timeline " + request);
+        (void)AnswerControlLine(*this, request);  // checked when the scenario was read
+    });
 }
 
 Unit& Unit::Instance() {
@@ -88,9 +96,11 @@ Cable& Unit::HostCable() {
     const MutexLock lock(cableMutex);
     if (cable == nullptr) {
         cable = OrEndProcess([this, settings = cableSettings] {
-            return std::make_unique<Cable>(
-                SocketOfEnvironment(kHostSocketVariable, HostSocketPath), settings,
-                [this](bool in) { calls.Write(in ? "cable in" : "cable out"); });
+            return std::make_unique<Cable>(SocketOfEnvironment(kHostSocketVariable, HostSocketPath),
+                                           settings, seed, [this](bool in) {
+                                               calls.Write(in ? "cable in" : "cable out");
+                                               ReportCable(*this, in);
+                                           });
         });
         servedCable = cable.get();
     }
@@ -105,8 +115,19 @@ void Unit::ChangeCable(const CableSettings& settings) {
 
 CableState Unit::StateOfCable() const {
     const MutexLock lock(cableMutex);
-    if (cable == nullptr) return {cableSettings, false, {}};
-    return {cableSettings, cable->IsIn(), cable->Counts()};
+    if (cable == nullptr) return {cableSettings, false, cableSettings.in, {}};
+    return {cableSettings, cable->IsIn(), cable->MayBeIn(), cable->Counts()};
+}
+
+UnitSettings Unit::Settings() const { return {vexa.Devices(), vexa.Daq(), cri.Applications()}; }
+
+void Unit::Publish(const Json& event) {
+    if (ControlServer* const server = publisher) server->Publish(ToLine(event));
+}
+
+bool Unit::HasListeners() const {
+    const ControlServer* const server = publisher;
+    return server != nullptr && server->HasListeners();
 }
 
 }  // namespace vexa::unit

@@ -8,10 +8,13 @@
 #include "foundation/Mutex.h"
 #include "model/Cable.h"
 #include "model/CallLog.h"
+#include "model/CheckedJson.h"
 #include "model/ControlServer.h"
 #include "model/CriLibrary.h"
 #include "model/Faults.h"
+#include "model/Requests.h"
 #include "model/Scenario.h"
+#include "model/Timeline.h"
 #include "model/VexaLibrary.h"
 
 namespace vexa::unit {
@@ -19,6 +22,7 @@ namespace vexa::unit {
 struct CableState {
     CableSettings settings;
     bool hostConnected = false;
+    bool mayPlugIn = true;
     CableCounts counts;
 };
 
@@ -43,10 +47,19 @@ class VEXA_UNIT_EXPORT Unit {
     void ChangeCable(const CableSettings& settings);
     [[nodiscard]] CableState StateOfCable() const;
 
+    // What requests refer to, as it is now.
+    [[nodiscard]] UnitSettings Settings() const;
+    [[nodiscard]] std::uint32_t Seed() const { return seed; }
+
+    // Sends an event to everyone who listens on the control socket.
+    void Publish(const Json& event);
+    [[nodiscard]] bool HasListeners() const;
+
   private:
     explicit Unit(const Scenario& scenario);
 
     const CallLog calls;
+    const std::uint32_t seed;
     FaultTable faults;
     VexaLibrary vexa;
     CriLibrary cri;
@@ -55,7 +68,10 @@ class VEXA_UNIT_EXPORT Unit {
     CableSettings cableSettings VEXA_GUARDED_BY(cableMutex);
     std::unique_ptr<Cable> cable VEXA_GUARDED_BY(cableMutex);  // set once
     std::atomic<Cable*> servedCable = nullptr;                 // the same, for use without the lock
-    std::unique_ptr<ControlServer> control;  // last, as its thread uses all the others; may be none
+    // Last, as their threads use all the others; may be none.
+    std::unique_ptr<ControlServer> control;
+    std::atomic<ControlServer*> publisher = nullptr;  // the same, for use on its own thread as well
+    std::unique_ptr<Timeline> timeline;
 };
 
 }  // namespace vexa::unit

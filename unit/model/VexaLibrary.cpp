@@ -4,7 +4,11 @@
 namespace vexa::unit {
 
 VexaLibrary::VexaLibrary(const Scenario& scenario, FaultTable& faults_)
-    : settings(scenario.library), faults(faults_), devices(scenario.devices), daq(scenario.daq) {}
+    : settings(scenario.library),
+      seed(scenario.seed),
+      faults(faults_),
+      devices(scenario.devices),
+      daq(scenario.daq) {}
 
 std::uint32_t VexaLibrary::Init() {
     if (settings.initFails) return 0;
@@ -68,8 +72,8 @@ std::unique_ptr<DeviceModel> VexaLibrary::MakeModel(std::string_view name) const
     const TimePoint now = Clock::now();
     if (name == daq.name) return std::make_unique<DaqBoard>(daq, now);
     const auto& device = *std::ranges::find(devices, name, &DeviceSettings::name);
-    if (IsHidType(device.type)) return std::make_unique<HidSensor>(device, now);
-    return std::make_unique<StreamSensor>(device, now);
+    if (IsHidType(device.type)) return std::make_unique<HidSensor>(device, now, seed);
+    return std::make_unique<StreamSensor>(device, now, seed);
 }
 
 std::optional<Snapshot> VexaLibrary::OpenSnapshot(std::uint32_t library, std::uint32_t type) {

@@ -121,6 +121,7 @@ class VEXA_UNIT_EXPORT VexaLibrary {
     [[nodiscard]] std::shared_ptr<DeviceStream> FindStream(std::uint32_t stream) const;
 
     const LibrarySettings settings;
+    const std::uint32_t seed;
     FaultTable& faults;
     mutable Mutex mutex;  // never held during a callback
     std::vector<DeviceSettings> devices VEXA_GUARDED_BY(mutex);

@@ -33,7 +33,7 @@ void ControlClient::Send(std::string line) const {
     }
 }
 
-std::string ControlClient::ReceiveLine() {
+std::optional<std::string> ControlClient::ReceiveLine(int timeoutMs) {
     while (true) {
         if (const auto end = received.find('\n'); end != std::string::npos) {
             std::string line = received.substr(0, end);
@@ -41,20 +41,24 @@ std::string ControlClient::ReceiveLine() {
             return line;
         }
         pollfd entry{connection.Get(), POLLIN, 0};
-        if (::poll(&entry, 1, kAnswerTimeoutMs) == 0) {
+        if (::poll(&entry, 1, timeoutMs) == 0) {
             throw UserError("the unit in " + folder +
                             " does not answer; its program may not have used a library yet");
         }
         std::array<char, 65536> chunk{};
         const auto got = ::recv(connection.Get(), chunk.data(), chunk.size(), 0);
-        if (got <= 0) throw UserError("the unit in " + folder + " has ended");
+        if (got <= 0) return std::nullopt;
         received.append(chunk.data(), static_cast<std::size_t>(got));
     }
 }
 
-std::string ControlClient::Ask(const std::string& line) {
+std::string ControlClient::Ask(const std::string& line, bool isWait) {
     Send(line);
-    return ReceiveLine();
+    const auto answer = ReceiveLine(isWait ? -1 : kAnswerTimeoutMs);
+    if (!answer) throw UserError("the unit in " + folder + " has ended");
+    return *answer;
 }
+
+std::optional<std::string> ControlClient::Receive() { return ReceiveLine(-1); }
 
 }  // namespace vexa::unit

@@ -1,6 +1,7 @@
 // A connection to a running unit's control socket.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "testkit/Descriptor.h"
@@ -14,12 +15,16 @@ class ControlClient {
     explicit ControlClient(const std::string& folder);
 
     // Sends a request and returns the answer, both as a line without the line feed. Throws
-    // UserError when the unit ends or does not answer.
-    [[nodiscard]] std::string Ask(const std::string& line);
+    // UserError when the unit ends or does not answer in 10 s; `isWait`: it may take any time.
+    [[nodiscard]] std::string Ask(const std::string& line, bool isWait = false);
+
+    // The next line that the unit sends, whenever that is; nothing once the unit has ended.
+    [[nodiscard]] std::optional<std::string> Receive();
 
   private:
     void Send(std::string line) const;
-    [[nodiscard]] std::string ReceiveLine();
+    // Waits for a line, at most `timeoutMs` (-1: without end).
+    [[nodiscard]] std::optional<std::string> ReceiveLine(int timeoutMs);
 
     const std::string folder;
     testkit::Descriptor connection;

@@ -1,6 +1,7 @@
 #include "run/ControlCommand.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -15,11 +16,10 @@ namespace vexa::unit {
 
 namespace {
 
-constexpr int kRefusedStatus = 1;
-
 // A value as typed: JSON if it is valid, else text. A name is text even if it looks like JSON.
 Json ValueOf(const std::string& key, const std::string& text) {
-    if (key == "for") return text;
+    constexpr std::array<std::string_view, 4> kNames = {"for", "open", "streaming", "closed"};
+    if (std::ranges::find(kNames, key) != kNames.end()) return text;
     Json value = Json::parse(text, nullptr, false);
     return value.is_discarded() ? Json(text) : value;
 }
@@ -102,10 +102,27 @@ std::string Section(std::string_view heading, const Json& list, const char* name
     return list.empty() ? text + "  none\n" : text;
 }
 
+// What a host gets that opens a device by its name, where that is not the device itself.
+std::string OpensText(const Json& device) {
+    const Json& opens = device["opens"];
+    if (opens == device["name"]) return "";
+    return opens.is_null() ? "; hosts cannot open it" : "; hosts get " + Text(opens) + " instead";
+}
+
+std::string DevicesText(const Json& devices) {
+    std::string text = "devices\n";
+    for (const auto& device : devices) {
+        text += "  " + Padded(Text(device["name"]), kNameWidth) + "  " +
+                Members(device, {"name", "opens"}) + OpensText(device) + "\n";
+    }
+    return devices.empty() ? text + "  none\n" : text;
+}
+
 std::string StateText(const Json& state) {
     std::string text = "cable     " + Members(state["cable"], {}) + "\n";
     text += "daq       " + Members(state["daq"], {}) + "\n";
-    text += Section("devices", state["devices"], "name");
+    text += "seed      " + Text(state["seed"]) + "\n";
+    text += DevicesText(state["devices"]);
     text += Section("streams", state["streams"], "device");
     text += Section("applications", state["applications"], "name");
     text += "faults\n";
@@ -130,13 +147,31 @@ std::string AnswerText(const Json& answer) {
 
 bool IsGood(const Json& answer) { return answer.value("ok", false); }
 
+int StatusOf(const Json& answer) {
+    if (IsGood(answer)) return 0;
+    return answer.value("timeout", false) ? kTimeoutStatus : kRefusedStatus;
+}
+
+// Whether the answer to a request may take any time.
+bool IsWait(const Json& request) {
+    return request.is_object() && request.value("request", Json()) == "wait";
+}
+
+// Prints events until the unit ends, or standard output takes no more.
+void PrintEvents(ControlClient& unit) {
+    while (const auto event = unit.Receive()) {
+        std::printf("%s\n", event->c_str());
+        if (std::fflush(stdout) != 0) return;
+    }
+}
+
 int SendRaw(ControlClient& unit, const std::string& raw) {
     int status = 0;
     const auto send = [&](const std::string& line) {
-        const std::string answer = unit.Ask(line);
+        const std::string answer = unit.Ask(line, IsWait(Json::parse(line, nullptr, false)));
         std::printf("%s\n", answer.c_str());
         std::fflush(stdout);
-        if (!IsGood(ParseAnswer(answer))) status = kRefusedStatus;
+        if (const int failed = StatusOf(ParseAnswer(answer)); failed != 0) status = failed;
     };
     if (raw != "-") {
         send(raw);
@@ -165,16 +200,18 @@ int ControlUnit(const ControlOptions& options) {
     ControlClient unit(options.folder);
     if (!options.raw.empty()) return SendRaw(unit, options.raw);
 
-    const std::string line = unit.Ask(ToLine(request));
+    const std::string line = unit.Ask(ToLine(request), IsWait(request));
     const auto answer = ParseAnswer(line);
-    if (options.json) {
+    if (options.request.verb == "events" && IsGood(answer)) {
+        PrintEvents(unit);
+    } else if (options.json) {
         std::printf("%s\n", line.c_str());
     } else if (IsGood(answer)) {
         std::fputs(AnswerText(answer).c_str(), stdout);
     } else {
         std::fprintf(stderr, "vexa-unit: %s\n", answer.value("error", "refused").c_str());
     }
-    return IsGood(answer) ? 0 : kRefusedStatus;
+    return StatusOf(answer);
 }
 
 }  // namespace vexa::unit

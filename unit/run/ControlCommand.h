@@ -25,8 +25,9 @@ struct ControlOptions {
 // The folder of the unit when none is given.
 [[nodiscard]] std::string DefaultUnitFolder();
 
-// Sends the request, or `raw` if it is given, and prints the answer. Returns the exit status: 0, or
-// 1 when the unit refuses. Throws UserError when the request is malformed or no unit answers.
+// Sends the request, or `raw` if it is given, and prints the answer. Returns the exit status: 0,
+// kRefusedStatus or kTimeoutStatus. Throws UserError when the request is malformed or no unit
+// answers.
 [[nodiscard]] int ControlUnit(const ControlOptions& options);
 
 }  // namespace vexa::unit

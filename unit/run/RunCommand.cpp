@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <sstream>
 #include <system_error>
 #include <variant>
 
@@ -90,6 +91,61 @@ void CheckCallLog(const std::string& path) {
     std::fclose(file);
 }
 
+// A unit's own libraries: the names by which the program asks for them, and the files; empty: the
+// stand-in.
+struct OwnLibrary {
+    const char* name;
+    const char* option;
+    std::string file;
+};
+
+std::array<OwnLibrary, 2> OwnLibraries(const RunOptions& options) {
+    std::array<OwnLibrary, 2> libraries = {
+        {{"libVEXA.so", "--vexa", options.vexa}, {"libvexcri.so", "--vexcri", options.vexcri}}};
+    for (auto& [name, option, file] : libraries) {
+        if (file.empty()) continue;
+        std::error_code error;
+        const fs::path found = fs::canonical(file, error);
+        if (error) throw UserError(std::string(option) + " " + file + ": " + error.message());
+        file = found;
+    }
+    return libraries;
+}
+
+// Where the dynamic linker looks: for a unit's own libraries in the unit's folder, which has links
+// to them, for the stand-ins, and for what the unit's own libraries may need, beside them.
+std::string LibraryPath(const UnitFolder& folder, const std::string& standIns,
+                        const std::array<OwnLibrary, 2>& libraries) {
+    std::string path = standIns;
+    bool areAny = false;
+    for (const auto& library : libraries) {
+        if (library.file.empty()) continue;
+        areAny = true;
+        path += ":" + fs::path(library.file).parent_path().string();
+    }
+    return Before(areAny ? folder.Path() + ":" + path : path, "LD_LIBRARY_PATH", ':');
+}
+
+// Says which library the program gets if that may not be what the user expects.
+void TellLibrary(const OwnLibrary& library) {
+    const auto& [name, option, file] = library;
+    if (!file.empty()) {
+        std::fprintf(stderr, "vexa-unit: %s is %s\n", name, file.c_str());
+        return;
+    }
+    const char* const list = std::getenv("LD_LIBRARY_PATH");
+    std::istringstream folders(list == nullptr ? "" : list);
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        const fs::path found = fs::path(folder) / name;
+        if (!Exists(found)) continue;
+        std::fprintf(stderr,
+                     "vexa-unit: %s is the stand-in, not %s of LD_LIBRARY_PATH; %s FILE puts "
+                     "that in\n",
+                     name, found.c_str(), option);
+        return;
+    }
+}
+
 // Beside this program, as built; in the folder for services, as installed, which need not be in
 // PATH; else anywhere in PATH.
 std::string FindService() {
@@ -151,12 +207,17 @@ int RunOnUnit(const RunOptions& options) {
     const std::string scenario = FindScenario(options.scenario);
     if (!scenario.empty()) (void)Load(scenario);
     const std::string standIns = StandInFolder();
+    const auto libraries = OwnLibraries(options);
 
     const sigset_t passed = PassedSignals();
     sigset_t formerMask;
     sigprocmask(SIG_BLOCK, &passed, &formerMask);
     UnitFolder folder(options.folder);
     CheckCallLog(options.callLog);  // it may be in that folder
+    for (const auto& library : libraries) {
+        folder.Link(library.name, library.file);
+        TellLibrary(library);
+    }
 
     testkit::ProcessCall call;
     call.command = options.program.empty() ? std::vector{FindService()} : options.program;
@@ -169,7 +230,7 @@ int RunOnUnit(const RunOptions& options) {
     call.mask = &formerMask;
     call.inherited = {folder.HostSocket(), folder.ControlSocket()};
     call.environment = {
-        {"LD_LIBRARY_PATH", Before(standIns, "LD_LIBRARY_PATH", ':')},
+        {"LD_LIBRARY_PATH", LibraryPath(folder, standIns, libraries)},
         {"LD_PRELOAD", Before(standIns + "/" + kNodeLibrary, "LD_PRELOAD", ':')},
         {kScenarioVariable, scenario},
         {kCallLogVariable, options.callLog.empty() ? "" : fs::absolute(options.callLog).string()},

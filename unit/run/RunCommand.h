@@ -11,6 +11,8 @@ struct RunOptions {
     std::string scenario;              // name or file; empty: the built-in one
     std::string folder;                // empty: a temporary one
     std::string callLog;               // file; empty: none
+    std::string vexa;                  // a unit's own libVEXA.so; empty: the stand-in
+    std::string vexcri;                // a unit's own libvexcri.so; empty: the stand-in
     std::vector<std::string> program;  // with its arguments; empty: the service
 };
 

@@ -51,6 +51,13 @@ bool IsFolder(const std::string& path, const Descriptor& folder) {
            open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
+void RemoveLinks(const std::string& folder) {
+    std::error_code error;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
+        if (entry.is_symlink(error)) ::unlink(entry.path().c_str());
+    }
+}
+
 // After the unit was killed. Its lock goes with it, unless a new unit has taken the folder over:
 // then everything in it belongs to that one.
 void TidyUp(const std::string& path, bool made) {
@@ -62,6 +69,7 @@ void TidyUp(const std::string& path, bool made) {
             ::usleep(kPauseUs);
         }
     }
+    RemoveLinks(path);
     if (made) ::rmdir(path.c_str());
 }
 
@@ -148,12 +156,22 @@ bool UnitFolder::Lock() {
 void UnitFolder::Listen() {
     try {
         hostSocket = ListenOn(HostSocketPath(path));
-        sockets.push_back(HostSocketPath(path));
+        files.push_back(HostSocketPath(path));
         controlSocket = ListenOn(ControlSocketPath(path));
-        sockets.push_back(ControlSocketPath(path));
+        files.push_back(ControlSocketPath(path));
     } catch (const std::runtime_error& error) {
         throw UserError(error.what());
     }
+}
+
+void UnitFolder::Link(const std::string& name, const std::string& target) {
+    const std::string link = path + "/" + name;
+    std::error_code error;
+    if (std::filesystem::is_symlink(link, error)) ::unlink(link.c_str());
+    if (target.empty()) return;
+    std::filesystem::create_symlink(target, link, error);
+    if (error) throw UserError("cannot make the link " + link + ": " + error.message());
+    files.push_back(link);
 }
 
 void UnitFolder::ReleaseSockets() {
@@ -162,7 +180,7 @@ void UnitFolder::ReleaseSockets() {
 }
 
 void UnitFolder::RemoveAll() const {
-    for (const auto& socket : sockets) ::unlink(socket.c_str());
+    for (const auto& file : files) ::unlink(file.c_str());
     if (made) ::rmdir(path.c_str());
 }
 

@@ -30,7 +30,7 @@ class Watcher {
 };
 
 // Creates and locks the folder on construction. On destruction, or when this process is killed, the
-// sockets are removed, and the folder, too, if it was created here. One thread at a time.
+// sockets and links are removed, and the folder, too, if it was created here. One thread at a time.
 class UnitFolder {
   public:
     // An empty `path` stands for a new temporary folder. Throws UserError when the folder cannot be
@@ -42,6 +42,10 @@ class UnitFolder {
 
     // Absolute.
     [[nodiscard]] const std::string& Path() const { return path; }
+
+    // Makes a link in the folder, which goes with the sockets; an empty `target` removes one that
+    // is left. Throws UserError.
+    void Link(const std::string& name, const std::string& target);
 
     // The listening sockets, for the program to inherit.
     [[nodiscard]] int HostSocket() const { return hostSocket.Get(); }
@@ -63,7 +67,7 @@ class UnitFolder {
     testkit::Descriptor lock;
     testkit::Descriptor hostSocket;
     testkit::Descriptor controlSocket;
-    std::vector<std::string> sockets;  // paths of those that were made
+    std::vector<std::string> files;  // paths of the sockets and links that were made
     std::unique_ptr<Watcher> watcher;
 };
 

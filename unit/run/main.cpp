@@ -1,14 +1,18 @@
 // vexa-unit: runs the service, or any program, on a virtual unit, and controls such a unit.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <string>
+#include <vector>
 
 #include "check/CheckCommand.h"
 #include "model/Settings.h"
 #include "run/ControlCommand.h"
 #include "run/RunCommand.h"
 #include "run/UserError.h"
+#include "testkit/Arguments.h"
+#include "testkit/StandardOutput.h"
 
 namespace {
 
@@ -33,6 +37,12 @@ void AddRunCommand(CLI::App& app, RunOptions& options, int& status) {
            "Folder for the unit's sockets, host.sock and control.sock (default: a temporary "
            "one)")
         ->option_text("DIR");
+    run->add_option("--vexa", options.vexa,
+                    "A unit's own libVEXA.so, in place of the stand-in (with the stand-in node)")
+        ->option_text("FILE");
+    run->add_option("--vexcri", options.vexcri,
+                    "A unit's own libvexcri.so, in place of the stand-in")
+        ->option_text("FILE");
     run->add_option("--journal", options.callLog,
                     "Append a line to FILE for each library call (the call log)")
         ->option_text("FILE");
@@ -42,6 +52,7 @@ void AddRunCommand(CLI::App& app, RunOptions& options, int& status) {
     run->footer(
         "Examples: vexa-unit run --dir build/unit\n"
         "          vexa-unit run --dir /tmp/second --scenario flaky-cable --journal calls.txt\n"
+        "          vexa-unit run --vexa ./libVEXA.so --vexcri ./libvexcri.so\n"
         "Exit status: that of the program (128 + n if signal n ended it); 2 if an option\n"
         "cannot be used.");
     run->callback([&options, &status] { status = RunOnUnit(options); });
@@ -149,10 +160,24 @@ void AddCableRequests(CLI::App& ctl, ControlRequest& request) {
     });
 }
 
+void AddWaitRequest(CLI::App& ctl, ControlRequest& request) {
+    CLI::App* const wait = AddRequest(ctl, "wait", "Wait until something is so", request, "wait");
+    AddSettings(wait, request, "all of these at the same time:")->required();
+    AddText(wait, request, "for", "--for", "how long at most: 500ms, 5s, 2m or 1h (default: 10s)")
+        ->required(false)
+        ->option_text("TIME");
+    wait->footer(SettingsHelp("wait", "for") +
+                 "Examples: vexa-unit ctl wait streaming=Microphone --for 5s\n"
+                 "          vexa-unit ctl wait call=VEXA_Device_Stream_Open count=3\n"
+                 "          vexa-unit ctl wait host=false closed=Microphone\n"
+                 "Exit status: 0 it is so; 3 not in time; 1 and 2 as with all of ctl.");
+}
+
 void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
     CLI::App* const ctl =
         app.add_subcommand("ctl", "Show the state of a running unit, and change it");
     ctl->require_subcommand(0, 1);
+    ctl->fallthrough();  // the options of ctl may follow its commands
     options.folder = DefaultUnitFolder();
     ctl->add_option("--dir", options.folder,
                     "Folder of the unit (default: $VEXA_UNIT_DIR, or else build/unit)")
@@ -169,12 +194,11 @@ void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
         "          vexa-unit ctl app DAQ silent=true\n"
         "          vexa-unit ctl daq answersSync=false\n"
         "          vexa-unit ctl --raw '{\"request\": \"cable\", \"in\": false}'\n"
-        "Exit status: 0 done; 1 the unit refused; 2 wrong usage or no unit.");
+        "Exit status: 0 done; 1 the unit refused; 2 wrong usage or no unit; 3 wait: not in\n"
+        "time; 6 standard output could not be written.");
 
     ControlRequest& request = options.request;
-    CLI::App* const state =
-        AddRequest(*ctl, "state", "Show everything about the unit", request, "state");
-    state->add_flag("--json", options.json, "Print it as JSON");
+    AddRequest(*ctl, "state", "Show everything about the unit", request, "state");
     AddRequest(*ctl, "calls", "List all calls and how often each was made", request, "calls");
     CLI::App* const attach =
         AddRequest(*ctl, "attach", "Attach a device: a known one, perhaps changed, or a new one",
@@ -196,6 +220,10 @@ void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
     AddSettings(daq, request, "settings of the board:")->required();
     daq->footer(SettingsHelp("daq", "name"));
     AddFaultRequests(*ctl, request);
+    AddWaitRequest(*ctl, request);
+    AddRequest(*ctl, "events", "Print what happens, a line of JSON each, until the unit ends",
+               request, "events")
+        ->footer("Example: vexa-unit ctl events | grep --line-buffered '\"cable\"'");
 
     ctl->final_callback([ctl, &options, &status] {
         const bool isRequest = !ctl->get_subcommands().empty();
@@ -232,9 +260,39 @@ void AddCheckCommand(CLI::App& app, CheckOptions& options, int& status) {
     check->callback([&options, &status] { status = CheckUnit(options); });
 }
 
-int Main(int argc, char** argv) {
+// `app` as testkit/Arguments.h needs it.
+vexa::testkit::Command CommandOf(const CLI::App& app) {
+    vexa::testkit::Command command{.name = app.get_name()};
+    for (const CLI::Option* option : app.get_options()) {
+        for (const auto& name : option->get_lnames()) {
+            command.options.push_back({"--" + name, option->get_items_expected_min() > 0});
+        }
+    }
+    for (const CLI::App* below : app.get_subcommands([](const CLI::App*) { return true; })) {
+        command.commands.push_back(CommandOf(*below));
+    }
+    return command;
+}
+
+int Parse(CLI::App& app, const std::vector<std::string>& words) {
+    const auto program = CommandOf(app);
+    auto arranged = vexa::testkit::Arranged(program, words);
+    std::ranges::reverse(arranged);  // as the parser wants them
+    try {
+        app.parse(arranged);
+        return 0;
+    } catch (const CLI::Success& help) {
+        return app.exit(help);
+    } catch (const CLI::ParseError& error) {
+        const auto wrong = vexa::testkit::WhatIsWrong(program, words, app.remaining(true));
+        return Refuse((wrong.empty() ? error.what() : wrong) + " (vexa-unit --help says more)");
+    }
+}
+
+int Main(const std::vector<std::string>& words) {
     CLI::App app("Runs VEXADevMgr on a virtual unit: simulated devices, applications and USB link.",
                  "vexa-unit");
+    app.set_version_flag("--version", "vexa-unit " VEXA_UNIT_VERSION, "Print the version");
     app.require_subcommand(1);
     app.footer(
         "Examples: vexa-unit run --dir build/unit       (then vexa-host from another terminal)\n"
@@ -248,23 +306,17 @@ int Main(int argc, char** argv) {
     AddScenariosCommand(app, schema);
     AddCtlCommand(app, control, status);
     AddCheckCommand(app, check, status);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::CallForHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::CallForAllHelp& help) {
-        return app.exit(help);
-    } catch (const CLI::ParseError& error) {
-        return Refuse(error.what());
-    }
-    return status;
+    const int parsed = Parse(app, words);
+    return parsed != 0 ? parsed : status;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
+    vexa::testkit::KeepStandardNumbers();
     try {
-        return Main(argc, argv);
+        return vexa::testkit::CheckOutput("vexa-unit", Main({argv + 1, argv + argc}),
+                                          kOutputStatus);
     } catch (const std::exception& error) {
         return Refuse(error.what());
     }

@@ -82,7 +82,7 @@ int QueryLink(unsigned long request, void* argument) {
         errno = EFAULT;
         return -1;
     }
-    *static_cast<int*>(argument) = Unit::Instance().HostCable().IsIn() ? 1 : 0;
+    *static_cast<int*>(argument) = Unit::Instance().HostCable().ShowToProgram() ? 1 : 0;
     return 0;
 }
 

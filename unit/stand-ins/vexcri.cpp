@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "model/CallLog.h"
+#include "model/Events.h"
 #include "model/Unit.h"
 
 #define VEXCRI_PUBLIC extern "C" __attribute__((visibility("default")))
@@ -31,7 +32,9 @@ std::int32_t Perform(LibraryCall& call, Work work) {
 void LogAnswer(const std::string& application, std::uint32_t command, std::int32_t response) {
     CallLine line("criAnswer");
     line.Text(application).Number(command).Number(response);
-    Unit::Instance().Calls().Write(line.Line());
+    Unit& unit = Unit::Instance();
+    unit.Calls().Write(line.Line());
+    ReportAnswer(unit, application, command, response);
 }
 
 // A call on a session. Its line names the session's application, or the handle when there is no

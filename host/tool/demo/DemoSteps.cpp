@@ -297,13 +297,13 @@ void Demo::OpenUnsupported() {
 }
 
 void Demo::OpenTooMany() {
-    const char* const names[] = {"Gyroscope", "Spectrometer", "Barometer", "LightMeter"};
+    const char* const names[] = {"Accelerometer", "Spectrometer", "Barometer", "LightMeter"};
     Note("a name stands for a type: the first device of that type is opened");
     for (std::size_t i = 0; children.size() + 1 < kMostChildren && failure.empty(); ++i) {
         OpenDevice(names[i % std::size(names)]);
     }
     if (!failure.empty()) return;
-    ExpectRefusal(client->OpenDevice("Gyroscope", nextChild), nextChild, 50);
+    ExpectRefusal(client->OpenDevice("Accelerometer", nextChild), nextChild, 50);
     Show({}, {});
 }
 
