@@ -33,8 +33,9 @@ Expected<Done> PrintBlocks(Client& unit, const char* sensor, int count) {
 int main(int argc, char** argv) {
     const char* const directory = argc > 1 ? argv[1] : "build/unit";
     const char* const sensor = argc > 2 ? argv[2] : "Accelerometer";
-    const auto unit =
-        Client::Connect([&] { return vexahost::SocketTransport::ConnectUnit(directory); });
+    const auto unit = Client::Connect([&](const vexahost::ConnectLimits& limits) {
+        return vexahost::SocketTransport::ConnectUnit(directory, limits);
+    });
     if (!unit) {
         std::fprintf(stderr, "%s\n", unit.error().message.c_str());
         return 2;

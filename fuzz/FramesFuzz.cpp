@@ -50,7 +50,7 @@ void CheckSync(const Bytes& before) {
     vexahost::PacketReader packets;
     std::span<const std::uint8_t> rest = before;
     while (packets.Next(rest)) continue;
-    packets.AwaitSyncReply();
+    packets.LoseStep();
     rest = kReply;
     bool found = false;
     while (const auto packet = packets.Next(rest)) {

@@ -36,8 +36,8 @@ class CuttingTransport final : public vexahost::Transport {
 
     vexahost::Expected<std::size_t> Read(std::span<std::uint8_t> buffer,
                                          std::chrono::milliseconds timeout) override;
-    vexahost::Expected<vexahost::Done> WriteAll(std::span<const std::uint8_t> bytes,
-                                                std::chrono::milliseconds timeout) override;
+    vexahost::Expected<std::size_t> Write(std::span<const std::uint8_t> bytes,
+                                          vexahost::Deadline deadline) override;
     [[nodiscard]] vexahost::Framing UnitFraming() const override { return cable->UnitFraming(); }
     void Close() override { cable->Close(); }
 
@@ -60,11 +60,11 @@ Expected<std::size_t> CuttingTransport::Read(std::span<std::uint8_t> buffer,
     return got;
 }
 
-Expected<Done> CuttingTransport::WriteAll(std::span<const std::uint8_t> bytes,
-                                          std::chrono::milliseconds timeout) {
+Expected<std::size_t> CuttingTransport::Write(std::span<const std::uint8_t> bytes,
+                                              vexahost::Deadline deadline) {
     const auto whole = bytes.first(std::min(bytes.size(), leftToUnit));
     leftToUnit -= whole.size();
-    auto sent = cable->WriteAll(whole, timeout);
+    auto sent = cable->Write(whole, deadline);
     if (sent && whole.size() < bytes.size()) return Cut();
     return sent;
 }
@@ -84,9 +84,9 @@ bool PullOnce(SoakUnit& unit, Random& random) {
     } else {
         cut.fromUnit = random.Between(0, kMostFromUnit);
     }
-    const auto cutting =
-        [&, whole = unit.Cable()]() -> vexahost::Expected<std::unique_ptr<vexahost::Transport>> {
-        auto transport = whole();
+    const auto cutting = [&, whole = unit.Cable()](const vexahost::ConnectLimits& limits)
+        -> vexahost::Expected<std::unique_ptr<vexahost::Transport>> {
+        auto transport = whole(limits);
         if (!transport) return transport.error();
         return std::unique_ptr<vexahost::Transport>(
             std::make_unique<CuttingTransport>(std::move(*transport), cut));

@@ -79,7 +79,9 @@ Json SoakUnit::Ask(const Json& request) {
 }
 
 vexahost::TransportFactory SoakUnit::Cable() const {
-    return [path = folder.string()] { return vexahost::SocketTransport::ConnectUnit(path); };
+    return [path = folder.string()](const vexahost::ConnectLimits& limits) {
+        return vexahost::SocketTransport::ConnectUnit(path, limits);
+    };
 }
 
 std::string SoakUnit::AwaitEnd(Milliseconds timeout) {

@@ -10,8 +10,9 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: who_has_the_daq DIR\n");
         return 2;
     }
-    const auto unit =
-        vexahost::Client::Connect([&] { return vexahost::SocketTransport::ConnectUnit(argv[1]); });
+    const auto unit = vexahost::Client::Connect([&](const vexahost::ConnectLimits& limits) {
+        return vexahost::SocketTransport::ConnectUnit(argv[1], limits);
+    });
     if (!unit) {
         std::fprintf(stderr, "%s\n", unit.error().message.c_str());
         return 2;
@@ -27,6 +28,8 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "%s\n", held.error().message.c_str());
         return 1;
     }
-    std::printf("%s\n", *held ? "the unit's DAQ application" : "nobody");
+    std::printf("%s\n", *held == vexahost::DaqApplication::kHoldsHardware
+                            ? "the unit's DAQ application"
+                            : "nobody");
     return 0;
 }

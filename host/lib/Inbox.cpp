@@ -2,14 +2,15 @@
 
 #include <algorithm>
 
-#include "vexahost/protocol/Commands.h"
-
 namespace vexahost {
 
 namespace {
 
+using vexa::ControllerCommand;
 using vexa::MutexLock;
 using SteadyClock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kCancelPoll{50};
 
 // Appends to a bounded queue. True when the oldest entry was dropped.
 bool Append(std::deque<Block>& queue, Block block, std::size_t capacity) {
@@ -19,71 +20,204 @@ bool Append(std::deque<Block>& queue, Block block, std::size_t capacity) {
     return full;
 }
 
+bool Is(const Request& request, ControllerCommand command) {
+    return request.source == ReplySource::kController &&
+           request.command == static_cast<std::uint8_t>(command);
+}
+
 // The unit reports that it could not close an unknown child under the open command's number.
-bool Answers(const Reply& reply, const PendingRequest& request) {
+bool Answers(const Reply& reply, const Request& request) {
     if (reply.source != request.source || reply.requestSequence != request.sequence) return false;
     if (reply.command == request.command) return true;
-    return reply.source == ReplySource::kController && reply.isError &&
-           request.command == static_cast<std::uint8_t>(vexa::ControllerCommand::kCloseChild) &&
-           reply.command == static_cast<std::uint8_t>(vexa::ControllerCommand::kOpenChild);
+    return reply.isError && Is(request, ControllerCommand::kCloseChild) &&
+           reply.command == static_cast<std::uint8_t>(ControllerCommand::kOpenChild);
 }
+
+Error NotOpen(std::string what) { return {ErrorKind::kNotOpen, std::move(what)}; }
+
+Error NoSuchChild() { return NotOpen("no child with this id is open"); }
 
 }  // namespace
 
-Inbox::Inbox(std::size_t capacity_) : capacity(std::max<std::size_t>(capacity_, 1)) {}
+Inbox::Inbox(std::size_t capacity_, std::function<bool()> isCancelled_)
+    : capacity(std::max<std::size_t>(capacity_, 1)), isCancelled(std::move(isCancelled_)) {}
 
-void Inbox::AddRequest(PendingRequest& request) {
-    const MutexLock lock(mutex);
-    request.connection = connection;
-    requests.push_back(&request);
+void Inbox::WaitForChange(MutexLock& lock, Deadline deadline) {
+    if (isCancelled) deadline = std::min(deadline, SteadyClock::now() + kCancelPoll);
+    // The end of time would overflow on its way to the system's clock.
+    deadline = std::min(deadline, SteadyClock::now() + std::chrono::hours(1));
+    changed.wait_until(lock, deadline);
 }
 
-void Inbox::RemoveRequest(PendingRequest& request) {
-    const MutexLock lock(mutex);
-    std::erase(requests, &request);
+std::optional<Error> Inbox::WaitEnds(Deadline deadline, const std::string& what) const {
+    if (isCancelled && isCancelled()) return Error{ErrorKind::kCancelled, "interrupted"};
+    if (SteadyClock::now() >= deadline) return Error{ErrorKind::kTimeout, what};
+    return std::nullopt;
 }
 
-Expected<Reply> Inbox::WaitForReply(PendingRequest& request, Deadline deadline,
-                                    const std::string& what) {
+// Requests.
+
+Expected<RequestHandle> Inbox::Begin(Request request, Deadline deadline) {
+    MutexLock lock(mutex);
+    const bool isCommand = request.source == ReplySource::kController;
+    if (isCommand) {
+        if (auto error = AwaitTurn(lock, request, deadline)) return *error;
+    }
+    const auto begun = std::make_shared<Request>(std::move(request));
+    begun->sequence = FreeSequence();
+    if (isCommand) ApplyBegin(*begun);
+    requests.push_back(begun);
+    return begun;
+}
+
+std::optional<Error> Inbox::AwaitTurn(MutexLock& lock, const Request& request, Deadline deadline) {
+    const std::uint64_t mine = connection;
+    const bool reopens = Is(request, ControllerCommand::kReopenController);
+    for (;;) {
+        if (connection != mine) return formerError;
+        if (linkError) return linkError;
+        const auto holder = std::ranges::find(requests, ReplySource::kController,
+                                              [](const auto& entry) { return entry->source; });
+        if (holder != requests.end() && (*holder)->isLate && reopens) {
+            requests.erase(holder);
+            continue;
+        }
+        if (holder == requests.end()) {
+            if (reopens || controllerOpen) return std::nullopt;
+            return NotOpen(request.what + ": the controller is not open");
+        }
+        const std::string why =
+            (*holder)->isLate
+                ? "the unit has not answered an earlier request yet: " + (*holder)->what
+                : "the controller was busy too long for: " + request.what;
+        if (auto error = WaitEnds(deadline, why)) return error;
+        WaitForChange(lock, deadline);
+    }
+}
+
+std::uint8_t Inbox::FreeSequence() {
+    const auto isPending = [&](std::uint8_t number) {
+        return std::ranges::any_of(requests,
+                                   [=](const auto& entry) { return entry->sequence == number; });
+    };
+    // Late requests must leave numbers for new ones.
+    constexpr std::size_t kMostRequests = 128;
+    if (requests.size() >= kMostRequests) {
+        const auto oldest =
+            std::ranges::find_if(requests, [](const auto& entry) { return entry->isLate; });
+        if (oldest != requests.end()) requests.erase(oldest);
+    }
+    std::uint8_t number = nextSequence;
+    for (int tries = 0; tries < 256 && isPending(number); ++tries) ++number;
+    nextSequence = static_cast<std::uint8_t>(number + 1);
+    return number;
+}
+
+std::uint8_t Inbox::TakeSequence() {
+    const MutexLock lock(mutex);
+    return FreeSequence();
+}
+
+std::uint8_t Inbox::NextSequence() const {
+    const MutexLock lock(mutex);
+    return nextSequence;
+}
+
+void Inbox::ApplyBegin(Request& request) {
+    if (Is(request, ControllerCommand::kReopenController)) {
+        CloseAll();
+        controllerId = *request.child;
+    } else if (Is(request, ControllerCommand::kOpenChild)) {
+        // A device may send before the reply is here, so its blocks are kept from now on. The
+        // controller's own id is refused by the unit, whose reply comes under that id.
+        request.opensChild =
+            request.child != controllerId && children.try_emplace(*request.child).second;
+    } else if (Is(request, ControllerCommand::kCloseChild) && !request.child) {
+        request.child = controllerId;
+    }
+    request.controller = controllerId;
+}
+
+void Inbox::ApplyReply(const Request& request, const Reply& reply) {
+    if (Is(request, ControllerCommand::kReopenController)) {
+        controllerOpen = true;  // also when the DAQ link could not be opened
+    } else if (Is(request, ControllerCommand::kOpenChild)) {
+        if (reply.isError && request.opensChild) children.erase(*request.child);
+    } else if (Is(request, ControllerCommand::kCloseChild) && !reply.isError) {
+        if (request.child == controllerId) {
+            CloseAll();
+        } else {
+            children.erase(*request.child);
+        }
+    }
+}
+
+void Inbox::CloseAll() {
+    children.clear();
+    controllerOpen = false;
+    ForgetDaqPackets();
+}
+
+void Inbox::ForgetDaqPackets() {
+    daqPackets.clear();
+    expectedDaqSequence.reset();
+}
+
+Expected<Reply> Inbox::WaitForReply(Request& request, Deadline deadline) {
     MutexLock lock(mutex);
     for (;;) {
         if (request.reply) return *request.reply;
-        if (request.connection != connection) return formerError;
+        if (request.error) return *request.error;
         if (linkError) return *linkError;
-        if (SteadyClock::now() >= deadline) {
-            return Error{ErrorKind::kTimeout, "no answer in time to: " + what};
+        if (auto error = WaitEnds(deadline, "no answer in time to: " + request.what)) {
+            // An initial sync is asked for again.
+            request.isLate = request.source != ReplySource::kInitialSync;
+            return *error;
         }
-        changed.wait_until(lock, deadline);
+        WaitForChange(lock, deadline);
     }
+}
+
+void Inbox::Withdraw(Request& request) {
+    const MutexLock lock(mutex);
+    const auto erased = std::erase_if(requests, [&](const auto& e) { return e.get() == &request; });
+    if (erased > 0 && request.opensChild) children.erase(*request.child);
+    changed.notify_all();
 }
 
 bool Inbox::DeliverReply(Reply reply) {
     const MutexLock lock(mutex);
-    for (PendingRequest* request : requests) {
-        if (request->reply || request->connection != connection) continue;
-        if (!Answers(reply, *request)) continue;
-        request->reply = std::move(reply);
-        changed.notify_all();
-        return true;
+    const auto found =
+        std::ranges::find_if(requests, [&](const auto& entry) { return Answers(reply, *entry); });
+    if (found == requests.end()) return false;
+    const RequestHandle request = *found;
+    requests.erase(found);
+    ApplyReply(*request, reply);
+    const bool isAwaited = !request->isLate;
+    request->reply = std::move(reply);
+    changed.notify_all();
+    return isAwaited;
+}
+
+void Inbox::ForgetLateRequests() {
+    const MutexLock lock(mutex);
+    for (const auto& request : requests) {
+        if (request->isLate && request->opensChild) children.erase(*request->child);
     }
-    return false;
-}
-
-bool Inbox::OpenChild(ChildId child) {
-    const MutexLock lock(mutex);
-    return children.try_emplace(child).second;
-}
-
-void Inbox::RemoveChild(ChildId child) {
-    const MutexLock lock(mutex);
-    children.erase(child);
+    std::erase_if(requests, [](const auto& request) { return request->isLate; });
     changed.notify_all();
 }
 
-void Inbox::RemoveAllChildren() {
+// Children and the DAQ.
+
+bool Inbox::IsController(ChildId child) const {
     const MutexLock lock(mutex);
-    children.clear();
-    changed.notify_all();
+    return child == controllerId || child == 0;
+}
+
+bool Inbox::IsOpen(ChildId child) const {
+    const MutexLock lock(mutex);
+    return children.contains(child);
 }
 
 bool Inbox::DeliverBlock(ChildId child, Block block) {
@@ -104,44 +238,58 @@ void Inbox::DeliverDaq(Block block) {
     const MutexLock lock(mutex);
     ++counts.daqPackets;
     counts.daqBytes += block.bytes.size();
-    if (!block.checksumRight) ++counts.daqWrongChecksums;
+    if (block.checksumRight) {
+        CountDaqSequence(block.sequence);
+    } else {
+        ++counts.daqWrongChecksums;
+        expectedDaqSequence.reset();  // its number may be what is wrong
+    }
     if (Append(daqPackets, std::move(block), capacity)) ++counts.daqDropped;
     changed.notify_all();
 }
 
-std::deque<Block>* Inbox::FindQueue(std::optional<ChildId> child) {
-    if (!child) return &daqPackets;
-    const auto found = children.find(*child);
-    return found == children.end() ? nullptr : &found->second.blocks;
+void Inbox::NoteDaqSequence(std::uint8_t sequence) {
+    const MutexLock lock(mutex);
+    CountDaqSequence(sequence);
 }
 
-Expected<Block> Inbox::ReceiveFrom(std::optional<ChildId> child, Deadline deadline) {
+void Inbox::CountDaqSequence(std::uint8_t sequence) {
+    if (expectedDaqSequence && *expectedDaqSequence != sequence) ++counts.daqSequenceGaps;
+    expectedDaqSequence = static_cast<std::uint8_t>(sequence + 1);
+}
+
+Expected<Received> Inbox::Receive(std::span<const ChildId> wanted, bool withDaq,
+                                  Deadline deadline) {
     MutexLock lock(mutex);
     const std::uint64_t mine = connection;
     for (;;) {
         if (connection != mine) return formerError;
-        std::deque<Block>* const queue = FindQueue(child);
-        if (queue == nullptr) {
-            return Error{ErrorKind::kInvalidArgument, "no child with this id is open"};
+        std::deque<Block>* oldest = withDaq ? &daqPackets : nullptr;
+        std::optional<ChildId> from;
+        for (const ChildId child : wanted) {
+            const auto found = children.find(child);
+            if (found == children.end()) return NoSuchChild();
+            auto& blocks = found->second.blocks;
+            if (blocks.empty()) continue;
+            if (oldest != nullptr && !oldest->empty() &&
+                oldest->front().receivedAt <= blocks.front().receivedAt) {
+                continue;
+            }
+            oldest = &blocks;
+            from = child;
         }
-        if (!queue->empty()) {
-            Block block = std::move(queue->front());
-            queue->pop_front();
-            return block;
+        if (oldest != nullptr && !oldest->empty()) {
+            Received received{from, std::move(oldest->front())};
+            oldest->pop_front();
+            return received;
         }
         if (linkError) return *linkError;
-        if (SteadyClock::now() >= deadline) {
-            return Error{ErrorKind::kTimeout, "nothing came in time"};
-        }
-        changed.wait_until(lock, deadline);
+        if (auto error = WaitEnds(deadline, "nothing came in time")) return *error;
+        WaitForChange(lock, deadline);
     }
 }
 
-Expected<Block> Inbox::Receive(ChildId child, Deadline deadline) {
-    return ReceiveFrom(child, deadline);
-}
-
-Expected<Block> Inbox::ReceiveDaq(Deadline deadline) { return ReceiveFrom(std::nullopt, deadline); }
+// The link.
 
 void Inbox::Fail(const Error& error) {
     const MutexLock lock(mutex);
@@ -152,12 +300,19 @@ void Inbox::Fail(const Error& error) {
 void Inbox::Restart() {
     const MutexLock lock(mutex);
     if (!linkError) return;
-    children.clear();
-    daqPackets.clear();
+    CloseAll();
     formerError = *linkError;
+    for (const auto& request : requests) request->error = formerError;
+    requests.clear();
+    controllerId = 0;
     linkError.reset();
     ++connection;
     changed.notify_all();
+}
+
+std::uint64_t Inbox::Connection() const {
+    const MutexLock lock(mutex);
+    return connection;
 }
 
 std::optional<Error> Inbox::LinkError() const {
@@ -178,6 +333,7 @@ void Inbox::AddDaqCounts(ClientStatistics& statistics) const {
     statistics.daqBytes = counts.daqBytes;
     statistics.daqWrongChecksums = counts.daqWrongChecksums;
     statistics.daqDropped = counts.daqDropped;
+    statistics.daqSequenceGaps = counts.daqSequenceGaps;
 }
 
 }  // namespace vexahost

@@ -47,6 +47,7 @@ std::optional<PacketView> PacketReader::Next(std::span<const std::uint8_t>& inpu
         input = input.subspan(1);
         if (awaitingSyncReply && CompletesSyncReply(byte)) {
             awaitingSyncReply = false;
+            inStep = true;
             count = 0;
             std::ranges::copy(newest, packet.begin());
             return PacketView{std::span(packet).first(newest.size()), true};
@@ -61,14 +62,20 @@ std::optional<PacketView> PacketReader::AddByte(std::uint8_t byte) {
     if (count < vexa::kPacketHeaderSize) return std::nullopt;
     const std::size_t length = packet[vexa::kLengthOffset];
     if (length < vexa::kPacketHeaderSize) {
-        violated = !awaitingSyncReply;
+        violated = inStep;
         if (!violated) count = 0;
+        goodInRow = 0;
         return std::nullopt;
     }
     if (count < length) return std::nullopt;
     count = 0;
     const bool right = vexa::HasRightChecksum(packet);
-    if (awaitingSyncReply && !right) return std::nullopt;
+    if (!inStep) {
+        constexpr int kGoodEnough = 4;  // a checksum that is right by chance is one in 256
+        goodInRow = right ? goodInRow + 1 : 0;
+        inStep = goodInRow >= kGoodEnough;
+        if (!right) return std::nullopt;
+    }
     return PacketView{std::span(packet).first(length), right};
 }
 
@@ -78,9 +85,15 @@ bool PacketReader::CompletesSyncReply(std::uint8_t byte) {
     return vexa::IsInitialSyncReply(newest);
 }
 
-void PacketReader::AwaitSyncReply() {
+void PacketReader::LoseStep() {
     if (violated) count = 0;
     violated = false;
+    inStep = false;
+    goodInRow = 0;
+    AwaitSyncReply();
+}
+
+void PacketReader::AwaitSyncReply() {
     awaitingSyncReply = true;
     newest.fill(0);
     // The reply may have begun in the unfinished packet.

@@ -3,7 +3,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <thread>
 
@@ -16,8 +18,9 @@ namespace vexahost {
 
 class Receiver {
   public:
-    // `inbox`, `options` and `controller`, the controller's id, outlive the receiver.
-    Receiver(Inbox& inbox, const ClientOptions& options, const std::atomic<ChildId>& controller);
+    // `inbox` and `options` outlive the receiver. `sendSync` sends an initial sync if that can be
+    // done at once; it is called on the thread.
+    Receiver(Inbox& inbox, const ClientOptions& options, std::function<void()> sendSync);
 
     // Stops.
     ~Receiver();
@@ -30,8 +33,10 @@ class Receiver {
     // Waits for the end of the thread, if it runs. Its transport must be closed already.
     void Stop();
 
-    // Until the next initial-sync reply, looks for that reply at every byte. Any thread.
+    // Until the next initial-sync reply or EndSearch, looks for that reply at every byte. Any
+    // thread.
     void AwaitSyncReply() { syncAwaited.store(true); }
+    void EndSearch() { syncAwaited.store(false); }
 
     // Any thread.
     [[nodiscard]] ClientStatistics Statistics() const;
@@ -39,6 +44,8 @@ class Receiver {
   private:
     void Run(Transport& transport);
     Error ReadUntilError(Transport& transport);
+    // Searches for the next packet after the step was lost. The error when that takes too long.
+    std::optional<Error> Resynchronise();
     void OnPayload(std::span<const std::uint8_t> payload);
     void OnPacket(const PacketView& packet);
     void OnTunnelPacket(std::span<const std::uint8_t> packet);
@@ -46,15 +53,21 @@ class Receiver {
 
     Inbox& inbox;
     const ClientOptions& options;
-    const std::atomic<ChildId>& controllerId;
-    FrameReader frames;    // Receiver thread.
-    PacketReader packets;  // Receiver thread.
+    const std::function<void()> sendSync;
+    // Receiver thread.
+    FrameReader frames;
+    PacketReader packets;
+    std::string violation;               // why the step was lost
+    std::optional<Deadline> searchEnds;  // nothing: in step, or nothing was received so far
+    Deadline nextSync{};                 // when another initial sync is due
+    // Any thread.
     std::atomic<bool> syncAwaited{true};
     std::atomic<std::uint64_t> frameCount{0};
     std::atomic<std::uint64_t> packetCount{0};
     std::atomic<std::uint64_t> wrongChecksums{0};
     std::atomic<std::uint64_t> strayReplies{0};
     std::atomic<std::uint64_t> strayPackets{0};
+    std::atomic<std::uint64_t> resynchronisations{0};
     std::thread thread;  // last, as it uses all of the above
 };
 

@@ -1,7 +1,10 @@
 #include <fcntl.h>
 #include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -10,9 +13,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
+#include <future>
 #include <limits>
 #include <optional>
+#include <thread>
+#include <utility>
 
 #include "vexahost/SerialTransport.h"
 #include "vexahost/SocketTransport.h"
@@ -21,15 +28,15 @@ namespace vexahost {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
 // Waits until one of `events`, or the end of the connection, can be seen at `descriptor`, or until
 // `stop`, if it is not negative, becomes readable. False when `deadline` came first; signals do not
 // move it.
-bool PollDescriptor(int descriptor, short events, std::chrono::steady_clock::time_point deadline,
-                    int stop = -1) {
+bool PollDescriptor(int descriptor, short events, Deadline deadline, int stop = -1) {
     for (;;) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-                              deadline - std::chrono::steady_clock::now())
-                              .count();
+        const auto left = std::chrono::ceil<milliseconds>(deadline - Clock::now()).count();
         const auto wait = std::clamp<decltype(left)>(left, 0, std::numeric_limits<int>::max());
         std::array<pollfd, 2> entries{{{descriptor, events, 0}, {stop, POLLIN, 0}}};
         const int ready = poll(entries.data(), entries.size(), static_cast<int>(wait));
@@ -37,8 +44,6 @@ bool PollDescriptor(int descriptor, short events, std::chrono::steady_clock::tim
         if (ready == 0 || errno != EINTR) return false;
     }
 }
-
-using Clock = std::chrono::steady_clock;
 
 Error LinkLost(const std::string& why) {
     return {ErrorKind::kLinkLost, "the link is lost: " + why};
@@ -59,9 +64,150 @@ std::string WhyNoUnit(int error, const std::string& path, bool isDirectory) {
            (directory.empty() ? "." : directory);
 }
 
+Error Cancelled() { return {ErrorKind::kCancelled, "interrupted"}; }
+
+constexpr milliseconds kSlice{50};  // how often a wait looks whether it was cancelled
+
+// Waits for `done` to become true, which `wait` does up to a deadline. The error when the limits
+// come first.
+template <typename IsDone>
+std::optional<Error> WaitWithin(const ConnectLimits& limits, const std::string& where,
+                                IsDone isDone) {
+    for (;;) {
+        if (limits.IsCancelled()) return Cancelled();
+        const auto now = Clock::now();
+        if (isDone(std::min(limits.deadline, now + kSlice))) return std::nullopt;
+        if (Clock::now() >= limits.deadline) return CannotConnect(where, "no answer in time");
+    }
+}
+
+// A descriptor that closes unless it is handed on.
+class OwnedSocket {
+  public:
+    OwnedSocket(int family, int type) : handle(socket(family, type | SOCK_CLOEXEC, 0)) {}
+    ~OwnedSocket() {
+        if (handle >= 0) close(handle);
+    }
+    OwnedSocket(const OwnedSocket&) = delete;
+    OwnedSocket& operator=(const OwnedSocket&) = delete;
+
+    [[nodiscard]] int Get() const { return handle; }
+    int Release() { return std::exchange(handle, -1); }
+
+  private:
+    int handle;
+};
+
+// Connects a non-blocking socket. Returns 0 or an error number; `error` is set when the limits came
+// first.
+int ConnectSocket(int handle, const sockaddr* address, socklen_t size, const ConnectLimits& limits,
+                  const std::string& where, std::optional<Error>& error) {
+    int result = connect(handle, address, size) == 0 ? 0 : errno;
+    if (result ==
+        EAGAIN) {  // a unit's socket whose queue of hosts is full: there is no event for it
+        error = WaitWithin(limits, where, [&](Deadline until) {
+            std::this_thread::sleep_until(std::min(until, Clock::now() + milliseconds(20)));
+            result = connect(handle, address, size) == 0 ? 0 : errno;
+            return result != EAGAIN;
+        });
+    } else if (result == EINPROGRESS || result == EINTR) {
+        error = WaitWithin(limits, where, [&](Deadline until) {
+            if (!PollDescriptor(handle, POLLOUT, until)) return false;
+            socklen_t length = sizeof result;
+            return getsockopt(handle, SOL_SOCKET, SO_ERROR, &result, &length) == 0;
+        });
+    }
+    return result;
+}
+
+struct TcpAddress {
+    std::string host;
+    std::string port;
+};
+
+// Nothing when `text` is neither "HOST", "HOST:PORT" nor one of them with an address in brackets.
+std::optional<TcpAddress> ParseTcpAddress(const std::string& text) {
+    std::string_view host = text;
+    std::string_view port = SocketTransport::kTcpPort;
+    const std::size_t bracket = text.starts_with('[') ? text.find(']') : 0;
+    if (bracket == std::string::npos) return std::nullopt;
+    const std::size_t colon = text.find(':', bracket);
+    if (colon != std::string::npos) {
+        host = host.substr(0, colon);
+        port = std::string_view(text).substr(colon + 1);
+    }
+    if (bracket > 0) {
+        if (host.back() != ']') return std::nullopt;
+        host = host.substr(1, host.size() - 2);
+    }
+    unsigned number = 0;
+    const char* const end = port.data() + port.size();
+    const auto [rest, fault] = std::from_chars(port.data(), end, number);
+    const bool isPort = fault == std::errc{} && rest == end && number >= 1 && number <= 65535;
+    if (host.empty() || !isPort) return std::nullopt;
+    return TcpAddress{std::string(host), std::string(port)};
+}
+
+struct Lookup {
+    using Addresses = std::unique_ptr<addrinfo, decltype(&freeaddrinfo)>;
+
+    int result = 0;
+    Addresses addresses{nullptr, freeaddrinfo};
+};
+
+// Looks a name up. That has no time limit of its own, so it goes on without us when we give up.
+Expected<Lookup> LookUp(const TcpAddress& address, const ConnectLimits& limits,
+                        const std::string& where) {
+    auto promise = std::make_shared<std::promise<Lookup>>();
+    auto future = promise->get_future();
+    std::thread([promise, address] {
+        addrinfo wanted{};
+        wanted.ai_family = AF_UNSPEC;
+        wanted.ai_socktype = SOCK_STREAM;
+        addrinfo* found = nullptr;
+        Lookup lookup;
+        lookup.result = getaddrinfo(address.host.c_str(), address.port.c_str(), &wanted, &found);
+        if (lookup.result == 0) lookup.addresses.reset(found);
+        promise->set_value(std::move(lookup));
+    }).detach();
+    const auto error = WaitWithin(limits, where, [&](Deadline until) {
+        return future.wait_until(until) == std::future_status::ready;
+    });
+    if (error) return *error;
+    Lookup lookup = future.get();
+    if (lookup.result != 0) return CannotConnect(where, gai_strerror(lookup.result));
+    return lookup;
+}
+
+// A unit whose network has gone is noticed within about ten seconds.
+void SetTcpOptions(int handle) {
+    const auto set = [handle](int level, int option, int value) {
+        setsockopt(handle, level, option, &value, sizeof value);
+    };
+    set(SOL_SOCKET, SO_KEEPALIVE, 1);
+    set(IPPROTO_TCP, TCP_KEEPIDLE, 5);
+    set(IPPROTO_TCP, TCP_KEEPINTVL, 2);
+    set(IPPROTO_TCP, TCP_KEEPCNT, 3);
+    set(IPPROTO_TCP, TCP_NODELAY, 1);
+}
+
 }  // namespace
 
-Expected<std::unique_ptr<Transport>> SocketTransport::ConnectUnit(const std::string& path) {
+Deadline DeadlineAfter(milliseconds timeout) {
+    const auto now = Clock::now();
+    const auto most = std::chrono::floor<milliseconds>(Deadline::max() - now);
+    return timeout >= most ? Deadline::max() : now + timeout;
+}
+
+Expected<Done> Transport::WriteAll(std::span<const std::uint8_t> bytes, Deadline deadline) {
+    const auto sent = Write(bytes, deadline);
+    if (!sent) return sent.error();
+    if (*sent == bytes.size()) return Done{};
+    return Error{ErrorKind::kTimeout, "the unit accepted no bytes in time"};
+}
+
+Expected<std::unique_ptr<Transport>> SocketTransport::ConnectUnit(const std::string& path,
+                                                                  const ConnectLimits& limits) {
     struct stat status {};
     const bool isDirectory = stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
     const std::string socketPath = isDirectory ? path + "/" + kSocketName : path;
@@ -73,35 +219,44 @@ Expected<std::unique_ptr<Transport>> SocketTransport::ConnectUnit(const std::str
     }
     std::copy(socketPath.begin(), socketPath.end(), address.sun_path);
 
-    const int handle = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (handle < 0) return CannotConnect(socketPath, std::strerror(errno));
-    auto transport = std::make_unique<SocketTransport>(handle, Framing::kFrameHeaders);
-    if (connect(handle, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        return CannotConnect(socketPath, WhyNoUnit(errno, path, isDirectory));
-    }
-    return std::unique_ptr<Transport>(std::move(transport));
+    OwnedSocket made(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK);
+    if (made.Get() < 0) return CannotConnect(socketPath, std::strerror(errno));
+    std::optional<Error> ended;
+    const int error = ConnectSocket(made.Get(), reinterpret_cast<const sockaddr*>(&address),
+                                    sizeof address, limits, socketPath, ended);
+    if (ended) return *ended;
+    if (error != 0) return CannotConnect(socketPath, WhyNoUnit(error, path, isDirectory));
+    return std::unique_ptr<Transport>(
+        std::make_unique<SocketTransport>(made.Release(), Framing::kFrameHeaders));
 }
 
-Expected<std::unique_ptr<Transport>> SocketTransport::ConnectTcp(const std::string& address) {
-    const std::size_t colon = address.rfind(':');
-    const std::string host = address.substr(0, colon);
-    const std::string port = colon == std::string::npos ? kTcpPort : address.substr(colon + 1);
-
-    addrinfo wanted{};
-    wanted.ai_family = AF_INET;
-    wanted.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    const int result = getaddrinfo(host.c_str(), port.c_str(), &wanted, &found);
-    if (result != 0) return CannotConnect(address, gai_strerror(result));
-    const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> addresses(found, freeaddrinfo);
-
-    const int handle = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (handle < 0) return CannotConnect(address, std::strerror(errno));
-    auto transport = std::make_unique<SocketTransport>(handle, Framing::kNone);
-    if (connect(handle, found->ai_addr, found->ai_addrlen) != 0) {
-        return CannotConnect(address, std::strerror(errno));
+Expected<std::unique_ptr<Transport>> SocketTransport::ConnectTcp(const std::string& address,
+                                                                 const ConnectLimits& limits) {
+    const auto parsed = ParseTcpAddress(address);
+    if (!parsed) {
+        return Error{ErrorKind::kInvalidArgument,
+                     "\"" + address +
+                         "\" is no address: expected HOST or HOST:PORT, PORT from 1 to 65535; an "
+                         "IPv6 address in brackets"};
     }
-    return std::unique_ptr<Transport>(std::move(transport));
+    const auto lookup = LookUp(*parsed, limits, address);
+    if (!lookup) return lookup.error();
+    Error error = CannotConnect(address, "the name has no address");
+    for (const addrinfo* each = lookup->addresses.get(); each != nullptr; each = each->ai_next) {
+        OwnedSocket made(each->ai_family, SOCK_STREAM | SOCK_NONBLOCK);
+        std::optional<Error> ended;
+        const int fault = made.Get() < 0 ? errno
+                                         : ConnectSocket(made.Get(), each->ai_addr,
+                                                         each->ai_addrlen, limits, address, ended);
+        if (ended) return *ended;
+        if (fault == 0) {
+            SetTcpOptions(made.Get());
+            return std::unique_ptr<Transport>(
+                std::make_unique<SocketTransport>(made.Release(), Framing::kNone));
+        }
+        error = CannotConnect(address, std::strerror(fault));
+    }
+    return error;
 }
 
 SocketTransport::SocketTransport(int connectedSocket, Framing unitFraming)
@@ -111,7 +266,7 @@ SocketTransport::~SocketTransport() { close(socketHandle); }
 
 Expected<std::size_t> SocketTransport::Read(std::span<std::uint8_t> buffer,
                                             std::chrono::milliseconds timeout) {
-    if (!PollDescriptor(socketHandle, POLLIN, Clock::now() + timeout)) return std::size_t{0};
+    if (!PollDescriptor(socketHandle, POLLIN, DeadlineAfter(timeout))) return std::size_t{0};
     const ssize_t count = recv(socketHandle, buffer.data(), buffer.size(), MSG_DONTWAIT);
     if (count > 0) return static_cast<std::size_t>(count);
     if (count == 0) return LinkLost("the unit closed the connection");
@@ -119,30 +274,27 @@ Expected<std::size_t> SocketTransport::Read(std::span<std::uint8_t> buffer,
     return LinkLost(std::strerror(errno));
 }
 
-Expected<Done> SocketTransport::WriteAll(std::span<const std::uint8_t> bytes,
-                                         std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    while (!bytes.empty()) {
+Expected<std::size_t> SocketTransport::Write(std::span<const std::uint8_t> bytes,
+                                             Deadline deadline) {
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
+        const auto rest = bytes.subspan(sent);
         const ssize_t count =
-            send(socketHandle, bytes.data(), bytes.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            send(socketHandle, rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (count > 0) {
-            bytes = bytes.subspan(static_cast<std::size_t>(count));
+            sent += static_cast<std::size_t>(count);
         } else if (errno == EAGAIN) {
-            if (!PollDescriptor(socketHandle, POLLOUT, deadline)) {
-                return Error{ErrorKind::kTimeout, "the unit accepted no bytes in time"};
-            }
+            if (!PollDescriptor(socketHandle, POLLOUT, deadline)) break;
         } else if (errno != EINTR) {
             return LinkLost(std::strerror(errno));
         }
     }
-    return Done{};
+    return sent;
 }
 
 void SocketTransport::Close() { shutdown(socketHandle, SHUT_RDWR); }
 
 namespace {
-
-using Clock = std::chrono::steady_clock;
 
 struct Rate {
     int baud;
@@ -169,6 +321,7 @@ termios RawSettings(termios settings, speed_t speed, bool flowControl) {
     cfmakeraw(&settings);
     settings.c_cflag |= CREAD | CLOCAL;
     settings.c_cflag &= ~static_cast<tcflag_t>(CSTOPB | CRTSCTS);
+    settings.c_iflag &= ~static_cast<tcflag_t>(IXON | IXOFF | IXANY);
     if (flowControl) settings.c_cflag |= CRTSCTS;
     settings.c_cc[VMIN] = 1;
     settings.c_cc[VTIME] = 0;
@@ -189,6 +342,10 @@ Expected<std::unique_ptr<Transport>> SerialTransport::Open(const std::string& pa
     // Without O_NONBLOCK the open itself would wait for a carrier.
     const int line = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (line < 0) return CannotOpen(path, std::strerror(errno));
+    if (flock(line, LOCK_EX | LOCK_NB) != 0) {
+        close(line);
+        return CannotOpen(path, "another program has it open");
+    }
     termios former{};
     const bool isTerminal = tcgetattr(line, &former) == 0;
     const int stop = isTerminal ? eventfd(0, EFD_CLOEXEC) : -1;
@@ -215,7 +372,7 @@ SerialTransport::~SerialTransport() {
 
 Expected<std::size_t> SerialTransport::Read(std::span<std::uint8_t> buffer,
                                             std::chrono::milliseconds timeout) {
-    if (!PollDescriptor(line, POLLIN, Clock::now() + timeout, stop)) return std::size_t{0};
+    if (!PollDescriptor(line, POLLIN, DeadlineAfter(timeout), stop)) return std::size_t{0};
     if (closed) return LinkLost("it was closed by this side");
     const ssize_t count = read(line, buffer.data(), buffer.size());
     if (count > 0) return static_cast<std::size_t>(count);
@@ -224,23 +381,22 @@ Expected<std::size_t> SerialTransport::Read(std::span<std::uint8_t> buffer,
     return LinkLost(std::strerror(errno));
 }
 
-Expected<Done> SerialTransport::WriteAll(std::span<const std::uint8_t> bytes,
-                                         std::chrono::milliseconds timeout) {
-    const auto deadline = Clock::now() + timeout;
-    while (!bytes.empty()) {
+Expected<std::size_t> SerialTransport::Write(std::span<const std::uint8_t> bytes,
+                                             Deadline deadline) {
+    std::size_t sent = 0;
+    while (sent < bytes.size()) {
         if (closed) return LinkLost("it was closed by this side");
-        const ssize_t count = write(line, bytes.data(), bytes.size());
+        const auto rest = bytes.subspan(sent);
+        const ssize_t count = write(line, rest.data(), rest.size());
         if (count > 0) {
-            bytes = bytes.subspan(static_cast<std::size_t>(count));
+            sent += static_cast<std::size_t>(count);
         } else if (count == 0 || errno == EAGAIN) {
-            if (!PollDescriptor(line, POLLOUT, deadline, stop)) {
-                return Error{ErrorKind::kTimeout, "the unit accepted no bytes in time"};
-            }
+            if (!PollDescriptor(line, POLLOUT, deadline, stop)) break;
         } else if (errno != EINTR) {
             return LinkLost(std::strerror(errno));
         }
     }
-    return Done{};
+    return sent;
 }
 
 void SerialTransport::Close() {

@@ -2,8 +2,10 @@
 #include "tool/CommandLine.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <map>
 
+#include "testkit/Arguments.h"
 #include "tool/Parse.h"
 
 namespace vexahost::tool {
@@ -37,7 +39,10 @@ struct Adder {
         return command.add_flag(option.name, *value, option.help);
     }
     CLI::Option* operator()(std::string* value) const {
-        return command.add_option(option.name, *value, option.help);
+        const auto isGiven = [](const std::string& text) {
+            return std::string(text.empty() ? "it is empty" : "");
+        };
+        return command.add_option(option.name, *value, option.help)->check(isGiven);
     }
     CLI::Option* operator()(const Number& number) const {
         return command.add_option(option.name, *number.value, option.help)
@@ -56,7 +61,7 @@ struct Adder {
             *duration = ParseDuration(text);
             if (*duration) return;
             throw CLI::ValidationError(name + " " + text,
-                                       "expected a time such as 3s, 500ms or 2m");
+                                       "expected a time such as 3s, 500ms, 2m or 1h, up to 1000h");
         };
         return command.add_option_function<std::string>(option.name, parse, option.help);
     }
@@ -78,21 +83,44 @@ void AddVerb(CLI::App& program, const Verb& verb, ExitCode& exitCode) {
     command->callback([&exitCode, &verb] { exitCode = verb.run(); });
 }
 
+// The program as testkit/Arguments.h needs it.
+vexa::testkit::Command CommandOf(const Program& program) {
+    vexa::testkit::Command all{.name = program.name};
+    for (const Verb& verb : program.verbs) {
+        vexa::testkit::Command command{.name = verb.name};
+        for (const Option& option : verb.options) {
+            if (IsPositional(option)) continue;
+            const bool takesValue = !std::holds_alternative<bool*>(option.target);
+            const std::size_t comma = option.name.find(',');
+            command.options.push_back({option.name.substr(0, comma), takesValue});
+            if (comma == std::string::npos) continue;
+            command.options.push_back({option.name.substr(comma + 1), takesValue});
+        }
+        all.commands.push_back(std::move(command));
+    }
+    return all;
+}
+
 }  // namespace
 
-ExitCode RunProgram(const Program& program, int argc, char** argv) {
+ExitCode RunProgram(const Program& program, const std::vector<std::string>& words) {
     ExitCode exitCode = kExitDone;
     CLI::App parser(program.summary, program.name);
+    parser.set_version_flag("--version", program.name + " " VEXA_VERSION, "Print the version");
     parser.require_subcommand(1);
     parser.formatter(std::make_shared<HelpText>());
     parser.footer(program.notes);
     for (const Verb& verb : program.verbs) AddVerb(parser, verb, exitCode);
+    const auto tree = CommandOf(program);
+    auto arranged = vexa::testkit::Arranged(tree, words);
+    std::ranges::reverse(arranged);  // as the parser wants them
     try {
-        parser.parse(argc, argv);
+        parser.parse(arranged);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() == 0) return static_cast<ExitCode>(parser.exit(error));
-        return ReportError({ErrorKind::kInvalidArgument,
-                            std::string(error.what()) + " (vexa-host --help says more)"});
+        const auto wrong = vexa::testkit::WhatIsWrong(tree, words, parser.remaining(true));
+        return ReportError({ErrorKind::kInvalidArgument, (wrong.empty() ? error.what() : wrong) +
+                                                             " (vexa-host --help says more)"});
     }
     return exitCode;
 }

@@ -62,6 +62,6 @@ struct Program {
 
 // Runs the verb that the command line names, or prints the help text it asks for. A wrong command
 // line is one line on standard error and kExitUsage.
-ExitCode RunProgram(const Program& program, int argc, char** argv);
+ExitCode RunProgram(const Program& program, const std::vector<std::string>& words);
 
 }  // namespace vexahost::tool

@@ -3,7 +3,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
+#include <filesystem>
+#include <string_view>
 
 #include "tool/Parse.h"
 #include "vexahost/SerialTransport.h"
@@ -38,10 +41,10 @@ const std::string& UnitAddress::Text() const {
 }
 
 TransportFactory UnitAddress::Factory() const {
-    return [unit = *this]() -> Expected<std::unique_ptr<Transport>> {
+    return [unit = *this](const ConnectLimits& limits) -> Expected<std::unique_ptr<Transport>> {
         if (!unit.serial.empty()) return OpenSerial(unit.serial, unit.flowControl);
-        if (!unit.tcp.empty()) return SocketTransport::ConnectTcp(unit.tcp);
-        return SocketTransport::ConnectUnit(unit.directory);
+        if (!unit.tcp.empty()) return SocketTransport::ConnectTcp(unit.tcp, limits);
+        return SocketTransport::ConnectUnit(unit.directory, limits);
     };
 }
 
@@ -76,18 +79,63 @@ std::vector<Option> WithUnitOptions(UnitAddress& unit, std::vector<Option> more)
     return options;
 }
 
-Expected<std::unique_ptr<Client>> ConnectAndSync(const UnitAddress& unit, ClientOptions options) {
-    return Client::Connect(unit.Factory(), std::move(options));
+void Leaver::operator()(Client* client) const {
+    constexpr Milliseconds kPatience{2000};
+    const std::unique_ptr<Client> owned(client);
+    if (!closesController) return;
+    SetLeaving(true);
+    static_cast<void>(client->CloseController(kPatience));
+    SetLeaving(false);
 }
 
-Expected<std::unique_ptr<Client>> ConnectWithController(const UnitAddress& unit,
-                                                        ClientOptions options) {
+Expected<ClientHandle> ConnectAndSync(const UnitAddress& unit, ClientOptions options) {
+    CatchInterrupts();
+    options.isCancelled = IsCancelled;
+    auto client = Client::Connect(unit.Factory(), std::move(options));
+    if (!client) return client.error();
+    return ClientHandle(client->release());
+}
+
+Expected<ClientHandle> ConnectWithController(const UnitAddress& unit, ClientOptions options) {
     auto client = ConnectAndSync(unit, std::move(options));
     if (!client) return client;
     if (const auto opened = (*client)->OpenController(kControllerId, false); !opened) {
         return opened.error();
     }
     return client;
+}
+
+std::vector<VirtualDevice> ListDevices(const UnitAddress& unit) {
+    constexpr Milliseconds kPatience{1000};
+    constexpr std::string_view kRequest = "{\"request\": \"state\"}\n";
+    if (!unit.serial.empty() || !unit.tcp.empty()) return {};
+    const std::filesystem::path given = unit.directory;
+    std::error_code ignored;
+    const auto folder = std::filesystem::is_directory(given, ignored) ? given : given.parent_path();
+    const Deadline deadline = DeadlineAfter(kPatience);
+    auto control = SocketTransport::ConnectUnit(folder / "control.sock", {deadline, {}});
+    if (!control) return {};
+    const std::vector<std::uint8_t> request(kRequest.begin(), kRequest.end());
+    if (!(*control)->WriteAll(request, deadline)) return {};
+    std::string answer;
+    std::array<std::uint8_t, 4096> buffer;
+    while (!answer.ends_with('\n') && std::chrono::steady_clock::now() < deadline) {
+        const auto count = (*control)->Read(buffer, kPatience);
+        if (!count) return {};
+        answer.append(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(*count));
+    }
+    return AttachedDevices(answer);
+}
+
+Expected<Done> OpenDevice(Client& client, const UnitAddress& unit, const std::string& name,
+                          ChildId child) {
+    auto opened = client.OpenDevice(name, child);
+    if (opened || opened.error().kind != ErrorKind::kRefused) return opened;
+    Error error = opened.error();
+    std::string names;
+    for (const VirtualDevice& device : ListDevices(unit)) names += " " + device.name;
+    if (!names.empty()) error.message += "; this unit's devices:" + names;
+    return error;
 }
 
 Expected<Done> Hold(const Client& client, std::optional<Milliseconds> duration) {
@@ -100,7 +148,5 @@ Expected<Done> Hold(const Client& client, std::optional<Milliseconds> duration) 
     }
     return Done{};
 }
-
-void LeaveInOrder(Client& client) { static_cast<void>(client.CloseController()); }
 
 }  // namespace vexahost::tool

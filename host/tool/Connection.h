@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "tool/CommandLine.h"
+#include "tool/JsonObject.h"
 #include "vexahost/Client.h"
 
 namespace vexahost::tool {
@@ -37,20 +38,35 @@ struct UnitAddress {
 // The options that say where the unit is, then `more`.
 std::vector<Option> WithUnitOptions(UnitAddress& unit, std::vector<Option> more = {});
 
-// Connects to the unit and synchronises.
-Expected<std::unique_ptr<Client>> ConnectAndSync(const UnitAddress& unit,
-                                                 ClientOptions options = {});
+// Leaves a unit in order: a unit on a serial line, or one whose cable stays in, does not notice
+// that its host has left.
+struct Leaver {
+    bool closesController = true;  // with everything that is open, if it is open
+
+    // Closes the controller and ends the connection. A unit that does not answer is ignored, as the
+    // verb has done its work.
+    void operator()(Client* client) const;
+};
+
+// The verb's conversation. It is left in order on every way out.
+using ClientHandle = std::unique_ptr<Client, Leaver>;
+
+// Connects to the unit and synchronises. From here on signals are flags (CatchInterrupts), and
+// every call that waits ends with them.
+Expected<ClientHandle> ConnectAndSync(const UnitAddress& unit, ClientOptions options = {});
 
 // The same, and opens the controller without the DAQ.
-Expected<std::unique_ptr<Client>> ConnectWithController(const UnitAddress& unit,
-                                                        ClientOptions options = {});
+Expected<ClientHandle> ConnectWithController(const UnitAddress& unit, ClientOptions options = {});
+
+// The devices that are attached to a virtual unit, in the order in which the unit opens those of
+// one type. None for other units, which have no way to list them.
+std::vector<VirtualDevice> ListDevices(const UnitAddress& unit);
+
+// Opens a device. The error for a refusal says what a virtual unit's devices are called.
+Expected<Done> OpenDevice(Client& client, const UnitAddress& unit, const std::string& name,
+                          ChildId child);
 
 // Waits until `duration` is over, without one until Ctrl-C. The error that ended the link before.
 Expected<Done> Hold(const Client& client, std::optional<Milliseconds> duration);
-
-// Closes the controller with everything that is open: a unit on a serial line, or one whose cable
-// stays in, does not notice that its host has left. A unit that does not answer is ignored, as the
-// verb has done its work.
-void LeaveInOrder(Client& client);
 
 }  // namespace vexahost::tool

@@ -13,11 +13,14 @@ namespace vexahost::tool {
 namespace {
 
 std::atomic<bool> interrupted{false};
+std::atomic<bool> terminated{false};
+std::atomic<bool> leavingInOrder{false};
 std::atomic<void (*)()> restoreAtSecond{nullptr};
 static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 static_assert(std::atomic<void (*)()>::is_always_lock_free, "read by a signal handler");
 
-void OnSignal(int) {
+void OnSignal(int number) {
+    if (number != SIGINT) terminated = true;
     if (!interrupted.exchange(true)) return;
     if (void (*const restore)() = restoreAtSecond) restore();
     _exit(kExitInterrupted);
@@ -39,6 +42,12 @@ ExitCode ReportError(const Error& error) {
         case ErrorKind::kLinkLost:
         case ErrorKind::kProtocolViolation:
             return kExitLinkLost;
+        case ErrorKind::kBusy:
+            return kExitBusy;
+        case ErrorKind::kNotOpen:
+            return kExitUsage;
+        case ErrorKind::kCancelled:
+            return kExitInterrupted;
     }
     return kExitWrongAnswer;
 }
@@ -50,11 +59,18 @@ void CatchInterrupts() {
     for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
         sigaction(number, &action, nullptr);
     }
+    signal(SIGPIPE, SIG_IGN);
 }
 
 bool IsInterrupted() { return interrupted; }
 
-void ForgetInterrupt() { interrupted = false; }
+bool IsCancelled() { return interrupted && !leavingInOrder; }
+
+void SetLeaving(bool leaving) { leavingInOrder = leaving; }
+
+bool IsTerminated() { return terminated; }
+
+void ForgetInterrupt() { interrupted = terminated.load(); }
 
 void OnSecondInterrupt(void (*restore)()) { restoreAtSecond = restore; }
 

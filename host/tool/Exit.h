@@ -14,6 +14,8 @@ enum ExitCode : int {
     kExitUsage = 2,        // wrong arguments, or no unit to connect to
     kExitTimeout = 3,
     kExitLinkLost = 4,  // the link ended, or the unit broke the protocol
+    kExitBusy = 5,      // another host is connected to the unit
+    kExitOutput = 6,    // standard output could not be written
     kExitInterrupted = 130,
 };
 
@@ -21,11 +23,22 @@ enum ExitCode : int {
 ExitCode ReportError(const Error& error);
 
 // From now on SIGINT, SIGTERM, SIGHUP and SIGQUIT set a flag instead of ending the program. A
-// second signal while the flag is set ends it at once, with exit code 130.
+// second signal while the flag is set ends it at once, with exit code 130. A closed pipe sends no
+// signal any more.
 void CatchInterrupts();
 
 // True once such a signal has come. Every longer wait checks it. Any thread.
 bool IsInterrupted();
+
+// As IsInterrupted, but false while a verb leaves its unit in order. Any thread.
+bool IsCancelled();
+
+// From now on, or no longer, the verb leaves its unit in order.
+void SetLeaving(bool leaving);
+
+// True once one of them other than SIGINT has come: it ends also a program that goes on after an
+// interrupted command.
+bool IsTerminated();
 
 // Clears the flag, for programs that go on after an interrupted command.
 void ForgetInterrupt();

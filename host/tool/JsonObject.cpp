@@ -48,4 +48,19 @@ JsonObject& JsonObject::Add(std::string_view name, std::span<const double> value
 
 void JsonObject::PrintLine() const { std::printf("{%s}\n", entries.c_str()); }
 
+std::vector<VirtualDevice> AttachedDevices(const std::string& state) {
+    std::vector<VirtualDevice> devices;
+    try {
+        const auto whole = nlohmann::json::parse(state);
+        for (const auto& device : whole.at("devices")) {
+            if (!device.at("attached").get<bool>()) continue;
+            devices.push_back(
+                {device.at("name").get<std::string>(), device.at("type").get<std::uint64_t>()});
+        }
+    } catch (const nlohmann::json::exception&) {
+        devices.clear();
+    }
+    return devices;
+}
+
 }  // namespace vexahost::tool

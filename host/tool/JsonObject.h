@@ -6,6 +6,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace vexahost::tool {
 
@@ -44,5 +45,15 @@ class JsonObject {
 
     std::string entries;
 };
+
+// A device of a virtual unit.
+struct VirtualDevice {
+    std::string name;
+    std::uint64_t type;
+};
+
+// The attached devices in the state that a virtual unit tells (docs/virtual-unit.md), in their
+// order; none when it is something else.
+std::vector<VirtualDevice> AttachedDevices(const std::string& state);
 
 }  // namespace vexahost::tool

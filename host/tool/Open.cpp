@@ -34,7 +34,7 @@ ExitCode RunOpen(const OpenOptions& options) {
     std::size_t open = 0;
     for (std::size_t i = 0; i < options.names.size(); ++i) {
         const ChildId id = kFirstDeviceId + static_cast<ChildId>(i);
-        const auto opened = (*client)->OpenDevice(options.names[i], id);
+        const auto opened = OpenDevice(**client, options.unit, options.names[i], id);
         PrintOpened(options.names[i], id, opened, options.json);
         if (opened) {
             ++open;
@@ -44,11 +44,9 @@ ExitCode RunOpen(const OpenOptions& options) {
         if (opened.error().kind != ErrorKind::kRefused) return result;
     }
     if (open == 0) return result;
-    CatchInterrupts();
     if (!options.duration) std::fprintf(stderr, "vexa-host: held open until Ctrl-C\n");
     const auto held = Hold(**client, options.duration);
     if (!held) return ReportError(held.error());
-    LeaveInOrder(**client);
     return result;
 }
 

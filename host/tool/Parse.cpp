@@ -31,7 +31,7 @@ std::optional<std::vector<std::uint8_t>> ParseHex(std::span<const std::string> w
 }
 
 std::optional<std::chrono::milliseconds> ParseDuration(const std::string& text) {
-    constexpr double kMostMilliseconds = 24.0 * 60 * 60 * 1000;
+    constexpr double kMostMilliseconds = 1000.0 * 60 * 60 * 1000;
     double value = 0;
     const char* const end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, value);
@@ -41,6 +41,8 @@ std::optional<std::chrono::milliseconds> ParseDuration(const std::string& text) 
         value *= 1000;
     } else if (unit == "m") {
         value *= 60000;
+    } else if (unit == "h") {
+        value *= 3600000;
     } else if (unit != "ms") {
         return std::nullopt;
     }

@@ -31,7 +31,7 @@ std::optional<std::vector<std::uint8_t>> ParseHex(std::string_view text);
 // The same for words, joined by blanks.
 std::optional<std::vector<std::uint8_t>> ParseHex(std::span<const std::string> words);
 
-// A duration such as "3s", "500ms", "2m" or "1.5" (seconds): 1 ms to a day.
+// A duration such as "3s", "500ms", "2m", "1h" or "1.5" (seconds): 1 ms to 1000 hours.
 std::optional<std::chrono::milliseconds> ParseDuration(const std::string& text);
 
 }  // namespace vexahost::tool

@@ -56,7 +56,8 @@ Expected<Block> ReceiveUntil(Client& client, Clock::time_point deadline, Wanted 
 }
 
 Expected<Done> Prepare(Client& client, const PingOptions& options) {
-    if (auto opened = client.OpenDevice(options.device, kFirstDeviceId); !opened) return opened;
+    auto opened = OpenDevice(client, options.unit, options.device, kFirstDeviceId);
+    if (!opened) return opened;
     if (!options.arm) return Done{};
     if (auto sent = client.Send(kFirstDeviceId, HidInitRequest()); !sent) return sent;
     const auto answer =
@@ -66,8 +67,14 @@ Expected<Done> Prepare(Client& client, const PingOptions& options) {
     return Done{};
 }
 
+Error Silent(const PingOptions& options) {
+    return {ErrorKind::kTimeout,
+            options.device + " has sent nothing back (a HID sensor must be armed: --arm)"};
+}
+
 Expected<Done> Measure(Client& client, const PingOptions& options, RoundTrips& trips) {
     constexpr Milliseconds kDefaultTimeout{1000};
+    const auto first = Clock::now();
     for (std::uint64_t i = 0; i < options.count && !IsInterrupted(); ++i) {
         const auto payload = Payload(i, static_cast<std::size_t>(options.size));
         const auto start = Clock::now();
@@ -81,6 +88,10 @@ Expected<Done> Measure(Client& client, const PingOptions& options, RoundTrips& t
             trips.Add(echo->receivedAt - start);
         } else if (echo.error().kind == ErrorKind::kTimeout) {
             trips.AddLost();
+            // A sensor that has sent nothing at all will not answer the next request either.
+            const auto counts = client.StatisticsOf(kFirstDeviceId);
+            const bool isSilent = !counts || counts->blocks == 0;
+            if (isSilent && Clock::now() - first >= kDefaultTimeout) return Silent(options);
         } else {
             return echo.error();
         }
@@ -122,7 +133,6 @@ ExitCode RunPing(const PingOptions& options) {
     auto client = ConnectWithController(options.unit);
     if (!client) return ReportError(client.error());
     if (const auto ready = Prepare(**client, options); !ready) return ReportError(ready.error());
-    CatchInterrupts();
     if (!options.json) {
         std::printf("%" PRIu64 " round trips of %" PRIu64 " bytes through %s at %s\n",
                     options.count, options.size, options.device.c_str(),
@@ -132,13 +142,9 @@ ExitCode RunPing(const PingOptions& options) {
     RoundTrips trips;
     const auto measured = Measure(**client, options, trips);
     options.json ? PrintJson(options, trips) : PrintText(trips);
-    if (!measured) return ReportError(measured.error());
-    LeaveInOrder(**client);
     if (IsInterrupted()) return kExitInterrupted;
-    if (trips.Count() > 0) return kExitDone;
-    return ReportError(
-        {ErrorKind::kTimeout,
-         options.device + " has echoed nothing (a HID sensor must be armed: --arm)"});
+    if (!measured) return ReportError(measured.error());
+    return trips.Count() > 0 ? kExitDone : ReportError(Silent(options));
 }
 
 }  // namespace

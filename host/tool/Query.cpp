@@ -18,13 +18,15 @@ struct QueryOptions {
 ExitCode RunQuery(const QueryOptions& options) {
     auto client = ConnectWithController(options.unit);
     if (!client) return ReportError(client.error());
+    client->get_deleter().closesController = false;
     const auto holds = (*client)->QueryDaqApplication();
     if (!holds) return ReportError(holds.error());
+    const bool isHolder = *holds == DaqApplication::kHoldsHardware;
     if (options.json) {
-        JsonObject().Add("daq_application_holds", *holds).PrintLine();
+        JsonObject().Add("daq_application_holds", isHolder).PrintLine();
     } else {
         std::printf("the unit's DAQ application %s the acquisition hardware\n",
-                    *holds ? "holds" : "does not hold");
+                    isHolder ? "holds" : "does not hold");
     }
     return kExitDone;
 }

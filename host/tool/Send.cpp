@@ -68,7 +68,7 @@ class AnswerPrinter {
 Expected<Done> OpenTarget(Client& client, const SendOptions& options) {
     if (options.device.empty()) return Done{};
     auto opened = client.OpenController(kControllerId, false);
-    if (opened) opened = client.OpenDevice(options.device, kFirstDeviceId);
+    if (opened) opened = OpenDevice(client, options.unit, options.device, kFirstDeviceId);
     if (opened && options.arm) opened = client.Send(kFirstDeviceId, HidInitRequest());
     return opened;
 }
@@ -100,7 +100,6 @@ ExitCode RunSend(const SendOptions& options) {
     auto client = ConnectAndSync(options.unit, clientOptions);
     if (!client) return ReportError(client.error());
     if (const auto open = OpenTarget(**client, options); !open) return ReportError(open.error());
-    CatchInterrupts();
     printer.Begin();
     if (const auto sent = SendBytes(**client, options, *bytes); !sent) {
         return ReportError(sent.error());

@@ -32,10 +32,9 @@ void PrintCounts(const ClientStatistics& counts, Clock::duration held, bool json
 }
 
 ExitCode RunTakeover(const TakeoverOptions& options) {
-    auto client = ConnectWithController(options.unit, {.queueCapacity = 1, .tap = {}});
+    auto client = ConnectWithController(options.unit, {.queueCapacity = 1});
     if (!client) return ReportError(client.error());
     if (const auto taken = (*client)->TakeDaqOver(); !taken) return ReportError(taken.error());
-    CatchInterrupts();
     if (!options.json) {
         std::printf("the DAQ is this host's%s\n", options.duration ? "" : " until Ctrl-C");
         std::fflush(stdout);

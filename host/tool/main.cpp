@@ -2,13 +2,15 @@
 #include <cstdio>
 #include <exception>
 
+#include "testkit/StandardOutput.h"
 #include "tool/CommandLine.h"
 #include "tool/Verbs.h"
 
 int main(int argc, char** argv) {
     using namespace vexahost::tool;
     try {
-        return RunProgram(
+        vexa::testkit::KeepStandardNumbers();
+        const ExitCode code = RunProgram(
             {"vexa-host",
              "Talks to a unit as its host computer does.",
              "Try it: vexa-unit run --dir build/unit, and in another terminal:\n"
@@ -18,11 +20,14 @@ int main(int argc, char** argv) {
              "to\n"
              "connect to; 3 no answer in time; 4 the link was lost, or the unit broke the "
              "protocol;\n"
-             "130 interrupted.",
+             "5 another host is connected to the unit; 6 standard output could not be written; "
+             "130\n"
+             "interrupted.",
              {SyncVerb(), QueryVerb(), TakeoverVerb(), OpenVerb(), CloseVerb(), SendVerb(),
               StreamVerb(), PingVerb(), ShellVerb(), RecordVerb(), DecodeVerb(), ReplayVerb(),
               DemoVerb()}},
-            argc, argv);
+            {argv + 1, argv + argc});
+        return vexa::testkit::CheckOutput("vexa-host", code, kExitOutput);
     } catch (const std::exception& error) {  // the system is out of memory or threads
         std::fprintf(stderr, "vexa-host: %s\n", error.what());
         return kExitWrongAnswer;

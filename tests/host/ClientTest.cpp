@@ -1,4 +1,5 @@
 // The client against a service that answers as each test tells it to.
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,6 +9,7 @@
 #include <future>
 
 #include "host/FakeService.h"
+#include "testkit/Wait.h"
 #include "vexahost/Client.h"
 #include "vexahost/SerialTransport.h"
 #include "vexahost/SocketTransport.h"
@@ -23,8 +25,9 @@ constexpr Milliseconds kShort{50};    // for what must not
 // What went wrong, or "done".
 template <typename T>
 std::string Outcome(const Expected<T>& result) {
-    static const char* const kinds[] = {"invalid argument", "cannot connect", "refused ",
-                                        "timeout",          "link lost",      "violation"};
+    static const char* const kinds[] = {
+        "invalid argument", "cannot connect", "refused ", "timeout",  "link lost",
+        "violation",        "busy",           "not open", "cancelled"};
     if (result) return "done";
     const Error& error = result.error();
     std::string kind = kinds[static_cast<int>(error.kind)];
@@ -66,11 +69,14 @@ TEST(Client, HoldsAWholeConversation) {
         } else if (command == 0x70) {  // a device may be faster than the acknowledgement
             self.SendFramed(Tunnel(0x1001, {1, 2}, 0) + Executed(packet));
         } else if (command == 0x74 && ++takeOvers == 1) {
-            // Not answers: another request's, another command's, one with a wrong checksum, one of
+            // Not answers: another request's, another command's, two with a wrong checksum, one of
             // a stranger, and one that is no reply.
             const auto other = static_cast<std::uint8_t>(packet[10] + 100);
             Bytes wrong = Executed(packet);
             ++wrong[3];
+            Bytes wrongInside = Executed(packet);
+            ++wrongInside[11];
+            wrong = wrong + Sealed(wrongInside);
             self.SendFramed(Reply(1, 0x98, 0x74, other, 0) + Reply(1, 0x9C, 0x70, packet[10], 54) +
                             wrong + Reply(2, 0x98, 0x74, packet[10], 0) +
                             Sealed({0x98, 7, 0, 0, 0x74, packet[10], 0}));
@@ -92,10 +98,13 @@ TEST(Client, HoldsAWholeConversation) {
         const std::uint8_t first = client.NextSequence();
         EXPECT_EQ(ValueOf(client.InitialSync(kLong)), SyncReply(first));
         EXPECT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
-        EXPECT_TRUE(ValueOf(client.QueryDaqApplication(kLong)));
-        EXPECT_FALSE(ValueOf(client.QueryDaqApplication(kLong)));
+        EXPECT_EQ(ValueOf(client.QueryDaqApplication(kLong)), DaqApplication::kHoldsHardware);
+        EXPECT_EQ(ValueOf(client.QueryDaqApplication(kLong)), DaqApplication::kHoldsNothing);
         EXPECT_EQ(Outcome(client.SendMultiplexerCommand(6, {}, kLong)), "refused 6/48");
+        EXPECT_EQ(Outcome(client.QueryDaqApplication(Milliseconds::max())), "done");
         EXPECT_EQ(Outcome(client.TakeDaqOver(kShort)), "timeout");
+        EXPECT_EQ(Outcome(client.QueryDaqApplication(kShort)), "timeout") << "the unit is busy";
+        EXPECT_EQ(Outcome(client.InitialSync(kLong)), "done") << "which ends the wait for it";
         EXPECT_EQ(Outcome(client.TakeDaqOver(kLong)), "refused 116/50");
         EXPECT_EQ(Outcome(client.TakeDaqOver(kLong)), "done");
         EXPECT_EQ(Outcome(client.SendMultiplexerCommand(5, Bytes{9}, kLong)), "done");
@@ -112,25 +121,27 @@ TEST(Client, HoldsAWholeConversation) {
         EXPECT_EQ(Outcome(client.OpenDevice("B", 0x1001, kLong)), "refused 112/54") << "in use";
         EXPECT_TRUE(client.StatisticsOf(0x1001)) << "and stays open";
         EXPECT_EQ(Outcome(client.CloseDevice(0x1001, kLong)), "done");
-        EXPECT_EQ(Outcome(client.Receive(0x1001, kLong)), "invalid argument");
+        EXPECT_EQ(Outcome(client.Receive(0x1001, kLong)), "not open");
         EXPECT_EQ(Outcome(client.OpenDevice("Mic", 0x1001, kLong)), "done");
         // What the unit would misunderstand is not sent.
         EXPECT_EQ(Outcome(client.Send(10, Bytes(248))), "invalid argument");
         EXPECT_EQ(Outcome(client.Send(10, Bytes{1, 2, 3, 4, 0x72})), "invalid argument");
         EXPECT_EQ(Outcome(client.OpenDevice(std::string(220, 'x'), 10)), "invalid argument");
-        EXPECT_EQ(Outcome(client.Send(10, Bytes(247))), "done");
+        EXPECT_EQ(Outcome(client.Send(10, Bytes(247))), "not open");
+        EXPECT_EQ(Outcome(client.Send(0x1001, Bytes(247))), "done");
+        EXPECT_EQ(Outcome(client.OpenDevice("Controller", 10)), "invalid argument");
         EXPECT_EQ(Outcome(client.CloseController(kLong)), "done");
         EXPECT_FALSE(client.StatisticsOf(0x1001)) << "it is closed with the controller";
         const auto counts = client.Statistics();
         EXPECT_EQ(counts.strayReplies, 3U);
-        EXPECT_EQ(counts.strayPackets, 1U);
+        EXPECT_EQ(counts.strayPackets, 2U);
         EXPECT_EQ(counts.wrongChecksums, 1U);
         EXPECT_EQ(counts.daqPackets, 2U);
         EXPECT_EQ(counts.daqBytes, 11U);
         EXPECT_EQ(counts.daqWrongChecksums, 1U);
         EXPECT_EQ(Outcome(client.Reconnect(kLong)), "invalid argument") << "it cannot connect";
     }
-    ASSERT_EQ(requests.size(), 19U);
+    ASSERT_EQ(requests.size(), 21U);
     EXPECT_EQ(requests[1], requests[0]) << "the sync is asked for again";
     for (std::size_t i = 2; i < requests.size(); ++i) {
         EXPECT_NE(requests[i][2], requests[i - 1][2]) << "each request has its own number";
@@ -139,7 +150,7 @@ TEST(Client, HoldsAWholeConversation) {
 
 TEST(Client, KeepsChildrensBlocksApartAndCountsWhatIsMissing) {
     FakeService service(FakeService::Obey, SocketPath());
-    Client client(Connection(), {.queueCapacity = 3, .tap = {}});
+    Client client(Connection(), {.queueCapacity = 3});
     ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
     ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
     ASSERT_EQ(Outcome(client.OpenDevice("B", 11, kLong)), "done");
@@ -168,6 +179,85 @@ TEST(Client, KeepsChildrensBlocksApartAndCountsWhatIsMissing) {
     EXPECT_FALSE(client.StatisticsOf(11)) << "opening the controller again abandons the children";
 }
 
+TEST(Client, FollowsWhatALateAnswerOpened) {
+    std::vector<Bytes> held;
+    std::atomic<bool> holds{true};
+    const auto answer = [&](FakeService& self, const Bytes& packet) {
+        if (holds && CommandOf(packet) == 0x70) return held.push_back(packet);
+        FakeService::Obey(self, packet);
+    };
+    FakeService service(answer, SocketPath());
+    Client client(Connection());
+    EXPECT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "not open") << "no controller";
+    ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    EXPECT_EQ(Outcome(client.OpenDevice("A", 10, kShort)), "timeout");
+    holds = false;
+    auto waiting = Start([&] { return client.OpenDevice("B", 11, kLong); });
+    service.SendFramed(Executed(held.at(0)) + Tunnel(10, {7}, 0));
+    EXPECT_EQ(waiting.get(), "done");
+    const ChildId both[] = {11, 10};
+    const auto received = ValueOf(client.ReceiveAny(both, true, kLong));
+    EXPECT_EQ(received.child, 10U);
+    holds = true;
+    EXPECT_EQ(Outcome(client.OpenDevice("C", 12, kShort)), "timeout");
+    EXPECT_EQ(Outcome(client.OpenController(1, false, kLong)), "done") << "ends what is executed";
+    holds = false;
+    EXPECT_EQ(Outcome(client.OpenDevice("C", 12, kLong)), "done");
+    EXPECT_EQ(Outcome(client.CloseDevice(1, kLong)), "done") << "the controller's own id";
+    EXPECT_EQ(Outcome(client.Send(12, Bytes{1})), "not open");
+}
+
+TEST(Client, FindsItsWayBackAfterACutPacketInEitherDirection) {
+    {
+        FakeService service(FakeService::Obey, SocketPath());
+        Client client(Connection());
+        ASSERT_EQ(Outcome(client.InitialSync(kLong)), "done");
+        ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+        service.SendFramed({0x60, 9, 1, 2, 3, 0x60, 0, 0, 0, 0, 0, 0, 0, 0, 0});
+        EXPECT_TRUE(vexa::testkit::WaitUntil(
+            kLong, [&] { return client.Statistics().resynchronisations == 1; }));
+        EXPECT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
+        service.SendBytes(Bytes{0, 0, 0, 0, 'B', 'U', 'S', 'Y'});
+        EXPECT_EQ(Outcome(client.Receive(10, kLong)), "busy") << "another host is connected";
+    }
+    int pair[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    const vexa::testkit::Descriptor unit(pair[1]);
+    Client client(std::make_unique<SocketTransport>(pair[0], Framing::kFrameHeaders));
+    const Bytes filling(100000, 0x11);
+    ASSERT_EQ(Outcome(client.SendRaw(filling, kShort)), "done");
+    while (Outcome(client.SendRaw(filling, kShort)) == "done") continue;
+    Bytes sent(100 * filling.size());
+    const auto drain = [&] {
+        sent.resize(std::size_t(recv(unit.Get(), sent.data(), sent.size(), MSG_DONTWAIT)));
+    };
+    drain();
+    EXPECT_NE(sent.size() % filling.size(), 0U);
+    ASSERT_EQ(Outcome(client.SendRaw(Bytes{1, 2, 3}, kLong)), "done");
+    drain();
+    ASSERT_EQ(sent.size(), 28U);
+    EXPECT_TRUE(vexa::IsInitialSync(Part(sent, 0, 25))) << "the unit drops the torn packet";
+}
+
+TEST(SocketTransport, TakesEveryFormOfAnAddressAndNoOther) {
+    for (const char* wrong :
+         {"", "host:", "host:0", "host:99999", "host:1x", ":38144", "[::1", "[::1]x", "[::1]:-1"}) {
+        EXPECT_EQ(Outcome(SocketTransport::ConnectTcp(wrong)), "invalid argument") << wrong;
+    }
+    const vexa::testkit::Descriptor listener(socket(AF_INET6, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in6 address{};
+    address.sin6_family = AF_INET6;
+    address.sin6_addr = in6addr_loopback;
+    socklen_t size = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    ASSERT_EQ(bind(listener.Get(), generic, size), 0);
+    ASSERT_EQ(getsockname(listener.Get(), generic, &size), 0);
+    const std::string where = "[::1]:" + std::to_string(ntohs(address.sin6_port));
+    EXPECT_EQ(Outcome(SocketTransport::ConnectTcp(where)), "cannot connect") << "nobody listens";
+    ASSERT_EQ(listen(listener.Get(), 1), 0);
+    EXPECT_EQ(Outcome(SocketTransport::ConnectTcp(where)), "done");
+}
+
 TEST(Client, ServesSeveralThreadsReconnectsAndClosesUnderThem) {
     std::atomic<bool> silent{false};
     const auto answer = [&](FakeService& self, const Bytes& packet) {
@@ -176,10 +266,11 @@ TEST(Client, ServesSeveralThreadsReconnectsAndClosesUnderThem) {
     FakeService service(answer, SocketPath());
     int attempts = 0;
     std::function<void()> beforeAttempt = [] {};
-    auto connected = Client::Connect([&]() -> Expected<std::unique_ptr<Transport>> {
+    auto connected = Client::Connect([&](const ConnectLimits& limits) {
         beforeAttempt();
         // Every other attempt finds nobody: the first connection is the one of attempt 0.
-        return SocketTransport::ConnectUnit(SocketPath() + (attempts++ % 2 == 0 ? "" : "-none"));
+        const std::string path = SocketPath() + (attempts++ % 2 == 0 ? "" : "-none");
+        return SocketTransport::ConnectUnit(path, limits);
     });
     ASSERT_EQ(Outcome(connected), "done");
     Client& client = **connected;
@@ -200,8 +291,8 @@ TEST(Client, ServesSeveralThreadsReconnectsAndClosesUnderThem) {
         if (round == 1) service.HangUp();
         EXPECT_EQ(Outcome(client.Reconnect(kLong)), "done");
         EXPECT_EQ(Outcome(client.ReceiveDaq(kShort)), "timeout") << "packets of the DAQ are gone";
-        EXPECT_THAT(waiting.get(), testing::AnyOf("link lost", "invalid argument"));
-        EXPECT_EQ(Outcome(client.Receive(10, kShort)), "invalid argument") << "children are gone";
+        EXPECT_THAT(waiting.get(), testing::AnyOf("link lost", "not open"));
+        EXPECT_EQ(Outcome(client.Receive(10, kShort)), "not open") << "children are gone";
         EXPECT_FALSE(client.LinkError());
     }
     ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
@@ -239,7 +330,7 @@ TEST(SerialTransport, PassesEveryByteAndLeavesTheLineAsItWas) {
     EXPECT_NE(during.c_cflag & CRTSCTS, 0U);
     const Bytes control = Hex("00 03 04 0a 0d 11 13 1a 7f ff");
     Bytes bytes(control.size());
-    EXPECT_EQ(Outcome((*opened)->WriteAll(control, kLong)), "done");
+    EXPECT_EQ(Outcome((*opened)->WriteAll(control, DeadlineAfter(kLong))), "done");
     ASSERT_EQ(read(unit.Get(), bytes.data(), bytes.size()), 10);
     EXPECT_EQ(bytes, control);
     ASSERT_EQ(write(unit.Get(), control.data(), control.size()), 10);

@@ -23,7 +23,7 @@ using testing::StartsWith;
 std::string Read(const Bytes& stream, std::vector<std::size_t> cuts, bool awaitSync = false) {
     FrameReader frames;
     PacketReader packets;
-    if (awaitSync) packets.AwaitSyncReply();
+    if (awaitSync) packets.LoseStep();
     std::string text;
     cuts.push_back(stream.size());
     std::size_t from = 0;

@@ -39,9 +39,8 @@ TEST(Tool, PrintsWhatHappenedAndExitsAccordingly) {
         if (CommandOf(packet) != 0x72) return FakeService::Obey(self, packet);
         self.SendFramed(Reply(1, 0x9C, 0x72, packet[10], 59));
     };
-    const auto violate = [](FakeService& self, const Bytes& packet) {
-        if (CommandOf(packet) == 26) return FakeService::Obey(self, packet);
-        self.SendFramed(Bytes{96, 2, 0, 0});
+    const auto turnAway = [](FakeService& self, const Bytes&) {
+        self.SendBytes({0, 0, 0, 0, 'B', 'U', 'S', 'Y'});
     };
     struct Case {
         std::string input;  // arguments, or the lines of a script
@@ -63,25 +62,34 @@ TEST(Tool, PrintsWhatHappenedAndExitsAccordingly) {
         {"sync", 0, "in step with the unit"},
         {"query", 1, "vexa-host: open controller was refused: error 59, the DAQ did not", refuse},
         {"query --json", 0, R"({"daq_application_holds":false})"},
-        {"query", 4, "packet with length byte 2: 60 02 00 00", violate},
+        {"query", 5, "another host is connected to the unit", turnAway},
+        {"query >/dev/full", 6, "cannot write to standard output: No space left on device"},
+        {"query >&-", 6, "cannot write to standard output: it is closed"},
+        {"query | :", 0, ""},
+        {"straem A", 2, "no such command: straem; did you mean stream?"},
+        {"--dir /proc sync", 2, "/proc/host.sock: No such file"},
+        {"sync --tcp localhost:99999", 2, "\"localhost:99999\" is no address"},
         {"sync", 4, "bad frame header", [](auto& self, auto&) { self.SendBytes(Bytes(8)); }},
         {"takeover --for 100ms --json", 0, R"({"daq_packets":2,"held_s":0.1)"},
-        {"stream --daq --for 100ms", 0, "DAQ: 2 blocks, 11 bytes, 1 with a wrong"},
+        {"stream --daq --for 100ms", 0,
+         "DAQ: 2 blocks, 11 bytes, 0 gaps in the sequence, 1 with a wrong"},
         {"stream T --for 300ms", 0,
          "T              1.000 s: -240\nT: 1 blocks, 8 bytes, 1 gaps in the sequence, 0 blocks"},
         {"stream T --csv --for 300ms 2>&-", 0,
-         "time_s,device,sequence,device_time_s,channel,index,value\n0.0"},
-        {"stream T,1 --csv --for 300ms | tail -n1", 0, ",\"T,1\",1,1,value,0,-240\n"},
+         "time_s,device,child,sequence,device_time_s,channel,index,value\n0.0"},
+        {"stream T,1 --csv --for 300ms | tail -n1", 0, ",\"T,1\",4097,1,1,value,0,-240\n"},
+        {"stream T --csv --for 300ms | sleep 3", 0, "T: 1 blocks, 8 bytes"},
         {"stream T U --format U:i8@0 --json --for 300ms", 0,
-         R"("device":"T","sequence":1,"device_time_s":1.0,"channels":{"value":[-240]}})"},
+         R"("device":"T","child":4097,"sequence":1,"device_time_s":1.0,"channels":{"value":[-240]}})"},
         {"stream T --format T:x=i8@2x2 --json --for 300ms", 0, R"("channels":{"x":[16,-1]}})"},
-        {"stream T --format u8@8 --csv --for 300ms", 0, ",T,1,,bytes,0,05 02 10 ff e8 03 00 00\n"},
+        {"stream T --format u8@8 --csv --for 300ms", 0,
+         ",T,4097,1,,bytes,0,05 02 10 ff e8 03 00 00\n"},
         {"send --to T 01 02 --for 300ms --json", 3, "nothing came back", FakeService::Obey},
         {"send --seal 40 05 09 00 1a --for 300ms", 0, "  initial-sync reply (request 9)"},
         {"open A B --for 100ms --json", 1, R"({"child":4097,"device":"A","opened":true})"},
         {"close controller", 0, "controller is closed"},
         {"ping E -n 3 --json", 0, R"({"device":"E","bytes":8,"sent":3,"lost":0,"min_ms":)"},
-        {"ping E -n 3 --timeout 50ms", 3, "3 round trips, 3 lost", FakeService::Obey},
+        {"ping E -n 3", 3, "1 round trips, 1 lost\nvexa-host: E has sent", FakeService::Obey},
         {"demo -- /none", 1, "FAILED: expected the unit to start, got cannot start "},
         {"demo -- sh -c 'echo made > {dir}/file; echo here'", 1, "unit | here"},
         {"demo -- false", 1, "0 of 18 steps as expected"},
@@ -98,7 +106,7 @@ TEST(Tool, PrintsWhatHappenedAndExitsAccordingly) {
         {"controller\nopen A\nreceive A 2\ncheck A blocks > 2\necho never\n", 1,
          "standard input:4: check A blocks > 2: A blocks is 2, not > 2\n"},
         {"controller\nexpect refused open B\nexpect refused 54 open B\ntry open B\necho on\n", 0,
-         "(open B was refused: error 54, the child could not be opened or closed)\non\n"},
+         "(open B was refused: error 54, the child could not be opened or closed; the unit has "},
         {"controller\nexpect refused 50 open B\n", 1, "unexpected outcome: open B was refused"},
         {"controller\nexpect refused open A\n", 1, "unexpected outcome: done"},
         {"controller\nquery free\nexpect refused query holds\n", 1, "unexpected outcome: the DAQ"},
@@ -112,7 +120,9 @@ TEST(Tool, PrintsWhatHappenedAndExitsAccordingly) {
         {"repeat 2\n repeat 3\n  echo x\n end\nend\n", 0, "x\nx\nx\nx\nx\nx\nstandard input: 6 "},
         {"expect timeout receive daq 1 10ms\nreceive daq 1 10ms\n", 3, "nothing came in time"},
         {"try nonsense\n", 2, "standard input:1: try nonsense: no such command: nonsense"},
-        {"check A blocks > 1\n", 2, "A is not open, or has no figure \"blocks\""},
+        {"check A blocks > 1\n", 2, "check A blocks > 1: A is not open"},
+        {"check daq blcks > 1\n", 2, "daq has no figure \"blcks\": there are packets"},
+        {"open A\n", 2, "the controller is not open"},
         {"open\n", 2, "usage: open NAME [ID]"},
         {"quit\nnonsense\n", 0, "1 commands, all as expected"},
     };
@@ -126,12 +136,18 @@ TEST(Tool, PrintsWhatHappenedAndExitsAccordingly) {
         const std::string run =
             "TMPDIR=" + temporary + " VEXA_UNIT_DIR=" + folder + " " + VEXA_HOST_PROGRAM + " ";
         const bool isScript = input.ends_with('\n');
-        const auto ran =
-            vexa::testkit::RunShell(run + (isScript ? "shell <<'END'\n" + input + "END" : input));
+        const std::string report = folder + "/report.tap";
+        const std::string shell = "shell --report " + report + " <<'END'\n" + input + "END";
+        const auto ran = vexa::testkit::RunShell(run + (isScript ? shell : input));
         EXPECT_EQ(ran.status, exitCode) << ran.output;
         EXPECT_THAT(ran.output, HasSubstr(output));
         EXPECT_THAT(ran.output, testing::Not(HasSubstr("never")));
         EXPECT_TRUE(std::filesystem::is_empty(temporary)) << "something is left behind";
+        if (isScript && exitCode != 2) {
+            const auto tap = vexa::testkit::RunShell("cat " + report).output;
+            EXPECT_THAT(tap, testing::StartsWith("TAP version 13\n1.."));
+            EXPECT_EQ(tap.find("\nnot ok ") != std::string::npos, exitCode != 0) << tap;
+        }
         if (exitCode != 2) continue;
         EXPECT_THAT(ran.output, testing::StartsWith("vexa-host: "));
         EXPECT_EQ(std::ranges::count(ran.output, '\n'), 1) << "one line: " << ran.output;

@@ -3,7 +3,10 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <vector>
+
+#include "vexahost/Packet.h"
 
 namespace vexahost {
 
@@ -14,6 +17,12 @@ struct Block {
     bool checksumRight = true;  // the unit passes DAQ packets on even with a wrong checksum
     // The unit's count of the child's blocks, modulo 256; of a DAQ packet the DAQ's own number.
     std::uint8_t sequence = 0;
+};
+
+// A block with its sender.
+struct Received {
+    std::optional<ChildId> child;  // nothing: the DAQ
+    Block block;
 };
 
 struct ChildStatistics {
@@ -33,6 +42,10 @@ struct ClientStatistics {
     std::uint64_t daqBytes = 0;           // in these packets
     std::uint64_t daqWrongChecksums = 0;  // of these packets; they are not dropped
     std::uint64_t daqDropped = 0;         // dropped from a full queue
+    std::uint64_t daqSequenceGaps = 0;    // times that the DAQ's number did not follow its last one
+    // Times that the packets were no longer where they had to be, as after an overflow of the
+    // unit's output buffer, and the client searched for the next one.
+    std::uint64_t resynchronisations = 0;
 };
 
 }  // namespace vexahost

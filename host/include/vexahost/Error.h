@@ -13,6 +13,9 @@ enum class ErrorKind {
     kTimeout,            // no answer in time; the link may still work
     kLinkLost,           // the connection has ended, from either side
     kProtocolViolation,  // the unit sent invalid bytes; the link cannot be used any more
+    kBusy,               // another host is connected to the unit
+    kNotOpen,            // the controller or the child is not open; nothing was sent
+    kCancelled,          // ClientOptions::isCancelled ended the wait
 };
 
 struct Error {

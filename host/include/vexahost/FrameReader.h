@@ -23,6 +23,9 @@ class FrameReader {
     // True once there was a bad header.
     [[nodiscard]] bool IsViolated() const { return violated; }
 
+    // True when the bad header is the one with which a unit turns a second host away.
+    [[nodiscard]] bool IsBusy() const { return violated && vexa::IsBusyHeader(header); }
+
     // What is wrong with the header, with its bytes; only after a violation.
     [[nodiscard]] std::string Violation() const;
 

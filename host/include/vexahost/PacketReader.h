@@ -24,14 +24,23 @@ class PacketReader {
   public:
     // The next packet of the stream; the bytes used are removed from the front of `input`. Valid
     // until the next call. Nothing when `input` is used up, or after a violation (a packet whose
-    // length byte is smaller than its header), which only AwaitSyncReply clears.
+    // length byte is smaller than its header), which only LoseStep clears.
     std::optional<PacketView> Next(std::span<const std::uint8_t>& input);
 
-    // When a host connects, the stream may begin in the middle of a packet: first comes what the
-    // unit could not send to an earlier host. Until the next initial-sync reply, that reply is
-    // found at any position, packets with a wrong checksum are skipped, and nothing is a violation.
+    // From now on finds an initial-sync reply at any position, until one has come or EndSearch.
     void AwaitSyncReply();
 
+    // No reply to an initial sync is expected any more.
+    void EndSearch() { awaitingSyncReply = false; }
+
+    // It is not known any more where the next packet begins: when a host connects, the stream may
+    // begin in the middle of one, as first comes what the unit could not send to an earlier host;
+    // and a unit whose output buffer is full cuts packets. Until an initial-sync reply, which is
+    // awaited, or four good packets in a row, packets with a wrong checksum are skipped, and
+    // nothing is a violation.
+    void LoseStep();
+
+    [[nodiscard]] bool IsInStep() const { return inStep; }
     [[nodiscard]] bool IsAwaitingSyncReply() const { return awaitingSyncReply; }
     [[nodiscard]] bool IsViolated() const { return violated; }
 
@@ -47,6 +56,8 @@ class PacketReader {
     std::array<std::uint8_t, vexa::kInitialSyncReplySize> newest{};  // while awaiting a sync reply
     bool awaitingSyncReply = false;
     bool violated = false;
+    bool inStep = true;
+    int goodInRow = 0;  // packets since the step was lost
 };
 
 // Cuts what a host sends into packets, as a unit does: a unit does not search for the start of a

@@ -32,8 +32,7 @@ class SerialTransport final : public Transport {
 
     Expected<std::size_t> Read(std::span<std::uint8_t> buffer,
                                std::chrono::milliseconds timeout) override;
-    Expected<Done> WriteAll(std::span<const std::uint8_t> bytes,
-                            std::chrono::milliseconds timeout) override;
+    Expected<std::size_t> Write(std::span<const std::uint8_t> bytes, Deadline deadline) override;
     [[nodiscard]] Framing UnitFraming() const override { return Framing::kNone; }
 
     // Also restores the former settings of the line. Bytes not yet sent may be lost.

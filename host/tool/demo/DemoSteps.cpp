@@ -82,7 +82,8 @@ void Demo::OpenController() {
 void Demo::QueryDaq() {
     const auto holds = client->QueryDaqApplication();
     if (ExpectValue(holds, "an answer")) {
-        Expect(*holds, "result 1 (the application holds it)", "result 0");
+        Expect(*holds == DaqApplication::kHoldsHardware, "result 1 (the application holds it)",
+               "result 0");
     }
     Show({}, {"criCommand(\"DAQ\", 3, 1000)", "criAnswer(\"DAQ\", 3, 1)"});
 }
@@ -280,14 +281,17 @@ void Demo::SendWrongChecksum() {
     const auto before = client->Statistics().strayReplies;
     const auto holds = client->QueryDaqApplication();
     if (ExpectValue(holds, "an answer to the right packet")) {
-        Expect(!*holds, "result 0 (the host holds the hardware)", "result 1");
+        Expect(*holds == DaqApplication::kHoldsNothing, "result 0 (the host holds the hardware)",
+               "result 1");
     }
     Expect(client->Statistics().strayReplies == before, "no answer to the wrong packet", "one");
     Show({}, {"criAnswer(\"DAQ\", 3"});
 }
 
 void Demo::SendToUnknownChild() {
-    ExpectValue(client->Send(kUnknownChild, HidInitRequest()), "the packet to be sent");
+    ExpectValue(client->SendRaw(
+                    BuildTunnel(kUnknownChild, client->NextSequence(), HidInitRequest())->Bytes()),
+                "the packet to be sent");
     Show({"Input from Host - Discarding orphaned tunnel packet.: "}, {});
 }
 

@@ -78,6 +78,7 @@ class Relay {
 
 constexpr int kPollMs = 50;  // how often a wait checks whether all is over
 constexpr std::chrono::milliseconds kRelayReadTimeout{kPollMs};
+constexpr std::chrono::milliseconds kRelayConnectTimeout{10000};
 constexpr std::chrono::milliseconds kRelayWriteTimeout{5000};
 constexpr std::size_t kRelayReadSize = 16384;
 
@@ -151,7 +152,7 @@ Expected<Done> Relay::Serve(const std::function<bool()>& isOver) {
 }
 
 void Relay::ServeHost(int host, const std::function<bool()>& isOver) {
-    const auto unit = connect();
+    const auto unit = connect({DeadlineAfter(kRelayConnectTimeout), isOver});
     if (!unit) {
         std::fprintf(stderr, "vexa-host: %s\n", unit.error().message.c_str());
         return;
@@ -203,7 +204,7 @@ void Relay::ForwardRequests(Transport& unit, int host, const std::function<bool(
         const auto piece =
             std::span<const std::uint8_t>(buffer).first(static_cast<std::size_t>(count));
         Record(Direction::kToUnit, piece);
-        if (!unit.WriteAll(piece, kRelayWriteTimeout)) return;
+        if (!unit.WriteAll(piece, DeadlineAfter(kRelayWriteTimeout))) return;
     }
 }
 

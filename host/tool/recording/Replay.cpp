@@ -63,6 +63,7 @@ bool AnswerLog::HasAtLeast(const AnswerCounts& counts) const {
 namespace {
 
 constexpr std::chrono::milliseconds kPoll{20};  // how often a wait checks its conditions
+constexpr std::chrono::milliseconds kUnitPatience{10000};
 constexpr std::chrono::milliseconds kWriteTimeout{5000};
 constexpr std::chrono::milliseconds kSettling{
     200};  // for further answers that the recording does not have
@@ -132,11 +133,11 @@ Expected<Done> Replay::Perform(const ReplayStep& step) {
         if (const auto connected = PlugIn(); !connected) return connected.error();
     }
     Decode(Direction::kToUnit, step.bytes);
-    return link->WriteAll(step.bytes, kWriteTimeout);
+    return link->WriteAll(step.bytes, DeadlineAfter(kWriteTimeout));
 }
 
 Expected<Done> Replay::PlugIn() {
-    auto connected = connect();
+    auto connected = connect({DeadlineAfter(kUnitPatience), IsInterrupted});
     if (!connected) return connected.error();
     link = std::move(*connected);
     frames.emplace(link->UnitFraming(), [this](std::span<const std::uint8_t> frame) {

@@ -58,9 +58,10 @@ Outcome Query(Session& session, const Words& arguments) {
     }
     const auto holds = session.client->QueryDaqApplication();
     if (!holds) return Outcome::Failed(holds.error());
-    const std::string text = *holds ? "the DAQ application holds the hardware"
-                                    : "the DAQ application does not hold the hardware";
-    if (!wanted.empty() && *holds != (wanted == "holds")) return Outcome::Unmet(text);
+    const bool isHolder = *holds == DaqApplication::kHoldsHardware;
+    const std::string text = isHolder ? "the DAQ application holds the hardware"
+                                      : "the DAQ application does not hold the hardware";
+    if (!wanted.empty() && isHolder != (wanted == "holds")) return Outcome::Unmet(text);
     return Outcome::Good(text);
 }
 
@@ -72,7 +73,7 @@ Outcome Takeover(Session& session, const Words& /*arguments*/) {
 Outcome Open(Session& session, const Words& arguments) {
     const auto id = arguments.size() > 1 ? ParseNumber<ChildId>(arguments[1]) : session.FreeId();
     if (!id) return Outcome::Wrong(arguments[1] + ": expected an id, decimal or 0x..");
-    const auto opened = session.client->OpenDevice(arguments[0], *id);
+    const auto opened = OpenDevice(*session.client, session.unit, arguments[0], *id);
     if (!opened) return Outcome::Failed(opened.error());
     session.devices.push_back({arguments[0], *id, Session::Clock::now()});
     return Outcome::Good(arguments[0] + " is open as " + IdText(*id));
@@ -133,7 +134,23 @@ Expected<Block> ReceiveInterruptibly(Client& client, std::optional<ChildId> chil
     }
 }
 
+// The newest block of what `arguments` name, for which those before it are dropped.
+Outcome ReceiveLatest(Session& session, const Words& arguments) {
+    if (arguments.size() < 2) return Outcome::Wrong("usage: receive latest ID|NAME|daq [TIME]");
+    const bool fromDaq = arguments[1] == kDaq;
+    const auto id = fromDaq ? std::optional<ChildId>{} : session.FindId(arguments[1]);
+    if (!id && !fromDaq) return WrongId(arguments[1]);
+    const auto timeout =
+        arguments.size() > 2 ? ParseDuration(arguments[2]) : std::optional{Client::kDefaultTimeout};
+    if (!timeout) return Outcome::Wrong(arguments[2] + ": expected a time such as 3s");
+    auto block = ReceiveInterruptibly(*session.client, id, *timeout);
+    if (!block) return Outcome::Failed(block.error());
+    while (auto newer = ReceiveInterruptibly(*session.client, id, Milliseconds{0})) block = newer;
+    return Outcome::Good(DescribeBlock(block->bytes));
+}
+
 Outcome Receive(Session& session, const Words& arguments) {
+    if (arguments[0] == "latest") return ReceiveLatest(session, arguments);
     const bool fromDaq = arguments[0] == kDaq;
     const auto id = fromDaq ? std::optional<ChildId>{0} : session.FindId(arguments[0]);
     if (!id) return WrongId(arguments[0]);
@@ -257,22 +274,30 @@ std::optional<double> DaqFigure(const Session& session, const std::string& figur
     return std::nullopt;
 }
 
-// The figure of a device, or of the DAQ, that "check" names; nothing when it is unknown.
-std::optional<double> Figure(const Session& session, const std::string& device,
-                             const std::string& figure) {
-    if (device == "daq") return DaqFigure(session, figure);
+// The figure of a device, or of the DAQ, that "check" names.
+Expected<double> Figure(const Session& session, const std::string& device,
+                        const std::string& figure) {
+    const auto unknown = [&](const char* known) {
+        return Error{ErrorKind::kInvalidArgument,
+                     device + " has no figure \"" + figure + "\": there are " + known};
+    };
+    if (device == kDaq) {
+        const auto value = DaqFigure(session, figure);
+        return value ? Expected<double>(*value) : unknown("packets, rate, badsums, dropped");
+    }
     const auto id = session.FindId(device);
-    if (!id) return std::nullopt;
-    const auto entry = std::ranges::find(session.devices, *id, &Session::Device::id);
-    const auto found = session.client->StatisticsOf(*id);
-    if (!found || entry == session.devices.end()) return std::nullopt;
+    const auto entry = std::ranges::find(session.devices, id.value_or(0), &Session::Device::id);
+    const auto found = id ? session.client->StatisticsOf(*id) : std::nullopt;
+    if (!found || entry == session.devices.end()) {
+        return Error{ErrorKind::kInvalidArgument, device + " is not open"};
+    }
     const ChildStatistics& counts = *found;
     if (figure == "blocks") return static_cast<double>(counts.blocks);
     if (figure == "bytes") return static_cast<double>(counts.bytes);
     if (figure == "rate") return static_cast<double>(counts.blocks) / SecondsSince(entry->opened);
     if (figure == "gaps") return static_cast<double>(counts.sequenceGaps);
     if (figure == "dropped") return static_cast<double>(counts.dropped);
-    return std::nullopt;
+    return unknown("blocks, bytes, rate, gaps, dropped");
 }
 
 Outcome Check(Session& session, const Words& arguments) {
@@ -286,10 +311,7 @@ Outcome Check(Session& session, const Words& arguments) {
         return Outcome::Wrong("usage: check ID|NAME|daq FIGURE <|<=|=|>=|> N, a whole number");
     }
     const auto figure = Figure(session, arguments[0], arguments[1]);
-    if (!figure) {
-        return Outcome::Wrong(arguments[0] + " is not open, or has no figure \"" + arguments[1] +
-                              "\"");
-    }
+    if (!figure) return Outcome::Failed(figure.error());
     char text[64];
     std::snprintf(text, sizeof text, " is %.10g", std::round(*figure * 10) / 10);
     const std::string said = arguments[0] + " " + arguments[1] + text;
@@ -316,8 +338,10 @@ const std::vector<Command>& Commands() {
         {"raw", "HEX", "send bytes as they are", 1, kMany, Raw},
         {"mux", "COMMAND [HEX]", "send a multiplexer command; the DAQ acknowledges it", 1, kMany,
          Mux},
-        {"receive", "ID|NAME|daq [N] [TIME]", "show the next N blocks (1), each within TIME (3s)",
-         1, 3, Receive},
+        {"receive", "ID|NAME|daq [N] [TIME]",
+         "show the N (1) oldest blocks not shown yet, each within TIME (3s)", 1, 3, Receive},
+        {"receive latest", "ID|NAME|daq [TIME]", "show the newest block and drop those before it",
+         1, 3, ReceiveLatest},
         {"stats", "", "statistics of each device since it was opened, and of the link", 0, 0,
          Stats},
         {"check", "ID|NAME|daq FIGURE OP N", "fail unless the figure (below) is as given", 4, 4,
@@ -348,8 +372,10 @@ std::string CommandsHelp() {
            "expect OUTCOME COMMAND          fails unless COMMAND ends so: done, refused [CODE],\n"
            "                                timeout, lost, violation, unconnected\n"
            "try COMMAND                     goes on when COMMAND fails\n"
-           "In scripts also: repeat TIME|N .. end, where a command after try that loses the link\n"
-           "ends the round; # begins a comment; \"...\" keeps blanks in a word.\n"
+           "repeat TIME|N .. end            does the commands in between again and again; one "
+           "after try\n"
+           "                                that loses the link ends the round\n"
+           "# begins a comment; \"...\" keeps blanks in a word.\n"
            "IDs are decimal or 0x..; HEX is two digits a byte, blanks between bytes are fine.";
 }
 

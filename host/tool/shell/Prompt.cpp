@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "tool/Exit.h"
 
@@ -31,6 +33,26 @@ struct Editing {
 };
 
 Editing editing;
+std::string historyFile;  // empty: it is not kept
+
+// The history's file in the user's folder for state, which is made if need be; empty without one.
+std::string HistoryFile() {
+    const char* const state = std::getenv("XDG_STATE_HOME");
+    const char* const home = std::getenv("HOME");
+    std::filesystem::path folder;
+    if (state != nullptr && *state == '/') {
+        folder = state;
+    } else if (home != nullptr && *home == '/') {
+        folder = std::filesystem::path(home) / ".local" / "state";
+    } else {
+        return "";
+    }
+    folder /= "vexa-host";
+    std::error_code error;
+    std::filesystem::create_directories(folder, error);
+    return error ? "" : (folder / "history").string();
+}
+
 termios before;  // former terminal settings; read by a signal handler
 
 void RestoreTerminal() { tcsetattr(STDIN_FILENO, TCSANOW, &before); }
@@ -70,11 +92,16 @@ Prompt::Prompt(Complete complete) {
     rl_attempted_completion_function = CompleteWord;
     rl_catch_signals = 0;
     using_history();
+    historyFile = HistoryFile();
+    if (!historyFile.empty()) read_history(historyFile.c_str());
 }
 
 Prompt::~Prompt() {
+    constexpr int kMostLines = 1000;
     rl_callback_handler_remove();
     RestoreTerminal();
+    stifle_history(kMostLines);
+    if (!historyFile.empty()) write_history(historyFile.c_str());
     OnSecondInterrupt(nullptr);
 }
 
@@ -84,7 +111,10 @@ std::optional<std::string> Prompt::Read(const std::string& prompt) {
     rl_callback_handler_install(prompt.c_str(), OnLine);
     while (!editing.isLineHere) {
         pollfd entry{STDIN_FILENO, POLLIN, 0};
-        if (poll(&entry, 1, kInterruptPollMs) > 0) rl_callback_read_char();
+        const bool isReady = poll(&entry, 1, kInterruptPollMs) > 0;
+        const bool isGone = isReady && (entry.revents & (POLLHUP | POLLERR | POLLNVAL)) != 0;
+        if (IsTerminated() || isGone) return std::nullopt;
+        if (isReady) rl_callback_read_char();
         if (!IsInterrupted()) continue;
         ForgetInterrupt();
         std::printf("^C\n");
@@ -110,6 +140,7 @@ std::optional<std::string> Prompt::Read(const std::string& prompt) {
     for (;;) {
         char c = 0;
         const ssize_t count = read(STDIN_FILENO, &c, 1);
+        if (IsTerminated()) return std::nullopt;
         if (IsInterrupted()) {
             ForgetInterrupt();
             std::printf("\n");

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <cstdio>
-#include <istream>
 
 #include "tool/Exit.h"
 #include "tool/Parse.h"
@@ -14,50 +13,55 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 std::string Place(const std::string& name, std::size_t number) {
-    return name + ":" + std::to_string(number) + ": ";
+    return name + ":" + std::to_string(number);
 }
 
-std::string Joined(const Words& words) {
+}  // namespace
+
+std::string ScriptLine::Text() const {
     std::string text;
     for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
     return text;
 }
 
-class Reader {
-  public:
-    Reader(std::istream& source, const std::string& scriptName) : input(source), name(scriptName) {}
+Error ScriptReader::Wrong(std::size_t line, const std::string& why) const {
+    return {ErrorKind::kInvalidArgument, Place(name, line) + ": " + why};
+}
 
-    // The lines up to the "end" of the "repeat" in line `opened`; with 0 up to the end of the file.
-    Expected<std::vector<ScriptLine>> Read(std::size_t opened = 0) {
-        std::vector<ScriptLine> lines;
-        for (std::string text; std::getline(input, text);) {
-            ++number;
-            auto words = SplitLine(text);
-            if (!words) return Wrong(number, "a quote has no end");
-            if (words->empty()) continue;
-            if (words->front() == "end") {
-                if (opened != 0) return lines;
-                return Wrong(number, "\"end\" without \"repeat\"");
-            }
-            lines.push_back({number, std::move(*words), {}});
-            if (lines.back().words.front() != "repeat") continue;
-            auto body = Read(number);
-            if (!body) return body;
-            lines.back().body = std::move(*body);
-        }
-        if (opened != 0) return Wrong(opened, "\"repeat\" without \"end\"");
-        return lines;
+Expected<std::optional<ScriptLine>> ScriptReader::Next() {
+    bool isEnd = false;
+    auto line = Read(0, isEnd);
+    if (isEnd) return Wrong(number, "\"end\" without \"repeat\"");
+    return line;
+}
+
+// One line, with its body if it is a "repeat"; `isEnd` is set at an "end".
+Expected<std::optional<ScriptLine>> ScriptReader::Read(std::size_t depth, bool& isEnd) {
+    constexpr std::size_t kMostDepth = 100;
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
+    std::optional<Words> words;
+    do {
+        const auto text = nextLine(depth > 0);
+        if (!text) return std::optional<ScriptLine>{};
+        const bool isMarked = ++number == 1 && text->starts_with(kByteOrderMark);
+        words = SplitLine(std::string_view(*text).substr(isMarked ? kByteOrderMark.size() : 0));
+        if (!words) return Wrong(number, "a quote has no end");
+    } while (words->empty());
+    ScriptLine line{number, std::move(*words), {}};
+    isEnd = line.words.front() == "end";
+    if (line.words.front() != "repeat") return std::optional(std::move(line));
+    if (depth == kMostDepth) return Wrong(number, "too many \"repeat\" in one another");
+    for (;;) {
+        bool isBodyEnd = false;
+        auto inner = Read(depth + 1, isBodyEnd);
+        if (!inner) return inner;
+        if (isBodyEnd) return std::optional(std::move(line));
+        if (!*inner) return Wrong(line.number, "\"repeat\" without \"end\"");
+        line.body.push_back(std::move(**inner));
     }
+}
 
-  private:
-    [[nodiscard]] Error Wrong(std::size_t line, const std::string& why) const {
-        return {ErrorKind::kInvalidArgument, Place(name, line) + why};
-    }
-
-    std::istream& input;
-    const std::string& name;
-    std::size_t number = 0;
-};
+namespace {
 
 class Runner {
   public:
@@ -66,22 +70,19 @@ class Runner {
 
     enum class End { kReached, kRoundSkipped, kQuit, kFailed, kInterrupted };
 
-    End Run(const std::vector<ScriptLine>& lines) {
-        for (const ScriptLine& line : lines) {
-            const End end = line.words.front() == "repeat" ? Repeat(line) : RunCommand(line);
-            if (end != End::kReached) return end;
-        }
-        return End::kReached;
+    End Run(const ScriptLine& line) {
+        return line.words.front() == "repeat" ? Repeat(line) : RunCommand(line);
     }
 
-    [[nodiscard]] ExitCode FailureCode() const { return failure; }
+    [[nodiscard]] ExitCode FailureCode() const { return failureCode; }
+    [[nodiscard]] const std::string& Failure() const { return failure; }
     [[nodiscard]] std::size_t Commands() const { return commands; }
 
   private:
     End RunCommand(const ScriptLine& line) {
         if (IsInterrupted()) return End::kInterrupted;
         ++commands;
-        if (verbose) std::printf("> %s\n", Joined(line.words).c_str());
+        if (verbose) std::printf("> %s\n", line.Text().c_str());
         const Outcome outcome = session.Run(line.words);
         if (!outcome.text.empty()) std::printf("%s\n", outcome.text.c_str());
         std::fflush(stdout);
@@ -93,8 +94,9 @@ class Runner {
 
     End Fail(const ScriptLine& line, const Error& error) {
         Error placed = error;
-        placed.message = Place(name, line.number) + Joined(line.words) + ": " + error.message;
-        failure = ReportError(placed);
+        placed.message = Place(name, line.number) + ": " + line.Text() + ": " + error.message;
+        failure = error.message;
+        failureCode = ReportError(placed);
         return End::kFailed;
     }
 
@@ -107,9 +109,13 @@ class Runner {
         }
         const auto end = Clock::now() + time.value_or(std::chrono::milliseconds{0});
         for (std::size_t round = 0; rounds ? round < *rounds : Clock::now() < end; ++round) {
-            const End ended = Run(line.body);
-            if (ended != End::kReached && ended != End::kRoundSkipped) return ended;
+            if (IsInterrupted()) return End::kInterrupted;
             if (line.body.empty()) break;
+            for (const ScriptLine& inner : line.body) {
+                const End ended = Run(inner);
+                if (ended == End::kRoundSkipped) break;
+                if (ended != End::kReached) return ended;
+            }
         }
         return End::kReached;
     }
@@ -117,28 +123,42 @@ class Runner {
     Session& session;
     const std::string& name;
     const bool verbose;
-    ExitCode failure = kExitDone;
+    ExitCode failureCode = kExitDone;
+    std::string failure;
     std::size_t commands = 0;
 };
 
 }  // namespace
 
-Expected<std::vector<ScriptLine>> ReadScript(std::istream& input, const std::string& name) {
-    return Reader(input, name).Read();
-}
-
-ExitCode RunScript(Session& session, const std::vector<ScriptLine>& lines, const std::string& name,
-                   bool verbose) {
-    Runner runner(session, name, verbose);
-    switch (runner.Run(lines)) {
-        case Runner::End::kFailed:
-            return runner.FailureCode();
-        case Runner::End::kInterrupted:
+ExitCode RunScript(Session& session, ScriptReader& reader, bool verbose, ScriptReport& report) {
+    Runner runner(session, reader.Name(), verbose);
+    for (;;) {
+        const auto line = reader.Next();
+        if (!line) return ReportError(line.error());
+        if (!*line) break;
+        const auto start = Clock::now();
+        const auto end = runner.Run(**line);
+        const auto add = [&](const std::string& failure) {
+            report.Add(Place(reader.Name(), (*line)->number), (*line)->Text(), failure,
+                       Clock::now() - start);
+        };
+        if (end == Runner::End::kInterrupted) {
+            add("interrupted");
             return kExitInterrupted;
-        default:
-            std::printf("%s: %zu commands, all as expected\n", name.c_str(), runner.Commands());
-            return kExitDone;
+        }
+        add(runner.Failure());
+        if (end == Runner::End::kFailed) {
+            // What is left is read only to be counted.
+            for (auto rest = reader.Next(); rest && *rest && !IsInterrupted();
+                 rest = reader.Next()) {
+                report.AddSkipped(Place(reader.Name(), (*rest)->number), (*rest)->Text());
+            }
+            return runner.FailureCode();
+        }
+        if (end == Runner::End::kQuit) break;
     }
+    std::printf("%s: %zu commands, all as expected\n", reader.Name().c_str(), runner.Commands());
+    return kExitDone;
 }
 
 }  // namespace vexahost::tool

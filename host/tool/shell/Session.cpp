@@ -84,8 +84,8 @@ Expected<std::unique_ptr<Session>> Session::Start(const UnitAddress& unit) {
     constexpr std::size_t kKept = 20000;  // blocks of each device, for "receive"
     const auto end = Clock::now() + kPatience;
     for (;;) {
-        auto client = ConnectAndSync(unit, {.queueCapacity = kKept, .tap = {}});
-        if (client) return std::make_unique<Session>(std::move(*client));
+        auto client = ConnectAndSync(unit, {.queueCapacity = kKept});
+        if (client) return std::make_unique<Session>(std::move(*client), unit);
         const ErrorKind kind = client.error().kind;
         const bool isLink = kind == ErrorKind::kLinkLost || kind == ErrorKind::kProtocolViolation;
         if (!isLink || Clock::now() >= end || IsInterrupted()) return client.error();

@@ -51,7 +51,8 @@ class Session {
     // Connects and synchronises. When the link is lost meanwhile, tries again for some seconds.
     static Expected<std::unique_ptr<Session>> Start(const UnitAddress& unit);
 
-    explicit Session(std::unique_ptr<Client> connected) : client(std::move(connected)) {}
+    Session(ClientHandle connected, UnitAddress address)
+        : client(std::move(connected)), unit(std::move(address)) {}
 
     // Runs one command, with "expect" or "try" before it if the user likes.
     Outcome Run(const Words& words);
@@ -72,7 +73,8 @@ class Session {
     // Nothing is open any more: forgets the devices, drops the DAQ's packets and counts them anew.
     void ForgetAll();
 
-    const std::unique_ptr<Client> client;
+    const ClientHandle client;
+    const UnitAddress unit;
     std::vector<Device> devices;                // open ones
     Clock::time_point daqSince = Clock::now();  // the DAQ's packets are counted since then
     ClientStatistics before;                    // the counts at that time

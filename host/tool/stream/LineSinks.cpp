@@ -1,6 +1,7 @@
 // The sinks that write lines to standard output.
 #include <algorithm>
 #include <cstdio>
+#include <utility>
 
 #include "tool/JsonObject.h"
 #include "tool/stream/StreamSink.h"
@@ -14,6 +15,8 @@ std::string Hex(const Block& block) { return HexText(block.bytes, block.bytes.si
 
 class TextSink final : public StreamSink {
   public:
+    explicit TextSink(PatientOutput& output_) : output(output_) {}
+
     void Add(const StreamedBlock& from) override {
         std::string line;
         if (from.reading) {
@@ -25,11 +28,11 @@ class TextSink final : public StreamSink {
         } else {
             line = Hex(from.block);
         }
-        std::printf("%-14s %s%s\n", from.name.c_str(), line.c_str(),
-                    from.block.checksumRight ? "" : " (checksum WRONG)");
+        constexpr std::size_t kLabelColumns = 14;
+        std::string label = from.label;
+        label.resize(std::max(label.size(), kLabelColumns), ' ');
+        output.Add(label + ' ' + line + (from.block.checksumRight ? "\n" : " (checksum WRONG)\n"));
     }
-
-    void Update() override { std::fflush(stdout); }
 
   private:
     static void AppendChannel(std::string& line, const Channel& channel) {
@@ -41,6 +44,8 @@ class TextSink final : public StreamSink {
             line += ValueText(value);
         }
     }
+
+    PatientOutput& output;
 };
 
 // A field of a CSV row, in quotes where it needs them.
@@ -53,28 +58,31 @@ std::string CsvField(const std::string& text) {
 
 class CsvSink final : public StreamSink {
   public:
-    CsvSink() { std::printf("time_s,device,sequence,device_time_s,channel,index,value\n"); }
+    explicit CsvSink(PatientOutput& output_) : output(output_) {
+        output.Add("time_s,device,child,sequence,device_time_s,channel,index,value\n");
+    }
 
     void Add(const StreamedBlock& from) override {
         char start[64];
         std::snprintf(start, sizeof start, "%.6f,", from.seconds);
-        std::string front =
-            start + CsvField(from.name) + ',' + std::to_string(from.block.sequence) + ',';
+        std::string front = start + CsvField(from.name) + ',' +
+                            (from.child ? std::to_string(*from.child) : "") + ',' +
+                            std::to_string(from.block.sequence) + ',';
         if (!from.reading) {
-            std::printf("%s,bytes,0,%s\n", front.c_str(), Hex(from.block).c_str());
+            output.Add(front + ",bytes,0," + Hex(from.block) + '\n');
             return;
         }
         if (from.reading->deviceSeconds) front += ValueText(*from.reading->deviceSeconds);
         for (const Channel& channel : from.reading->channels) {
-            const std::string name = CsvField(channel.name);
+            const std::string name = front + ',' + CsvField(channel.name) + ',';
             for (std::size_t i = 0; i < channel.values.size(); ++i) {
-                std::printf("%s,%s,%zu,%s\n", front.c_str(), name.c_str(), i,
-                            ValueText(channel.values[i]).c_str());
+                output.Add(name + std::to_string(i) + ',' + ValueText(channel.values[i]) + '\n');
             }
         }
     }
 
-    void Update() override { std::fflush(stdout); }
+  private:
+    PatientOutput& output;
 };
 
 // The samples under the names of their channels; those of a name that comes again join the first.
@@ -96,11 +104,13 @@ JsonObject ChannelObject(const std::vector<Channel>& channels) {
 
 class JsonSink final : public StreamSink {
   public:
+    explicit JsonSink(PatientOutput& output_) : output(output_) {}
+
     void Add(const StreamedBlock& from) override {
         JsonObject line;
-        line.Add("time_s", from.seconds)
-            .Add("device", from.name)
-            .Add("sequence", from.block.sequence);
+        line.Add("time_s", from.seconds).Add("device", from.name);
+        if (from.child) line.Add("child", *from.child);
+        line.Add("sequence", from.block.sequence);
         if (from.reading) {
             const auto& deviceSeconds = from.reading->deviceSeconds;
             if (deviceSeconds) line.Add("device_time_s", *deviceSeconds);
@@ -109,16 +119,23 @@ class JsonSink final : public StreamSink {
             line.Add("bytes", Hex(from.block));
         }
         if (!from.block.checksumRight) line.Add("checksum_right", false);
-        line.PrintLine();
+        output.Add(line.Text() + '\n');
     }
 
-    void Update() override { std::fflush(stdout); }
+  private:
+    PatientOutput& output;
 };
 
 }  // namespace
 
-std::unique_ptr<StreamSink> MakeTextSink() { return std::make_unique<TextSink>(); }
-std::unique_ptr<StreamSink> MakeCsvSink() { return std::make_unique<CsvSink>(); }
-std::unique_ptr<StreamSink> MakeJsonSink() { return std::make_unique<JsonSink>(); }
+std::unique_ptr<StreamSink> MakeTextSink(PatientOutput& output) {
+    return std::make_unique<TextSink>(output);
+}
+std::unique_ptr<StreamSink> MakeCsvSink(PatientOutput& output) {
+    return std::make_unique<CsvSink>(output);
+}
+std::unique_ptr<StreamSink> MakeJsonSink(PatientOutput& output) {
+    return std::make_unique<JsonSink>(output);
+}
 
 }  // namespace vexahost::tool

@@ -1,18 +1,15 @@
-#include <signal.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <chrono>
 #include <cinttypes>
 #include <cstdio>
-#include <cstring>
-#include <functional>
 #include <string>
 #include <vector>
 
 #include "tool/Connection.h"
 #include "tool/Exit.h"
+#include "tool/Output.h"
 #include "tool/Samples.h"
 #include "tool/Verbs.h"
 #include "tool/stream/LiveView.h"
@@ -35,7 +32,7 @@ struct StreamedDevices {
 class StreamSource {
   public:
     // The controller of `client` is open.
-    StreamSource(Client& client, const StreamedDevices& devices);
+    StreamSource(Client& client, const UnitAddress& unit, const StreamedDevices& devices);
 
     // Opens all devices. The error of the first that fails.
     Expected<Done> Open();
@@ -43,99 +40,128 @@ class StreamSource {
     // Names of the devices; a device's index here stands for it in all functions.
     [[nodiscard]] const std::vector<std::string>& Names() const { return names; }
 
-    using UseBlock = std::function<void(std::size_t device, const Block& block)>;
+    // The same; with the child's id where two devices share a name.
+    [[nodiscard]] const std::vector<std::string>& Labels() const { return labels; }
 
-    // Waits up to 20 ms for a block of the first device, then calls `use` with each block that has
-    // come of any. The error that ended the link.
-    Expected<Done> ReceiveAll(const UseBlock& use);
+    struct DeviceBlock {
+        std::size_t device;
+        std::optional<ChildId> child;
+        Block block;
+    };
+    // Waits for the oldest block of all devices.
+    Expected<DeviceBlock> Receive(Milliseconds wait);
 
     [[nodiscard]] ChildStatistics StatisticsOf(std::size_t device) const;
 
-    // Prints totals of each device on standard error, with a hint for a silent one.
+    // Says on standard error which sensors have sent nothing so far, and why that may be.
+    void PrintSilent() const;
+
+    // Prints totals of each device on standard error.
     void PrintTotals(std::chrono::steady_clock::duration time) const;
 
   private:
-    Expected<Block> Receive(std::size_t device, Milliseconds wait);
-    Expected<Done> ReceiveAllOf(std::size_t device, Milliseconds wait, const UseBlock& use);
+    void WarnOfSharedTypes() const;
 
     Client& client;
+    const UnitAddress& unit;
     const StreamedDevices& devices;
     std::vector<std::string> names;
+    std::vector<std::string> labels;
+    std::vector<ChildId> ids;  // of the sensors
 };
 
 constexpr const char* kDaqName = "DAQ";
 constexpr Milliseconds kReceiveWait{20};
 
-ChildId IdOf(std::size_t device) { return kFirstDeviceId + static_cast<ChildId>(device); }
-
 bool StreamedDevices::Contains(const std::string& name) const {
     return (daq && name == kDaqName) || std::ranges::find(names, name) != names.end();
 }
 
-StreamSource::StreamSource(Client& connected, const StreamedDevices& wanted)
-    : client(connected), devices(wanted), names(wanted.names) {
-    if (devices.daq) names.emplace_back(kDaqName);
+StreamSource::StreamSource(Client& connected, const UnitAddress& unit_,
+                           const StreamedDevices& wanted)
+    : client(connected), unit(unit_), devices(wanted), names(wanted.names), labels(names) {
+    for (std::size_t i = 0; i < devices.names.size(); ++i) {
+        ids.push_back(kFirstDeviceId + static_cast<ChildId>(i));
+        if (std::ranges::count(names, names[i]) < 2) continue;
+        char id[16];
+        std::snprintf(id, sizeof id, "/0x%X", ids[i]);
+        labels[i] += id;
+    }
+    if (!devices.daq) return;
+    names.emplace_back(kDaqName);
+    labels.emplace_back(kDaqName);
+}
+
+// The service opens the first attached device of the type that a name stands for.
+void StreamSource::WarnOfSharedTypes() const {
+    const auto attached = ListDevices(unit);
+    for (const VirtualDevice& first : attached) {
+        std::string sharing;
+        for (const VirtualDevice& device : attached) {
+            const bool isWanted = std::ranges::find(names, device.name) != names.end();
+            if (isWanted && device.type == first.type && device.name != first.name) {
+                sharing += (sharing.empty() ? "" : ", ") + device.name;
+            }
+        }
+        if (sharing.empty() ||
+            &first != &*std::ranges::find(attached, first.type, &VirtualDevice::type)) {
+            continue;
+        }
+        std::fprintf(stderr,
+                     "vexa-host: %s: shows %s, the first attached device of the same type, %" PRIu64
+                     "\n",
+                     sharing.c_str(), first.name.c_str(), first.type);
+    }
 }
 
 Expected<Done> StreamSource::Open() {
+    WarnOfSharedTypes();
     if (devices.daq) {
         if (auto taken = client.TakeDaqOver(); !taken) return taken;
     }
-    for (std::size_t i = 0; i < devices.names.size(); ++i) {
-        const std::string& name = devices.names[i];
-        if (auto opened = client.OpenDevice(name, IdOf(i)); !opened) return opened;
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        const std::string& name = names[i];
+        if (auto opened = OpenDevice(client, unit, name, ids[i]); !opened) return opened;
         if (std::ranges::find(devices.arm, name) == devices.arm.end()) continue;
-        if (auto sent = client.Send(IdOf(i), HidInitRequest()); !sent) return sent;
+        if (auto sent = client.Send(ids[i], HidInitRequest()); !sent) return sent;
     }
     return Done{};
 }
 
-Expected<Block> StreamSource::Receive(std::size_t device, Milliseconds wait) {
-    if (device < devices.names.size()) return client.Receive(IdOf(device), wait);
-    return client.ReceiveDaq(wait);
-}
-
-Expected<Done> StreamSource::ReceiveAllOf(std::size_t device, Milliseconds wait,
-                                          const UseBlock& use) {
-    for (;;) {
-        const auto block = Receive(device, wait);
-        if (!block) {
-            if (block.error().kind == ErrorKind::kTimeout) return Done{};
-            return block.error();
-        }
-        use(device, *block);
-        wait = Milliseconds{0};
-    }
-}
-
-Expected<Done> StreamSource::ReceiveAll(const UseBlock& use) {
-    for (std::size_t i = 0; i < names.size(); ++i) {
-        const Milliseconds wait = i == 0 ? kReceiveWait : Milliseconds{0};
-        if (auto received = ReceiveAllOf(i, wait, use); !received) return received;
-    }
-    return Done{};
+Expected<StreamSource::DeviceBlock> StreamSource::Receive(Milliseconds wait) {
+    auto received = client.ReceiveAny(ids, devices.daq, wait);
+    if (!received) return received.error();
+    const std::size_t device = received->child ? *received->child - kFirstDeviceId : ids.size();
+    return DeviceBlock{device, received->child, std::move(received->block)};
 }
 
 ChildStatistics StreamSource::StatisticsOf(std::size_t device) const {
-    if (device < devices.names.size()) {
-        return client.StatisticsOf(IdOf(device)).value_or(ChildStatistics{});
-    }
+    if (device < ids.size()) return client.StatisticsOf(ids[device]).value_or(ChildStatistics{});
     const auto all = client.Statistics();
-    return {all.daqPackets, all.daqBytes, 0, all.daqDropped};
+    return {all.daqPackets, all.daqBytes, all.daqSequenceGaps, all.daqDropped};
+}
+
+void StreamSource::PrintSilent() const {
+    for (std::size_t i = 0; i < ids.size(); ++i) {
+        if (StatisticsOf(i).blocks > 0) continue;
+        std::fprintf(stderr,
+                     "vexa-host: %s has sent nothing so far; a HID sensor reports only when armed: "
+                     "--arm %s\n",
+                     labels[i].c_str(), names[i].c_str());
+    }
 }
 
 void StreamSource::PrintTotals(std::chrono::steady_clock::duration time) const {
     const double seconds = std::max(std::chrono::duration<double>(time).count(), 0.001);
     for (std::size_t i = 0; i < names.size(); ++i) {
         const auto counts = StatisticsOf(i);
-        const bool isDaq = i == devices.names.size();
-        std::fprintf(stderr, "%s: %" PRIu64 " blocks, %" PRIu64 " bytes, ", names[i].c_str(),
-                     counts.blocks, counts.bytes);
+        const bool isDaq = i == ids.size();
+        std::fprintf(
+            stderr, "%s: %" PRIu64 " blocks, %" PRIu64 " bytes, %" PRIu64 " gaps in the sequence, ",
+            labels[i].c_str(), counts.blocks, counts.bytes, counts.sequenceGaps);
         if (isDaq) {
             std::fprintf(stderr, "%" PRIu64 " with a wrong checksum, ",
                          client.Statistics().daqWrongChecksums);
-        } else {
-            std::fprintf(stderr, "%" PRIu64 " gaps in the sequence, ", counts.sequenceGaps);
         }
         std::fprintf(
             stderr, "%" PRIu64 " blocks dropped here; %.1f blocks/s, %.0f bytes/s%s\n",
@@ -143,6 +169,12 @@ void StreamSource::PrintTotals(std::chrono::steady_clock::duration time) const {
             static_cast<double>(counts.bytes) / seconds,
             counts.blocks == 0 && !isDaq ? " (a HID sensor reports only when armed: --arm)" : "");
     }
+    const std::uint64_t lost = client.Statistics().resynchronisations;
+    if (lost == 0) return;
+    std::fprintf(stderr,
+                 "vexa-host: the unit cut packets %" PRIu64
+                 " times, as when its output buffer is full; blocks are missing there\n",
+                 lost);
 }
 
 struct StreamOptions {
@@ -185,40 +217,80 @@ Expected<Done> CheckDevices(const StreamedDevices& devices) {
     return Done{};
 }
 
-std::unique_ptr<StreamSink> MakeSink(const StreamOptions& options, const StreamSource& source) {
-    if (options.csv) return MakeCsvSink();
-    if (options.json) return MakeJsonSink();
-    if (options.lines || isatty(STDOUT_FILENO) == 0) return MakeTextSink();
+std::unique_ptr<StreamSink> MakeSink(const StreamOptions& options, const StreamSource& source,
+                                     PatientOutput& output) {
+    if (options.csv) return MakeCsvSink(output);
+    if (options.json) return MakeJsonSink(output);
+    if (options.lines || isatty(STDOUT_FILENO) == 0) return MakeTextSink(output);
     return std::make_unique<LiveView>(
-        options.unit.Text(), source.Names(),
+        options.unit.Text(), source.Labels(),
         [&source](std::size_t device) { return source.StatisticsOf(device); });
 }
 
 // A pipe whose reader has left, such as "head", is no failure.
-Expected<Done> OutputEnd() {
-    if (errno == EPIPE) return Done{};
-    return Error{ErrorKind::kInvalidArgument,
-                 std::string("cannot write to standard output: ") + std::strerror(errno)};
+Expected<Done> OutputEnd(const PatientOutput& output) {
+    if (output.Fault().empty()) return Done{};
+    return Error{ErrorKind::kInvalidArgument, "cannot write to standard output: " + output.Fault()};
 }
 
-Expected<Done> Pump(StreamSource& source, StreamSink& sink, std::span<const SampleFormat> formats,
-                    Clock::time_point end) {
-    const auto start = Clock::now();
-    const auto pass = [&](std::size_t device, const Block& block) {
-        const std::string& name = source.Names()[device];
+// The end of the stream holds however slow the reader of the output is: what it does not accept
+// waits in the client's queues, which drop their oldest blocks and count them.
+class Pump {
+  public:
+    Pump(StreamSource& source_, StreamSink& sink_, PatientOutput& output_,
+         std::span<const SampleFormat> formats_)
+        : source(source_), sink(sink_), output(output_), formats(formats_) {}
+
+    Expected<Done> RunUntil(Clock::time_point end, bool saysSilent) {
+        const auto hintAt = start + kHintAfter;
+        while (!IsInterrupted() && Clock::now() < end && !sink.WantsEnd()) {
+            if (auto received = ReceiveSome(end); !received) return received;
+            sink.Update();
+            if (!output.Write(end)) return OutputEnd(output);
+            if (saysSilent && Clock::now() >= hintAt) {
+                saysSilent = false;
+                source.PrintSilent();
+            }
+        }
+        return Done{};
+    }
+
+  private:
+    static constexpr std::chrono::seconds kHintAfter{3};
+    static constexpr int kMostAtOnce = 100;  // blocks between two looks at the clock and the output
+
+    // Waits for a block, then passes on what else is there.
+    Expected<Done> ReceiveSome(Clock::time_point end) {
+        auto wait = std::min(std::chrono::ceil<Milliseconds>(end - Clock::now()), kReceiveWait);
+        for (int i = 0; i < kMostAtOnce; ++i, wait = Milliseconds{0}) {
+            const auto received = source.Receive(std::max(wait, Milliseconds{0}));
+            if (received) {
+                Pass(*received);
+                continue;
+            }
+            const ErrorKind kind = received.error().kind;
+            if (kind == ErrorKind::kTimeout || kind == ErrorKind::kCancelled) break;
+            return received.error();
+        }
+        return Done{};
+    }
+
+    void Pass(const StreamSource::DeviceBlock& from) {
+        const std::string& name = source.Names()[from.device];
+        const Block& block = from.block;
         const std::chrono::duration<double> since = block.receivedAt - start;
         const auto reading =
             block.checksumRight ? ReadBlock(formats, name, block.bytes) : std::optional<Reading>{};
-        sink.Add({device, name, std::max(since.count(), 0.0), block, reading});
-    };
-    while (!IsInterrupted() && Clock::now() < end && !sink.WantsEnd()) {
-        if (auto received = source.ReceiveAll(pass); !received) return received;
-        errno = 0;
-        sink.Update();
-        if (std::ferror(stdout) != 0) return OutputEnd();
+        sink.Add({from.device, name, source.Labels()[from.device], from.child,
+                  std::max(since.count(), 0.0), block, reading});
     }
-    return Done{};
-}
+
+    StreamSource& source;
+    StreamSink& sink;
+    PatientOutput& output;
+    const std::span<const SampleFormat> formats;
+    const Clock::time_point start = Clock::now();
+};
 
 ExitCode RunStream(const StreamOptions& options) {
     if (const auto right = CheckDevices(options.devices); !right) {
@@ -228,19 +300,25 @@ ExitCode RunStream(const StreamOptions& options) {
     if (!formats) return ReportError(formats.error());
     auto client = ConnectWithController(options.unit);
     if (!client) return ReportError(client.error());
-    StreamSource source(**client, options.devices);
+    StreamSource source(**client, options.unit, options.devices);
     if (const auto opened = source.Open(); !opened) return ReportError(opened.error());
 
-    CatchInterrupts();
-    signal(SIGPIPE, SIG_IGN);
     // From here, not from connecting: a unit may take half a second to notice its cable.
     const auto start = Clock::now();
     const auto end = options.duration ? start + *options.duration : Clock::time_point::max();
-    const auto pumped = Pump(source, *MakeSink(options, source), *formats, end);
+    PatientOutput output;
+    auto sink = MakeSink(options, source, output);
+    const bool isLive = dynamic_cast<LiveView*>(sink.get()) != nullptr;
+    const auto pumped = Pump(source, *sink, output, *formats).RunUntil(end, !isLive);
+    sink.reset();  // the terminal is as before
     source.PrintTotals(Clock::now() - start);
-    if (!pumped) return ReportError(pumped.error());
-    LeaveInOrder(**client);
-    return kExitDone;
+    const std::size_t unwritten = output.Finish();
+    if (unwritten > 0 && output.IsOpen()) {
+        std::fprintf(stderr, "vexa-host: the last %zu bytes were not read in time\n", unwritten);
+    }
+    if (pumped) return kExitDone;
+    const ExitCode code = ReportError(pumped.error());
+    return output.Fault().empty() ? code : kExitOutput;
 }
 
 }  // namespace
@@ -277,11 +355,13 @@ Verb StreamVerb() {
             "many\n"
             "as fit; NAME: makes it one device's own. Without a format those of virtual units are "
             "known.\n"
-            "CSV columns: time_s,device,sequence,device_time_s,channel,index,value. JSON keys: "
-            "time_s,\n"
-            "device, sequence, device_time_s, channels {NAME: [samples]} or bytes. time_s counts "
-            "from the\n"
-            "start of the stream. The totals go to standard error.\n"
+            "CSV columns: time_s,device,child,sequence,device_time_s,channel,index,value. JSON "
+            "keys: time_s,\n"
+            "device, child, sequence, device_time_s, channels {NAME: [samples]} or bytes. time_s "
+            "counts from\n"
+            "the start of the stream. The totals go to standard error, with what a slow reader of "
+            "the\n"
+            "output cost.\n"
             "Examples: vexa-host stream Accelerometer Microphone\n"
             "          vexa-host stream Thermometer --arm Thermometer --for 10s --csv > t.csv\n"
             "          vexa-host stream Probe --format x=f32le@0 --format y=f32le@4",

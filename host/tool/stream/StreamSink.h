@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "tool/Output.h"
 #include "tool/Samples.h"
 #include "vexahost/Block.h"
 
@@ -15,9 +16,11 @@ namespace vexahost::tool {
 
 // A block with its samples.
 struct StreamedBlock {
-    std::size_t device;       // index among the stream's devices
-    const std::string& name;  // of the device
-    double seconds;           // from the start of the stream to the block's arrival
+    std::size_t device;            // index among the stream's devices
+    const std::string& name;       // of the device
+    const std::string& label;      // the name, with the child's id where two devices share a name
+    std::optional<ChildId> child;  // nothing: the DAQ
+    double seconds;                // from the start of the stream to the block's arrival
     const Block& block;
     const std::optional<Reading>& reading;
 };
@@ -37,16 +40,16 @@ class StreamSink {
 };
 
 // A line for each block: device, time (the device's own where it is known), samples or bytes.
-std::unique_ptr<StreamSink> MakeTextSink();
+std::unique_ptr<StreamSink> MakeTextSink(PatientOutput& output);
 
 // A header line, then a row for each sample:
-// time_s,device,sequence,device_time_s,channel,index,value. A block without samples makes one row:
-// channel "bytes", index 0, its bytes in hex as the value.
-std::unique_ptr<StreamSink> MakeCsvSink();
+// time_s,device,child,sequence,device_time_s,channel,index,value. A block without samples makes one
+// row: channel "bytes", index 0, its bytes in hex as the value. The DAQ has no child id.
+std::unique_ptr<StreamSink> MakeCsvSink(PatientOutput& output);
 
-// A JSON object for each block: time_s, device, sequence, then device_time_s where it is known and
-// channels (an array of samples under each channel's name), or bytes (hex); checksum_right, false,
-// for DAQ packets that are damaged.
-std::unique_ptr<StreamSink> MakeJsonSink();
+// A JSON object for each block: time_s, device, child, sequence, then device_time_s where it is
+// known and channels (an array of samples under each channel's name), or bytes (hex);
+// checksum_right, false, for DAQ packets that are damaged.
+std::unique_ptr<StreamSink> MakeJsonSink(PatientOutput& output);
 
 }  // namespace vexahost::tool
