@@ -1,7 +1,7 @@
 #include "model/Event.h"
 
-#include <algorithm>
 #include <array>
+#include <random>
 
 #include "support/HostPackets.h"
 
@@ -9,23 +9,25 @@ namespace vexa::test {
 
 namespace {
 
-constexpr std::size_t kMostEvents = 60;
+using enum EventKind;
+
+constexpr std::uint32_t kMostEvents = 60;
 
 class Maker {
   public:
-    explicit Maker(std::uint32_t number) : random(number) {}
+    explicit Maker(std::uint32_t seed) : random(seed) {}
 
     Sequence Make() {
-        Sequence sequence;
-        // Half of the sequences start with a session, so that more than chance gets far.
+        // Half of the sequences start with a session, and half with applications that answer:
+        // chance alone seldom gets that far.
+        if (OneIn(2)) Add({kHostSends, InitialSync() + OpenController(OneIn(2))}, 3);
         if (OneIn(2)) {
-            sequence.push_back({EventKind::kHostSends, InitialSync() + OpenController(OneIn(2))});
-            sequence.push_back({EventKind::kPasses, {}, 3});
+            for (std::uint32_t command = 1; command < 5; ++command) {
+                Add({kAnswersAtOnce, {}, command, 1, Response()}, 0);
+            }
         }
-        const std::size_t events = 1 + Below(kMostEvents);
-        while (sequence.size() < events) {
-            sequence.push_back(MakeEvent());
-            if (OneIn(2)) sequence.push_back({EventKind::kPasses, {}, 1 + Below(6)});
+        for (std::uint32_t left = 1 + Below(kMostEvents); left > 0; --left) {
+            Add(AnyEvent(), OneIn(2) ? 1 + Below(6) : 0);
         }
         return sequence;
     }
@@ -36,57 +38,39 @@ class Maker {
     }
     bool OneIn(std::uint32_t chance) { return Below(chance) == 0; }
     std::uint8_t Byte() { return static_cast<std::uint8_t>(Below(256)); }
+    std::uint32_t MostlyOn() { return OneIn(3) ? 0 : 1; }
+    std::int32_t Response() { return static_cast<std::int32_t>(Below(4)) - 1; }
     Bytes Random(std::size_t size) {
         Bytes bytes(size);
         for (auto& byte : bytes) byte = Byte();
         return bytes;
     }
-
-    Event MakeEvent() {
-        switch (Below(20)) {
-            case 0:
-                return {EventKind::kLink, {}, Below(2)};
-            case 1:
-                return {EventKind::kDevice, {}, Below(12), OneIn(3) ? 0U : 1U};
-            case 2:
-                return Switch();
-            case 3:
-            case 4:
-                return {EventKind::kAnswer, {}, Below(3), Below(6), static_cast<int>(Below(4)) - 1};
-            case 5:
-            case 6:
-            case 7:
-                return {EventKind::kStreamSends, Block(), Below(12)};
-            default:
-                return {EventKind::kHostSends, FromHost()};
-        }
+    void Add(Event event, std::uint32_t passes) {
+        sequence.push_back(std::move(event));
+        if (passes > 0) sequence.push_back({kPasses, {}, 0, passes});
     }
 
-    Event Switch() {
-        static constexpr std::array kSwitches = {EventKind::kStreamsOpen, EventKind::kWritesSucceed,
-                                                 EventKind::kPlainOpens,
-                                                 EventKind::kCommandsSucceed};
-        const std::uint32_t which = Below(kSwitches.size() + 3);
-        if (which < kSwitches.size()) return {kSwitches[which], {}, OneIn(3) ? 0U : 1U};
-        return {EventKind::kAnswersAtOnce,
-                {},
-                OneIn(4) ? 0U : 1U,
-                1 + Below(4),
-                static_cast<int>(Below(4)) - 1};
+    Event AnyEvent() {
+        if (OneIn(20)) return {kLink, {}, 0, Below(2)};
+        if (OneIn(20)) return {kAttach, {}, Below(12), MostlyOn()};
+        if (OneIn(30)) return {kWorks, {}, Below(5), MostlyOn()};
+        if (OneIn(40)) return {kAnswersAtOnce, {}, 1 + Below(4), MostlyOn(), Response()};
+        if (OneIn(10)) return {kAnswer, {}, Below(3), Below(6), Response()};
+        if (OneIn(5)) return {kStreamSends, Block(), Below(12)};
+        return {kHostSends, FromHost()};
     }
 
     // What a device or the DAQ sends.
     Bytes Block() {
-        switch (Below(5)) {
-            case 0:
-                return Random(8);
-            case 1:
-                return Random(230 + Below(40));
-            case 2:
-                return Maimed(Packet(0xA0, Below(40)));
-            default:
-                return Random(1 + Below(40));
+        if (OneIn(5)) return Random(8);
+        if (OneIn(5)) return Random(230 + Below(40));
+        if (OneIn(2)) return Random(Below(40));
+        Bytes packets;
+        for (std::uint32_t left = Below(15); left > 0; --left) {
+            const Bytes packet = Packet(0xA0, Below(left));
+            packets = packets + (OneIn(2) ? Damaged(packet) : packet);
         }
+        return packets;
     }
 
     Bytes Packet(std::uint8_t type, std::size_t payload) {
@@ -95,88 +79,104 @@ class Maker {
     }
 
     Bytes FromHost() {
-        Bytes bytes = OneIn(4) ? Maimed(Request()) : Request();
+        Bytes bytes = OneIn(4) ? Damaged(Request()) : Request();
         while (OneIn(3)) bytes = bytes + Request();
         return bytes;
     }
 
-    Bytes Maimed(Bytes bytes) {
-        if (bytes.empty()) return Random(1);
-        switch (Below(3)) {
-            case 0:
-                bytes.resize(Below(static_cast<std::uint32_t>(bytes.size() + 1)));
-                break;
-            case 1:
-                bytes[Below(static_cast<std::uint32_t>(bytes.size()))] ^=
-                    static_cast<std::uint8_t>(1U << Below(8));
-                break;
-            default:
-                bytes = Random(1 + Below(12)) + bytes;
-        }
-        return bytes;
+    // Cut short, preceded by noise, or with another bit, with a checksum that fits or does not.
+    Bytes Damaged(Bytes packet) {
+        const auto size = static_cast<std::uint32_t>(packet.size());
+        if (OneIn(4)) return Random(1 + Below(12)) + packet;
+        if (OneIn(3) || size == 0) return Bytes(packet.begin(), packet.begin() + Below(size + 1));
+        packet[Below(size)] ^= static_cast<std::uint8_t>(1U << Below(8));
+        if (OneIn(3)) return packet;
+        packet.resize(256);
+        packet = Sealed(packet);
+        packet.resize(size);
+        return packet;
     }
 
     Bytes Request() {
         const std::uint32_t id = OneIn(8) ? kControllerId : Below(13);
-        switch (Below(16)) {
+        if (opensMany && !OneIn(4)) return OpenUnder(id, Name());
+        switch (Below(14)) {
             case 0:
-                return InitialSync();
+                return InitialSync(Byte());
             case 1:
                 return OpenController(OneIn(3));
             case 2:
-                return OneIn(2) ? OpenChild(kControllerId, "Controller")
-                                : ToController(static_cast<std::uint8_t>(0x6E + Below(9)),
-                                               Random(Below(30)));
+                return OpenUnder(kControllerId, OneIn(2) ? "Controller" : "ControlleR");
             case 3:
+                return ToController(static_cast<std::uint8_t>(0x6E + Below(9)), Random(Below(30)));
             case 4:
-            case 5:
-            case 6:
-                return OpenChild(id, Name());
-            case 7:
-            case 8:
                 return CloseChild(id);
-            case 9:
-                return ToController(0x73, {});
-            case 10:
-                return ToController(0x74, {});
-            case 11:
-                return Packet(static_cast<std::uint8_t>(0x40 + Below(32)),
-                              OneIn(4) ? 246 + Below(6) : Below(30));
-            case 12:
+            case 5:
+                return ToController(static_cast<std::uint8_t>(0x73 + Below(2)), {});
+            case 6:
+                return Packet(static_cast<std::uint8_t>(0x40 + Below(64)),
+                              OneIn(2) ? 246 + Below(6) : Below(8));
+            case 7:
                 return Packet(Byte(), Below(252));
-            case 13:
+            case 8:
                 return Random(Below(30));
-            default:
+            case 9:
+            case 10:
                 return Tunnel(id, Random(OneIn(4) ? Below(248) : Below(24)), Byte());
+            default:
+                return OpenUnder(id, Name());
         }
     }
 
+    // One that stands for a type most of the time.
     std::string Name() {
-        if (OneIn(20)) return std::string(200 + Below(30), 'n');
-        return std::string(1, static_cast<char>('a' + Below(14)));  // two of no type
+        if (OneIn(20)) return kLongestName.substr(Below(2)) + (OneIn(3) ? "n" : "");
+        return std::string(1, "bcdeijlm"[Below(8)]);
+    }
+
+    // Sometimes the length byte cuts the name, or it counts bytes beyond its end.
+    Bytes OpenUnder(std::uint32_t id, std::string name) {
+        const std::size_t length = name.size() + 1 + (OneIn(10) ? Below(3) : 0);
+        if (OneIn(10)) name += "2";
+        const Bytes rest(name.begin(), name.end());
+        return ToController(0x70, Le32(id) + Bytes{static_cast<std::uint8_t>(length)} + rest +
+                                      Bytes(OneIn(10) ? 0 : 1));
     }
 
     std::mt19937 random;
+    const bool opensMany = OneIn(10);  // as many children as there may be
+    Sequence sequence;
 };
-
-std::string KindName(EventKind kind) {
-    static constexpr std::array kNames = {"host sends",       "passes",         "stream sends",
-                                          "answer",           "link",           "device",
-                                          "streams open",     "writes succeed", "plain opens",
-                                          "commands succeed", "answers at once"};
-    return kNames.at(static_cast<std::size_t>(kind));
-}
 
 }  // namespace
 
-Sequence MakeSequence(std::uint32_t number) { return Maker(number).Make(); }
+Sequence MakeSequence(std::uint32_t seed) { return Maker(seed).Make(); }
+
+void Apply(const Event& event, ScriptedLibraries& unit) {
+    const bool on = event.number != 0;
+    if (event.kind == kAttach) {
+        unit.attached.erase(event.which);
+        if (on) unit.attached[event.which] = DeviceName(event.which);
+    } else if (event.kind == kAnswersAtOnce) {
+        unit.answers.erase(event.which);
+        if (on) unit.answers[event.which] = event.response;
+    } else if (event.kind == kWorks && event.which == 0) {
+        unit.commandResult = on ? 1 : 2;
+    } else if (event.kind == kWorks) {
+        bool* const kinds[] = {&unit.snapshotsOpen, &unit.streamsOpen, &unit.writesSucceed,
+                               &unit.deviceOpens};
+        *kinds[event.which - 1] = on;
+    }
+}
 
 std::string Text(const Sequence& sequence) {
+    static constexpr std::array kNames = {"host sends", "passes", "stream sends",    "answer",
+                                          "link",       "attach", "answers at once", "works"};
     std::string text;
     for (const Event& event : sequence) {
-        text += "  " + KindName(event.kind) + " " + std::to_string(event.number) + " " +
-                std::to_string(event.command) + " " + std::to_string(event.response) + "  " +
-                ToHex(event.bytes) + "\n";
+        text += std::string("  ") + kNames.at(static_cast<std::size_t>(event.kind)) + " " +
+                std::to_string(event.which) + " " + std::to_string(event.number) + " " +
+                std::to_string(event.response) + "  " + ToHex(event.bytes) + "\n";
     }
     return text;
 }

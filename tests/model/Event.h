@@ -1,43 +1,59 @@
-// What can happen to a unit, as data: a sequence of events is played to the service and to the
-// model of it, made up at random from a number, printed, and cut down.
+// What can happen to a unit and what it leads to, as data. Sequences of events are made from a
+// random seed, played to the service and to its model, printed, and cut down.
 #pragma once
 
-#include <cstdint>
-#include <random>
 #include <string>
 #include <vector>
 
-#include "support/Bytes.h"
+#include "support/ScriptedLibraries.h"
 
 namespace vexa::test {
 
 enum class EventKind {
-    kHostSends,    // bytes
-    kPasses,       // the main loop goes round `number` times
-    kStreamSends,  // bytes, from the open stream that comes `number`th, counted round
-    kAnswer,       // application `number` answers `command` with `response`
-    kLink,         // the cable is out or in: `number` 0 or 1
-    kDevice,       // type `number` is attached, `command` 1, or not, 0
-    kStreamsOpen,  // opening a stream fails or works: `number` 0 or 1; likewise below
-    kWritesSucceed,
-    kPlainOpens,
-    kCommandsSucceed,
-    kAnswersAtOnce,  // the applications answer `command` inside the call, by `response`; `number` 0
-                     // ends that
+    kHostSends,      // bytes
+    kPasses,         // the main loop runs `number` passes
+    kStreamSends,    // bytes, from open stream `which` modulo the number of open streams
+    kAnswer,         // application `which` answers command `number` with `response`
+    kLink,           // the cable is in (`number` 1) or out (0)
+    kAttach,         // a device of type `which` is attached (`number` 1) or not (0)
+    kAnswersAtOnce,  // command `which` is answered with `response` inside the call, if `number` is
+                     // 1
+    kWorks,          // the library calls of kind `which` succeed (`number` 1) or fail (0)
 };
 
 struct Event {
-    EventKind kind = EventKind::kPasses;
-    Bytes bytes;
+    EventKind kind;
+    Bytes bytes{};
+    std::uint32_t which = 0;
     std::uint32_t number = 0;
-    std::uint32_t command = 0;
     std::int32_t response = 0;
 };
 
 using Sequence = std::vector<Event>;
 
-// The sequence of that number: always the same.
-Sequence MakeSequence(std::uint32_t number);
+// What an event leads to, as seen from outside the service.
+struct Outcome {
+    Bytes toHost{};
+    std::vector<std::string> calls{};   // of the libraries, except writes
+    std::vector<std::string> writes{};  // to streams
+    std::string printed{};
+    std::int32_t result = 0;  // what the sending stream was told; whether the last pass wants more
+
+    bool operator==(const Outcome&) const = default;
+};
+
+inline std::string DeviceName(std::uint32_t type) {
+    return "device " + std::string(1, static_cast<char>('a' + type));
+}
+
+// The longest name that a device can have; it stands for a device of type 8.
+inline const std::string kLongestName(219, 'n');
+
+// A sequence made from a random seed; the same for the same seed and compiler.
+Sequence MakeSequence(std::uint32_t seed);
+
+// Changes what the libraries of the unit do, if the event says so.
+void Apply(const Event& event, ScriptedLibraries& unit);
 
 // A line for each event.
 std::string Text(const Sequence& sequence);

@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace vexa::test {
@@ -13,14 +12,12 @@ namespace vexa::test {
 using Bytes = std::vector<std::uint8_t>;
 
 // "60 08 00" -> bytes; blanks are optional.
-inline Bytes Hex(std::string_view text) {
+inline Bytes Hex(const std::string& text) {
     Bytes bytes;
-    std::string digits;
-    for (const char c : text) {
-        if (c != ' ' && c != '\n') digits += c;
-    }
-    for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
-        bytes.push_back(static_cast<std::uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
+    unsigned byte = 0;
+    int used = 0;
+    for (const char* at = text.c_str(); std::sscanf(at, "%2x%n", &byte, &used) == 1; at += used) {
+        bytes.push_back(static_cast<std::uint8_t>(byte));
     }
     return bytes;
 }

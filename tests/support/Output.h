@@ -7,6 +7,8 @@
 #include <functional>
 #include <string>
 
+#include "foundation/GUtils.h"
+
 namespace vexa::test {
 
 inline std::string Printed(const std::function<void()>& code) {
@@ -15,9 +17,12 @@ inline std::string Printed(const std::function<void()>& code) {
     return testing::internal::GetCapturedStdout();
 }
 
-// `text` with N for each number that differs from run to run: descriptors, mutexes, threads,
-// addresses.
-inline std::string Masked(std::string text) {
+// The same with trace lines, and with N for each number that differs from run to run: descriptors,
+// mutexes, threads, addresses.
+inline std::string Traced(const std::function<void()>& code) {
+    SetTraceThreshold(1);
+    std::string text = Printed(code);
+    SetTraceThreshold(100);
     for (const std::string word : {"socket with id ", "mutex ", "thread ", ": 0x"}) {
         for (std::size_t at = 0; (at = text.find(word, at)) != std::string::npos;) {
             at += word.size();

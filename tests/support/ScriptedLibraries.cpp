@@ -12,15 +12,11 @@ constexpr std::uint32_t kDaqType = 5;
 
 ScriptedLibraries& Script() { return ScriptedLibraries::Get(); }
 
-void Note(const std::string& call) { Script().calls.push_back(call); }
-
-std::string Arguments(std::initializer_list<std::int64_t> values) {
-    std::string text = "(";
-    for (const std::int64_t value : values) {
-        if (text.size() > 1) text += ", ";
-        text += std::to_string(value);
-    }
-    return text + ")";
+// Always 0, as a status.
+template <typename... Parts>
+std::int32_t Note(const Parts&... parts) {
+    Script().calls.push_back(Joined(parts...));
+    return 0;
 }
 
 std::int32_t CopyName(const std::string& from, char* name, std::uint32_t capacity) {
@@ -50,16 +46,9 @@ void ScriptedLibraries::Answer(const std::string& application, std::uint32_t com
     }
 }
 
-Bytes DaqSyncAnswer() {
-    return Sealed(
-        Hex("B8 1A 00 00 1A 4D 55 AA 56 A9 57 A8 58 A7 59 A6 5A A5 5B A4 5C A3 5D A2 5E "
-            "A1"));
-}
-
 }  // namespace vexa::test
 
-using vexa::test::Note;
-using vexa::test::Script;
+using namespace vexa::test;  // NOLINT: the functions below have the libraries' own names
 
 extern "C" {
 
@@ -68,10 +57,7 @@ uint32_t VEXA_Init() {
     return Script().library;
 }
 
-int32_t VEXA_Uninit(uint32_t library) {
-    Note("VEXA_Uninit" + vexa::test::Arguments({library}));
-    return 0;
-}
+int32_t VEXA_Uninit(uint32_t library) { return Note("VEXA_Uninit(", library, ")"); }
 
 int32_t VEXA_GetDLLVersion(uint32_t /*library*/, uint16_t* major, uint16_t* minor) {
     *major = 3;
@@ -80,8 +66,7 @@ int32_t VEXA_GetDLLVersion(uint32_t /*library*/, uint16_t* major, uint16_t* mino
 }
 
 int32_t VEXA_Diags_SetDebugTraceThreshold(uint32_t library, int32_t level) {
-    Note("VEXA_Diags_SetDebugTraceThreshold" + vexa::test::Arguments({library, level}));
-    return 0;
+    return Note("VEXA_Diags_SetDebugTraceThreshold(", library, ", ", level, ")");
 }
 
 int32_t VEXA_GetDeviceTypeFromDeviceName(const char* name, uint32_t* type) {
@@ -93,33 +78,30 @@ int32_t VEXA_GetDeviceTypeFromDeviceName(const char* name, uint32_t* type) {
 
 int32_t VEXA_SearchForDevices(uint32_t library, uint32_t type, int32_t mode, int32_t reserved,
                               uint32_t* /*status*/) {
-    Note("VEXA_SearchForDevices" + vexa::test::Arguments({library, type, mode, reserved}));
-    return 0;
+    return Note("VEXA_SearchForDevices(", library, ", ", type, ", ", mode, ", ", reserved, ")");
 }
 
 uint32_t VEXA_OpenDeviceListSnapshot(uint32_t /*library*/, uint32_t type, uint32_t* count,
                                      uint32_t* /*signature*/) {
     *count = static_cast<uint32_t>(Script().attached.count(type));
-    return Script().snapshotsOpen ? vexa::test::kSnapshotBase + type : 0;
+    return Script().snapshotsOpen ? kSnapshotBase + type : 0;
 }
 
 int32_t VEXA_DeviceListSnapshot_GetNthEntry(uint32_t snapshot, uint32_t index, char* name,
                                             uint32_t capacity, uint32_t* /*status*/) {
-    const auto found = Script().attached.find(snapshot - vexa::test::kSnapshotBase);
+    const auto found = Script().attached.find(snapshot - kSnapshotBase);
     if (index != 0 || found == Script().attached.end()) return -1;
-    return vexa::test::CopyName(found->second, name, capacity);
+    return CopyName(found->second, name, capacity);
 }
 
 int32_t VEXA_CloseDeviceListSnapshot(uint32_t snapshot) {
-    Note("VEXA_CloseDeviceListSnapshot" + vexa::test::Arguments({snapshot}));
-    return 0;
+    return Note("VEXA_CloseDeviceListSnapshot(", snapshot, ")");
 }
 
 uint32_t VEXA_Device_Stream_Open(uint32_t /*library*/, const char* name, VEXA_ReadCallback callback,
                                  int32_t mode, void* context) {
     const uint32_t handle = Script().streamsOpen ? ++Script().lastHandle : 0;
-    Note("VEXA_Device_Stream_Open(" + std::string(name) + ", mode " + std::to_string(mode) +
-         ") = " + std::to_string(handle));
+    Note("VEXA_Device_Stream_Open(", name, ", mode ", mode, ") = ", handle);
     if (handle != 0) Script().streams[handle] = {name, callback, context};
     return handle;
 }
@@ -128,41 +110,36 @@ int32_t VEXA_Device_Stream_Write(uint32_t stream, const void* data, int32_t leng
     auto& script = Script();
     if (script.recordWrites) {
         const auto* bytes = static_cast<const uint8_t*>(data);
-        script.writes.push_back(std::to_string(stream) + ": " +
-                                vexa::test::ToHex({bytes, static_cast<size_t>(length)}));
+        script.writes.push_back(Joined(stream, ": ", ToHex({bytes, static_cast<size_t>(length)})));
     }
     if (!script.writesSucceed) return -1;
-    const auto open = script.streams.find(stream);
-    const auto board = script.attached.find(vexa::test::kDaqType);
-    if (open != script.streams.end() && board != script.attached.end() &&
-        open->second.device == board->second && !script.daqAnswer.empty() && length == 25) {
+    const auto board = script.attached.find(kDaqType);
+    if (length == 25 && !script.daqAnswer.empty() && board != script.attached.end() &&
+        script.streams.at(stream).device == board->second) {
         script.Send(stream, script.daqAnswer);
     }
     return 0;
 }
 
 int32_t VEXA_Device_Stream_Close(uint32_t stream) {
-    Note("VEXA_Device_Stream_Close" + vexa::test::Arguments({stream}));
+    Note("VEXA_Device_Stream_Close(", stream, ")");
     return Script().streams.erase(stream) == 1 ? 0 : -1;
 }
 
 int32_t VEXA_Device_GetOpenDeviceName(uint32_t stream, char* name, uint32_t capacity) {
-    return vexa::test::CopyName(Script().streams[stream].device, name, capacity);
+    return CopyName(Script().streams[stream].device, name, capacity);
 }
 
 uint32_t VEXA_Device_Open(uint32_t /*library*/, const char* name, int32_t mode) {
-    Note("VEXA_Device_Open(" + std::string(name) + ", mode " + std::to_string(mode) + ")");
+    Note("VEXA_Device_Open(", name, ", mode ", mode, ")");
     return Script().deviceOpens ? ++Script().lastHandle : 0;
 }
 
-int32_t VEXA_Device_Close(uint32_t /*device*/) {
-    Note("VEXA_Device_Close()");
-    return 0;
-}
+int32_t VEXA_Device_Close(uint32_t /*device*/) { return Note("VEXA_Device_Close()"); }
 
 int32_t criInit(const char* name, int32_t mode, CriCallback callback, void* context,
                 uint32_t* handle) {
-    Note("criInit(" + std::string(name) + ", " + std::to_string(mode) + ")");
+    Note("criInit(", name, ", ", mode, ")");
     const auto result = Script().initResults.find(name);
     if (result != Script().initResults.end() && result->second != 1) return result->second;
     *handle = ++Script().lastHandle;
@@ -172,8 +149,7 @@ int32_t criInit(const char* name, int32_t mode, CriCallback callback, void* cont
 
 int32_t criCommand(uint32_t handle, uint32_t command, uint32_t argument) {
     const auto session = Script().sessions.at(handle);
-    Note("criCommand(" + session.name + ", " + std::to_string(command) + ", " +
-         std::to_string(argument) + ")");
+    Note("criCommand(", session.name, ", ", command, ", ", argument, ")");
     if (Script().commandResult != 1) return Script().commandResult;
     const auto answer = Script().answers.find(command);
     if (answer != Script().answers.end()) {
@@ -183,7 +159,7 @@ int32_t criCommand(uint32_t handle, uint32_t command, uint32_t argument) {
 }
 
 int32_t criTerminate(uint32_t handle, int32_t mode) {
-    Note("criTerminate(" + Script().sessions.at(handle).name + ", " + std::to_string(mode) + ")");
+    Note("criTerminate(", Script().sessions.at(handle).name, ", ", mode, ")");
     return 1;
 }
 

@@ -1,10 +1,10 @@
-// libVEXA and libvexcri as a test wants them: they do what the script says and note what was
-// called. One script per process; each test starts it anew.
+// libVEXA and libvexcri as a test wants them: they do what the script says and note the calls. One
+// script per process; each test resets it.
 #pragma once
 
 #include <cstdint>
 #include <map>
-#include <mutex>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,6 +13,14 @@
 #include "vexcri.h"
 
 namespace vexa::test {
+
+// "criInit(DAQ, 1)" from its parts.
+template <typename... Parts>
+std::string Joined(const Parts&... parts) {
+    std::ostringstream text;
+    (text << ... << parts);
+    return text.str();
+}
 
 struct ScriptedLibraries {
     struct Stream {
@@ -29,7 +37,7 @@ struct ScriptedLibraries {
     static ScriptedLibraries& Get();
     static void Reset() { Get() = ScriptedLibraries(); }
 
-    // The calls since the last look, but for writes: "VEXA_Device_Stream_Close(2)", ...
+    // The calls since the last time, except writes: "VEXA_Device_Stream_Close(2)", ...
     std::vector<std::string> TakeCalls();
 
     // Has the device behind a stream send a block. Returns the callback's result.
@@ -39,7 +47,7 @@ struct ScriptedLibraries {
 
     // The script.
     std::uint32_t library = 9;                      // handle of VEXA_Init
-    std::map<std::string, std::uint32_t> types;     // of all names known
+    std::map<std::string, std::uint32_t> types;     // of all known names
     std::map<std::uint32_t, std::string> attached;  // first device of a type
     bool snapshotsOpen = true;
     bool streamsOpen = true;
@@ -48,7 +56,7 @@ struct ScriptedLibraries {
     bool deviceOpens = true;
     Bytes daqAnswer;  // sent at once for the initial sync written to the board
     std::map<std::string, std::int32_t> initResults;  // of criInit; 1 when not named
-    std::map<std::uint32_t, std::int32_t> answers;    // by command, given inside criCommand
+    std::map<std::uint32_t, std::int32_t> answers;    // by command, inside criCommand
     std::int32_t commandResult = 1;                   // of criCommand
 
     // What happened.
@@ -58,8 +66,5 @@ struct ScriptedLibraries {
     std::vector<std::string> writes;  // "2: 40 05 ..."
     std::uint32_t lastHandle = 0;
 };
-
-// The board's answer to the initial sync of the service.
-Bytes DaqSyncAnswer();
 
 }  // namespace vexa::test

@@ -1,6 +1,5 @@
 #include "support/System.h"
 
-#include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <sys/select.h>
@@ -19,7 +18,7 @@ namespace vexa::test {
 namespace {
 
 ScriptedNode* node = nullptr;
-std::atomic<bool> timeIsVirtual{false};
+std::atomic<int> realSleep{0};  // of a virtual sleep, in microseconds; 0: time is real
 std::atomic<std::uint64_t> virtualMicroseconds{0};
 thread_local std::vector<std::int64_t> sleeps;
 
@@ -33,46 +32,27 @@ int FailWith(int error) {
 
 }  // namespace
 
-VirtualTime::VirtualTime(std::uint64_t milliseconds) {
+VirtualTime::VirtualTime(std::uint64_t milliseconds, int sleepMicroseconds) {
     virtualMicroseconds = milliseconds * 1000;
     sleeps.clear();
-    timeIsVirtual = true;
+    realSleep = sleepMicroseconds;
 }
-VirtualTime::~VirtualTime() { timeIsVirtual = false; }
+VirtualTime::~VirtualTime() { realSleep = 0; }
 void VirtualTime::Advance(std::uint64_t milliseconds) {
     virtualMicroseconds += milliseconds * 1000;
 }
 std::vector<std::int64_t> VirtualTime::TakeSleeps() { return std::exchange(sleeps, {}); }
 
-ScriptedNode::ScriptedNode() {
-    int ends[2] = {-1, -1};
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) abort();
-    nodeEnd = ends[0];
-    hostEnd = ends[1];
+ScriptedNode::ScriptedNode()
+    : host([this] {
+          int ends[2] = {-1, -1};
+          socketpair(AF_UNIX, SOCK_STREAM, 0, ends);
+          nodeEnd = testkit::Descriptor(ends[0]);
+          return ends[1];
+      }()) {
     node = this;
 }
-
-ScriptedNode::~ScriptedNode() {
-    node = nullptr;
-    close(nodeEnd);
-    close(hostEnd);
-}
-
-void ScriptedNode::HostSends(const Bytes& bytes) const {
-    if (send(hostEnd, bytes.data(), bytes.size(), 0) != static_cast<ssize_t>(bytes.size())) abort();
-}
-
-Bytes ScriptedNode::HostReads(std::size_t count) const {
-    Bytes bytes(count);
-    const ssize_t got = recv(hostEnd, bytes.data(), count, MSG_WAITALL);
-    bytes.resize(got < 0 ? 0 : static_cast<std::size_t>(got));
-    return bytes;
-}
-
-bool ScriptedNode::HostHasNothing() const {
-    pollfd poller{hostEnd, POLLIN, 0};
-    return poll(&poller, 1, 0) == 0;
-}
+ScriptedNode::~ScriptedNode() { node = nullptr; }
 
 }  // namespace vexa::test
 
@@ -91,7 +71,7 @@ REAL(int, open, const char* path, int flags, mode_t mode) {
         return __real_open(path, flags, mode);
     }
     node->openFlags = flags;
-    return node->present ? dup(node->nodeEnd) : FailWith(ENOENT);
+    return node->present ? dup(node->nodeEnd.Get()) : FailWith(ENOENT);
 }
 
 REAL(int, ioctl, int descriptor, unsigned long request, void* argument) {
@@ -111,16 +91,16 @@ REAL(ssize_t, write, int descriptor, const void* data, size_t count) {
 }
 
 REAL(int, select, int count, fd_set* in, fd_set* out, fd_set* other, timeval* timeout) {
-    if (!timeIsVirtual || count != 0) return __real_select(count, in, out, other, timeout);
+    if (realSleep == 0 || count != 0) return __real_select(count, in, out, other, timeout);
     const std::int64_t slept = timeout->tv_sec * 1'000'000LL + timeout->tv_usec;
     sleeps.push_back(slept);
     virtualMicroseconds += static_cast<std::uint64_t>(slept);
-    timeval glance{0, 20};  // other threads get their turn
-    return __real_select(0, nullptr, nullptr, nullptr, &glance);
+    timeval pause{0, realSleep};  // other threads get their turn
+    return __real_select(0, nullptr, nullptr, nullptr, &pause);
 }
 
 REAL(int, gettimeofday, timeval* now, void* zone) {
-    if (!timeIsVirtual) return __real_gettimeofday(now, zone);
+    if (realSleep == 0) return __real_gettimeofday(now, zone);
     const std::uint64_t microseconds = virtualMicroseconds;
     now->tv_sec = static_cast<time_t>(microseconds / 1'000'000);
     now->tv_usec = static_cast<suseconds_t>(microseconds % 1'000'000);

@@ -1,5 +1,5 @@
-// The system as a test wants it: a program linked with test_system has the service's system calls
-// led here. Time can be virtual, each call can be made to fail, and the gadget node is a socket
+// The system as a test wants it: in a program linked with test_system, the service's system calls
+// come here. Time can be virtual, each call can be made to fail, and the gadget node is a socket
 // whose other end the test holds.
 #pragma once
 
@@ -7,15 +7,20 @@
 #include <cstdint>
 #include <vector>
 
-#include "support/Bytes.h"
+#include "support/TransportEnds.h"
 
 namespace vexa::test {
 
-// While one exists, sleeps return at once and move a clock of its own.
+// While one exists, sleeps are short and move a clock of its own.
 class VirtualTime {
   public:
+    // How long a sleep really takes, in microseconds. Unhurried where another thread must get its
+    // turn within a number of sleeps, on a busy machine too.
+    static constexpr int kHurried = 20;
+    static constexpr int kUnhurried = 1000;
+
     // The clock starts at `milliseconds`.
-    explicit VirtualTime(std::uint64_t milliseconds = 1'000'000);
+    explicit VirtualTime(std::uint64_t milliseconds = 1'000'000, int sleepMicroseconds = kHurried);
     ~VirtualTime();
     VirtualTime(const VirtualTime&) = delete;
     VirtualTime& operator=(const VirtualTime&) = delete;
@@ -44,9 +49,8 @@ struct Counted {
 };
 inline Counted counted;
 
-// The gadget node.
-class ScriptedNode {
-  public:
+// The gadget node, one at a time.
+struct ScriptedNode {
     ScriptedNode();
     ~ScriptedNode();
     ScriptedNode(const ScriptedNode&) = delete;
@@ -61,14 +65,8 @@ class ScriptedNode {
     int openFlags = 0;
     std::atomic<int> queries{0};
 
-    void HostSends(const Bytes& bytes) const;
-    // Exactly `count` bytes that the service has written.
-    [[nodiscard]] Bytes HostReads(std::size_t count) const;
-    // True when nothing that was written is left to read.
-    [[nodiscard]] bool HostHasNothing() const;
-
-    int nodeEnd = -1;
-    int hostEnd = -1;
+    testkit::Descriptor nodeEnd;
+    Peer host;
 };
 
 }  // namespace vexa::test
