@@ -20,7 +20,7 @@ offers() {
     [[ $offered == "$expected" ]] || { failed=1; diff <(echo "$expected") <(echo "$offered") | sed "s/^/$line: /"; }
 }
 
-offers 'vexa-unit ' run scenarios ctl check
+offers 'vexa-unit ' run scenarios ctl check play
 offers 'vexa-unit ctl fault s' set
 offers 'vexa-unit ctl --dir somewhere cable ' in out flap
 offers 'vexa-unit ctl d' detach daq

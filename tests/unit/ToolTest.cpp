@@ -1,6 +1,7 @@
 // vexa-unit as its users start it: run, ctl, scenarios, check.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/socket.h>
 
 #include <csignal>
 #include <filesystem>
@@ -8,6 +9,7 @@
 
 #include "model/UnitSocket.h"
 #include "testkit/ChildProcess.h"
+#include "vexahost/Recording.h"
 
 namespace vexa::unit {
 namespace {
@@ -124,6 +126,7 @@ TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
         {"ctl -- state --dir none", "no unit to control in none: No such file"},
         {"--dir none ctl state", "no unit to control in none: No such file"},
         {"ctl --dir none detach -- --dir", "no unit to control in none: No such file"},
+        {"play none", "cannot read none: No such file"},
         {"run --vexa none -- true", "--vexa none: No such file"},
         {"ctl --raw {} state", "either a command or --raw"},
         {"ctl --dir none state", "no unit to control in none: No such file"},
@@ -167,6 +170,40 @@ TEST_F(Tool, PutsAUnitsOwnLibrariesOnTheStandInNode) {
                 AllOf(HasSubstr("libVEXA.so is the stand-in, not " + scratch.string() + "/libVEXA"),
                       HasSubstr("version 3.12\n")));
     ::unsetenv("LD_LIBRARY_PATH");
+}
+
+TEST_F(Tool, PlaysTheUnitsSideOfARecording) {
+    const std::string recording = CAPTURES "/whole-session.pcapng";
+    const auto file = vexahost::ReadWholeFile(recording);
+    // Is that host, perhaps with a wrong first byte.
+    const auto play = [&](std::uint8_t error) {
+        ChildProcess tool({.command = {VEXA_UNIT_PROGRAM, "play", recording, "--dir", unit}});
+        EXPECT_NE(tool.Log().WaitFor("host socket", kPatience), std::string::npos);
+        testkit::Descriptor host;
+        vexahost::PcapngReader reader(*file);
+        while (const auto frame = reader.Next()) {
+            std::vector<std::uint8_t> bytes(frame->bytes.begin(), frame->bytes.end());
+            if (bytes.empty()) {
+                const bool in = frame->comment == vexahost::kCableIn;
+                host = in ? ConnectTo(HostSocketPath(unit)) : testkit::Descriptor();
+                continue;
+            }
+            if (frame->direction == vexahost::Direction::kToUnit) {
+                bytes[0] ^= std::exchange(error, std::uint8_t{0});
+                EXPECT_GT(::send(host.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), 0);
+                continue;
+            }
+            std::vector<std::uint8_t> received(bytes.size());
+            (void)::recv(host.Get(), received.data(), received.size(), MSG_WAITALL);
+            EXPECT_EQ(received, bytes);
+        }
+        EXPECT_TRUE(tool.Log().WaitForEnd(kPatience));
+        const int status = tool.Wait(kPatience).value_or(-1);
+        return std::to_string(status) + " " + testkit::SplitLines(tool.Log().Text()).back();
+    };
+    EXPECT_THAT(play(0),
+                ::testing::MatchesRegex("0 [0-9]+ frames played; [0-9]+ requests as rec.*"));
+    EXPECT_THAT(play(1), AllOf(HasSubstr("1 "), HasSubstr("record 2: byte 0 from the host is 65")));
 }
 
 TEST_F(Tool, ChecksAUnit) {

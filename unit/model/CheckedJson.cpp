@@ -103,22 +103,11 @@ std::string CheckedJson::Text(std::string_view expected) const {
 }
 
 std::uint32_t CheckedJson::DurationMs(std::uint32_t least) const {
-    constexpr double kMost = 24.0 * 60 * 60 * 1000;
     const std::string expected =
         "a time of at most 24h, such as \"500ms\", \"5s\", \"2m\" or \"1h\"";
-    const std::string text = Text(expected);
-    double number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, number);
-    const std::string_view unit(rest, static_cast<std::size_t>(end - rest));
-    const double factor = unit == "ms"                  ? 1
-                          : unit == "s" || unit.empty() ? 1000
-                          : unit == "m"                 ? 60 * 1000
-                          : unit == "h"                 ? 60 * 60 * 1000
-                                                        : 0;
-    const double ms = number * factor;
-    if (error != std::errc() || factor == 0 || !(ms >= least && ms <= kMost)) Complain(expected);
-    return static_cast<std::uint32_t>(ms + 0.5);
+    const auto ms = ParseDurationMs(Text(expected));
+    if (!ms || *ms < least) Complain(expected);
+    return *ms;
 }
 
 std::size_t CheckedJson::Choice(const std::vector<std::string_view>& words) const {
@@ -143,6 +132,22 @@ void CheckedJson::EachMember(
     const std::function<void(const std::string& key, const CheckedJson&)>& visit) const {
     if (!value.is_object()) Complain("an object");
     for (const auto& item : value.items()) visit(item.key(), {item.value(), PathOf(item.key())});
+}
+
+std::optional<std::uint32_t> ParseDurationMs(const std::string& text) {
+    constexpr double kMost = 24.0 * 60 * 60 * 1000;
+    double number = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, number);
+    const std::string_view unit(rest, static_cast<std::size_t>(end - rest));
+    const double factor = unit == "ms"                  ? 1
+                          : unit == "s" || unit.empty() ? 1000
+                          : unit == "m"                 ? 60 * 1000
+                          : unit == "h"                 ? 60 * 60 * 1000
+                                                        : 0;
+    const double ms = number * factor;
+    if (error != std::errc() || factor == 0 || !(ms >= 0 && ms <= kMost)) return std::nullopt;
+    return static_cast<std::uint32_t>(ms + 0.5);
 }
 
 Json ParseJson(const std::string& text) {

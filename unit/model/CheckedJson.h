@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <nlohmann/json_fwd.hpp>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -66,6 +67,9 @@ class CheckedJson {
     const Json& value;
     std::string path;
 };
+
+// A time of at most 24h such as "500ms" or "5s", in ms; nothing when `text` is none.
+[[nodiscard]] std::optional<std::uint32_t> ParseDurationMs(const std::string& text);
 
 // `text` as JSON. Throws JsonError, with line and column, when it is not valid or nested too
 // deeply.

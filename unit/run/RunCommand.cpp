@@ -228,15 +228,15 @@ int RunOnUnit(const RunOptions& options) {
     // foreground group.
     call.ownGroup = ::isatty(STDIN_FILENO) == 0;
     call.mask = &formerMask;
-    call.inherited = {folder.HostSocket(), folder.ControlSocket()};
+    call.inherited = {folder.HostSocket().Get(), folder.ControlSocket().Get()};
     call.environment = {
         {"LD_LIBRARY_PATH", LibraryPath(folder, standIns, libraries)},
         {"LD_PRELOAD", Before(standIns + "/" + kNodeLibrary, "LD_PRELOAD", ':')},
         {kScenarioVariable, scenario},
         {kCallLogVariable, options.callLog.empty() ? "" : fs::absolute(options.callLog).string()},
         {kFolderVariable, folder.Path()},
-        {kHostSocketVariable, std::to_string(folder.HostSocket())},
-        {kControlSocketVariable, std::to_string(folder.ControlSocket())}};
+        {kHostSocketVariable, std::to_string(folder.HostSocket().Get())},
+        {kControlSocketVariable, std::to_string(folder.ControlSocket().Get())}};
 
     testkit::ChildProcess program = Start(call);
     folder.ReleaseSockets();

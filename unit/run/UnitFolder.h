@@ -48,10 +48,12 @@ class UnitFolder {
     void Link(const std::string& name, const std::string& target);
 
     // The listening sockets, for the program to inherit.
-    [[nodiscard]] int HostSocket() const { return hostSocket.Get(); }
-    [[nodiscard]] int ControlSocket() const { return controlSocket.Get(); }
+    [[nodiscard]] const testkit::Descriptor& HostSocket() const { return hostSocket; }
+    [[nodiscard]] const testkit::Descriptor& ControlSocket() const { return controlSocket; }
     // Closes them here, so that nobody can connect once the program has ended.
     void ReleaseSockets();
+    // For a unit that cannot be controlled.
+    void ReleaseControlSocket() { controlSocket.Close(); }
 
   private:
     void MakeTemporary();

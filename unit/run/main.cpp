@@ -9,6 +9,7 @@
 #include "check/CheckCommand.h"
 #include "model/Settings.h"
 #include "run/ControlCommand.h"
+#include "run/PlayCommand.h"
 #include "run/RunCommand.h"
 #include "run/UserError.h"
 #include "testkit/Arguments.h"
@@ -56,6 +57,29 @@ void AddRunCommand(CLI::App& app, RunOptions& options, int& status) {
         "Exit status: that of the program (128 + n if signal n ended it); 2 if an option\n"
         "cannot be used.");
     run->callback([&options, &status] { status = RunOnUnit(options); });
+}
+
+void AddPlayCommand(CLI::App& app, PlayOptions& options, int& status) {
+    CLI::App* const play = app.add_subcommand(
+        "play", "Play the unit's side of a recording to a host program that connects");
+    play->add_option("recording", options.recording, "A recording made with vexa-host record")
+        ->required()
+        ->option_text("FILE");
+    play->add_flag("--pace", options.atPace,
+                   "Keep the recorded times between the frames; else they go as fast as they can");
+    play->add_option("--patience", options.patience,
+                     "How long to wait for what the host has to send (default: 5s)")
+        ->option_text("TIME");
+    play->add_option("--dir", options.folder,
+                     "Folder for the host socket, host.sock (default: a temporary one)")
+        ->option_text("DIR");
+    play->footer(
+        "A frame is sent once the host has sent as much as it had sent before that frame in the\n"
+        "recording. Ends when the host has left after the last record.\n"
+        "Example: vexa-unit play failure.pcapng --pace --dir build/unit\n"
+        "Exit status: 0 the host sent what is recorded; 1 it did not; 2 the recording cannot be\n"
+        "read.");
+    play->callback([&options, &status] { status = Play(options); });
 }
 
 void AddScenariosCommand(CLI::App& app, bool& schema) {
@@ -298,6 +322,7 @@ int Main(const std::vector<std::string>& words) {
         "Examples: vexa-unit run --dir build/unit       (then vexa-host from another terminal)\n"
         "          vexa-unit ctl cable out");
     RunOptions run;
+    PlayOptions play;
     ControlOptions control;
     CheckOptions check;
     bool schema = false;
@@ -306,6 +331,7 @@ int Main(const std::vector<std::string>& words) {
     AddScenariosCommand(app, schema);
     AddCtlCommand(app, control, status);
     AddCheckCommand(app, check, status);
+    AddPlayCommand(app, play, status);
     const int parsed = Parse(app, words);
     return parsed != 0 ? parsed : status;
 }
