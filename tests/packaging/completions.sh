@@ -24,7 +24,7 @@ offers 'vexa-unit ' run scenarios ctl check play
 offers 'vexa-unit ctl fault s' set
 offers 'vexa-unit ctl --dir somewhere cable ' in out flap
 offers 'vexa-unit ctl d' detach daq
-offers 'vexa-unit run --' --help --scenario --dir --vexa --vexcri --journal
+offers 'vexa-unit run --' --help --scenario --dir --vexa --vexcri --journal --describe
 offers 'vexa-unit run --scenario d' default daq-in-use dead-daq
 offers 'vexa-unit run --journal x' ''
 offers 'vexa-unit run -- vexa-host s' ''

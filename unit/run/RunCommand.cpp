@@ -179,6 +179,20 @@ int PassSignalsOn(testkit::ChildProcess& program, bool ownGroup) {
     }
 }
 
+// Says what the unit is like and where it can be reached.
+void Describe(const std::string& name, const Scenario& scenario, const UnitFolder& folder) {
+    std::string devices;
+    for (const auto& device : scenario.devices) {
+        devices += (devices.empty() ? "" : ", ") + device.name + " (type " +
+                   std::to_string(device.type) + (device.attached ? ")" : ", detached)");
+    }
+    std::fprintf(stderr, "vexa-unit: scenario %s%s%s\nvexa-unit: devices %s\n",
+                 name.empty() ? "default" : name.c_str(), scenario.description.empty() ? "" : ": ",
+                 scenario.description.c_str(), devices.empty() ? "none" : devices.c_str());
+    std::fprintf(stderr, "vexa-unit: control socket %s\n",
+                 ControlSocketPath(folder.Path()).c_str());
+}
+
 testkit::ChildProcess Start(const testkit::ProcessCall& call) {
     try {
         return testkit::ChildProcess(call);
@@ -205,7 +219,7 @@ std::vector<std::pair<std::string, std::string>> ShippedScenarios() {
 
 int RunOnUnit(const RunOptions& options) {
     const std::string scenario = FindScenario(options.scenario);
-    if (!scenario.empty()) (void)Load(scenario);
+    const Scenario loaded = scenario.empty() ? Scenario() : Load(scenario);
     const std::string standIns = StandInFolder();
     const auto libraries = OwnLibraries(options);
 
@@ -218,6 +232,8 @@ int RunOnUnit(const RunOptions& options) {
         folder.Link(library.name, library.file);
         TellLibrary(library);
     }
+
+    if (options.describes) Describe(options.scenario, loaded, folder);
 
     testkit::ProcessCall call;
     call.command = options.program.empty() ? std::vector{FindService()} : options.program;

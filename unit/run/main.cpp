@@ -47,6 +47,8 @@ void AddRunCommand(CLI::App& app, RunOptions& options, int& status) {
     run->add_option("--journal", options.callLog,
                     "Append a line to FILE for each library call (the call log)")
         ->option_text("FILE");
+    run->add_flag("--describe", options.describes,
+                  "Say first what the unit is like: scenario, devices, sockets");
     run->add_option("program", options.program,
                     "Program to run instead of VEXADevMgr, with its arguments, after --")
         ->option_text("PROGRAM ...");
