@@ -4,6 +4,17 @@
  * One session is one conversation with one application on the unit, named when the session is
  * initialised. Commands are numbered; each is answered by one call of the session's callback.
  * Results are 1 for success. Handles are 32-bit and never 0.
+ *
+ * The service has sessions with "DAQ", "SPLASH" and "FGEN". It initialises and terminates them with
+ * mode 1, whose meaning is the library's, and sends these commands:
+ *
+ *    1    activate: take the hardware             answered by 1 when that is done
+ *    2    deactivate: give the hardware up        answered by 1 when that is done
+ *    3    query: who holds the hardware?          answered by 1 when the application does, else 0
+ *    4    notify                                  answered by 1
+ *
+ * The argument of a command is the time in ms, 1000 or 10000, after which the library answers -1 in
+ * place of an application that has not answered.
  */
 #ifndef PLATFORM_VEXCRI_H
 #define PLATFORM_VEXCRI_H
