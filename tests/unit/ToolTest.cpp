@@ -126,6 +126,7 @@ TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
         {"ctl -- state --dir none", "no unit to control in none: No such file"},
         {"--dir none ctl state", "no unit to control in none: No such file"},
         {"ctl --dir none detach -- --dir", "no unit to control in none: No such file"},
+        {"ctl --dir none wait host=true --for 1ms", "no unit to control in none: No such file"},
         {"play none", "cannot read none: No such file"},
         {"run --vexa none -- true", "--vexa none: No such file"},
         {"ctl --raw {} state", "either a command or --raw"},

@@ -222,7 +222,7 @@ void Describe(Visitor& visit, TimelineStep& step) {
 template <typename Visitor>
 void Describe(Visitor& visit, WaitSettings& wait) {
     visit.Name("open", wait.open, "the device has an open stream");
-    visit.Name("streaming", wait.streaming, "the host has got a block of the device");
+    visit.Name("streaming", wait.streaming, "the service has accepted a block of the device");
     visit.Name("closed", wait.closed, "the device has no open stream");
     visit.CallName("call", wait.call, "the call has been made");
     if (visit.Applies("count", wait.call.has_value(), "\"call\"")) {

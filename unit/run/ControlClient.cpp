@@ -52,9 +52,9 @@ std::optional<std::string> ControlClient::ReceiveLine(int timeoutMs) {
     }
 }
 
-std::string ControlClient::Ask(const std::string& line, bool isWait) {
+std::string ControlClient::Ask(const std::string& line, std::uint32_t waitMs) {
     Send(line);
-    const auto answer = ReceiveLine(isWait ? -1 : kAnswerTimeoutMs);
+    const auto answer = ReceiveLine(kAnswerTimeoutMs + static_cast<int>(waitMs));
     if (!answer) throw UserError("the unit in " + folder + " has ended");
     return *answer;
 }

@@ -1,6 +1,7 @@
 // A connection to a running unit's control socket.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -15,8 +16,8 @@ class ControlClient {
     explicit ControlClient(const std::string& folder);
 
     // Sends a request and returns the answer, both as a line without the line feed. Throws
-    // UserError when the unit ends or does not answer in 10 s; `isWait`: it may take any time.
-    [[nodiscard]] std::string Ask(const std::string& line, bool isWait = false);
+    // UserError when the unit ends or does not answer within 10 s and `waitMs`.
+    [[nodiscard]] std::string Ask(const std::string& line, std::uint32_t waitMs = 0);
 
     // The next line that the unit sends, whenever that is; nothing once the unit has ended.
     [[nodiscard]] std::optional<std::string> Receive();

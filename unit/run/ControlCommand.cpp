@@ -11,6 +11,7 @@
 #include "model/UnitSocket.h"
 #include "run/ControlClient.h"
 #include "run/UserError.h"
+#include "testkit/Wait.h"
 
 namespace vexa::unit {
 
@@ -152,9 +153,11 @@ int StatusOf(const Json& answer) {
     return answer.value("timeout", false) ? kTimeoutStatus : kRefusedStatus;
 }
 
-// Whether the answer to a request may take any time.
-bool IsWait(const Json& request) {
-    return request.is_object() && request.value("request", Json()) == "wait";
+// How long the unit may take to answer a request, beyond what it needs.
+std::uint32_t WaitMs(const Json& request) {
+    if (!request.is_object() || request.value("request", Json()) != "wait") return 0;
+    const Json time = request.value("for", Json("10s"));
+    return time.is_string() ? ParseDurationMs(time).value_or(0) : 0;
 }
 
 // Prints events until the unit ends, or standard output takes no more.
@@ -168,7 +171,7 @@ void PrintEvents(ControlClient& unit) {
 int SendRaw(ControlClient& unit, const std::string& raw) {
     int status = 0;
     const auto send = [&](const std::string& line) {
-        const std::string answer = unit.Ask(line, IsWait(Json::parse(line, nullptr, false)));
+        const std::string answer = unit.Ask(line, WaitMs(Json::parse(line, nullptr, false)));
         std::printf("%s\n", answer.c_str());
         std::fflush(stdout);
         if (const int failed = StatusOf(ParseAnswer(answer)); failed != 0) status = failed;
@@ -188,6 +191,12 @@ int SendRaw(ControlClient& unit, const std::string& raw) {
     return status;
 }
 
+// Waits until there is a unit, or the time is over.
+void AwaitUnit(const std::string& folder, std::uint32_t ms) {
+    (void)testkit::WaitUntil(testkit::Milliseconds(ms),
+                             [&] { return bool(ConnectTo(ControlSocketPath(folder))); });
+}
+
 }  // namespace
 
 std::string DefaultUnitFolder() {
@@ -197,10 +206,12 @@ std::string DefaultUnitFolder() {
 
 int ControlUnit(const ControlOptions& options) {
     const Json request = options.raw.empty() ? RequestOf(options.request) : Json();
+    const std::uint32_t waitMs = WaitMs(request);
+    AwaitUnit(options.folder, waitMs);
     ControlClient unit(options.folder);
     if (!options.raw.empty()) return SendRaw(unit, options.raw);
 
-    const std::string line = unit.Ask(ToLine(request), IsWait(request));
+    const std::string line = unit.Ask(ToLine(request), waitMs);
     const auto answer = ParseAnswer(line);
     if (options.request.verb == "events" && IsGood(answer)) {
         PrintEvents(unit);
