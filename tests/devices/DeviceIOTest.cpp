@@ -103,9 +103,11 @@ TEST_F(DeviceIO, RefusesWithoutItsMutexButReportsSuccess) {
     const auto expectRefusals = [](CollectingDevice& each) {
         int count = 3;
         EXPECT_EQ(Printed([&] {
-                      EXPECT_EQ(each.Open(nullptr) + each.Write("abc", &count), 0);
-                      EXPECT_EQ(each.WriteString("abc") + each.Query() + each.Read(1, 2, 3), 0);
-                      EXPECT_EQ(each.Purge() + each.Close(), 0);
+                      for (const int result :
+                           {each.Open(nullptr), each.Write("abc", &count), each.WriteString("abc"),
+                            each.Query(), each.Read(1, 2, 3), each.Purge(), each.Close()}) {
+                          EXPECT_EQ(result, 0);
+                      }
                   }),
                   "GDeviceIO Line: 282\nGDeviceIO Line: 378\nGDeviceIO Line: 139\n"
                   "GDeviceIO Line: 336\nGDeviceIO Line: 352\nGDeviceIO Line: 397\n"

@@ -36,10 +36,10 @@ TEST_F(HostLink, IsDeadBeforeOpenAndAfterClose) {
     };
     expectDead();
     node.present = false;
-    EXPECT_EQ(HostLink_Open() + HostLink_IsOpen(), 0);
+    EXPECT_FALSE(HostLink_Open() == 1 || HostLink_IsOpen() == 1);
     HostLink_Close();
     node.present = true;
-    EXPECT_EQ(HostLink_Open() + HostLink_IsOpen(), 2);
+    EXPECT_TRUE(HostLink_Open() == 1 && HostLink_IsOpen() == 1);
     HostLink_Close();
     expectDead();
     HostLink_Use(nullptr);
@@ -48,7 +48,7 @@ TEST_F(HostLink, IsDeadBeforeOpenAndAfterClose) {
 }
 
 TEST_F(HostLink, CarriesBytesBothWays) {
-    ASSERT_EQ(HostLink_Open() + HostLink_IsLinkUp(), 2);
+    ASSERT_TRUE(HostLink_Open() == 1 && HostLink_IsLinkUp() == 1);
     node.host.Send(Hex("01 02 03"));
     while (state.inputBuffer->GetBytesAvailable() < 3) OSSleep(1);
 
@@ -71,7 +71,7 @@ TEST_F(HostLink, CarriesBytesBothWays) {
 
 // Library threads go on sending while the link is closed.
 TEST_F(HostLink, ClosesUnderWritersOfOtherThreads) {
-    const VirtualTime time;
+    const VirtualTime time(VirtualTime::kUnhurried);
     for (int round = 0; round < 20; ++round) {
         ASSERT_EQ(HostLink_Open(), 1);
         std::atomic<bool> stop{false};

@@ -63,7 +63,7 @@ TEST(HexDump, TruncatesTheCountToSigned16Bit) {
 }
 
 TEST(Clock, CountsMillisecondsAndWrapsAt32Bits) {
-    const VirtualTime time((1ULL << 32U) - 2);
+    const VirtualTime time(VirtualTime::kHurried, (1ULL << 32U) - 2);
     EXPECT_EQ(OSGetMilliseconds(), 0xFFFFFFFEU);
     OSSleep(3);
     EXPECT_EQ(OSGetMilliseconds(), 1U);

@@ -21,7 +21,7 @@ TEST(GPortRef, WritesAndReadsItsElement) {
     EXPECT_EQ(Element(read), Element(port));
 }
 
-TEST(GPortRef, LeavesFieldsAloneThatAnElementLacks) {
+TEST(GPortRef, KeepsFieldsThatAnElementLacks) {
     for (const char* text : {"", "<Port />", R"(<PortRef PortType="9 />)",
                              "<PortRef PortType=", R"(<PortRef Location="l" />)"}) {
         GPortRef port(1, "where", "", "what", 0, 0);

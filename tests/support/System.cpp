@@ -32,7 +32,7 @@ int FailWith(int error) {
 
 }  // namespace
 
-VirtualTime::VirtualTime(std::uint64_t milliseconds, int sleepMicroseconds) {
+VirtualTime::VirtualTime(int sleepMicroseconds, std::uint64_t milliseconds) {
     virtualMicroseconds = milliseconds * 1000;
     sleeps.clear();
     realSleep = sleepMicroseconds;

@@ -14,13 +14,13 @@ namespace vexa::test {
 // While one exists, sleeps are short and move a clock of its own.
 class VirtualTime {
   public:
-    // How long a sleep really takes, in microseconds. Unhurried where another thread must get its
-    // turn within a number of sleeps, on a busy machine too.
+    // How long a sleep really takes, in microseconds. Unhurried where a reader thread must end
+    // within the number of sleeps that a close waits for it, on a busy machine too.
     static constexpr int kHurried = 20;
     static constexpr int kUnhurried = 1000;
 
     // The clock starts at `milliseconds`.
-    explicit VirtualTime(std::uint64_t milliseconds = 1'000'000, int sleepMicroseconds = kHurried);
+    explicit VirtualTime(int sleepMicroseconds = kHurried, std::uint64_t milliseconds = 1'000'000);
     ~VirtualTime();
     VirtualTime(const VirtualTime&) = delete;
     VirtualTime& operator=(const VirtualTime&) = delete;
