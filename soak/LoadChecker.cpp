@@ -51,8 +51,8 @@ LoadChecker::LoadChecker(ChildId controllerId) : controller(controllerId) {
 
 void LoadChecker::AddChild(ChildId child, std::size_t blockSize, vexa::unit::Waveform waveform) {
     const MutexLock lock(mutex);
-    children.emplace(child,
-                     Child{.blockSize = blockSize, .wave = vexa::unit::WaveSource(waveform)});
+    children.emplace(child, Child{.blockSize = blockSize,
+                                  .wave = vexa::unit::WaveSource(waveform, {0, "no noise"})});
 }
 
 void LoadChecker::Check(std::span<const std::uint8_t> packet) {

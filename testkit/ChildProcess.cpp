@@ -75,6 +75,7 @@ std::vector<char*> Pointers(const std::vector<std::string>& words) {
         if (nothing >= 0) ::dup2(nothing, STDIN_FILENO);
     }
     if (call.output == ProcessCall::Output::kDiscarded) output = ::open("/dev/null", O_WRONLY);
+    if (call.output == ProcessCall::Output::kToError) output = STDERR_FILENO;
     if (output >= 0) {
         ::dup2(output, STDOUT_FILENO);
         ::dup2(output, STDERR_FILENO);

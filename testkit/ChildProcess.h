@@ -20,6 +20,7 @@ namespace vexa::testkit {
 struct ProcessCall {
     enum class Output {
         kShared,     // this program's own standard output and error
+        kToError,    // both in this program's own standard error
         kCaptured,   // both in the child's OutputLog
         kDiscarded,  // /dev/null
     };

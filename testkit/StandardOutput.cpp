@@ -15,12 +15,12 @@ namespace {
 
 bool wasClosed = false;  // standard output, at the start
 
+}  // namespace
+
 bool HasReaderLeft() {
     pollfd entry{STDOUT_FILENO, POLLOUT, 0};
     return poll(&entry, 1, 0) == 1 && (entry.revents & POLLERR) != 0;
 }
-
-}  // namespace
 
 void KeepStandardNumbers() {
     for (const int number : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {

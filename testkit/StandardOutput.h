@@ -7,6 +7,9 @@ namespace vexa::testkit {
 // of them is closed: what is written to it fails as before. At the start of the program.
 void KeepStandardNumbers();
 
+// True when the reader of standard output, a pipe, has left.
+[[nodiscard]] bool HasReaderLeft();
+
 // Writes out what is left to write. Returns `status`; when something could not be written and
 // `status` is 0, `failure`. Then a message on standard error names `program`. A reader who has
 // left, such as "head", is no failure.

@@ -44,7 +44,7 @@ const char* ColourOf(Style style) {
 std::string Printable(std::string_view text) {
     std::string result(text);
     std::ranges::replace_if(
-        result, [](char c) { return static_cast<unsigned char>(c) < ' '; }, '?');
+        result, [](char c) { return c < ' ' || c > '~'; }, '?');
     return result;
 }
 
@@ -59,6 +59,8 @@ std::string Cut(std::string text, std::size_t columns) {
 
 Console::Console() : terminal(isatty(STDOUT_FILENO) == 1) {
     const char* noColour = std::getenv("NO_COLOR");
+    const char* terminalType = std::getenv("TERM");
+    terminal = terminal && terminalType != nullptr && std::string_view(terminalType) != "dumb";
     colour = terminal && (noColour == nullptr || *noColour == '\0');
     std::setlocale(LC_CTYPE, "");
     unicode = std::string_view(nl_langinfo(CODESET)) == "UTF-8";

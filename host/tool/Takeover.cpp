@@ -43,7 +43,8 @@ ExitCode RunTakeover(const TakeoverOptions& options) {
     const auto held = Hold(**client, options.duration);
     PrintCounts((*client)->Statistics(), Clock::now() - start, options.json);
     if (!held) return ReportError(held.error());
-    // Hands the hardware back in order; leaving alone would do it as well.
+    // Hands the hardware back in order; leaving alone would do it as well, but say nothing.
+    SetLeaving(true);
     const auto closed = (*client)->CloseController();
     return closed ? kExitDone : ReportError(closed.error());
 }

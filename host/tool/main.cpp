@@ -1,4 +1,5 @@
 // vexa-host: the host side of a unit's link, on the command line.
+#include <csignal>
 #include <cstdio>
 #include <exception>
 
@@ -10,6 +11,8 @@ int main(int argc, char** argv) {
     using namespace vexahost::tool;
     try {
         vexa::testkit::KeepStandardNumbers();
+        // A launcher that ignores the end of its children would hide that of ours.
+        std::signal(SIGCHLD, SIG_DFL);
         const ExitCode code = RunProgram(
             {"vexa-host",
              "Talks to a unit as its host computer does.",

@@ -45,14 +45,22 @@ inline constexpr char kCableOut[] = "cable out";
 class PcapngReader {
   public:
     // `capture` is the whole file. It must outlive the reader and the frames.
-    explicit PcapngReader(std::span<const std::uint8_t> capture)
-        : rest(capture), size(capture.size()) {}
+    explicit PcapngReader(std::span<const std::uint8_t> capture) : rest(capture) {}
 
-    // The next frame; nothing at the end of the recording, or at a fault in it.
+    // Reads a file as far as the frames are wanted, so that a recording can be read while it is
+    // written into a pipe; "-" is standard input. kInvalidArgument when it cannot be opened.
+    static Expected<PcapngReader> Open(const std::string& path);
+
+    // The next frame, valid until the next call; nothing at the end of the recording, or at a fault
+    // in it.
     [[nodiscard]] std::optional<CapturedFrame> Next();
 
     // What is wrong with the recording, and at which byte; empty when there is no fault.
     [[nodiscard]] const std::string& Fault() const { return fault; }
+
+    struct Closer {
+        void operator()(std::FILE* open) const { std::fclose(open); }
+    };
 
   private:
     struct Interface {
@@ -64,6 +72,10 @@ class PcapngReader {
         std::span<const std::uint8_t> body;
     };
 
+    PcapngReader() = default;
+
+    // Makes sure that `count` bytes are there, reading on if need be. False at the end.
+    [[nodiscard]] bool Need(std::size_t count);
     [[nodiscard]] std::optional<Block> NextBlock();
     [[nodiscard]] bool ReadByteOrder();
     void ReadInterface(std::span<const std::uint8_t> body);
@@ -76,9 +88,11 @@ class PcapngReader {
     [[nodiscard]] std::uint32_t Load32(const std::uint8_t* bytes) const;
     void Fail(const std::string& what);
 
+    std::unique_ptr<std::FILE, Closer> file;  // null: all is in `rest`
+    std::vector<std::uint8_t> buffer;         // of the file: what `rest` points into
     std::span<const std::uint8_t> rest;
-    std::size_t size;
-    std::size_t blockStart = 0;  // of the block read last
+    std::uint64_t blockStart = 0;  // of the block read last
+    std::uint64_t nextBlock = 0;
     bool bigEndian = false;
     bool inSection = false;
     std::vector<Interface> interfaces;  // of the section
@@ -88,7 +102,8 @@ class PcapngReader {
 // Writes a recording. One thread at a time.
 class PcapngWriter {
   public:
-    // Creates the file; an existing one is emptied. kInvalidArgument when that fails.
+    // Creates the file; an existing one is emptied. "-" is standard output. kInvalidArgument when
+    // that fails.
     static Expected<PcapngWriter> Create(const std::string& path);
 
     // Appends a frame and passes it to the system, so that it survives the end of the program.
@@ -96,10 +111,6 @@ class PcapngWriter {
     Expected<Done> Add(const CapturedFrame& frame);
 
   private:
-    struct Closer {
-        void operator()(std::FILE* open) const { std::fclose(open); }
-    };
-
     PcapngWriter(std::string path, std::FILE* file);
 
     Expected<Done> Write();
@@ -112,7 +123,7 @@ class PcapngWriter {
     void EndBlock();
 
     std::string path;
-    std::unique_ptr<std::FILE, Closer> file;
+    std::unique_ptr<std::FILE, PcapngReader::Closer> file;
     std::vector<std::uint8_t> pending;  // blocks not yet written
     std::size_t blockStart = 0;
 };

@@ -85,7 +85,7 @@ void CaptureDecoder::AddEvent(const CapturedFrame& frame) {
         Finish(frame.time);
         toUnit.Reset();
         fromUnit = {};
-        fromUnit.AwaitSyncReply();
+        fromUnit.LoseStep();
         violationReported = false;
         controller.reset();
         names.clear();
@@ -110,7 +110,7 @@ void CaptureDecoder::AddRequests(const CapturedFrame& frame) {
             packet->checksumRight ? KindOfRequest(packet->bytes) : PacketKind::kBroken;
         if (packet->checksumRight) Follow(packet->bytes);
         if (kind == PacketKind::kInitialSync) {
-            fromUnit.AwaitSyncReply();
+            fromUnit.LoseStep();
             violationReported = false;
         }
         Report(frame.time, frame.direction, kind, *packet);

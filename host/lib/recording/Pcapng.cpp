@@ -9,6 +9,10 @@
 //  +-----------------------------+   +------------------------------------------------------+
 //  | length again |                  | options: code 2, length 2, value padded to 4 bytes   |
 //  +--------------+                  +------------------------------------------------------+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -97,6 +101,31 @@ Expected<std::vector<std::uint8_t>> ReadWholeFile(const std::string& path) {
     return bytes;
 }
 
+Expected<PcapngReader> PcapngReader::Open(const std::string& path) {
+    PcapngReader reader;
+    reader.file.reset(path == "-" ? fdopen(dup(STDIN_FILENO), "rb")
+                                  : std::fopen(path.c_str(), "rbe"));
+    // A directory can be opened, but not read.
+    struct stat status {};
+    const bool isOpen = reader.file && fstat(fileno(reader.file.get()), &status) == 0;
+    if (!isOpen || S_ISDIR(status.st_mode)) {
+        return Error{ErrorKind::kInvalidArgument,
+                     "cannot read " + path + ": " + std::strerror(isOpen ? EISDIR : errno)};
+    }
+    return reader;
+}
+
+bool PcapngReader::Need(std::size_t count) {
+    if (rest.size() >= count) return true;
+    if (!file) return false;
+    const std::size_t had = rest.size();
+    if (had > 0) std::memmove(buffer.data(), rest.data(), had);
+    buffer.resize(std::max(buffer.size(), count));
+    const std::size_t got = std::fread(buffer.data() + had, 1, count - had, file.get());
+    rest = std::span(buffer).first(had + got);
+    return rest.size() == count;
+}
+
 std::uint16_t PcapngReader::Load16(const std::uint8_t* bytes) const {
     const unsigned first = bytes[0];
     const unsigned second = bytes[1];
@@ -109,55 +138,60 @@ std::uint32_t PcapngReader::Load32(const std::uint8_t* bytes) const {
 }
 
 void PcapngReader::Fail(const std::string& what) {
-    fault = what + ", at byte " + std::to_string(blockStart) + " of " + std::to_string(size);
+    fault = what + ", at byte " + std::to_string(blockStart);
     rest = {};
+    file.reset();
 }
 
 // The byte order of the section that begins at the front of `rest`.
 bool PcapngReader::ReadByteOrder() {
     constexpr std::size_t kMagicOffset = 8;
-    if (rest.size() < kSectionHeaderSize) return false;
+    if (!Need(kSectionHeaderSize)) return false;
     bigEndian = false;
     if (Load32(rest.data() + kMagicOffset) != kByteOrderMagic) bigEndian = true;
     return Load32(rest.data() + kMagicOffset) == kByteOrderMagic;
 }
 
 std::optional<PcapngReader::Block> PcapngReader::NextBlock() {
-    if (rest.empty()) {
-        if (size == 0) Fail("the file is empty");
-        return std::nullopt;
-    }
-    blockStart = size - rest.size();
     constexpr std::size_t kHeaderSize = 8;
-    if (rest.size() < kHeaderSize) {
-        Fail(inSection ? "the capture breaks off" : "this is no pcapng capture");
+    constexpr std::size_t kMostLength = 1 << 26;  // no frame of ours comes near it
+    const auto failed = [this](const std::string& what) {
+        Fail(what);
+        return std::nullopt;
+    };
+    const char* const brokenOff =
+        inSection ? "the capture breaks off" : "this is no pcapng capture";
+    blockStart = nextBlock;
+    if (!Need(kHeaderSize)) {
+        if (!rest.empty()) return failed(brokenOff);
+        if (file && std::ferror(file.get()) != 0) return failed(std::strerror(errno));
+        if (blockStart == 0) return failed("the file is empty");
         return std::nullopt;
     }
     Block block;
     block.type = Load32(rest.data());
     // The type of a section header reads the same in either byte order.
     if (block.type == kSectionHeaderBlock) {
-        if (!ReadByteOrder()) {
-            Fail(inSection ? "the capture breaks off" : "this is no pcapng capture");
-            return std::nullopt;
-        }
+        if (!ReadByteOrder()) return failed(brokenOff);
         interfaces.clear();
         inSection = true;
     } else if (!inSection) {
-        Fail("this is no pcapng capture");
-        return std::nullopt;
+        return failed("this is no pcapng capture");
     }
     const std::size_t length = Load32(rest.data() + sizeof block.type);
-    if (length < kBlockOverhead || length % sizeof block.type != 0) {
-        Fail("a block of " + std::to_string(length) + " bytes cannot be");
-        return std::nullopt;
+    if (length < kBlockOverhead || length % sizeof block.type != 0 || length > kMostLength) {
+        return failed("a block of " + std::to_string(length) + " bytes cannot be");
     }
-    if (length > rest.size()) {
-        Fail("the capture breaks off");
-        return std::nullopt;
+    if (!Need(length)) return failed("the capture breaks off");
+    if (Load32(rest.data() + length - sizeof block.type) != length) {
+        return failed("the two lengths of a block differ");
     }
     block.body = rest.subspan(kHeaderSize, length - kBlockOverhead);
+    if (block.type == kSectionHeaderBlock && Load16(block.body.data() + 4) != kMajorVersion) {
+        return failed("this is a capture of another pcapng version");
+    }
     rest = rest.subspan(length);
+    nextBlock += length;
     return block;
 }
 
@@ -248,7 +282,8 @@ PcapngWriter::PcapngWriter(std::string path_, std::FILE* file_)
     : path(std::move(path_)), file(file_) {}
 
 Expected<PcapngWriter> PcapngWriter::Create(const std::string& path) {
-    std::FILE* const file = std::fopen(path.c_str(), "wbe");
+    std::FILE* const file =
+        path == "-" ? fdopen(dup(STDOUT_FILENO), "wb") : std::fopen(path.c_str(), "wbe");
     if (file == nullptr) {
         return Error{ErrorKind::kInvalidArgument,
                      "cannot write " + path + ": " + std::strerror(errno)};

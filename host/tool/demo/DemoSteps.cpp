@@ -130,7 +130,8 @@ void Demo::PlugInAgain() {
     // Echoed if the child were still there; it must not be.
     const auto [name, child] = children.back();
     children.clear();
-    ExpectValue(client->Send(child, HidInitRequest()), "the request to be sent");
+    const auto request = BuildTunnel(child, client->NextSequence(), HidInitRequest());
+    ExpectValue(client->SendRaw(request->Bytes()), "the request to be sent");
     Show({"Input from Host - Discarding orphaned tunnel packet.: "}, {});
     if (failure.empty()) Note(name + " went with the cable: its id is unknown now");
     const auto statistics = client->Statistics();

@@ -93,23 +93,23 @@ class Printer {
 };
 
 ExitCode RunDecode(const DecodeOptions& options) {
-    const auto capture = ReadWholeFile(options.file);
-    if (!capture) return ReportError(capture.error());
+    auto reader = PcapngReader::Open(options.file);
+    if (!reader) return ReportError(reader.error());
     Printer printer(options);
     CaptureDecoder decoder([&](const DecodedPacket& packet) { printer.Print(packet); });
-    PcapngReader reader(*capture);
     CaptureTime last{};
-    while (const auto frame = reader.Next()) {
+    while (const auto frame = reader->Next()) {
+        if (std::ferror(stdout) != 0) return kExitDone;  // what this means is said at the end
         printer.Begin(frame->time);
         decoder.Add(*frame);
         last = frame->time;
     }
     decoder.Finish(last);
-    if (reader.Fault().empty()) {
+    if (reader->Fault().empty()) {
         printer.PrintSummary();
         return kExitDone;
     }
-    return ReportError({ErrorKind::kInvalidArgument, options.file + ": " + reader.Fault()});
+    return ReportError({ErrorKind::kInvalidArgument, options.file + ": " + reader->Fault()});
 }
 
 }  // namespace
@@ -120,7 +120,7 @@ Verb DecodeVerb() {
         .name = "decode",
         .summary = "Print a recording packet by packet, in words",
         .options =
-            {{"FILE", "", "a recording (pcapng)", &options->file, true},
+            {{"FILE", "", "a recording (pcapng); - for standard input", &options->file, true},
              {"--json", "",
               "a JSON object for each packet: frame, time, direction, kind, child, checksum, "
               "text, bytes",
@@ -129,7 +129,8 @@ Verb DecodeVerb() {
         .notes =
             "Columns: number of the frame, seconds since the first, -> to the unit or <- from it,\n"
             "the packet in words, its bytes.\n"
-            "Example: vexa-host decode session.pcapng | less",
+            "Examples: vexa-host decode session.pcapng | less\n"
+            "          vexa-host record - -- my-host-program | vexa-host decode -",
         .run = [options] { return RunDecode(*options); }};
 }
 

@@ -1,5 +1,7 @@
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -22,12 +24,14 @@
 
 #include "foundation/Mutex.h"
 #include "testkit/ChildProcess.h"
+#include "testkit/StandardOutput.h"
 #include "tool/Connection.h"
 #include "tool/Exit.h"
 #include "tool/Verbs.h"
 #include "vexahost/Client.h"
 #include "vexahost/Recording.h"
 #include "vexahost/SocketTransport.h"
+#include "vexahost/protocol/FrameHeader.h"
 
 namespace vexahost::tool {
 
@@ -41,18 +45,20 @@ using vexa::MutexLock;
 class Relay {
   public:
     // `connect` makes a connection to the unit, one for each host.
-    Relay(TransportFactory connect, PcapngWriter writer);
+    explicit Relay(TransportFactory connect);
     ~Relay();
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
 
-    // Makes a host socket in `directory`. Replaces a socket on which nobody listens any more.
+    // Makes a host socket in `directory`. Replaces a socket on which nobody listens any more; any
+    // other file of its name is left alone.
     Expected<Done> Listen(const std::string& directory);
 
-    // Accepts hosts, one at a time, and connects each to the unit, until `isOver` returns true and
-    // the host has nothing more to send. When the unit cannot be reached, reports that on standard
-    // error and disconnects the host. kInvalidArgument when the recording cannot be written.
-    Expected<Done> Serve(const std::function<bool()>& isOver);
+    // Accepts hosts, one at a time, and connects each to the unit, until `isOver` returns true;
+    // then passes on for up to a second what the host has still to send. When the unit cannot be
+    // reached, reports that on standard error and disconnects the host. kInvalidArgument when the
+    // recording cannot be written.
+    Expected<Done> Serve(PcapngWriter recording, const std::function<bool()>& isOver);
 
     [[nodiscard]] std::uint64_t FrameCount();
 
@@ -62,6 +68,7 @@ class Relay {
     void Forward(Transport& unit, int host);
     // From the host to the unit, until either link has ended or `isOver`.
     void ForwardRequests(Transport& unit, int host, const std::function<bool()>& isOver);
+    void TurnNewcomersAway() const;
     void Record(Direction direction, std::span<const std::uint8_t> bytes, const char* event = "");
     // Why the recording cannot be written any more.
     [[nodiscard]] std::optional<Error> Failure();
@@ -71,10 +78,21 @@ class Relay {
     int listener = -1;
 
     Mutex mutex;
-    PcapngWriter writer VEXA_GUARDED_BY(mutex);
+    std::optional<PcapngWriter> writer VEXA_GUARDED_BY(mutex);
     std::uint64_t frameCount VEXA_GUARDED_BY(mutex) = 0;
     std::optional<Error> failure VEXA_GUARDED_BY(mutex);  // of the recording
 };
+
+using Clock = std::chrono::steady_clock;
+
+// What a second Ctrl-C has to remove; read by a signal handler.
+std::array<char, sizeof sockaddr_un::sun_path> leftSocket{};
+std::array<char, sizeof sockaddr_un::sun_path> leftDirectory{};
+
+void RemoveLeftovers() {
+    unlink(leftSocket.data());
+    rmdir(leftDirectory.data());
+}
 
 constexpr int kPollMs = 50;  // how often a wait checks whether all is over
 constexpr std::chrono::milliseconds kRelayReadTimeout{kPollMs};
@@ -105,8 +123,7 @@ bool SomebodyListens(const sockaddr_un& address) {
     return listens;
 }
 
-Relay::Relay(TransportFactory connect_, PcapngWriter writer_)
-    : connect(std::move(connect_)), writer(std::move(writer_)) {}
+Relay::Relay(TransportFactory connect_) : connect(std::move(connect_)) {}
 
 Relay::~Relay() {
     if (listener < 0) return;
@@ -124,7 +141,11 @@ Expected<Done> Relay::Listen(const std::string& directory) {
     if (path.size() >= sizeof address.sun_path) return failed("the path is too long for a socket");
     std::ranges::copy(path, address.sun_path);
     if (SomebodyListens(address)) return failed("something listens there already");
-    unlink(path.c_str());
+    struct stat status {};
+    if (lstat(path.c_str(), &status) == 0) {
+        if (!S_ISSOCK(status.st_mode)) return failed("a file of this name is no socket");
+        unlink(path.c_str());
+    }
     const int made = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (made < 0 || bind(made, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
         listen(made, 1) != 0) {
@@ -134,13 +155,18 @@ Expected<Done> Relay::Listen(const std::string& directory) {
     }
     listener = made;
     socketPath = path;
+    path.copy(leftSocket.data(), leftSocket.size() - 1);
     return Done{};
 }
 
-Expected<Done> Relay::Serve(const std::function<bool()>& isOver) {
+Expected<Done> Relay::Serve(PcapngWriter recording, const std::function<bool()>& isOver) {
+    {
+        const MutexLock lock(mutex);
+        writer.emplace(std::move(recording));
+    }
     for (;;) {
         if (auto error = Failure()) return *error;
-        if (CanRead(listener)) {
+        if (!isOver() && CanRead(listener)) {
             const int host = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
             if (host < 0) continue;
             ServeHost(host, isOver);
@@ -189,15 +215,15 @@ void Relay::Forward(Transport& unit, int host) {
 }
 
 void Relay::ForwardRequests(Transport& unit, int host, const std::function<bool()>& isOver) {
+    constexpr std::chrono::seconds kDrain{1};
     std::array<std::uint8_t, kRelayReadSize> buffer;
+    std::optional<Clock::time_point> drained;
     while (!Failure()) {
-        if (!CanRead(host)) {
-            if (isOver()) return;
-            // A unit has one host at a time: others are sent away.
-            pollfd newcomer{listener, POLLIN, 0};
-            if (poll(&newcomer, 1, 0) > 0) close(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
-            continue;
-        }
+        if (!drained && isOver()) drained = Clock::now() + kDrain;
+        const bool canRead = CanRead(host);
+        if (drained && (!canRead || Clock::now() >= *drained)) return;
+        TurnNewcomersAway();
+        if (!canRead) continue;
         const ssize_t count = recv(host, buffer.data(), buffer.size(), 0);
         if (count < 0 && errno == EINTR) continue;
         if (count <= 0) return;
@@ -208,11 +234,21 @@ void Relay::ForwardRequests(Transport& unit, int host, const std::function<bool(
     }
 }
 
+// A unit has one host at a time.
+void Relay::TurnNewcomersAway() const {
+    pollfd newcomer{listener, POLLIN, 0};
+    if (poll(&newcomer, 1, 0) < 1) return;
+    const int host = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (host < 0) return;
+    SendAll(host, vexa::kBusyHeader);
+    close(host);
+}
+
 void Relay::Record(Direction direction, std::span<const std::uint8_t> bytes, const char* event) {
     const auto time = std::chrono::system_clock::now().time_since_epoch();
     const MutexLock lock(mutex);
     if (failure) return;
-    const auto added = writer.Add({time, direction, bytes, event});
+    const auto added = writer->Add({time, direction, bytes, event});
     if (!added) {
         failure = added.error();
     } else if (!bytes.empty()) {
@@ -230,8 +266,6 @@ std::uint64_t Relay::FrameCount() {
     return frameCount;
 }
 
-using Clock = std::chrono::steady_clock;
-
 struct RecordOptions {
     UnitAddress unit;
     std::string file;
@@ -239,6 +273,8 @@ struct RecordOptions {
     std::optional<std::chrono::milliseconds> duration;
     std::vector<std::string> program;
 };
+
+constexpr const char* kStandardOutput = "-";
 
 // The directory of the recorder's socket: the given one, or a temporary one. Removed again when
 // made here.
@@ -253,6 +289,7 @@ class SocketDirectory {
         std::string pattern = std::filesystem::temp_directory_path(error) / "vexa-host-XXXXXX";
         if (!error && mkdtemp(pattern.data()) != nullptr) path = pattern;
         made = true;
+        path.copy(leftDirectory.data(), leftDirectory.size() - 1);
     }
     ~SocketDirectory() {
         std::error_code ignored;
@@ -268,43 +305,90 @@ class SocketDirectory {
     bool made = false;
 };
 
-ExitCode RunRecord(const RecordOptions& options) {
-    CatchInterrupts();
-    auto writer = PcapngWriter::Create(options.file);
-    if (!writer) return ReportError(writer.error());
-    const SocketDirectory directory(options.listen);
-    Relay relay(options.unit.Factory(), std::move(*writer));
-    if (const auto listening = relay.Listen(directory.Path()); !listening) {
-        return ReportError(listening.error());
-    }
+// The host program that runs beside the recording, if there is one, and when all is over.
+class HostProgram {
+  public:
+    HostProgram(const RecordOptions& options_) : options(options_) {}
 
-    std::optional<vexa::testkit::ChildProcess> program;
-    if (!options.program.empty()) {
-        vexa::testkit::ProcessCall call;
+    // kInvalidArgument when it cannot be started.
+    Expected<Done> Start(const std::string& directory) {
+        if (options.duration) end = Clock::now() + *options.duration;
+        if (options.program.empty()) return Done{};
+        using vexa::testkit::ProcessCall;
+        ProcessCall call;
         call.command = options.program;
-        call.environment = {{"VEXA_UNIT_DIR", directory.Path()}};
-        call.output = vexa::testkit::ProcessCall::Output::kShared;
+        call.environment = {{"VEXA_UNIT_DIR", directory}};
+        const bool isOutputFree = options.file != kStandardOutput;
+        call.output = isOutputFree ? ProcessCall::Output::kShared : ProcessCall::Output::kToError;
         call.deathSignal = 0;  // the program may go on without a recording
         try {
             program.emplace(call);
         } catch (const std::system_error& error) {
-            std::error_code ignored;
-            std::filesystem::remove(options.file, ignored);
-            return ReportError({ErrorKind::kInvalidArgument, error.what()});
+            return Error{ErrorKind::kInvalidArgument, error.what()};
         }
-    } else {
+        return Done{};
+    }
+
+    // Without a program: at the end of the time, or when interrupted. With one: when it has ended.
+    // It is asked to end before that, and may take leave of the unit while its link is up.
+    bool IsOver() {
+        const auto now = Clock::now();
+        if (!program) return IsInterrupted() || now >= end;
+        if (program->Status()) return true;
+        // Ctrl-C reaches the program as well, and a second signal would cut its leave-taking short.
+        if (!askAt && IsInterrupted()) askAt = now + kOwnEnd;
+        if (!askAt && now >= end) askAt = now;
+        if (askAt && now >= *askAt && !isAsked) {
+            isAsked = true;
+            program->Signal(SIGTERM);
+        }
+        return askAt && now >= *askAt + kPatience;
+    }
+
+    // Its exit status; nothing without a program. One that still runs is killed.
+    std::optional<int> Finish() {
+        if (!program) return std::nullopt;
+        return program->Stop(vexa::testkit::Milliseconds{0});
+    }
+
+  private:
+    static constexpr std::chrono::seconds kOwnEnd{2};
+    static constexpr std::chrono::seconds kPatience{5};
+
+    const RecordOptions& options;
+    std::optional<vexa::testkit::ChildProcess> program;
+    Clock::time_point end = Clock::time_point::max();
+    std::optional<Clock::time_point> askAt;
+    bool isAsked = false;
+};
+
+// Everything is tried before the recording is created, as that destroys a former one.
+ExitCode RunRecord(const RecordOptions& options) {
+    CatchInterrupts();
+    const SocketDirectory directory(options.listen);
+    Relay relay(options.unit.Factory());
+    if (const auto listening = relay.Listen(directory.Path()); !listening) {
+        return ReportError(listening.error());
+    }
+    OnSecondInterrupt(RemoveLeftovers);
+    HostProgram program(options);
+    if (const auto started = program.Start(directory.Path()); !started) {
+        return ReportError(started.error());
+    }
+    auto writer = PcapngWriter::Create(options.file);
+    if (!writer) return ReportError(writer.error());
+    if (options.program.empty()) {
         std::fprintf(stderr, "vexa-host: recording hosts that connect to --dir %s\n",
                      directory.Path().c_str());
     }
-    constexpr std::chrono::seconds kStopPatience{5};
-    const auto end = options.duration ? Clock::now() + *options.duration : Clock::time_point::max();
-    const auto served = relay.Serve(
-        [&] { return IsInterrupted() || Clock::now() >= end || (program && program->Status()); });
-    const std::optional<int> status =
-        program ? std::optional(program->Stop(kStopPatience)) : std::nullopt;
-    if (!served) return ReportError(served.error());
+    const auto served = relay.Serve(std::move(*writer), [&] { return program.IsOver(); });
+    const auto status = program.Finish();
+    OnSecondInterrupt(nullptr);
+    const bool isReaderGone = options.file == kStandardOutput && vexa::testkit::HasReaderLeft();
+    if (!served && !isReaderGone) return ReportError(served.error());
     std::fprintf(stderr, "vexa-host: %llu frames in %s\n",
-                 static_cast<unsigned long long>(relay.FrameCount()), options.file.c_str());
+                 static_cast<unsigned long long>(relay.FrameCount()),
+                 options.file == kStandardOutput ? "standard output" : options.file.c_str());
     return status ? static_cast<ExitCode>(*status) : kExitDone;
 }
 
@@ -317,7 +401,8 @@ Verb RecordVerb() {
         .summary = "Record what a host program and the unit say to each other, as pcapng",
         .options = WithUnitOptions(
             options->unit,
-            {{"FILE", "", "the recording; replaced if it exists", &options->file, true},
+            {{"FILE", "", "the recording; replaced if it exists; - for standard output",
+              &options->file, true},
              {"--listen", "DIR",
               "directory for the socket that the host program connects to instead of the unit's (a "
               "temporary one)",
@@ -330,8 +415,13 @@ Verb RecordVerb() {
         .notes =
             "Ends with the program, and with its exit code; without a program, after --for or "
             "with\n"
-            "Ctrl-C. Every frame is in the file as soon as it has passed.\n"
-            "Examples: vexa-host record session.pcapng -- vexa-host stream Microphone --for 5s\n"
+            "Ctrl-C, both of which ask a program to end first. Every frame is in the file as soon "
+            "as "
+            "it\n"
+            "has passed.\n"
+            "Examples: vexa-host record - -- vexa-host stream Microphone | tshark -i - -X "
+            "lua_script:vexa.lua\n"
+            "          vexa-host record session.pcapng -- vexa-host stream Microphone --for 5s\n"
             "          vexa-host record session.pcapng --listen here & my-host-program "
             "here/host.sock",
         .run = [options] { return RunRecord(*options); }};

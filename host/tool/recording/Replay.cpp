@@ -76,12 +76,13 @@ ReplayStep::Kind KindOf(const CapturedFrame& frame) {
 
 }  // namespace
 
-Expected<Recording> ReadRecording(std::span<const std::uint8_t> capture, bool withData) {
+Expected<Recording> ReadRecording(const std::string& path, bool withData) {
+    auto reader = PcapngReader::Open(path);
+    if (!reader) return reader.error();
     Recording recording{{}, AnswerLog(withData)};
     CaptureDecoder decoder([&](const DecodedPacket& packet) { recording.answers.Add(packet); });
-    PcapngReader reader(capture);
     std::optional<CaptureTime> start;
-    while (const auto frame = reader.Next()) {
+    while (const auto frame = reader->Next()) {
         if (!start) start = frame->time;
         const bool isEvent = frame->bytes.empty() && !frame->comment.empty();
         if (isEvent || (frame->direction == Direction::kToUnit && !frame->bytes.empty())) {
@@ -92,11 +93,13 @@ Expected<Recording> ReadRecording(std::span<const std::uint8_t> capture, bool wi
         }
         decoder.Add(*frame);
     }
-    if (!reader.Fault().empty()) return Error{ErrorKind::kInvalidArgument, reader.Fault()};
+    if (!reader->Fault().empty()) {
+        return Error{ErrorKind::kInvalidArgument, path + ": " + reader->Fault()};
+    }
     if (std::ranges::none_of(recording.steps, [](const ReplayStep& step) {
             return step.kind == ReplayStep::Kind::kSend;
         })) {
-        return Error{ErrorKind::kInvalidArgument, "the host sends nothing in it"};
+        return Error{ErrorKind::kInvalidArgument, path + ": the host sends nothing in it"};
     }
     return recording;
 }

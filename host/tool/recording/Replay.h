@@ -70,8 +70,8 @@ struct Recording {
     AnswerLog answers;
 };
 
-// `capture` is the whole file. kInvalidArgument when it is no recording or the host sends nothing.
-Expected<Recording> ReadRecording(std::span<const std::uint8_t> capture, bool withData);
+// kInvalidArgument when `path` is no recording or the host sends nothing; "-" is standard input.
+Expected<Recording> ReadRecording(const std::string& path, bool withData);
 
 // One thread at a time.
 class Replay {

@@ -88,14 +88,8 @@ void PrintText(const Console& console, const Comparison& comparison) {
 
 ExitCode RunReplay(const ReplayVerbOptions& options) {
     CatchInterrupts();
-    const auto capture = ReadWholeFile(options.file);
-    if (!capture) return ReportError(capture.error());
-    const auto recording = ReadRecording(*capture, options.replay.withData);
-    if (!recording) {
-        auto error = recording.error();
-        error.message.insert(0, options.file + ": ");
-        return ReportError(error);
-    }
+    const auto recording = ReadRecording(options.file, options.replay.withData);
+    if (!recording) return ReportError(recording.error());
     Replay replay(options.unit.Factory(), options.replay);
     const auto played = replay.Play(*recording);
     const auto comparisons = Compare(recording->answers, replay.Answers());
@@ -124,7 +118,7 @@ Verb ReplayVerb() {
             .summary = "Send the host's side of a recording to a unit and compare its answers",
             .options = WithUnitOptions(
                 options->unit,
-                {{"FILE", "", "a recording (pcapng)", &options->file, true},
+                {{"FILE", "", "a recording (pcapng); - for standard input", &options->file, true},
                  {"--fast", "", "as fast as the answers come, not at the recorded pace",
                   &options->replay.fast},
                  {"--data", "", "compare what children send as well, block by block",
