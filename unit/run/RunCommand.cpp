@@ -112,18 +112,18 @@ std::array<OwnLibrary, 2> OwnLibraries(const RunOptions& options) {
     return libraries;
 }
 
-// Where the dynamic linker looks: for a unit's own libraries in the unit's folder, which has links
-// to them, for the stand-ins, and for what the unit's own libraries may need, beside them.
-std::string LibraryPath(const UnitFolder& folder, const std::string& standIns,
+// Where the dynamic linker looks: in a folder with links to a unit's own libraries, in that of the
+// stand-ins, and beside the unit's own for what they may need.
+std::string LibraryPath(UnitFolder& folder, const std::string& standIns,
                         const std::array<OwnLibrary, 2>& libraries) {
-    std::string path = standIns;
-    bool areAny = false;
+    std::string links;
+    std::string beside;
     for (const auto& library : libraries) {
         if (library.file.empty()) continue;
-        areAny = true;
-        path += ":" + fs::path(library.file).parent_path().string();
+        links = folder.Link(library.name, library.file) + ":";
+        beside += ":" + fs::path(library.file).parent_path().string();
     }
-    return Before(areAny ? folder.Path() + ":" + path : path, "LD_LIBRARY_PATH", ':');
+    return Before(links + standIns + beside, "LD_LIBRARY_PATH", ':');
 }
 
 // Says which library the program gets if that may not be what the user expects.
@@ -228,10 +228,7 @@ int RunOnUnit(const RunOptions& options) {
     sigprocmask(SIG_BLOCK, &passed, &formerMask);
     UnitFolder folder(options.folder);
     CheckCallLog(options.callLog);  // it may be in that folder
-    for (const auto& library : libraries) {
-        folder.Link(library.name, library.file);
-        TellLibrary(library);
-    }
+    for (const auto& library : libraries) TellLibrary(library);
 
     if (options.describes) Describe(options.scenario, loaded, folder);
 

@@ -51,11 +51,12 @@ bool IsFolder(const std::string& path, const Descriptor& folder) {
            open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
+// The folder of the links. Nothing but links is ever put there.
+std::string LinkFolder(const std::string& folder) { return folder + "/.libraries"; }
+
 void RemoveLinks(const std::string& folder) {
     std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(folder, error)) {
-        if (entry.is_symlink(error)) ::unlink(entry.path().c_str());
-    }
+    std::filesystem::remove_all(LinkFolder(folder), error);
 }
 
 // After the unit was killed. Its lock goes with it, unless a new unit has taken the folder over:
@@ -115,6 +116,7 @@ UnitFolder::UnitFolder(const std::string& path_) {
     }
     try {
         while (!Lock()) Make(path);
+        RemoveLinks(path);  // that a killed unit has left
         Listen();
     } catch (...) {
         RemoveAll();
@@ -156,22 +158,21 @@ bool UnitFolder::Lock() {
 void UnitFolder::Listen() {
     try {
         hostSocket = ListenOn(HostSocketPath(path));
-        files.push_back(HostSocketPath(path));
+        sockets.push_back(HostSocketPath(path));
         controlSocket = ListenOn(ControlSocketPath(path));
-        files.push_back(ControlSocketPath(path));
+        sockets.push_back(ControlSocketPath(path));
     } catch (const std::runtime_error& error) {
         throw UserError(error.what());
     }
 }
 
-void UnitFolder::Link(const std::string& name, const std::string& target) {
-    const std::string link = path + "/" + name;
+std::string UnitFolder::Link(const std::string& name, const std::string& target) {
+    const std::string links = LinkFolder(path);
     std::error_code error;
-    if (std::filesystem::is_symlink(link, error)) ::unlink(link.c_str());
-    if (target.empty()) return;
-    std::filesystem::create_symlink(target, link, error);
-    if (error) throw UserError("cannot make the link " + link + ": " + error.message());
-    files.push_back(link);
+    std::filesystem::create_directory(links, error);
+    std::filesystem::create_symlink(target, links + "/" + name, error);
+    if (error) throw UserError("cannot make a link in " + links + ": " + error.message());
+    return links;
 }
 
 void UnitFolder::ReleaseSockets() {
@@ -180,7 +181,8 @@ void UnitFolder::ReleaseSockets() {
 }
 
 void UnitFolder::RemoveAll() const {
-    for (const auto& file : files) ::unlink(file.c_str());
+    for (const auto& socket : sockets) ::unlink(socket.c_str());
+    RemoveLinks(path);
     if (made) ::rmdir(path.c_str());
 }
 

@@ -43,9 +43,9 @@ class UnitFolder {
     // Absolute.
     [[nodiscard]] const std::string& Path() const { return path; }
 
-    // Makes a link in the folder, which goes with the sockets; an empty `target` removes one that
-    // is left. Throws UserError.
-    void Link(const std::string& name, const std::string& target);
+    // Makes a link called `name` to the file `target`, in a folder of its own within this one.
+    // Returns that folder. Throws UserError.
+    [[nodiscard]] std::string Link(const std::string& name, const std::string& target);
 
     // The listening sockets, for the program to inherit.
     [[nodiscard]] const testkit::Descriptor& HostSocket() const { return hostSocket; }
@@ -69,7 +69,7 @@ class UnitFolder {
     testkit::Descriptor lock;
     testkit::Descriptor hostSocket;
     testkit::Descriptor controlSocket;
-    std::vector<std::string> files;  // paths of the sockets and links that were made
+    std::vector<std::string> sockets;  // paths of those that were made
     std::unique_ptr<Watcher> watcher;
 };
 
