@@ -169,6 +169,7 @@ void UnitFolder::Listen() {
 std::string UnitFolder::Link(const std::string& name, const std::string& target) {
     const std::string links = LinkFolder(path);
     std::error_code error;
+    hasLinks = true;
     std::filesystem::create_directory(links, error);
     std::filesystem::create_symlink(target, links + "/" + name, error);
     if (error) throw UserError("cannot make a link in " + links + ": " + error.message());
@@ -182,7 +183,7 @@ void UnitFolder::ReleaseSockets() {
 
 void UnitFolder::RemoveAll() const {
     for (const auto& socket : sockets) ::unlink(socket.c_str());
-    RemoveLinks(path);
+    if (hasLinks) RemoveLinks(path);
     if (made) ::rmdir(path.c_str());
 }
 

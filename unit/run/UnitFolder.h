@@ -70,6 +70,7 @@ class UnitFolder {
     testkit::Descriptor hostSocket;
     testkit::Descriptor controlSocket;
     std::vector<std::string> sockets;  // paths of those that were made
+    bool hasLinks = false;
     std::unique_ptr<Watcher> watcher;
 };
 
