@@ -32,8 +32,8 @@ class FullScreen {
     // Shows `lines`, none wider than the terminal and no more than its height, and clears the rest.
     void Draw(const std::vector<std::string>& lines);
 
-    // True once "q" has been typed.
-    [[nodiscard]] bool IsQuitTyped();
+    // The next key that was typed; nothing when there is none. Arrow keys come as "j" and "k".
+    [[nodiscard]] std::optional<char> NextKey();
 
     // Stops the program if Ctrl-Z was typed, and returns true when it is continued.
     bool StopIfAsked();
@@ -41,8 +41,37 @@ class FullScreen {
   private:
     static void Enter();
     static void Leave();
+};
 
-    bool quit = false;
+// The course of a channel: the lowest and the highest sample of each time slot, the newest slots of
+// a fixed number. One thread at a time.
+class Envelope {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    struct Slot {
+        double lowest;
+        double highest;
+    };
+
+    void Add(double value, Clock::time_point now);
+
+    // Slots as text columns, the newest at the right; lines of "rows" text rows, the highest first.
+    // Blank where no sample came.
+    [[nodiscard]] std::vector<std::string> Draw(std::size_t columns, std::size_t rows,
+                                                Clock::time_point now, bool unicode) const;
+
+    // The lowest and the highest sample of the newest `columns` slots; nothing without a sample.
+    [[nodiscard]] std::optional<Slot> Range(std::size_t columns, Clock::time_point now) const;
+
+    static constexpr std::chrono::milliseconds kSlot{100};
+
+  private:
+    static std::int64_t NumberOf(Clock::time_point time);
+    [[nodiscard]] const Slot* Find(std::int64_t number) const;
+
+    static constexpr std::size_t kSlots = 600;        // a minute, and more than a terminal is wide
+    std::deque<std::pair<std::int64_t, Slot>> slots;  // by their number, ascending
 };
 
 // Figures and a graph for each channel. One thread at a time.
@@ -56,7 +85,7 @@ class LiveView final : public StreamSink {
 
     void Add(const StreamedBlock& block) override;
     void Update() override;
-    [[nodiscard]] bool WantsEnd() override { return screen.IsQuitTyped(); }
+    [[nodiscard]] bool WantsEnd() override;
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -65,9 +94,8 @@ class LiveView final : public StreamSink {
         std::string name;
         std::uint64_t samples = 0;    // since the last rates
         double samplesPerSecond = 0;  // the last rate
-        double lowest = 0;            // of all
-        double highest = 0;           // of all
-        std::deque<double> graph;     // newest samples, never empty
+        double last = 0;
+        Envelope envelope;
     };
     struct DeviceRows {
         std::string name;
@@ -80,10 +108,14 @@ class LiveView final : public StreamSink {
     void AddChannel(DeviceRows& device, const Channel& channel);
     void UpdateRates(Clock::time_point now);
     void Draw(Clock::time_point now);
+    void OnKey(char key);
     [[nodiscard]] std::string Title(Clock::time_point now) const;
+    // What stands below title and heading; any number of lines.
     [[nodiscard]] std::vector<std::string> Lines(Clock::time_point now) const;
+    [[nodiscard]] std::size_t GraphColumns() const;
     [[nodiscard]] std::string DeviceText(const DeviceRows& device, std::size_t index) const;
-    [[nodiscard]] std::string ChannelText(const ChannelRow& channel, bool withExtremes) const;
+    [[nodiscard]] std::vector<std::string> ChannelLines(const ChannelRow& channel,
+                                                        Clock::time_point now) const;
     // No longer than the terminal is wide.
     [[nodiscard]] std::string Fit(const std::string& text) const;
 
@@ -94,7 +126,11 @@ class LiveView final : public StreamSink {
     const Clock::time_point start = Clock::now();
     Clock::time_point ratesAt = start;
     Clock::time_point drawnAt{};
-    FullScreen screen;  // last: the terminal is restored before anything else goes
+    std::optional<Clock::time_point> pausedAt;  // the graphs stand still since then
+    bool quit = false;
+    std::size_t scrolled = 0;   // lines above the first one that is shown
+    std::size_t graphRows = 1;  // text rows of a graph
+    FullScreen screen;          // last: the terminal is restored before anything else goes
 };
 
 }  // namespace vexahost::tool
