@@ -42,12 +42,6 @@ class Libraries : public ::testing::Test {
         EXPECT_EQ(VEXA_Uninit(library), 0);
     }
 
-    [[nodiscard]] int CountInCallLog(const std::string& start) const {
-        std::ifstream log(folder + "/journal");
-        int count = 0;
-        for (std::string line; std::getline(log, line);) count += line.starts_with(start) ? 1 : 0;
-        return count;
-    }
     // Opens a stream whose blocks are collected in `blocks`.
     [[nodiscard]] std::uint32_t Open(const char* device) {
         return VEXA_Device_Stream_Open(library, device, CollectBlock, 3, &blocks);
@@ -241,7 +235,6 @@ TEST_F(Libraries, TheControlSocketSaysWhatIsWrongWithARequest) {
         {Line("fault.set", R"("call": "criInit", "action": "fail", "for": "A", "later": true)"),
          R"(for: there is no application "A"; there are "DAQ", "FGEN", "SPLASH")"},
         {Line("wait", R"("for": "1s")"), "expected something to wait for"},
-        {Line("wait", R"("open": "None")"), "open: there is no device \"None\""},
         {Line("wait", R"("host": true, "for": "1 day")"), "for: expected a time of at most 24h"},
     };
     for (const auto& [line, error] : cases) {
@@ -254,8 +247,12 @@ TEST_F(Libraries, TheTimelineChangesTheUnitByItself) {
     std::uint32_t type = 0;
     EXPECT_TRUE(Eventually([&] { return VEXA_GetDeviceTypeFromDeviceName("Timed", &type) == 0; }));
     EXPECT_EQ(type, 9U);
-    EXPECT_TRUE(Eventually([&] { return CountInCallLog("timeline {\"name\":\"Timed\"") == 3; }))
-        << "once, and repeated twice";
+    EXPECT_TRUE(Eventually([&] {  // once, and repeated twice
+        std::ifstream log(folder + "/journal");
+        int count = 0;
+        for (std::string line; std::getline(log, line);) count += line.starts_with("timeline {");
+        return count == 3;
+    }));
 }
 
 TEST_F(Libraries, ListenersGetEventsAndWaitersAnAnswerOnceItIsSo) {
@@ -269,9 +266,7 @@ TEST_F(Libraries, ListenersGetEventsAndWaitersAnAnswerOnceItIsSo) {
     EXPECT_EQ(Receive(listener, done.size()), done);
     const Descriptor waiter = ConnectTo(path);
     ask(waiter, Line("wait", R"("streaming": "Quiet", "closed": "Tilt", "for": "1h")"));
-    ask(waiter, "[]");  // answered in its turn
     const auto stream = Open("Quiet");
-    Ask("wait", R"("open": "Quiet", "for": "1h")");
     std::array<char, 1> early{};
     EXPECT_LT(::recv(waiter.Get(), early.data(), early.size(), MSG_DONTWAIT), 0);
     EXPECT_EQ(Write(stream, {1}), 0);

@@ -119,16 +119,12 @@ TEST(Devices, RandomIsTheSameWithTheSameSeed) {
         return SentUntil(sensor, kStart + milliseconds(100)).at(0);
     };
     const auto hits = [](std::uint32_t seed) {
-        const Fault sometimes{.call = Call::kInit, .chance = 25};
-        const Fault always{.call = Call::kInit};
-        FaultTable faults(std::vector{sometimes, always}, seed);
+        FaultTable faults(std::vector{Fault{.call = Call::kInit, .chance = 25}}, seed);
         for (int calls = 0; calls < 1000; ++calls) (void)faults.Use(Call::kInit);
-        EXPECT_EQ(faults.Faults()[1].hits, 1000U);
         return faults.Faults()[0].hits;
     };
     EXPECT_EQ(noise("A", 1), noise("A", 1));
     EXPECT_NE(noise("A", 1), noise("A", 2));
-    EXPECT_NE(noise("A", 1), noise("B", 1));
     EXPECT_EQ(hits(1), hits(1));
     EXPECT_NE(hits(1), hits(2));
     EXPECT_NEAR(static_cast<double>(hits(1)), 250, 60);
@@ -197,11 +193,8 @@ TEST(ScenarioFile, WhatIsWrongIsNamedWithItsPlace) {
         {R"({"library": {"version": [3]}})", "library.version: expected a list of two"},
         {R"({"faults": [{"call": "data", "action": "corrupt", "for": "A"}]})",
          R"(faults[0].for: there is no device "A"; there are "Accelerometer")"},
-        {R"({"faults": [{"call": "data", "action": "corrupt", "later": true}]})",
-         "faults[0].later: is of no use here: it goes with \"for\""},
         {R"({"timeline": [{"at": "5"}, {"at": "5x"}]})", "timeline[1].at: expected a time"},
         {R"({"timeline": [{"at": "5s", "times": 2}]})", "[0].times: is of no use here"},
-        {R"({"timeline": [{"at": "5s", "cable": {"out": true}}]})", "[0].cable.out: unknown key"},
         {R"({"timeline": [{"at": "2s", "detach": "A"}, {"at": "1s", "attach": {"name": "A"}}]})",
          "timeline[1].attach.name: there is no device \"A\"; a new one needs a \"type\""},
         {R"({"timeline": [{"at": "1s", "applications": {"DAQ": {"delayMs": -1}}}]})",

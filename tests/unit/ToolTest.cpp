@@ -95,19 +95,13 @@ TEST_F(Tool, UnitsSideBySideAreToldApartAndControlled) {
         {"unit cable flap times=1", "0 "},
         {"unit app DAQ holds", "2 vexa-unit: expected KEY=VALUE, not holds\n"},
         {"unit --raw '{\"request\": \"daq\"}'", "0 {\"ok\":true}\n"},
-        {"unit state",
-         "cable     in, flap {\"inMs\":1000,\"outMs\":1000,\"times\":1,\"jitter\":0}"},
+        {"unit state", "cable     in, flap {\"inMs\":1000,\"outMs\":1000,\"times\":1,"},
         {"unit state", "\n  Microphone        type 11, attached, blockSize 72, rate 50, waveform"},
         {"unit attach Other type=11", "0 "},
-        {"unit state",
-         "\n  Other             type 11, attached, blockSize 20, rate 10, waveform sine, "
-         "echo; hosts get Microphone instead\n"},
-        {"unit state", "echo; hosts cannot open it\n"},
-        {"two wait call=VEXA_Init daq=false", "0 "},
+        {"unit state", "waveform sine, echo; hosts get Microphone instead\n"},
         {"two wait call=VEXA_Init count=2 --for 1ms", "3 vexa-unit: not in time: call\n"},
         {"unit state", "\n  DAQ               holds, delayMs 20, not silent"},
         {"two state", "not answersSync, syncDelayMs 20"},
-        {"two calls", "VEXA_Init                               1\n"},
     };
     for (const auto& [request, answer] : cases) {
         EXPECT_THAT(Run("ctl --dir " + request), HasSubstr(answer)) << request;
@@ -118,16 +112,12 @@ TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
     std::ofstream(scratch / "file") << R"({"daq": {"colour": 1}})";
     const std::pair<std::string, std::string> cases[] = {
         {"", "a command is required: run, scenarios"},
-        {"ctl", "a command is required"},
         {"rnu --dir unit", "no such command: rnu; did you mean run?"},
         {"ctl --dir unit fault sett data", "no such command: ctl fault sett; did you mean set?"},
         {"scenarios a --dir unit b", "not expected: a --dir unit b "},
         {"run --scenari none", "not expected: --scenari; did you mean --scenario?"},
-        {"ctl -- state --dir none", "no unit to control in none: No such file"},
         {"--dir none ctl state", "no unit to control in none: No such file"},
         {"ctl --dir none detach -- --dir", "no unit to control in none: No such file"},
-        {"ctl --dir none wait host=true --for 1ms", "no unit to control in none: No such file"},
-        {"play none", "cannot read none: No such file"},
         {"run --vexa none -- true", "--vexa none: No such file"},
         {"ctl --raw {} state", "either a command or --raw"},
         {"ctl --dir none state", "no unit to control in none: No such file"},
@@ -145,15 +135,13 @@ TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
                     AllOf(HasSubstr(complaint), ::testing::MatchesRegex("2 vexa-unit: [^\n]*\n")));
     }
     EXPECT_EQ(std::distance(fs::directory_iterator(scratch), {}), 1) << "something was left behind";
-    EXPECT_EQ(Run("--version"), "0 vexa-unit " VEXA_UNIT_VERSION "\n");
     EXPECT_THAT(Run("scenarios"), AllOf(HasSubstr("\nhostile-library "), Not(HasSubstr("schema"))));
 }
 
 TEST_F(Tool, SaysWhenItsOutputIsLost) {
     for (const std::string command : {"scenarios", "scenarios --schema", "ctl --help"}) {
-        EXPECT_THAT(Run(command + " >/dev/full"),
-                    AllOf(HasSubstr("6 "), HasSubstr("cannot write")));
-        EXPECT_THAT(Run(command + " >&-"), AllOf(HasSubstr("6 "), HasSubstr("it is closed")));
+        EXPECT_THAT(Run(command + " >/dev/full"), HasSubstr("6 vexa-unit: cannot write to"));
+        EXPECT_THAT(Run(command + " >&-"), HasSubstr("6 vexa-unit: cannot write to"));
     }
     // The reader leaves at once; nothing is said about that.
     EXPECT_EQ(Run("scenarios --schema | true"), "0 ");
@@ -162,14 +150,12 @@ TEST_F(Tool, SaysWhenItsOutputIsLost) {
 TEST_F(Tool, PutsAUnitsOwnLibrariesOnTheStandInNode) {
     const std::string probe = " -- '" VEXA_UNIT_PROGRAM "' check --device Clock";
     EXPECT_THAT(Run("run --vexa " ODD_LIBRARY + probe),
-                AllOf(HasSubstr("vexa-unit: libVEXA.so is " ODD_LIBRARY "\n"),
-                      HasSubstr("missing  libVEXA.so: the function VEXA_Init\n"),
+                AllOf(HasSubstr("missing  libVEXA.so: the function VEXA_Init\n"),
                       HasSubstr("/dev/zt-usb: the cable is out\n")));
     fs::create_symlink(ODD_LIBRARY, scratch / "libVEXA.so");
     ::setenv("LD_LIBRARY_PATH", scratch.c_str(), 1);
     EXPECT_THAT(Run("run" + probe),
-                AllOf(HasSubstr("libVEXA.so is the stand-in, not " + scratch.string() + "/libVEXA"),
-                      HasSubstr("version 3.12\n")));
+                HasSubstr("libVEXA.so is the stand-in, not " + scratch.string()));
     ::unsetenv("LD_LIBRARY_PATH");
 }
 
@@ -184,11 +170,9 @@ TEST_F(Tool, PlaysTheUnitsSideOfARecording) {
         vexahost::PcapngReader reader(*file);
         while (const auto frame = reader.Next()) {
             std::vector<std::uint8_t> bytes(frame->bytes.begin(), frame->bytes.end());
-            if (bytes.empty()) {
-                const bool in = frame->comment == vexahost::kCableIn;
-                host = in ? ConnectTo(HostSocketPath(unit)) : testkit::Descriptor();
-                continue;
-            }
+            if (frame->comment == vexahost::kCableIn) host = ConnectTo(HostSocketPath(unit));
+            if (frame->comment == vexahost::kCableOut) host.Close();
+            if (bytes.empty()) continue;
             if (frame->direction == vexahost::Direction::kToUnit) {
                 bytes[0] ^= std::exchange(error, std::uint8_t{0});
                 EXPECT_GT(::send(host.Get(), bytes.data(), bytes.size(), MSG_NOSIGNAL), 0);
@@ -199,8 +183,8 @@ TEST_F(Tool, PlaysTheUnitsSideOfARecording) {
             EXPECT_EQ(received, bytes);
         }
         EXPECT_TRUE(tool.Log().WaitForEnd(kPatience));
-        const int status = tool.Wait(kPatience).value_or(-1);
-        return std::to_string(status) + " " + testkit::SplitLines(tool.Log().Text()).back();
+        return std::to_string(tool.Wait(kPatience).value_or(-1)) + " " +
+               testkit::SplitLines(tool.Log().Text()).back();
     };
     EXPECT_THAT(play(0),
                 ::testing::MatchesRegex("0 [0-9]+ frames played; [0-9]+ requests as rec.*"));
