@@ -167,10 +167,11 @@ ControlAnswer Wait(Unit& unit, const Json& request) {
     ReadSettings(json, wait);
     WaitSettings nothing;
     nothing.forMs = wait.forMs;
+    nothing.later = wait.later;
     if (wait == nothing) json.Complain("something to wait for");
     for (const auto& [key, name] :
          {std::pair("open", wait.open), {"streaming", wait.streaming}, {"closed", wait.closed}}) {
-        if (!name.empty()) RequireDevice(json, key, name, unit.Settings());
+        if (!name.empty() && !wait.later) RequireDevice(json, key, name, unit.Settings());
     }
     const TimePoint end = Clock::now() + std::chrono::milliseconds(wait.forMs);
     return {.later = [&unit, wait, end]() -> std::optional<std::string> {

@@ -168,6 +168,9 @@ void CheckTimeline(const Scenario& scenario) {
     std::ranges::sort(order);
     for (const auto& [atMs, index] : order) {
         const std::string step = "timeline[" + std::to_string(index) + "]";
+        if (scenario.timeline[index].requests.empty()) {
+            throw JsonError(step + ": expected something that happens, such as \"cable\"");
+        }
         for (const auto& [key, line] : scenario.timeline[index].requests) {
             Json request = ParseJson(line);
             const std::string verb = request["request"];

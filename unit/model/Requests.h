@@ -45,6 +45,7 @@ struct WaitSettings {
     std::string open;       // device with an open stream
     std::string streaming;  // device of which a block was accepted
     std::string closed;     // device without an open stream
+    bool later = false;     // these devices may be attached later
     std::optional<Call> call;
     std::optional<std::uint32_t> count;  // how often the call has been made
     std::optional<bool> host;            // whether one is connected

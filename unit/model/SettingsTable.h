@@ -224,6 +224,7 @@ void Describe(Visitor& visit, WaitSettings& wait) {
     visit.Name("open", wait.open, "the device has an open stream");
     visit.Name("streaming", wait.streaming, "the service has accepted a block of the device");
     visit.Name("closed", wait.closed, "the device has no open stream");
+    visit.Bool("later", wait.later, "the device may be attached later");
     visit.CallName("call", wait.call, "the call has been made");
     if (visit.Applies("count", wait.call.has_value(), "\"call\"")) {
         visit.Unsigned("count", wait.count, {1, kMaxUnsigned}, "that often; default 1");
