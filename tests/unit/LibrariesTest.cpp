@@ -234,7 +234,7 @@ TEST_F(Libraries, TheControlSocketSaysWhatIsWrongWithARequest) {
          R"(for: there is no device "None"; there are "Fast", "Quiet", "Tilt")"},
         {Line("fault.set", R"("call": "criInit", "action": "fail", "for": "A", "later": true)"),
          R"(for: there is no application "A"; there are "DAQ", "FGEN", "SPLASH")"},
-        {Line("wait", R"("for": "1s")"), "expected something to wait for"},
+        {Line("wait", R"("for": "1s")"), "expected a condition to wait for"},
         {Line("wait", R"("host": true, "for": "1 day")"), "for: expected a time of at most 24h"},
     };
     for (const auto& [line, error] : cases) {

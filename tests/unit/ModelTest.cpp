@@ -194,7 +194,7 @@ TEST(ScenarioFile, WhatIsWrongIsNamedWithItsPlace) {
         {R"({"faults": [{"call": "data", "action": "corrupt", "for": "A"}]})",
          R"(faults[0].for: there is no device "A"; there are "Accelerometer")"},
         {R"({"timeline": [{"at": "5"}, {"at": "5x"}]})", "timeline[1].at: expected a time"},
-        {R"({"timeline": [{"at": "5"}]})", "timeline[0]: expected something that happens"},
+        {R"({"timeline": [{"at": "5"}]})", "timeline[0]: expected a change"},
         {R"({"timeline": [{"at": "5s", "times": 2}]})", "[0].times: is of no use here"},
         {R"({"timeline": [{"at": "2s", "detach": "A"}, {"at": "1s", "attach": {"name": "A"}}]})",
          "timeline[1].attach.name: there is no device \"A\"; a new one needs a \"type\""},

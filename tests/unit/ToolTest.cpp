@@ -99,7 +99,7 @@ TEST_F(Tool, UnitsSideBySideAreToldApartAndControlled) {
         {"unit state", "\n  Microphone        type 11, attached, blockSize 72, rate 50, waveform"},
         {"unit attach Other type=11", "0 "},
         {"unit state", "waveform sine, echo; hosts get Microphone instead\n"},
-        {"two wait call=VEXA_Init count=2 --for 1ms", "3 vexa-unit: not in time: call\n"},
+        {"two wait call=VEXA_Init count=2 --for 1ms", "3 vexa-unit: timeout; not yet: call\n"},
         {"unit state", "\n  DAQ               holds, delayMs 20, not silent"},
         {"two state", "not answersSync, syncDelayMs 20"},
     };

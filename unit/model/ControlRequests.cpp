@@ -133,7 +133,7 @@ void ReportState(Unit& unit, const Json& request, Json& answer) {
     answer["calls"] = CallsToJson(unit.Faults().Uses());
 }
 
-// The keys of what `wait` names that is not so yet; empty when all is so.
+// The conditions in `wait` that do not hold, by their keys; empty when all hold.
 std::string Unmet(const WaitSettings& wait, Unit& unit) {
     const auto streams = unit.Vexa().Streams();
     const auto isOpen = [&](const std::string& device, std::uint64_t blocks) {
@@ -168,7 +168,7 @@ ControlAnswer Wait(Unit& unit, const Json& request) {
     WaitSettings nothing;
     nothing.forMs = wait.forMs;
     nothing.later = wait.later;
-    if (wait == nothing) json.Complain("something to wait for");
+    if (wait == nothing) json.Complain("a condition to wait for");
     for (const auto& [key, name] :
          {std::pair("open", wait.open), {"streaming", wait.streaming}, {"closed", wait.closed}}) {
         if (!name.empty() && !wait.later) RequireDevice(json, key, name, unit.Settings());
@@ -178,7 +178,7 @@ ControlAnswer Wait(Unit& unit, const Json& request) {
         const auto keys = Unmet(wait, unit);
         if (keys.empty()) return ToLine({{"ok", true}});
         if (Clock::now() < end) return std::nullopt;
-        return ToLine({{"ok", false}, {"timeout", true}, {"error", "not in time: " + keys}});
+        return ToLine({{"ok", false}, {"timeout", true}, {"error", "timeout; not yet: " + keys}});
     }};
 }
 

@@ -1,4 +1,4 @@
-// What happens in the unit, for those who listen on its control socket.
+// Events of the unit, for clients that have subscribed on its control socket.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@ namespace vexa::unit {
 
 class Unit;
 
-// These send an event to every listener, as a line of JSON as docs/virtual-unit.md describes them,
-// and cost next to nothing when there is none. Any thread.
+// These send an event, a line of JSON as docs/virtual-unit.md describes it, to every subscriber.
+// They cost next to nothing when there is none. Any thread.
 
 // A library call has returned. `line`: as in the call log.
 void ReportCall(Unit& unit, Call call, std::string_view target, std::int64_t result,

@@ -169,7 +169,7 @@ void CheckTimeline(const Scenario& scenario) {
     for (const auto& [atMs, index] : order) {
         const std::string step = "timeline[" + std::to_string(index) + "]";
         if (scenario.timeline[index].requests.empty()) {
-            throw JsonError(step + ": expected something that happens, such as \"cable\"");
+            throw JsonError(step + ": expected a change, such as \"cable\"");
         }
         for (const auto& [key, line] : scenario.timeline[index].requests) {
             Json request = ParseJson(line);

@@ -40,7 +40,7 @@ void RequireDevice(const CheckedJson& json, std::string_view key, const std::str
 // Checks the requests of a scenario's timeline, each after those before it. Throws JsonError.
 void CheckTimeline(const Scenario& scenario);
 
-// What a request can wait for; all that is given has to be so at the same time.
+// The conditions of a request to wait; all that are given must hold at the same time.
 struct WaitSettings {
     std::string open;       // device with an open stream
     std::string streaming;  // device of which a block was accepted

@@ -122,7 +122,7 @@ struct TimelineRequest {
     bool operator==(const TimelineRequest&) const = default;
 };
 
-// What happens to the unit at a set time.
+// Changes of the unit at a set time.
 struct TimelineStep {
     std::uint32_t atMs = 0;  // from the start of the unit
     std::optional<std::uint32_t> repeatMs = {};

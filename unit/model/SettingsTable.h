@@ -204,7 +204,7 @@ template <typename Visitor>
 void Describe(Visitor& visit, TimelineStep& step) {
     visit.Duration("at", step.atMs, 0, "when, counted from the start of the unit: \"5s\"",
                    Need::kRequired);
-    visit.Duration("repeat", step.repeatMs, 1, "again, each time that so much has passed");
+    visit.Duration("repeat", step.repeatMs, 1, "interval at which it is repeated");
     if (visit.Applies("times", step.repeatMs.has_value(), "\"repeat\"")) {
         visit.Unsigned("times", step.times, kAnyNumber, "how often it is repeated; 0: without end");
     }
@@ -227,16 +227,16 @@ void Describe(Visitor& visit, WaitSettings& wait) {
     visit.Bool("later", wait.later, "the device may be attached later");
     visit.CallName("call", wait.call, "the call has been made");
     if (visit.Applies("count", wait.call.has_value(), "\"call\"")) {
-        visit.Unsigned("count", wait.count, {1, kMaxUnsigned}, "that often; default 1");
+        visit.Unsigned("count", wait.count, {1, kMaxUnsigned}, "at least this often; default 1");
     }
     visit.Bool("host", wait.host, "true: a host is connected; false: none is");
     visit.Bool("cable", wait.cable, "true: hosts can plug in; false: they cannot");
     visit.Bool("daq", wait.daq, "true: the service is linked to the board; false: it is not");
-    visit.Unsigned("bytesToHost", wait.bytesToHost, kAnyNumber, "so many bytes have been sent");
+    visit.Unsigned("bytesToHost", wait.bytesToHost, kAnyNumber,
+                   "at least this many bytes have been sent");
     visit.Unsigned("bytesFromHost", wait.bytesFromHost, kAnyNumber,
-                   "so many bytes have been received");
-    visit.Duration("for", wait.forMs, 0, "how long to wait at most; default \"10s\"",
-                   Need::kOptional);
+                   "at least this many bytes have been received");
+    visit.Duration("for", wait.forMs, 0, "timeout; default \"10s\"", Need::kOptional);
 }
 
 template <typename Visitor>
@@ -261,9 +261,9 @@ void Describe(Visitor& visit, Scenario& scenario) {
     visit.Object("library", scenario.library, "the device-access library");
     visit.Object("cable", scenario.cable, "the cable to the host");
     visit.List("faults", scenario.faults, "faults that are set from the start");
-    visit.List("timeline", scenario.timeline, "what happens later, and when");
+    visit.List("timeline", scenario.timeline, "changes at set times");
     visit.Unsigned("seed", scenario.seed, kAnyNumber,
-                   "of all that is random: noise, faults by chance, irregular flapping");
+                   "random seed of noise, faults with a chance and flapping with jitter");
 }
 
 // The keys of a section.

@@ -1,4 +1,4 @@
-// What happens to the unit by itself at set times.
+// Changes of the unit at set times.
 #pragma once
 
 #include <condition_variable>

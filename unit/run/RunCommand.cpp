@@ -179,7 +179,7 @@ int PassSignalsOn(testkit::ChildProcess& program, bool ownGroup) {
     }
 }
 
-// Says what the unit is like and where it can be reached.
+// Prints the scenario, the devices and the control socket.
 void Describe(const std::string& name, const Scenario& scenario, const UnitFolder& folder) {
     std::string devices;
     for (const auto& device : scenario.devices) {

@@ -13,7 +13,7 @@ struct RunOptions {
     std::string callLog;               // file; empty: none
     std::string vexa;                  // a unit's own libVEXA.so; empty: the stand-in
     std::string vexcri;                // a unit's own libvexcri.so; empty: the stand-in
-    bool describes = false;            // says what the unit is like
+    bool describes = false;            // prints scenario, devices and sockets first
     std::vector<std::string> program;  // with its arguments; empty: the service
 };
 

@@ -48,7 +48,7 @@ void AddRunCommand(CLI::App& app, RunOptions& options, int& status) {
                     "Append a line to FILE for each library call (the call log)")
         ->option_text("FILE");
     run->add_flag("--describe", options.describes,
-                  "Say first what the unit is like: scenario, devices, sockets");
+                  "Print the scenario, the devices and the sockets first");
     run->add_option("program", options.program,
                     "Program to run instead of VEXADevMgr, with its arguments, after --")
         ->option_text("PROGRAM ...");
@@ -68,9 +68,9 @@ void AddPlayCommand(CLI::App& app, PlayOptions& options, int& status) {
         ->required()
         ->option_text("FILE");
     play->add_flag("--pace", options.atPace,
-                   "Keep the recorded times between the frames; else they go as fast as they can");
+                   "Send frames at their recorded times (default: as fast as the host reads)");
     play->add_option("--patience", options.patience,
-                     "How long to wait for what the host has to send (default: 5s)")
+                     "Timeout for each request that the host has to send (default: 5s)")
         ->option_text("TIME");
     play->add_option("--dir", options.folder,
                      "Folder for the host socket, host.sock (default: a temporary one)")
@@ -187,16 +187,16 @@ void AddCableRequests(CLI::App& ctl, ControlRequest& request) {
 }
 
 void AddWaitRequest(CLI::App& ctl, ControlRequest& request) {
-    CLI::App* const wait = AddRequest(ctl, "wait", "Wait until something is so", request, "wait");
-    AddSettings(wait, request, "all of these at the same time:")->required();
-    AddText(wait, request, "for", "--for", "how long at most: 500ms, 5s, 2m or 1h (default: 10s)")
+    CLI::App* const wait = AddRequest(ctl, "wait", "Wait until conditions hold", request, "wait");
+    AddSettings(wait, request, "conditions; all must hold at the same time:")->required();
+    AddText(wait, request, "for", "--for", "timeout: 500ms, 5s, 2m or 1h (default: 10s)")
         ->required(false)
         ->option_text("TIME");
     wait->footer(SettingsHelp("wait", "for") +
                  "Examples: vexa-unit ctl wait streaming=Microphone --for 5s\n"
                  "          vexa-unit ctl wait call=VEXA_Device_Stream_Open count=3\n"
                  "          vexa-unit ctl wait host=false closed=Microphone\n"
-                 "Exit status: 0 it is so; 3 not in time; 1 and 2 as with all of ctl.");
+                 "Exit status: 0 the conditions hold; 3 timeout; 1 and 2 as for all of ctl.");
 }
 
 void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
@@ -220,8 +220,8 @@ void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
         "          vexa-unit ctl app DAQ silent=true\n"
         "          vexa-unit ctl daq answersSync=false\n"
         "          vexa-unit ctl --raw '{\"request\": \"cable\", \"in\": false}'\n"
-        "Exit status: 0 done; 1 the unit refused; 2 wrong usage or no unit; 3 wait: not in\n"
-        "time; 6 standard output could not be written.");
+        "Exit status: 0 done; 1 the unit refused; 2 wrong usage or no unit; 3 timeout of\n"
+        "wait; 6 standard output could not be written.");
 
     ControlRequest& request = options.request;
     AddRequest(*ctl, "state", "Show everything about the unit", request, "state");
@@ -247,8 +247,8 @@ void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
     daq->footer(SettingsHelp("daq", "name"));
     AddFaultRequests(*ctl, request);
     AddWaitRequest(*ctl, request);
-    AddRequest(*ctl, "events", "Print what happens, a line of JSON each, until the unit ends",
-               request, "events")
+    AddRequest(*ctl, "events", "Print events as lines of JSON until the unit ends", request,
+               "events")
         ->footer("Example: vexa-unit ctl events | grep --line-buffered '\"cable\"'");
 
     ctl->final_callback([ctl, &options, &status] {
