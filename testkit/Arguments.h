@@ -8,13 +8,19 @@ namespace vexa::testkit {
 
 // A command, with what it accepts.
 struct Command {
+    // An option, or an argument without one. `value` is what stands for its value in the help,
+    // such as "FILE".
     struct Option {
         std::string name;
         bool takesValue = false;
+        std::string value = {};
+        std::string help = {};
     };
 
     std::string name;
+    std::string help = {};
     std::vector<Option> options = {};
+    std::vector<Option> arguments = {};
     std::vector<Command> commands = {};
 };
 

@@ -6,6 +6,8 @@
 #include <map>
 
 #include "testkit/Arguments.h"
+#include "testkit/Completion.h"
+#include "tool/Connection.h"
 #include "tool/Parse.h"
 
 namespace vexahost::tool {
@@ -87,18 +89,37 @@ void AddVerb(CLI::App& program, const Verb& verb, ExitCode& exitCode) {
 vexa::testkit::Command CommandOf(const Program& program) {
     vexa::testkit::Command all{.name = program.name};
     for (const Verb& verb : program.verbs) {
-        vexa::testkit::Command command{.name = verb.name};
+        vexa::testkit::Command command{.name = verb.name, .help = verb.summary};
         for (const Option& option : verb.options) {
-            if (IsPositional(option)) continue;
+            if (IsPositional(option)) {
+                command.arguments.push_back({option.name, true, option.placeholder, option.help});
+                continue;
+            }
             const bool takesValue = !std::holds_alternative<bool*>(option.target);
-            const std::size_t comma = option.name.find(',');
-            command.options.push_back({option.name.substr(0, comma), takesValue});
-            if (comma == std::string::npos) continue;
-            command.options.push_back({option.name.substr(comma + 1), takesValue});
+            // An option's short name comes first.
+            for (std::size_t from = 0; from < option.name.size();) {
+                const std::size_t comma = std::min(option.name.find(',', from), option.name.size());
+                command.options.push_back({option.name.substr(from, comma - from), takesValue,
+                                           option.placeholder, option.help});
+                from = comma + 1;
+            }
         }
         all.commands.push_back(std::move(command));
     }
     return all;
+}
+
+// The unit that the words name, or the default one, can tell the names of its devices.
+std::vector<std::string> ValuesOf(const vexa::testkit::Command& /*command*/,
+                                  const vexa::testkit::Command::Option& option,
+                                  const std::vector<std::string>& words) {
+    std::vector<std::string> names;
+    if (option.name != "NAME" && option.value != "NAME") return names;
+    UnitAddress unit;
+    const auto given = std::ranges::find(words, "--dir");
+    if (given != words.end() && given + 1 != words.end()) unit.directory = *(given + 1);
+    for (const VirtualDevice& device : ListDevices(unit)) names.push_back(device.name);
+    return names;
 }
 
 }  // namespace
@@ -112,6 +133,7 @@ ExitCode RunProgram(const Program& program, const std::vector<std::string>& word
     parser.footer(program.notes);
     for (const Verb& verb : program.verbs) AddVerb(parser, verb, exitCode);
     const auto tree = CommandOf(program);
+    if (vexa::testkit::AnswerPackaging(tree, words, ValuesOf)) return kExitDone;
     auto arranged = vexa::testkit::Arranged(tree, words);
     std::ranges::reverse(arranged);  // as the parser wants them
     try {

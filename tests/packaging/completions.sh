@@ -1,5 +1,6 @@
 #!/bin/bash
-# What bash offers at a tab, for the programs in a folder.
+# What the programs in a folder offer at a tab, through bash's completion, and whether the manual
+# pages have the options that they have.
 # usage: completions.sh FOLDER COMPLETION_FILE MANUAL_FOLDER
 set -eu
 PATH=$1:$PATH
@@ -14,7 +15,7 @@ offers() {
     read -ra COMP_WORDS <<<"$line"
     [[ $line == *' ' ]] && COMP_WORDS+=('')
     COMP_CWORD=$((${#COMP_WORDS[@]} - 1))
-    _vexa "${COMP_WORDS[0]}" "${COMP_WORDS[COMP_CWORD]}" "${COMP_WORDS[COMP_CWORD - 1]}" || true
+    _vexa "${COMP_WORDS[0]}" || true
     expected=$(printf '%s\n' "$@" | sort)
     offered=$(printf '%s\n' "${COMPREPLY[@]}" | sort)
     [[ $offered == "$expected" ]] || { failed=1; diff <(echo "$expected") <(echo "$offered") | sed "s/^/$line: /"; }
@@ -24,18 +25,24 @@ offers 'vexa-unit ' run scenarios ctl check play
 offers 'vexa-unit ctl fault s' set
 offers 'vexa-unit ctl --dir somewhere cable ' in out flap
 offers 'vexa-unit ctl d' detach daq
-offers 'vexa-unit run --' --help --scenario --dir --vexa --vexcri --journal --describe
+offers 'vexa-unit ctl fault set node.r' node.read
+offers 'vexa-unit run --sc' --scenario
 offers 'vexa-unit run --scenario d' default daq-in-use dead-daq
 offers 'vexa-unit run --journal x' ''
 offers 'vexa-unit run -- vexa-host s' ''
 offers 'vexa-host s' sync send stream shell
 offers 'vexa-host stream Microphone --c' --csv
-offers 'vexa-host ping -' -h --help --dir --tcp --serial --rts-cts -n --size --timeout --arm --json
+offers 'vexa-host ping -' --help --dir --tcp --serial --rts-cts -n --size --timeout --arm --json
+vexa-unit run --dir unit$$ >/dev/null &
+unit=$!
+trap 'kill $unit; rm -rf unit$$' EXIT
+until [[ -S unit$$/control.sock ]]; do sleep 0.02; done
+offers "vexa-host stream --dir unit$$ Acc" Accelerometer
+offers "vexa-unit ctl --dir unit$$ detach Ba" Barometer
 
-# The manual has every command.
+mkdir unit$$/man && cp "$3"/*.1 unit$$/man
+"$(dirname "$2")/../update-manuals" "$1" unit$$/man
 for program in vexa-unit vexa-host; do
-    while read -r command _; do
-        grep -q "^\.It Cm $command\b" "$3/$program.1" || { failed=1; echo "$program.1 does not tell of $command"; }
-    done < <("$program" --help | sed -n '/^Subcommands:/,/^$/s/^  //p')
+    diff "$3/$program.1" unit$$/man/$program.1 || { failed=1; echo "run: packaging/update-manuals $1"; }
 done
 exit $failed

@@ -22,6 +22,10 @@ if command -v pkg-config >pkg-config.txt; then # and without CMake: one library,
     export PKG_CONFIG_PATH
     # shellcheck disable=SC2046 # words on purpose
     "${CXX:-c++}" "$consumer/who_has_the_daq.cpp" $(pkg-config --cflags --libs vexahost) -o who_by_pkg_config
+    # The program in the guide, as it stands there.
+    sed -n '/^```cpp/,/^```/p' "$consumer/../../docs/host-kit.md" | sed '/^```/d' >guide.cpp
+    # shellcheck disable=SC2046
+    "${CXX:-c++}" -std=c++20 -Wall -Wextra -Wconversion -Werror guide.cpp $(pkg-config --cflags --libs vexahost) -o guide
 fi
 vexa-unit run --dir unit --scenario daq-in-use >unit.txt 2>&1 &
 unit=$!

@@ -204,6 +204,18 @@ std::string DefaultUnitFolder() {
     return folder != nullptr && *folder != '\0' ? folder : "build/unit";
 }
 
+std::vector<std::string> DeviceNames(const std::string& folder) {
+    std::vector<std::string> names;
+    try {
+        ControlClient unit(folder.empty() ? DefaultUnitFolder() : folder);
+        const auto state = ParseAnswer(unit.Ask(ToLine({{"request", "state"}})));
+        for (const auto& device : state.at("devices")) names.push_back(device.at("name"));
+    } catch (const std::exception&) {
+        names.clear();
+    }
+    return names;
+}
+
 int ControlUnit(const ControlOptions& options) {
     const Json request = options.raw.empty() ? RequestOf(options.request) : Json();
     const std::uint32_t waitMs = WaitMs(request);

@@ -25,6 +25,9 @@ struct ControlOptions {
 // The folder of the unit when none is given.
 [[nodiscard]] std::string DefaultUnitFolder();
 
+// Names of the devices of the unit in `folder`; none when no unit answers.
+[[nodiscard]] std::vector<std::string> DeviceNames(const std::string& folder);
+
 // Sends the request, or `raw` if it is given, and prints the answer. Returns the exit status: 0,
 // kRefusedStatus or kTimeoutStatus. Throws UserError when the request is malformed or no unit
 // answers.

@@ -7,12 +7,14 @@
 #include <vector>
 
 #include "check/CheckCommand.h"
+#include "model/Faults.h"
 #include "model/Settings.h"
 #include "run/ControlCommand.h"
 #include "run/PlayCommand.h"
 #include "run/RunCommand.h"
 #include "run/UserError.h"
 #include "testkit/Arguments.h"
+#include "testkit/Completion.h"
 #include "testkit/StandardOutput.h"
 
 namespace {
@@ -288,10 +290,17 @@ void AddCheckCommand(CLI::App& app, CheckOptions& options, int& status) {
 
 // `app` as testkit/Arguments.h needs it.
 vexa::testkit::Command CommandOf(const CLI::App& app) {
-    vexa::testkit::Command command{.name = app.get_name()};
+    vexa::testkit::Command command{.name = app.get_name(), .help = app.get_description()};
     for (const CLI::Option* option : app.get_options()) {
+        const bool takesValue = option->get_items_expected_min() > 0;
+        const auto& value = option->get_option_text();
+        if (option->get_positional()) {
+            command.arguments.push_back(
+                {option->get_name(true), true, value, option->get_description()});
+        }
         for (const auto& name : option->get_lnames()) {
-            command.options.push_back({"--" + name, option->get_items_expected_min() > 0});
+            if (name == "help") continue;
+            command.options.push_back({"--" + name, takesValue, value, option->get_description()});
         }
     }
     for (const CLI::App* below : app.get_subcommands([](const CLI::App*) { return true; })) {
@@ -300,8 +309,28 @@ vexa::testkit::Command CommandOf(const CLI::App& app) {
     return command;
 }
 
+// The names that an option or an argument stands for; a running unit knows those of its devices.
+std::vector<std::string> ValuesOf(const vexa::testkit::Command& command,
+                                  const vexa::testkit::Command::Option& option,
+                                  const std::vector<std::string>& words) {
+    std::vector<std::string> names;
+    if (option.name == "--scenario") {
+        for (const auto& [name, description] : ShippedScenarios()) names.push_back(name);
+    } else if (option.name == "CALL") {
+        for (const auto& call : kCalls) names.emplace_back(call.name);
+    } else if (command.name == "app") {
+        names = {"DAQ", "SPLASH", "FGEN"};
+    } else if (option.name == "NAME" || option.name == "--device") {
+        const auto given = std::ranges::find(words, "--dir");
+        const bool isGiven = given != words.end() && given + 1 != words.end();
+        names = DeviceNames(isGiven ? *(given + 1) : "");
+    }
+    return names;
+}
+
 int Parse(CLI::App& app, const std::vector<std::string>& words) {
     const auto program = CommandOf(app);
+    if (vexa::testkit::AnswerPackaging(program, words, ValuesOf)) return 0;
     auto arranged = vexa::testkit::Arranged(program, words);
     std::ranges::reverse(arranged);  // as the parser wants them
     try {
