@@ -27,6 +27,7 @@ local kCommandNames = {
     [kReopen] = "open controller",
     [kQuery] = "query DAQ application",
     [kTakeOver] = "take DAQ over",
+    [kSyncCommand] = "initial sync",
 }
 local kErrorNames = {
     [48] = "the DAQ link is closed",
@@ -329,10 +330,10 @@ local function AddPacket(tree, range, bytes, to_unit, knowledge)
     if Class(bytes:byte(1)) == kClassTunnel and #bytes >= kTunnelHeaderSize then
         words = AddTunnel(item, range, bytes, kind, knowledge)
     elseif kind == "initial sync" then
-        item:add(f.command, range(4, 1)):append_text(" (initial sync)")
+        item:add(f.command, range(4, 1))
         item:add(f.signature, range(5))
     elseif kind == "initial-sync reply" then
-        item:add(f.command, range(4, 1)):append_text(" (initial sync)")
+        item:add(f.command, range(4, 1))
         item:add(f.request_sequence, range(5, 1))
         item:add(f.signature, range(6))
         words = string.format("%s (request %d)", kind, bytes:byte(6))
@@ -404,14 +405,14 @@ end
 function vexa.dissector(tvb, pinfo, root)
     pinfo.cols.protocol = "VEXA"
     local to_unit = pinfo.p2p_dir ~= 1
-    pinfo.cols.src = to_unit and "host" or "unit"
-    pinfo.cols.dst = to_unit and "unit" or "host"
-    if tvb:len() == 0 then
+    if tvb:len() == 0 then  -- an event, which nobody has sent
         local comment = frame_comment()
         pinfo.cols.info = comment and tostring(comment) or "no bytes"
         if not pinfo.visited then Reset() end
         return 0
     end
+    pinfo.cols.src = to_unit and "host" or "unit"
+    pinfo.cols.dst = to_unit and "unit" or "host"
 
     local tree = root:add(vexa, tvb())
     local payload = tvb
