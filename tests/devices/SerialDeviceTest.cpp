@@ -47,35 +47,21 @@ class SerialDevice : public testing::Test {
 TEST_F(SerialDevice, SetsTheLineRawAtABaudRateOfItsTable) {
     EXPECT_FALSE(device->IsServer());
     EXPECT_EQ(GSerialDevice::GetDefaultPortName(), "COM1");
-    for (const auto& [rate, code] : {std::pair{0, B38400},
-                                     {50, B50},
-                                     {75, B75},
-                                     {110, B110},
-                                     {134, B134},
-                                     {150, B150},
-                                     {200, B200},
-                                     {300, B300},
-                                     {600, B600},
-                                     {1200, B1200},
-                                     {1800, B1800},
-                                     {2400, B2400},
-                                     {4800, B4800},
-                                     {9600, B9600},
-                                     {19200, B19200},
-                                     {38400, B38400},
-                                     {57600, B38400},
-                                     {115200, B38400},
-                                     {-1, B38400}}) {
+    constexpr int kRates[] = {0,    50,   75,   110,  134,   150,   200,   300,    600, 1200,
+                              1800, 2400, 4800, 9600, 19200, 38400, 57600, 115200, -1};
+    constexpr speed_t kCodes[] = {B38400, B50,    B75,    B110,   B134,  B150,  B200,
+                                  B300,   B600,   B1200,  B1800,  B2400, B4800, B9600,
+                                  B19200, B38400, B38400, B38400, B38400};
+    for (std::size_t i = 0; i < std::size(kRates); ++i) {
         GSerialDevice each(&port);
         each.SetReadCallback(ReceivedBytes::Callback, &received);
-        if (rate != 0) {
-            ASSERT_EQ(each.SetBaudRate(rate), 0);
-        }
+        if (i > 0) each.SetBaudRate(kRates[i]);
         ASSERT_EQ(each.Open(nullptr), 0);
         const termios settings = Settings();
         EXPECT_EQ(settings.c_iflag, static_cast<tcflag_t>(IGNBRK | IGNPAR));
         EXPECT_EQ(settings.c_oflag + settings.c_lflag, 0U);
-        EXPECT_EQ(settings.c_cflag, static_cast<tcflag_t>(CS8 | CREAD | CLOCAL | code)) << rate;
+        EXPECT_EQ(settings.c_cflag, static_cast<tcflag_t>(CS8 | CREAD | CLOCAL | kCodes[i]))
+            << kRates[i];
         EXPECT_EQ(settings.c_cc[VMIN], 1);
         EXPECT_EQ(settings.c_cc[VTIME], 0);
         EXPECT_EQ(each.SetBaudRate(9600), -1) << "not while open";

@@ -84,6 +84,11 @@ REAL(int, ioctl, int descriptor, unsigned long request, void* argument) {
     return 0;
 }
 
+REAL(ssize_t, read, int descriptor, void* data, size_t count) {
+    if (signalBeforeRead.exchange(false)) pause();
+    return __real_read(descriptor, data, count);
+}
+
 REAL(ssize_t, write, int descriptor, const void* data, size_t count) {
     if (Fails(failing.write)) return FailWith(EIO);
     if (Fails(failing.shortWrite)) --count;

@@ -42,6 +42,9 @@ struct Failing {
 };
 inline Failing failing;
 
+// The next read waits for a signal before it begins; false again once it waits. Any thread.
+inline std::atomic<bool> signalBeforeRead{false};
+
 // Calls that were counted. Any thread.
 struct Counted {
     std::atomic<int> accepts{0};
