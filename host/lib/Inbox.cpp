@@ -96,10 +96,6 @@ std::optional<Error> Inbox::AwaitTurn(MutexLock& lock, const Request& request, D
 }
 
 std::uint8_t Inbox::FreeSequence() {
-    const auto isPending = [&](std::uint8_t number) {
-        return std::ranges::any_of(requests,
-                                   [=](const auto& entry) { return entry->sequence == number; });
-    };
     // Late requests must leave numbers for new ones.
     constexpr std::size_t kMostRequests = 128;
     if (requests.size() >= kMostRequests) {
@@ -108,7 +104,11 @@ std::uint8_t Inbox::FreeSequence() {
         if (oldest != requests.end()) requests.erase(oldest);
     }
     std::uint8_t number = nextSequence;
-    for (int tries = 0; tries < 256 && isPending(number); ++tries) ++number;
+    for (int tries = 0; tries < 256; ++tries, ++number) {
+        const bool isFree = std::ranges::none_of(
+            requests, [number](const auto& entry) { return entry->sequence == number; });
+        if (isFree) break;
+    }
     nextSequence = static_cast<std::uint8_t>(number + 1);
     return number;
 }

@@ -153,7 +153,7 @@ bool Demo::ExpectValue(const Expected<T>& result, const std::string& expected) {
     return static_cast<bool>(result);
 }
 template bool Demo::ExpectValue(const Expected<Done>&, const std::string&);
-template bool Demo::ExpectValue(const Expected<bool>&, const std::string&);
+template bool Demo::ExpectValue(const Expected<DaqApplication>&, const std::string&);
 template bool Demo::ExpectValue(const Expected<Block>&, const std::string&);
 template bool Demo::ExpectValue(const Expected<std::vector<std::uint8_t>>&, const std::string&);
 
