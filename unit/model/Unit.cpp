@@ -14,6 +14,7 @@
 #include "model/ControlRequests.h"
 #include "model/Events.h"
 #include "model/Settings.h"
+#include "model/Timeline.h"
 #include "model/UnitSocket.h"
 
 namespace vexa::unit {
@@ -79,10 +80,12 @@ Unit::Unit(const Scenario& scenario)
         [this](const std::string& line) { return AnswerControlLine(*this, line); });
     publisher = control.get();
     if (scenario.timeline.empty()) return;
-    timeline = std::make_unique<Timeline>(scenario.timeline, [this](const std::string& request) {
+    Timeline timeline(scenario.timeline, [this](const std::string& request) {
         calls.Write("timeline " + request);
         (void)AnswerControlLine(*this, request);  // checked when the scenario was read
     });
+    // Like the unit, it is there until the process ends.
+    StartQuietThread([timeline = std::move(timeline)]() mutable { timeline.Run(); }).detach();
 }
 
 Unit& Unit::Instance() {

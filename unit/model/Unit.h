@@ -14,7 +14,6 @@
 #include "model/Faults.h"
 #include "model/Requests.h"
 #include "model/Scenario.h"
-#include "model/Timeline.h"
 #include "model/VexaLibrary.h"
 
 namespace vexa::unit {
@@ -68,10 +67,9 @@ class VEXA_UNIT_EXPORT Unit {
     CableSettings cableSettings VEXA_GUARDED_BY(cableMutex);
     std::unique_ptr<Cable> cable VEXA_GUARDED_BY(cableMutex);  // set once
     std::atomic<Cable*> servedCable = nullptr;                 // the same, for use without the lock
-    // Last, as their threads use all the others; may be none.
+    // Last, as its thread uses all the others; may be none.
     std::unique_ptr<ControlServer> control;
     std::atomic<ControlServer*> publisher = nullptr;  // the same, for use on its own thread as well
-    std::unique_ptr<Timeline> timeline;
 };
 
 }  // namespace vexa::unit
