@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cmath>
 #include <limits>
 #include <nlohmann/json.hpp>
 
@@ -147,7 +148,7 @@ std::optional<std::uint32_t> ParseDurationMs(const std::string& text) {
                                                         : 0;
     const double ms = number * factor;
     if (error != std::errc() || factor == 0 || !(ms >= 0 && ms <= kMost)) return std::nullopt;
-    return static_cast<std::uint32_t>(ms + 0.5);
+    return static_cast<std::uint32_t>(std::lround(ms));
 }
 
 Json ParseJson(const std::string& text) {

@@ -167,7 +167,7 @@ void UnitFolder::Listen() {
 }
 
 std::string UnitFolder::Link(const std::string& name, const std::string& target) {
-    const std::string links = LinkFolder(path);
+    std::string links = LinkFolder(path);
     std::error_code error;
     hasLinks = true;
     std::filesystem::create_directory(links, error);
