@@ -173,6 +173,8 @@ void Cable::AcceptClient() {
         if (!HasHungUp(current->client.Get())) {
             (void)::send(client.Get(), kBusyHeader.data(), kBusyHeader.size(),
                          MSG_DONTWAIT | MSG_NOSIGNAL);
+            ::shutdown(client.Get(), SHUT_WR);
+            refused = std::move(client);
             return;
         }
         PullOut(current);
@@ -253,9 +255,10 @@ void Cable::Run() {
         Flap();
         PlugInWaiting();
         const auto current = Current();
-        std::array<pollfd, 3> entries{{{wake.Get(), POLLIN, 0},
+        std::array<pollfd, 4> entries{{{wake.Get(), POLLIN, 0},
                                        {waiting ? -1 : listener.Get(), POLLIN, 0},
-                                       {current->in ? current->client.Get() : -1, POLLRDHUP, 0}}};
+                                       {current->in ? current->client.Get() : -1, POLLRDHUP, 0},
+                                       {refused.Get(), POLLRDHUP, 0}}};
         if (::poll(entries.data(), entries.size(), UntilNextTaskMs()) <= 0) continue;
         if (entries[0].revents != 0) {
             ClearSignal(wake);
@@ -263,6 +266,8 @@ void Cable::Run() {
             AcceptClient();
         } else if (entries[2].revents != 0) {
             PullOut(current);
+        } else if (entries[3].revents != 0) {
+            refused.Close();
         }
     }
 }

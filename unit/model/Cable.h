@@ -114,6 +114,9 @@ class VEXA_UNIT_EXPORT Cable {
     std::atomic<bool> mayBeIn = true;  // written by the cable's thread
 
     // The cable's thread only.
+    // The host that was refused last. Its connection stays open for what it sends, so that it comes
+    // to read the answer, until it leaves.
+    testkit::Descriptor refused;
     testkit::Descriptor waiting;    // a host that is plugged in once the program has seen the
     TimePoint waitsUntil = kNever;  // cable out, or at this time
     Random random;

@@ -79,13 +79,16 @@ class HostConnection {
         return true;
     }
 
-    void RefuseAnother() const {
-        const Descriptor other(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-        (void)::send(other.Get(), kBusyHeader.data(), kBusyHeader.size(), MSG_NOSIGNAL);
+    // The connection stays open for what it sends, so that it comes to read the answer.
+    void RefuseAnother() {
+        refused = Descriptor(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        (void)::send(refused.Get(), kBusyHeader.data(), kBusyHeader.size(), MSG_NOSIGNAL);
+        ::shutdown(refused.Get(), SHUT_WR);
     }
 
     const Descriptor& listener;
     Descriptor host;
+    Descriptor refused;
     std::vector<std::uint8_t> received;  // and not compared yet
 };
 
