@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <condition_variable>
 #include <string>
+#include <thread>
 #include <utility>
 
 #include "foundation/Mutex.h"
@@ -25,6 +26,7 @@ using vexa::MutexLock;
 constexpr Milliseconds kSyncInterval{500};
 constexpr Milliseconds kReconnectPause{100};  // between two attempts
 constexpr Milliseconds kWaitSlice{50};        // how often a wait looks whether it was cancelled
+constexpr Milliseconds kReasonPatience{500};  // for the reason of a lost link
 
 Error TooLong(const std::string& what, std::size_t most) {
     return {ErrorKind::kInvalidArgument,
@@ -290,7 +292,14 @@ Expected<Done> Client::Implementation::WriteWhole(Transport& link,
                                                   std::span<const std::uint8_t> packet,
                                                   Deadline deadline) {
     const auto sent = link.Write(packet, deadline);
-    if (!sent) return sent.error();
+    if (!sent) {
+        // What the unit said before it left is a better reason, and the receiver may still read it.
+        const auto end = SteadyClock::now() + kReasonPatience;
+        while (!inbox.LinkError() && SteadyClock::now() < end) {
+            std::this_thread::sleep_for(kReasonPatience / 100);
+        }
+        return inbox.LinkError().value_or(sent.error());
+    }
     if (*sent == packet.size()) return Done{};
     torn = torn || *sent > 0;
     return NothingAccepted();

@@ -70,8 +70,9 @@ void Receiver::Run(Transport& link) {
     } catch (const std::exception& thrown) {  // by the tap, or for want of memory
         error.message = std::string("the receiving thread has failed: ") + thrown.what();
     }
-    link.Close();
+    // In this order: whoever writes to the closed link finds the reason.
     inbox.Fail(error);
+    link.Close();
 }
 
 Error Receiver::ReadUntilError(Transport& link) {

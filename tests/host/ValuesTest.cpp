@@ -7,6 +7,7 @@
 #include "tool/Figures.h"
 #include "tool/Parse.h"
 #include "tool/Samples.h"
+#include "tool/stream/LiveView.h"
 
 namespace vexahost::tool {
 namespace {
@@ -45,6 +46,16 @@ TEST(Figures, HoldEveryNumber) {
     EXPECT_EQ(lines[1], "     10.00 ms  ########## 10");
     EXPECT_EQ(lines[10], "    100.00 ms+ # 1");
     EXPECT_EQ(SparkLine({9, 0, 3.5, 7}, 3, false), "_-#");
+    const Envelope::Clock::time_point now{std::chrono::seconds(100)};
+    Envelope envelope;
+    const int slots[][2] = {{0, 9}, {3, 3}, {6, 9}};  // the last one is 0.1 s ago
+    for (int i = 0; i < 3; ++i) {
+        for (const int value : slots[i]) envelope.Add(value, now + (i - 3) * Envelope::kSlot);
+    }
+    EXPECT_EQ(envelope.Draw(5, 4, now, false),
+              (std::vector<std::string>{" | | ", " | | ", " ||  ", " |   "}));
+    EXPECT_EQ(envelope.Draw(2, 1, now, true), std::vector<std::string>{"⡧⠃"});
+    EXPECT_EQ(envelope.Range(3, now)->lowest, 3) << "of what is drawn";
     EXPECT_EQ(SparkLine({5, 5}, 9, false), "__");
     EXPECT_EQ(SparkLine({-1e308, 1e308, NAN, INFINITY}, 9, false).size(), 4U);
 }
