@@ -180,20 +180,19 @@ TEST(Client, KeepsChildrensBlocksApartAndCountsWhatIsMissing) {
 }
 
 TEST(Client, FollowsWhatALateAnswerOpened) {
-    std::vector<Bytes> held;
     std::atomic<bool> holds{true};
     const auto answer = [&](FakeService& self, const Bytes& packet) {
-        if (holds && CommandOf(packet) == 0x70) return held.push_back(packet);
-        FakeService::Obey(self, packet);
+        if (!holds || CommandOf(packet) != 0x70) FakeService::Obey(self, packet);
     };
     FakeService service(answer, SocketPath());
     Client client(Connection());
     EXPECT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "not open") << "no controller";
     ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    const std::uint8_t first = client.NextSequence();
     EXPECT_EQ(Outcome(client.OpenDevice("A", 10, kShort)), "timeout");
     holds = false;
     auto waiting = Start([&] { return client.OpenDevice("B", 11, kLong); });
-    service.SendFramed(Executed(held.at(0)) + Tunnel(10, {7}, 0));
+    service.SendFramed(Reply(1, 0x98, 0x70, first, 0) + Tunnel(10, {7}, 0));
     EXPECT_EQ(waiting.get(), "done");
     const ChildId both[] = {11, 10};
     const auto received = ValueOf(client.ReceiveAny(both, true, kLong));
