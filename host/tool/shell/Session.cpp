@@ -81,6 +81,7 @@ std::optional<Words> SplitLine(std::string_view line) {
 
 Expected<std::unique_ptr<Session>> Session::Start(const UnitAddress& unit) {
     constexpr std::chrono::seconds kPatience{5};
+    constexpr std::chrono::milliseconds kRetryPause{100};
     constexpr std::size_t kKept = 20000;  // blocks of each device, for "receive"
     const auto end = Clock::now() + kPatience;
     for (;;) {
@@ -89,6 +90,7 @@ Expected<std::unique_ptr<Session>> Session::Start(const UnitAddress& unit) {
         const ErrorKind kind = client.error().kind;
         const bool isLink = kind == ErrorKind::kLinkLost || kind == ErrorKind::kProtocolViolation;
         if (!isLink || Clock::now() >= end || IsInterrupted()) return client.error();
+        WaitInterruptibly(Clock::now() + kRetryPause);
     }
 }
 
