@@ -6,7 +6,6 @@
 
 namespace vexa::soak {
 
-using vexahost::Done;
 using vexahost::Error;
 using vexahost::Expected;
 

@@ -100,7 +100,9 @@ std::optional<char> FullScreen::NextKey() {
     };
     if (!read1(0)) return std::nullopt;
     if (key != '\033') return key;
-    if (!read1(kSequenceMs) || !read1(kSequenceMs)) return '\033';
+    for (int rest = 0; rest < 2; ++rest) {
+        if (!read1(kSequenceMs)) return '\033';
+    }
     if (key == 'A') return 'k';
     if (key == 'B') return 'j';
     return '\033';
