@@ -136,6 +136,9 @@ Expected<Done> Replay::Perform(const ReplayStep& step) {
         if (const auto connected = PlugIn(); !connected) return connected.error();
     }
     Decode(Direction::kToUnit, step.bytes);
+    sync.clear();
+    if (vexa::IsInitialSync(step.bytes)) sync = step.bytes;
+    syncSent = Clock::now();
     return link->WriteAll(step.bytes, DeadlineAfter(kWriteTimeout));
 }
 
@@ -179,11 +182,24 @@ Expected<Done> Replay::Await(Clock::time_point time, const AnswerCounts& counts)
             }
             return Done{};
         }
+        if (!answers.HasAtLeast(expected)) {
+            if (const auto repeated = RepeatSync(now); !repeated) return repeated.error();
+        }
         const auto left = std::chrono::ceil<std::chrono::milliseconds>(time - now);
         const auto pause = now < time ? std::min(left, kPoll) : kPoll;
         if (const auto received = Receive(pause); !received) return received.error();
     }
     return Done{};
+}
+
+// A unit that is just noticing that its last host has left drops what the new one sends. Hosts
+// repeat an initial sync until it is answered; here only once an answer cannot come any more, as a
+// second one would be new.
+Expected<Done> Replay::RepeatSync(Clock::time_point now) {
+    constexpr std::chrono::milliseconds kSyncInterval{1500};
+    if (sync.empty() || !link || now < syncSent + kSyncInterval) return Done{};
+    syncSent = now;
+    return link->WriteAll(sync, DeadlineAfter(kWriteTimeout));
 }
 
 Expected<Done> Replay::Receive(std::chrono::milliseconds timeout) {

@@ -95,6 +95,7 @@ class Replay {
     // with the answers runs out.
     Expected<Done> Await(Clock::time_point time, const AnswerCounts& counts);
     [[nodiscard]] AnswerCounts StillExpected(const AnswerCounts& counts) const;
+    Expected<Done> RepeatSync(Clock::time_point now);
     Expected<Done> Receive(std::chrono::milliseconds timeout);
     void Decode(Direction direction, std::span<const std::uint8_t> bytes, const char* event = "");
 
@@ -105,6 +106,8 @@ class Replay {
     CaptureDecoder decoder;
     std::unique_ptr<Transport> link;
     std::optional<FrameCutter> frames;  // of the link
+    std::vector<std::uint8_t> sync;     // the last packet sent, if it was an initial sync
+    Clock::time_point syncSent;
 };
 
 }  // namespace vexahost::tool
