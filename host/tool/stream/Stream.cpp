@@ -1,5 +1,3 @@
-#include <unistd.h>
-
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
@@ -8,6 +6,7 @@
 #include <vector>
 
 #include "tool/Connection.h"
+#include "tool/Console.h"
 #include "tool/Exit.h"
 #include "tool/Output.h"
 #include "tool/Samples.h"
@@ -221,7 +220,7 @@ std::unique_ptr<StreamSink> MakeSink(const StreamOptions& options, const StreamS
                                      PatientOutput& output) {
     if (options.csv) return MakeCsvSink(output);
     if (options.json) return MakeJsonSink(output);
-    if (options.lines || isatty(STDOUT_FILENO) == 0) return MakeTextSink(output);
+    if (options.lines || !Console().IsTerminal()) return MakeTextSink(output);
     return std::make_unique<LiveView>(
         options.unit.Text(), source.Labels(),
         [&source](std::size_t device) { return source.StatisticsOf(device); });
