@@ -21,6 +21,7 @@
 #include <thread>
 #include <utility>
 
+#include "testkit/Descriptor.h"
 #include "vexahost/SerialTransport.h"
 #include "vexahost/SocketTransport.h"
 
@@ -30,6 +31,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
+using vexa::testkit::Descriptor;
 
 // Waits until one of `events`, or the end of the connection, can be seen at `descriptor`, or until
 // `stop`, if it is not negative, becomes readable. False when `deadline` came first; signals do not
@@ -80,23 +82,6 @@ std::optional<Error> WaitWithin(const ConnectLimits& limits, const std::string& 
         if (Clock::now() >= limits.deadline) return CannotConnect(where, "no answer in time");
     }
 }
-
-// A descriptor that closes unless it is handed on.
-class OwnedSocket {
-  public:
-    OwnedSocket(int family, int type) : handle(socket(family, type | SOCK_CLOEXEC, 0)) {}
-    ~OwnedSocket() {
-        if (handle >= 0) close(handle);
-    }
-    OwnedSocket(const OwnedSocket&) = delete;
-    OwnedSocket& operator=(const OwnedSocket&) = delete;
-
-    [[nodiscard]] int Get() const { return handle; }
-    int Release() { return std::exchange(handle, -1); }
-
-  private:
-    int handle;
-};
 
 // Connects a non-blocking socket. Returns 0 or an error number; `error` is set when the limits came
 // first.
@@ -219,7 +204,7 @@ Expected<std::unique_ptr<Transport>> SocketTransport::ConnectUnit(const std::str
     }
     std::copy(socketPath.begin(), socketPath.end(), address.sun_path);
 
-    OwnedSocket made(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK);
+    Descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (made.Get() < 0) return CannotConnect(socketPath, std::strerror(errno));
     std::optional<Error> ended;
     const int error = ConnectSocket(made.Get(), reinterpret_cast<const sockaddr*>(&address),
@@ -243,7 +228,7 @@ Expected<std::unique_ptr<Transport>> SocketTransport::ConnectTcp(const std::stri
     if (!lookup) return lookup.error();
     Error error = CannotConnect(address, "the name has no address");
     for (const addrinfo* each = lookup->addresses.get(); each != nullptr; each = each->ai_next) {
-        OwnedSocket made(each->ai_family, SOCK_STREAM | SOCK_NONBLOCK);
+        Descriptor made(socket(each->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         std::optional<Error> ended;
         const int fault = made.Get() < 0 ? errno
                                          : ConnectSocket(made.Get(), each->ai_addr,

@@ -40,8 +40,8 @@ inline void BuildFrameHeader(std::span<std::uint8_t, kFrameHeaderSize> header,
     return HasFrameMark(header) && size > 0 && size <= kMaxFramePayload;
 }
 
-// What a virtual unit sends in place of the first header to a host that connects while another one
-// is connected: a length of 0, then "BUSY". The cable of a real unit has one end.
+// In place of the first header, to a host that connects while another one is connected: a length of
+// 0, then "BUSY". Only links that a second host can reach know it; a USB cable has one end.
 inline constexpr std::array<std::uint8_t, kFrameHeaderSize> kBusyHeader = {0,   0,   0,   0,
                                                                            'B', 'U', 'S', 'Y'};
 

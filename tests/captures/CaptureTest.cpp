@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <tuple>
 
 #include "testkit/ChildProcess.h"
@@ -20,7 +22,10 @@ using Capture = std::vector<std::uint8_t>;
 
 std::string PathOf(const std::string& name) { return VEXA_CAPTURES "/" + name; }
 
-Capture Load(const std::string& path) { return std::move(*ReadWholeFile(path)); }
+Capture Load(const std::string& path) {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
 
 // How the output of a command differs from a text of this folder.
 std::string Difference(const std::string& command, const std::string& text) {

@@ -161,14 +161,13 @@ TEST_F(Tool, PutsAUnitsOwnLibrariesOnTheStandInNode) {
 
 TEST_F(Tool, PlaysTheUnitsSideOfARecording) {
     const std::string recording = CAPTURES "/whole-session.pcapng";
-    const auto file = vexahost::ReadWholeFile(recording);
     // Is that host, perhaps with a wrong first byte.
     const auto play = [&](std::uint8_t error) {
         ChildProcess tool({.command = {VEXA_UNIT_PROGRAM, "play", recording, "--dir", unit}});
         EXPECT_NE(tool.Log().WaitFor("host socket", kPatience), std::string::npos);
         testkit::Descriptor host;
-        vexahost::PcapngReader reader(*file);
-        while (const auto frame = reader.Next()) {
+        auto reader = vexahost::PcapngReader::Open(recording);
+        while (const auto frame = reader->Next()) {
             std::vector<std::uint8_t> bytes(frame->bytes.begin(), frame->bytes.end());
             if (frame->comment == vexahost::kCableIn) host = ConnectTo(HostSocketPath(unit));
             if (frame->comment == vexahost::kCableOut) host.Close();

@@ -2,7 +2,7 @@
 // connected the cable is in; when it disconnects the cable is out. When the settings take the cable
 // out, the client is disconnected and new ones are turned away until the cable may be in again.
 //
-// There is one host at a time. Another that connects gets kBusyHeader and is disconnected. One that
+// There is one host at a time. Another that connects gets kBusyHeader and nothing else. One that
 // connects after the first has gone is plugged in once the program has seen the cable out, as a
 // program would on a unit, where nobody exchanges hosts between two looks at the cable.
 #pragma once

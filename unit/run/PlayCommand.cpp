@@ -25,18 +25,17 @@ PlayedRecord RecordOf(const vexahost::CapturedFrame& frame) {
 }
 
 std::vector<PlayedRecord> ReadRecords(const std::string& path) {
-    const auto file = vexahost::ReadWholeFile(path);
-    if (!file) throw UserError(file.error().message);
-    vexahost::PcapngReader reader(*file);
+    auto reader = vexahost::PcapngReader::Open(path);
+    if (!reader) throw UserError(reader.error().message);
     std::vector<PlayedRecord> records;
-    while (const auto frame = reader.Next()) records.push_back(RecordOf(*frame));
+    while (const auto frame = reader->Next()) records.push_back(RecordOf(*frame));
     if (records.empty()) {
         throw UserError(path + ": " +
-                        (reader.Fault().empty() ? "there is nothing in it" : reader.Fault()));
+                        (reader->Fault().empty() ? "there is nothing in it" : reader->Fault()));
     }
-    if (!reader.Fault().empty()) {
+    if (!reader->Fault().empty()) {
         std::fprintf(stderr, "vexa-unit: %s: %s; what is before that is played\n", path.c_str(),
-                     reader.Fault().c_str());
+                     reader->Fault().c_str());
     }
     return records;
 }

@@ -37,9 +37,6 @@ struct CapturedFrame {
 inline constexpr char kCableIn[] = "cable in";
 inline constexpr char kCableOut[] = "cable out";
 
-// The bytes of a file. kInvalidArgument when it cannot be read.
-[[nodiscard]] Expected<std::vector<std::uint8_t>> ReadWholeFile(const std::string& path);
-
 // Reads the frames of a recording in either byte order and with any time resolution; skips unknown
 // blocks and options. One thread at a time.
 class PcapngReader {

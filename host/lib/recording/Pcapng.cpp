@@ -81,26 +81,6 @@ CaptureTime TimeOf(std::uint64_t units, std::uint8_t resolution) {
 
 }  // namespace
 
-Expected<std::vector<std::uint8_t>> ReadWholeFile(const std::string& path) {
-    const auto failure = [&path](int error) {
-        return Error{ErrorKind::kInvalidArgument,
-                     "cannot read " + path + ": " + std::strerror(error)};
-    };
-    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen(path.c_str(), "rbe"),
-                                                               &std::fclose);
-    if (!file) return failure(errno);
-    std::vector<std::uint8_t> bytes;
-    constexpr std::size_t kPiece = 1 << 16;
-    for (std::size_t got = kPiece; got == kPiece;) {
-        const std::size_t before = bytes.size();
-        bytes.resize(before + kPiece);
-        got = std::fread(bytes.data() + before, 1, kPiece, file.get());
-        bytes.resize(before + got);
-    }
-    if (std::ferror(file.get()) != 0) return failure(errno);
-    return bytes;
-}
-
 Expected<PcapngReader> PcapngReader::Open(const std::string& path) {
     PcapngReader reader;
     reader.file.reset(path == "-" ? fdopen(dup(STDIN_FILENO), "rb")

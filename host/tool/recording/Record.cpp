@@ -24,6 +24,7 @@
 
 #include "foundation/Mutex.h"
 #include "testkit/ChildProcess.h"
+#include "testkit/Descriptor.h"
 #include "testkit/StandardOutput.h"
 #include "tool/Connection.h"
 #include "tool/Exit.h"
@@ -68,7 +69,7 @@ class Relay {
     void Forward(Transport& unit, int host);
     // From the host to the unit, until either link has ended or `isOver`.
     void ForwardRequests(Transport& unit, int host, const std::function<bool()>& isOver);
-    void TurnNewcomersAway() const;
+    void TurnNewcomersAway();
     void Record(Direction direction, std::span<const std::uint8_t> bytes, const char* event = "");
     // Why the recording cannot be written any more.
     [[nodiscard]] std::optional<Error> Failure();
@@ -76,6 +77,9 @@ class Relay {
     const TransportFactory connect;
     std::string socketPath;
     int listener = -1;
+    // The host that was turned away last. Closed at once, it could lose the answer with what it had
+    // sent.
+    vexa::testkit::Descriptor refused;
 
     Mutex mutex;
     std::optional<PcapngWriter> writer VEXA_GUARDED_BY(mutex);
@@ -235,13 +239,14 @@ void Relay::ForwardRequests(Transport& unit, int host, const std::function<bool(
 }
 
 // A unit has one host at a time.
-void Relay::TurnNewcomersAway() const {
+void Relay::TurnNewcomersAway() {
     pollfd newcomer{listener, POLLIN, 0};
     if (poll(&newcomer, 1, 0) < 1) return;
     const int host = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
     if (host < 0) return;
     SendAll(host, vexa::kBusyHeader);
-    close(host);
+    shutdown(host, SHUT_WR);
+    refused = vexa::testkit::Descriptor(host);
 }
 
 void Relay::Record(Direction direction, std::span<const std::uint8_t> bytes, const char* event) {
