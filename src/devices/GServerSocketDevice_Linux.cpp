@@ -1,5 +1,6 @@
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -26,7 +27,24 @@ constexpr int kWriteGuardLine = 445;
 
 constexpr int kBacklog = 1;
 
+// A client whose host has vanished is given up after about half a minute of silence.
+constexpr int kKeepAliveIdleSeconds = 15;
+constexpr int kKeepAliveIntervalSeconds = 5;
+constexpr int kKeepAliveProbes = 3;
+
 void Say(const std::string& text) { Trace(kTraceLevel, text, kModule, kTraceLine); }
+
+void SetOption(int descriptor, int level, int name, int value) {
+    setsockopt(descriptor, level, name, &value, sizeof value);
+}
+
+// One client is served at a time: one that vanished without a word must not keep all others out.
+void KeepAlive(int client) {
+    SetOption(client, IPPROTO_TCP, TCP_KEEPIDLE, kKeepAliveIdleSeconds);
+    SetOption(client, IPPROTO_TCP, TCP_KEEPINTVL, kKeepAliveIntervalSeconds);
+    SetOption(client, IPPROTO_TCP, TCP_KEEPCNT, kKeepAliveProbes);
+    SetOption(client, SOL_SOCKET, SO_KEEPALIVE, 1);
+}
 
 struct SocketOSData : TransportRecord {
     ~SocketOSData() override { SocketOSData::Close(); }
@@ -86,6 +104,8 @@ void SocketOSData::Read() {
             Say("\n accept() failed.\n");
             return;
         }
+        CloseOnExec(accepted);
+        KeepAlive(accepted);
         Serve(accepted);
     }
 }

@@ -9,6 +9,8 @@
 
 namespace vexa {
 
+void CloseOnExec(int descriptor) { fcntl(descriptor, F_SETFD, FD_CLOEXEC); }
+
 void TransportRecord::Deliver(const unsigned char* data, ssize_t count) const {
     // A reader that was given up must not deliver: the callback's context may no longer exist.
     if (readCallback == nullptr || reader.GivenUp()) return;
@@ -18,6 +20,7 @@ void TransportRecord::Deliver(const unsigned char* data, ssize_t count) const {
 bool NodeRecord::OpenNode(const std::string& path, int flags) {
     devicePath = path;
     descriptor = open(path.c_str(), flags);
+    if (descriptor != -1) CloseOnExec(descriptor);
     return descriptor != -1;
 }
 

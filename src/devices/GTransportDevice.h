@@ -14,6 +14,9 @@
 
 namespace vexa {
 
+// A program that a library starts must not hold a link open.
+void CloseOnExec(int descriptor);
+
 // The private record that osData points to. The owner opens and closes it. Its reader thread shares
 // it, and may outlive the device when it cannot be stopped.
 struct TransportRecord {

@@ -1,6 +1,8 @@
 // The TCP transport on loopback.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -28,6 +30,26 @@ struct Client : Peer {
         setsockopt(Get(), SOL_SOCKET, SO_LINGER, &now, sizeof now);
     }
 };
+
+// What the server's end of `client` has for an option, such as SO_KEEPALIVE; -1 when there is none.
+int ServerOption(const Client& client, int level, int name) {
+    const auto portOf = [](int (*ask)(int, sockaddr*, socklen_t*), int descriptor) {
+        sockaddr_in address{};
+        socklen_t length = sizeof address;
+        return ask(descriptor, reinterpret_cast<sockaddr*>(&address), &length) == 0
+                   ? address.sin_port
+                   : 0;
+    };
+    for (int descriptor = 3; descriptor < 256; ++descriptor) {
+        int value = -1;
+        socklen_t length = sizeof value;
+        if (portOf(getpeername, descriptor) == portOf(getsockname, client.Get()) &&
+            getsockopt(descriptor, level, name, &value, &length) == 0) {
+            return (fcntl(descriptor, F_GETFD) & FD_CLOEXEC) != 0 ? value : -1;
+        }
+    }
+    return -1;
+}
 
 // Waits until every other thread of the process is blocked in a call.
 void AwaitBlockedThreads() {
@@ -96,6 +118,8 @@ TEST_F(ServerSocketDevice, ServesOneClientAfterTheOther) {
         second->Send({9});
         first->Send(Hex("00 03 11 13 ff"));
         EXPECT_EQ(received.Await(5), Hex("00 03 11 13 ff")) << "the second one waits";
+        EXPECT_EQ(ServerOption(*first, SOL_SOCKET, SO_KEEPALIVE), 1);
+        EXPECT_EQ(ServerOption(*first, IPPROTO_TCP, TCP_KEEPIDLE), 15);
 
         int count = 3;
         EXPECT_EQ(device->Write("abc", &count), 0);

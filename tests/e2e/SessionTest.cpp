@@ -115,6 +115,24 @@ TEST(StartUp, EndsAlthoughTheHostReadsNothing) {
     EXPECT_EQ(unit.Printed().back(), "VEXADevMgr(130) : VEXADevMgr is shutting down.");
 }
 
+// A launcher that blocks every signal, or closes the standard descriptors, does no harm.
+TEST(StartUp, SurvivesItsLauncher) {
+    {
+        RunningUnit unit("{}", {"env", "--block-signal", Program("VEXADevMgr")});
+        { Host host(unit); }
+        kill(unit.ServiceId(), SIGHUP);
+        EXPECT_EQ(unit.Wait(), 0);
+        EXPECT_EQ(unit.Printed().back(), "VEXADevMgr(130) : VEXADevMgr is shutting down.");
+        EXPECT_EQ(unit.Calls().back(), "VEXA_Uninit(1) = 0");
+    }
+    RunningUnit unit("{}", {"sh", "-c", R"(exec "$0" <&- >&- 2>&-)", Program("VEXADevMgr")});
+    for (int time = 0; time < 2; ++time) {
+        const auto sync = testkit::RunToEnd({Program("vexa-host"), "--dir", unit.Folder(), "sync"});
+        EXPECT_EQ(sync.status, 0) << sync.output;
+    }
+    EXPECT_EQ(unit.Stop(), 0);
+}
+
 TEST(StartUp, ASecondSignalEndsItAtOnce) {
     RunningUnit unit(R"({"faults": [{"call": "VEXA_Uninit", "action": "block", "ms": 60000}]})");
     { Host host(unit); }
