@@ -1,5 +1,8 @@
 #include "tool/Connection.h"
 
+#include <fcntl.h>
+#include <limits.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -8,6 +11,7 @@
 #include <filesystem>
 #include <string_view>
 
+#include "testkit/Descriptor.h"
 #include "tool/Parse.h"
 #include "vexahost/SerialTransport.h"
 #include "vexahost/SocketTransport.h"
@@ -16,13 +20,37 @@ namespace vexahost::tool {
 
 namespace {
 
+using vexa::testkit::Descriptor;
+
+// The serial line and its former settings, which a second Ctrl-C restores.
+std::array<char, PATH_MAX> linePath{};
+termios lineSettings;
+
+int OpenLine(const char* path) { return open(path, O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC); }
+
+// Called by a signal handler.
+void RestoreLine() { tcsetattr(OpenLine(linePath.data()), TCSANOW, &lineSettings); }
+
+Expected<std::unique_ptr<Transport>> OpenSerialLine(const std::string& path,
+                                                    const SerialOptions& options) {
+    termios settings{};
+    const bool isTerminal = tcgetattr(Descriptor(OpenLine(path.c_str())).Get(), &settings) == 0;
+    auto opened = SerialTransport::Open(path, options);
+    if (opened && isTerminal && path.size() < linePath.size()) {
+        lineSettings = settings;
+        path.copy(linePath.data(), path.size());
+        static const AtSecondInterrupt restoring(RestoreLine);
+    }
+    return opened;
+}
+
 // A colon may also be part of the path, as in device names by USB port.
 Expected<std::unique_ptr<Transport>> OpenSerial(const std::string& text, bool flowControl) {
     SerialOptions options;
     options.flowControl = flowControl;
     const std::size_t colon = text.rfind(':');
     if (colon == std::string::npos || access(text.c_str(), F_OK) == 0) {
-        return SerialTransport::Open(text, options);
+        return OpenSerialLine(text, options);
     }
     const auto baud = ParseNumber<int>(text.substr(colon + 1));
     if (!baud) {
@@ -30,7 +58,7 @@ Expected<std::unique_ptr<Transport>> OpenSerial(const std::string& text, bool fl
                      "--serial " + text + ": expected PATH or PATH:BAUD"};
     }
     options.baudRate = *baud;
-    return SerialTransport::Open(text.substr(0, colon), options);
+    return OpenSerialLine(text.substr(0, colon), options);
 }
 
 }  // namespace

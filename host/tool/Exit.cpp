@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdio>
 #include <thread>
@@ -15,14 +16,16 @@ namespace {
 std::atomic<bool> interrupted{false};
 std::atomic<bool> terminated{false};
 std::atomic<bool> leavingInOrder{false};
-std::atomic<void (*)()> restoreAtSecond{nullptr};
+std::array<std::atomic<void (*)()>, 4> restoreAtSecond{};
 static_assert(std::atomic<bool>::is_always_lock_free, "set by a signal handler");
 static_assert(std::atomic<void (*)()>::is_always_lock_free, "read by a signal handler");
 
 void OnSignal(int number) {
     if (number != SIGINT) terminated = true;
     if (!interrupted.exchange(true)) return;
-    if (void (*const restore)() = restoreAtSecond) restore();
+    for (const auto& place : restoreAtSecond) {
+        if (void (*const restore)() = place) restore();
+    }
     _exit(kExitInterrupted);
 }
 
@@ -72,7 +75,18 @@ bool IsTerminated() { return terminated; }
 
 void ForgetInterrupt() { interrupted = terminated.load(); }
 
-void OnSecondInterrupt(void (*restore)()) { restoreAtSecond = restore; }
+AtSecondInterrupt::AtSecondInterrupt(void (*restore)()) {
+    for (auto& each : restoreAtSecond) {
+        void (*none)() = nullptr;
+        if (!each.compare_exchange_strong(none, restore)) continue;
+        place = &each;
+        return;
+    }
+}
+
+AtSecondInterrupt::~AtSecondInterrupt() {
+    if (place != nullptr) *place = nullptr;
+}
 
 void WaitInterruptibly(std::chrono::steady_clock::time_point deadline) {
     constexpr std::chrono::milliseconds kSlice{50};

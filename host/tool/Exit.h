@@ -1,6 +1,7 @@
 // How vexa-host ends: exit codes, errors on standard error, and Ctrl-C as a flag.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 
 #include "vexahost/Error.h"
@@ -43,9 +44,19 @@ bool IsTerminated();
 // Clears the flag, for programs that go on after an interrupted command.
 void ForgetInterrupt();
 
-// Sets what the second signal does before it ends the program, such as restoring the terminal; null
-// for nothing. `restore` must be safe in a signal handler.
-void OnSecondInterrupt(void (*restore)());
+// As long as it lives, the second signal calls `restore` before it ends the program: there are no
+// destructors then that would restore a terminal or remove a file. `restore` must be safe in a
+// signal handler. At most four at a time.
+class AtSecondInterrupt {
+  public:
+    explicit AtSecondInterrupt(void (*restore)());
+    ~AtSecondInterrupt();
+    AtSecondInterrupt(const AtSecondInterrupt&) = delete;
+    AtSecondInterrupt& operator=(const AtSecondInterrupt&) = delete;
+
+  private:
+    std::atomic<void (*)()>* place = nullptr;
+};
 
 // Waits until `deadline` or an interrupt.
 void WaitInterruptibly(std::chrono::steady_clock::time_point deadline);

@@ -76,7 +76,7 @@ class Client {
     // `lost`: the first reconnects, the others wait for it and find the work done.
     Expected<Done> Reconnect(Milliseconds timeout, std::optional<std::uint64_t> lost = {});
 
-    // The number of the connection: how many there were before it.
+    // The number of the connection; each new one has a higher number.
     [[nodiscard]] std::uint64_t Connection() const;
 
     // Brings the unit's parser and this side in step. Repeats the request every 500 ms, since a

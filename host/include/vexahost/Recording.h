@@ -99,8 +99,8 @@ class PcapngReader {
 // Writes a recording. One thread at a time.
 class PcapngWriter {
   public:
-    // Creates the file; an existing one is emptied. "-" is standard output. kInvalidArgument when
-    // that fails.
+    // Creates the file, or opens an existing one, whose contents the first frame replaces. "-" is
+    // standard output. kInvalidArgument when that fails.
     static Expected<PcapngWriter> Create(const std::string& path);
 
     // Appends a frame and passes it to the system, so that it survives the end of the program.
@@ -122,6 +122,7 @@ class PcapngWriter {
     std::string path;
     std::unique_ptr<std::FILE, PcapngReader::Closer> file;
     std::vector<std::uint8_t> pending;  // blocks not yet written
+    bool replaces = false;              // the file still has its former contents
     std::size_t blockStart = 0;
 };
 

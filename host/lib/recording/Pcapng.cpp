@@ -9,6 +9,7 @@
 //  +-----------------------------+   +------------------------------------------------------+
 //  | length again |                  | options: code 2, length 2, value padded to 4 bytes   |
 //  +--------------+                  +------------------------------------------------------+
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <utility>
 
 #include "vexahost/Recording.h"
 #include "vexahost/protocol/Packet.h"
@@ -262,8 +264,11 @@ PcapngWriter::PcapngWriter(std::string path_, std::FILE* file_)
     : path(std::move(path_)), file(file_) {}
 
 Expected<PcapngWriter> PcapngWriter::Create(const std::string& path) {
-    std::FILE* const file =
-        path == "-" ? fdopen(dup(STDOUT_FILENO), "wb") : std::fopen(path.c_str(), "wbe");
+    const bool isNamed = path != "-";
+    constexpr int kReadableByAll = 0666;  // less the process's mask
+    const int opened = isNamed ? open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kReadableByAll)
+                               : dup(STDOUT_FILENO);
+    std::FILE* const file = opened < 0 ? nullptr : fdopen(opened, "wb");
     if (file == nullptr) {
         return Error{ErrorKind::kInvalidArgument,
                      "cannot write " + path + ": " + std::strerror(errno)};
@@ -284,6 +289,10 @@ Expected<PcapngWriter> PcapngWriter::Create(const std::string& path) {
     writer.AppendOption(kTimeResolutionOption, std::array{kNanoseconds});
     writer.AppendOption(kEndOfOptions, {});
     writer.EndBlock();
+    struct stat status {};
+    writer.replaces = isNamed && fstat(opened, &status) == 0 && S_ISREG(status.st_mode) &&
+                      status.st_size > 0;
+    if (writer.replaces) return writer;
     if (const auto written = writer.Write(); !written) return written.error();
     return writer;
 }
@@ -307,8 +316,9 @@ Expected<Done> PcapngWriter::Add(const CapturedFrame& frame) {
 }
 
 Expected<Done> PcapngWriter::Write() {
+    const bool isEmptied = !std::exchange(replaces, false) || ftruncate(fileno(file.get()), 0) == 0;
     const bool written =
-        std::fwrite(pending.data(), 1, pending.size(), file.get()) == pending.size() &&
+        isEmptied && std::fwrite(pending.data(), 1, pending.size(), file.get()) == pending.size() &&
         std::fflush(file.get()) == 0;
     pending.clear();
     if (written) return Done{};

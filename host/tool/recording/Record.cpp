@@ -89,7 +89,8 @@ class Relay {
 
 using Clock = std::chrono::steady_clock;
 
-// What a second Ctrl-C has to remove; read by a signal handler.
+// What a second Ctrl-C has to remove; read by a signal handler. A path that does not fit is too
+// long for a socket as well.
 std::array<char, sizeof sockaddr_un::sun_path> leftSocket{};
 std::array<char, sizeof sockaddr_un::sun_path> leftDirectory{};
 
@@ -287,14 +288,13 @@ class SocketDirectory {
   public:
     explicit SocketDirectory(std::string given) : path(std::move(given)) {
         std::error_code error;
-        if (!path.empty()) {
+        if (path.empty()) {
+            path = std::filesystem::temp_directory_path(error) / "vexa-host-XXXXXX";
+            made = mkdtemp(path.data()) != nullptr;
+        } else {
             made = std::filesystem::create_directory(path, error);
-            return;
         }
-        std::string pattern = std::filesystem::temp_directory_path(error) / "vexa-host-XXXXXX";
-        if (!error && mkdtemp(pattern.data()) != nullptr) path = pattern;
-        made = true;
-        path.copy(leftDirectory.data(), leftDirectory.size() - 1);
+        if (made) path.copy(leftDirectory.data(), leftDirectory.size() - 1);
     }
     ~SocketDirectory() {
         std::error_code ignored;
@@ -367,15 +367,16 @@ class HostProgram {
     bool isAsked = false;
 };
 
-// Everything is tried before the recording is created, as that destroys a former one.
+// Everything is tried before the recording is created. What a former one holds stays until the unit
+// is reached.
 ExitCode RunRecord(const RecordOptions& options) {
     CatchInterrupts();
+    const AtSecondInterrupt removing(RemoveLeftovers);
     const SocketDirectory directory(options.listen);
     Relay relay(options.unit.Factory());
     if (const auto listening = relay.Listen(directory.Path()); !listening) {
         return ReportError(listening.error());
     }
-    OnSecondInterrupt(RemoveLeftovers);
     HostProgram program(options);
     if (const auto started = program.Start(directory.Path()); !started) {
         return ReportError(started.error());
@@ -388,12 +389,15 @@ ExitCode RunRecord(const RecordOptions& options) {
     }
     const auto served = relay.Serve(std::move(*writer), [&] { return program.IsOver(); });
     const auto status = program.Finish();
-    OnSecondInterrupt(nullptr);
     const bool isReaderGone = options.file == kStandardOutput && vexa::testkit::HasReaderLeft();
     if (!served && !isReaderGone) return ReportError(served.error());
-    std::fprintf(stderr, "vexa-host: %llu frames in %s\n",
-                 static_cast<unsigned long long>(relay.FrameCount()),
-                 options.file == kStandardOutput ? "standard output" : options.file.c_str());
+    if (relay.FrameCount() == 0) {
+        std::fprintf(stderr, "vexa-host: no frames were recorded\n");
+    } else {
+        std::fprintf(stderr, "vexa-host: %llu frames in %s\n",
+                     static_cast<unsigned long long>(relay.FrameCount()),
+                     options.file == kStandardOutput ? "standard output" : options.file.c_str());
+    }
     return status ? static_cast<ExitCode>(*status) : kExitDone;
 }
 

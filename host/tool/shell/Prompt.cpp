@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <optional>
 #include <system_error>
 
 #include "tool/Exit.h"
@@ -34,6 +35,7 @@ struct Editing {
 
 Editing editing;
 std::string historyFile;  // empty: it is not kept
+std::optional<AtSecondInterrupt> restoring;
 
 // The history's file in the user's folder for state, which is made if need be; empty without one.
 std::string HistoryFile() {
@@ -87,7 +89,7 @@ void OnLine(char* line) {
 Prompt::Prompt(Complete complete) {
     editing.complete = std::move(complete);
     tcgetattr(STDIN_FILENO, &before);
-    OnSecondInterrupt(RestoreTerminal);
+    restoring.emplace(RestoreTerminal);
     rl_readline_name = "vexa-host";
     rl_attempted_completion_function = CompleteWord;
     rl_catch_signals = 0;
@@ -102,7 +104,7 @@ Prompt::~Prompt() {
     RestoreTerminal();
     stifle_history(kMostLines);
     if (!historyFile.empty()) write_history(historyFile.c_str());
-    OnSecondInterrupt(nullptr);
+    restoring.reset();
 }
 
 std::optional<std::string> Prompt::Read(const std::string& prompt) {

@@ -47,16 +47,14 @@ void WriteAll(std::string_view text) {
 
 }  // namespace
 
-FullScreen::FullScreen() {
+FullScreen::FullScreen() : restoring(&FullScreen::Leave) {
     std::fflush(stdout);
-    OnSecondInterrupt(&FullScreen::Leave);
     Enter();
     SetStopHandler(OnStopSignal);
 }
 
 FullScreen::~FullScreen() {
     Leave();
-    OnSecondInterrupt(nullptr);
     SetStopHandler(SIG_DFL);
 }
 

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "tool/Console.h"
+#include "tool/Exit.h"
 #include "tool/stream/StreamSink.h"
 #include "vexahost/Block.h"
 
@@ -41,6 +42,8 @@ class FullScreen {
   private:
     static void Enter();
     static void Leave();
+
+    const AtSecondInterrupt restoring;
 };
 
 // The course of a channel: the lowest and the highest sample of each time slot, the newest slots of
