@@ -29,7 +29,7 @@ configure_file(vexahost.pc.in ${CMAKE_CURRENT_BINARY_DIR}/vexahost.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vexahost.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)
 
-if(VEXA_HOST_TOOL)
+if(VEXA_UNIT_KIT)
   install(TARGETS vexa-host RUNTIME COMPONENT host)
   install(DIRECTORY scripts DESTINATION ${CMAKE_INSTALL_DATADIR}/vexa-host COMPONENT host)
 endif()

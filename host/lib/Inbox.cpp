@@ -320,6 +320,12 @@ std::optional<Error> Inbox::LinkError() const {
     return linkError;
 }
 
+std::optional<Error> Inbox::AwaitLinkError(Deadline deadline) {
+    MutexLock lock(mutex);
+    while (!linkError && SteadyClock::now() < deadline) WaitForChange(lock, deadline);
+    return linkError;
+}
+
 std::optional<ChildStatistics> Inbox::StatisticsOf(ChildId child) const {
     const MutexLock lock(mutex);
     const auto found = children.find(child);

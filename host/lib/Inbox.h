@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "foundation/Mutex.h"
@@ -108,6 +109,9 @@ class Inbox {
     // The error that Fail was called with, until Restart.
     [[nodiscard]] std::optional<Error> LinkError() const;
 
+    // Waits for that error. Nothing when it did not come.
+    std::optional<Error> AwaitLinkError(Deadline deadline);
+
     [[nodiscard]] std::optional<ChildStatistics> StatisticsOf(ChildId child) const;
 
     // Fills in the counts of the DAQ's packets.
@@ -149,6 +153,26 @@ class Inbox {
     std::uint64_t connection VEXA_GUARDED_BY(mutex) = 0;  // counts the calls of Restart
     std::optional<Error> linkError VEXA_GUARDED_BY(mutex);
     Error formerError VEXA_GUARDED_BY(mutex){};  // of the connection before this one
+};
+
+// A request in the inbox. Unless it is kept there, as it may still be answered, it is withdrawn.
+class Registration {
+  public:
+    Registration(Inbox& inbox_, RequestHandle request_)
+        : inbox(inbox_), request(std::move(request_)) {}
+    ~Registration() {
+        if (!kept) inbox.Withdraw(*request);
+    }
+    Registration(const Registration&) = delete;
+    Registration& operator=(const Registration&) = delete;
+
+    void Keep() { kept = true; }
+    [[nodiscard]] Request& Get() const { return *request; }
+
+  private:
+    Inbox& inbox;
+    const RequestHandle request;
+    bool kept = false;
 };
 
 }  // namespace vexahost
