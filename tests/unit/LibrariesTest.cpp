@@ -1,9 +1,11 @@
 // The stand-in libraries as the service calls them, and the control socket of their unit.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <utility>
 
 #include "VEXA.h"
@@ -175,6 +177,30 @@ TEST_F(Libraries, EachCallFailsWhenAFaultSaysSo) {
         EXPECT_EQ(Ask("fault.clear", call)["cleared"], 1);
     }
     EXPECT_EQ(makeAll(), kCount);
+}
+
+TEST_F(Libraries, FailWithoutThreadsAndWorkAgainWithThem) {
+    pthread_attr_t former;
+    ASSERT_EQ(pthread_getattr_default_np(&former), 0);
+    pthread_attr_t greedy;
+    ASSERT_EQ(pthread_getattr_default_np(&greedy), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&greedy, std::size_t{1} << (sizeof(void*) * 8 - 2)), 0);
+    Answers answers;
+    ASSERT_EQ(pthread_setattr_default_np(&greedy), 0);  // no thread gets such a stack
+    EXPECT_EQ(Open("Quiet"), 0U);
+    EXPECT_EQ(Begin("SPLASH", answers), 0U);
+    ASSERT_EQ(pthread_setattr_default_np(&former), 0);
+    sigset_t blocked;
+    pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+    EXPECT_FALSE(sigismember(&blocked, SIGTERM));
+    EXPECT_TRUE(Ask("state")["streams"].empty());
+    const auto stream = Open("Quiet");
+    EXPECT_EQ(Write(stream, {1}), 0);
+    EXPECT_THAT(blocks.Await(1), ElementsAre(Bytes{1}));
+    std::ifstream log(folder + "/journal");
+    EXPECT_THAT(
+        std::string(std::istreambuf_iterator<char>(log), {}),
+        HasSubstr("VEXA_Device_Stream_Write(" + std::to_string(stream) + ", length 1) = 0\n"));
 }
 
 TEST_F(Libraries, SpoilWhatADeviceSendsAndFailForOneDevice) {

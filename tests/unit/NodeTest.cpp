@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <array>
@@ -95,6 +97,61 @@ TEST_F(Node, ABlockedReadOutlivesTheCableAndEndsWithASignal) {
     }));
     reader.join();
     EXPECT_EQ(reads.Now(), (std::vector<std::string>{"one", "one", interrupted}));
+}
+
+TEST_F(Node, WhateverBecomesOfItsNumbersOnlyItsDescriptorsAreTheNode) {
+    const Descriptor other(::open("/dev/zero", O_RDWR));
+    const std::pair<const char*, int (*)(int, int)> ways[] = {
+        {"dup2", [](int from, int to) { return ::dup2(from, to); }},
+        {"fclose", [](int from, int to) {
+             return ::fclose(::fdopen(to, "r")) == 0 ? ::fcntl(from, F_DUPFD_CLOEXEC, to) : -1;
+         }}};
+    for (const auto& [name, replace] : ways) {
+        const int opened = ::open(ZT_USB_NODE, O_RDWR);
+        const Descriptor file(replace(other.Get(), opened));
+        ASSERT_EQ(file.Get(), opened) << name;
+        int status = 0;
+        EXPECT_NE(::ioctl(file.Get(), ZTG_LINK_STATUS, &status), 0) << name;
+        EXPECT_EQ(::read(file.Get(), &status, 1), 1) << name << ": a read of the node would wait";
+    }
+    const Descriptor host = PlugIn();
+    const Descriptor copy(::dup(node.Get()));
+    EXPECT_EQ(::write(copy.Get(), "copy", 4), 4) << "a duplicate is the node";
+    EXPECT_EQ(Receive(host, 4), "copy");
+    std::FILE* const stream = std::fopen(ZT_USB_NODE, "r+");
+    ASSERT_NE(stream, nullptr);
+    EXPECT_GE(std::fputs("stdio", stream), 0);
+    EXPECT_EQ(std::fclose(stream), 0);
+    EXPECT_EQ(Receive(host, 5), "stdio");
+    ASSERT_EQ(::send(host.Get(), "line\n", 5, 0), 5);
+    std::string line;
+    std::ifstream in(ZT_USB_NODE);
+    EXPECT_TRUE(std::getline(in, line));
+    EXPECT_EQ(line, "line");
+}
+
+TEST_F(Node, WithoutDescriptorsAHostIsTurnedAwayAndTheNextOneServed) {
+    const Descriptor early(::socket(AF_UNIX, SOCK_STREAM, 0));
+    Descriptor lowest(::dup(early.Get()));
+    rlimit former{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &former), 0);
+    // One is left, for the connection, and none for what it takes to serve it.
+    rlimit scarce = former;
+    scarce.rlim_cur = static_cast<rlim_t>(lowest.Get()) + 1;
+    lowest.Close();
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &scarce), 0);
+    sockaddr_un address{AF_UNIX, {}};
+    HostSocketPath(folder).copy(address.sun_path, sizeof address.sun_path - 1);
+    EXPECT_EQ(::connect(early.Get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    EXPECT_EQ(Receive(early, 1), "") << "turned away";
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &former), 0);
+    for (const char* const words : {"one", "two"}) {
+        Descriptor host = PlugIn();
+        ASSERT_EQ(::send(host.Get(), words, 3, 0), 3);
+        EXPECT_EQ(Read(), words);
+        host.Close();
+        EXPECT_TRUE(Eventually([&] { return !CableIsIn(); }));
+    }
 }
 
 TEST_F(Node, OtherFilesAreLeftAlone) {

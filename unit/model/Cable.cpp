@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -43,7 +42,7 @@ bool WouldBlock(int error) { return error == EAGAIN || error == EWOULDBLOCK; }
 Cable::Cable(Descriptor listener_, const CableSettings& settings_, std::uint32_t seed,
              std::function<void(bool)> changed_)
     : listener(std::move(listener_)),
-      wake(::eventfd(0, EFD_CLOEXEC)),
+      wake(MakeEvent()),
       changed(std::move(changed_)),
       state(NewState()),
       settings(settings_),
@@ -62,7 +61,7 @@ Cable::~Cable() {
 
 std::shared_ptr<Cable::State> Cable::NewState() {
     auto fresh = std::make_shared<State>();
-    fresh->ended = Descriptor(::eventfd(0, EFD_CLOEXEC));
+    fresh->ended = MakeEvent();
     return fresh;
 }
 
@@ -97,21 +96,29 @@ void Cable::Enter(std::shared_ptr<State> next) {
         last = std::exchange(state, std::move(next));
     }
     Signal(last->ended);
-    changed(in);
+    (void)OrFail(false, [&] {
+        changed(in);
+        return true;
+    });
 }
 
 void Cable::PlugIn(Descriptor client) {
-    auto next = NewState();
-    next->client = std::move(client);
-    next->in = true;
-    ++hosts;
-    Enter(std::move(next));
+    const auto plugIn = [&] {
+        auto next = NewState();
+        next->after = NewState();
+        next->client = std::move(client);
+        next->in = true;
+        ++hosts;
+        Enter(std::move(next));
+        return true;
+    };
+    (void)OrFail(false, plugIn);  // else the host is turned away
 }
 
 void Cable::PullOut(const std::shared_ptr<State>& leaving) {
     // The host sees the end at once, although the descriptor stays open while it is in use.
     ::shutdown(leaving->client.Get(), SHUT_WR);
-    auto next = NewState();
+    auto next = std::move(leaving->after);
     next->former = leaving;
     waitsUntil = Clock::now() + kLongestWait;
     Enter(std::move(next));

@@ -39,7 +39,8 @@ struct CableCounts {
 class VEXA_UNIT_EXPORT Cable {
   public:
     // Accepts clients from `listener` on a thread of its own, which also calls `changed` whenever
-    // the cable has gone in (true) or out. `seed` is for the irregularity of flapping.
+    // the cable has gone in (true) or out. `seed` is for the irregularity of flapping. Throws
+    // std::system_error.
     Cable(testkit::Descriptor listener, const CableSettings& settings, std::uint32_t seed,
           std::function<void(bool)> changed);
     Cable(const Cable&) = delete;
@@ -76,7 +77,10 @@ class VEXA_UNIT_EXPORT Cable {
     struct State {
         testkit::Descriptor client;     // of the host that is, or was last, plugged in
         std::shared_ptr<State> former;  // with the cable out: the last state with it in
-        testkit::Descriptor ended;      // eventfd, readable once there is a newer state
+        // With the cable in: the state once it is out. It is made beforehand, since pulling the
+        // cable out must not fail.
+        std::shared_ptr<State> after;
+        testkit::Descriptor ended;  // eventfd, readable once there is a newer state
         bool in = false;
         std::atomic<bool> seen = false;  // by the program
     };

@@ -4,7 +4,8 @@
 
 #include <cerrno>
 #include <chrono>
-#include <system_error>
+#include <cstring>
+#include <stdexcept>
 #include <thread>
 
 #include "model/Events.h"
@@ -29,9 +30,11 @@ std::string FaultText(const FaultEffect& effect) {
 
 CallLog::CallLog(const std::string& path) {
     if (path.empty()) return;
-    file =
-        testkit::Descriptor(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
-    if (!file) throw std::system_error(errno, std::generic_category(), path);
+    // Opening a FIFO would wait for a reader, and no signal could end that wait.
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK;
+    file = testkit::Descriptor(::open(path.c_str(), kFlags, 0666));
+    if (!file) throw std::runtime_error(path + ": " + std::strerror(errno));
+    ::fcntl(file.Get(), F_SETFL, O_WRONLY | O_APPEND);
 }
 
 void CallLog::Write(std::string line) const {
@@ -101,14 +104,19 @@ LibraryCall::LibraryCall(Call call_, std::string_view target_)
 std::int64_t LibraryCall::Perform(std::int64_t failure, const Work& work) {
     const FaultEffect effect = Unit::Instance().Faults().Use(call, target);
     SleepFor(effect.blockMs);
-    const CallOutcome outcome = effect.error ? CallOutcome{failure} : work(effect);
+    const CallOutcome failed{failure};
+    const CallOutcome outcome =
+        effect.error ? failed : OrFail(failed, [&] { return work(effect); });
     SleepFor(effect.lateMs);
-    WriteToLog(outcome, effect);
+    // Without memory for its line, the call has been made all the same.
+    (void)OrFail(false, [&] {
+        Report(outcome, effect);
+        return true;
+    });
     return outcome.result;
 }
 
-void LibraryCall::WriteToLog(const CallOutcome& outcome, const FaultEffect& effect) {
-    if (quiet && effect.IsNone()) return;
+void LibraryCall::Report(const CallOutcome& outcome, const FaultEffect& effect) {
     Unit& unit = Unit::Instance();
     line.Result(outcome.result);
     std::string note = outcome.note;
@@ -118,6 +126,7 @@ void LibraryCall::WriteToLog(const CallOutcome& outcome, const FaultEffect& effe
     }
     if (!note.empty()) line.Note(note);
     unit.Calls().Write(line.Line());
+    if (quiet && effect.IsNone()) return;
     ReportCall(unit, call, target, outcome.result, effect, line.Line());
 }
 

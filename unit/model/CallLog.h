@@ -16,8 +16,8 @@ namespace vexa::unit {
 // Any thread: each line is one write to the end of the file.
 class VEXA_UNIT_EXPORT CallLog {
   public:
-    // Appends to the file at `path`; logs nothing when `path` is empty. Throws std::system_error
-    // when the file cannot be opened.
+    // Appends to the file at `path`; logs nothing when `path` is empty. Throws
+    // std::runtime_error when the file cannot be opened.
     explicit CallLog(const std::string& path);
 
     void Write(std::string line) const;
@@ -72,15 +72,15 @@ class VEXA_UNIT_EXPORT LibraryCall {
     [[nodiscard]] CallLine& Line() { return line; }
 
     // Counts the call and does `work`, unless a fault prevents it. Returns the work's result, or
-    // `failure` when a fault makes the call fail. Waits as long as faults say, even when signals
-    // arrive.
+    // `failure` when a fault makes the call fail or the process has nothing left to serve it with.
+    // Waits as long as faults say, even when signals arrive.
     [[nodiscard]] std::int64_t Perform(std::int64_t failure, const Work& work);
 
-    // Logs the call only if a fault hits it.
-    void KeepQuiet() { quiet = true; }
+    // Those who listen for events hear of the call only if a fault hits it.
+    void KeepFromListeners() { quiet = true; }
 
   private:
-    void WriteToLog(const CallOutcome& outcome, const FaultEffect& effect);
+    void Report(const CallOutcome& outcome, const FaultEffect& effect);
 
     const Call call;
     const std::string target;

@@ -1,7 +1,6 @@
 #include "model/ControlServer.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -31,7 +30,7 @@ bool IsTemporary(int error) { return error == EAGAIN || error == EWOULDBLOCK || 
 }  // namespace
 
 ControlServer::ControlServer(Descriptor listener_, Answer answer_)
-    : listener(std::move(listener_)), wake(::eventfd(0, EFD_CLOEXEC)), answer(std::move(answer_)) {
+    : listener(std::move(listener_)), wake(MakeEvent()), answer(std::move(answer_)) {
     thread = StartQuietThread([this] { Run(); });
 }
 

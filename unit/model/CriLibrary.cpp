@@ -165,8 +165,13 @@ std::uint32_t CriLibrary::Init(std::string_view name, CriCallback callback, void
     const auto session =
         std::make_shared<CriSession>(application->second, callback, context, std::move(observer));
     const MutexLock lock(mutex);
-    sessions[++lastHandle] = session;
-    session->Start();
+    const auto opened = sessions.emplace(++lastHandle, session).first;
+    try {
+        session->Start();
+    } catch (...) {
+        sessions.erase(opened);
+        throw;
+    }
     return lastHandle;
 }
 

@@ -110,7 +110,8 @@ class VEXA_UNIT_EXPORT CriLibrary {
     explicit CriLibrary(const ApplicationMap& settings);
 
     // Handle of a new session with the application of that name; 0 when there is no such
-    // application or its `initFails` is set.
+    // application or its `initFails` is set. Throws std::system_error when there is no thread left
+    // for it.
     [[nodiscard]] std::uint32_t Init(std::string_view name, CriCallback callback, void* context,
                                      CriSession::Observer observer);
 

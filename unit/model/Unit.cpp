@@ -7,8 +7,10 @@
 #include <cstdlib>
 #include <exception>
 #include <functional>
+#include <new>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <variant>
 
 #include "model/ControlRequests.h"
@@ -53,11 +55,16 @@ Descriptor SocketOfEnvironment(const char* variable, std::string (*pathIn)(const
     return Descriptor(inherited);
 }
 
-// Ends the process when `make` fails: otherwise the service would run as if on a broken unit.
+// Ends the process when `make` fails: otherwise the service would run as if on a broken unit. What
+// the process has too little of at the moment fails the call alone; the next one tries again.
 template <typename Make>
 auto OrEndProcess(Make make) {
     try {
         return make();
+    } catch (const std::system_error&) {
+        throw;
+    } catch (const std::bad_alloc&) {
+        throw;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vexa-unit: %s\n", error.what());
         std::_Exit(2);

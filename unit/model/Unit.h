@@ -28,8 +28,10 @@ struct CableState {
 class VEXA_UNIT_EXPORT Unit {
   public:
     // The process's unit, made on first use as the environment describes it (UnitSocket.h). When
-    // that fails, the reason is printed on standard error and the process ends with status 2. Never
-    // destroyed: threads may use it until the process ends. Any thread.
+    // that cannot be used, the reason is printed on standard error and the process ends with status
+    // 2. Throws std::system_error or std::bad_alloc when the process has too few threads,
+    // descriptors or too little memory for it now. Never destroyed: threads may use it until the
+    // process ends. Any thread.
     [[nodiscard]] static Unit& Instance();
 
     [[nodiscard]] const CallLog& Calls() const { return calls; }
@@ -39,7 +41,7 @@ class VEXA_UNIT_EXPORT Unit {
 
     [[nodiscard]] bool HasNode() const { return nodePresent; }
     // Hosts are served from the first call on: of all the processes that the program may start,
-    // only the one that uses the node may accept them.
+    // only the one that uses the node may accept them. Throws like Instance().
     [[nodiscard]] Cable& HostCable();
 
     // These also work before hosts are served.

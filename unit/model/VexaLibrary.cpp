@@ -1,6 +1,7 @@
 #include "model/VexaLibrary.h"
 
 #include <algorithm>
+
 namespace vexa::unit {
 
 VexaLibrary::VexaLibrary(const Scenario& scenario, FaultTable& faults_)
@@ -106,8 +107,13 @@ std::uint32_t VexaLibrary::OpenStream(std::uint32_t library, std::string_view na
     if (!IsOpenLocked(library) || !IsAttached(name)) return 0;
     const auto stream = std::make_shared<DeviceStream>(std::string(name), MakeModel(name), faults,
                                                        callback, context);
-    streams[++lastHandle] = {library, stream};
-    stream->Start();
+    const auto opened = streams.emplace(++lastHandle, OpenedStream{library, stream}).first;
+    try {
+        stream->Start();
+    } catch (...) {
+        streams.erase(opened);
+        throw;
+    }
     return lastHandle;
 }
 

@@ -26,7 +26,7 @@ enum class Status : std::int32_t {
     kNoSuchDevice = -3,
     kNoSuchEntry = -4,
     kBusy = -5,
-    kFailed = -6,  // a fault that was set
+    kFailed = -6,  // a fault that was set, or nothing left to serve the call with
 };
 
 struct Snapshot {
@@ -71,7 +71,8 @@ class VEXA_UNIT_EXPORT VexaLibrary {
                                        std::string& name) const;
     [[nodiscard]] Status CloseSnapshot(std::uint32_t snapshot);
 
-    // Handle of a stream to the attached device of that name; 0 when there is none.
+    // Handle of a stream to the attached device of that name; 0 when there is none. Throws
+    // std::system_error when there is no thread left for it.
     [[nodiscard]] std::uint32_t OpenStream(std::uint32_t library, std::string_view name,
                                            VEXA_ReadCallback callback, void* context);
     [[nodiscard]] Status Write(std::uint32_t stream, std::span<const std::uint8_t> bytes);

@@ -1,17 +1,20 @@
 #include "stand-ins/Node.h"
 
+#include <fcntl.h>
 #include <poll.h>
-#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <span>
 
+#include "foundation/Mutex.h"
+#include "model/Runtime.h"
 #include "model/Unit.h"
 #include "zt_usb.h"
 
@@ -19,20 +22,22 @@ namespace vexa::unit {
 
 namespace {
 
-constexpr int kFree = -1;
-constexpr std::size_t kMaxOpens = 16;
+// The inode of the socket behind the node's descriptors; 0: the node has not been opened.
+std::atomic<ino_t> nodeInode = 0;
 
-// The descriptors of the node, each plus 1: the slots are zero before any code has run, when
-// descriptor 0 must not be mistaken for the node.
-std::array<std::atomic<int>, kMaxOpens> slots;
+Mutex socketMutex;
+int nodeSocket VEXA_GUARDED_BY(socketMutex) = -1;  // stays open, so that its inode stays its own
 
-// Changes a slot from `expected` to `value`; false when no slot holds `expected`.
-bool ReplaceSlot(int expected, int value) {
-    for (auto& slot : slots) {
-        int held = expected + 1;
-        if (slot.compare_exchange_strong(held, value + 1)) return true;
-    }
-    return false;
+// Returns the socket behind the node's descriptors; -1, with errno, when it cannot be made.
+int NodeSocket() VEXA_REQUIRES(socketMutex) {
+    // A program that closes every descriptor has closed this one, too.
+    if (IsNode(nodeSocket)) return nodeSocket;
+    const int made = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    struct stat status {};
+    if (made < 0 || ::fstat(made, &status) != 0) return -1;
+    nodeSocket = made;
+    nodeInode = status.st_ino;
+    return made;
 }
 
 // Waits as a driver does: false, with errno EINTR, when a signal arrives first.
@@ -41,14 +46,16 @@ bool Wait(std::uint32_t ms) { return ms == 0 || ::poll(nullptr, 0, static_cast<i
 // Performs a system call on the node, subject to the faults set on it.
 template <typename Work>
 ssize_t Perform(Call call, Work work) {
-    const FaultEffect effect = Unit::Instance().Faults().Use(call);
-    if (!Wait(effect.blockMs)) return -1;
-    if (effect.error) errno = *effect.error;
-    const ssize_t result = effect.error ? -1 : work(effect);
-    const int error = errno;
-    (void)Wait(effect.lateMs);
-    errno = error;
-    return result;
+    return OrFail(ssize_t{-1}, [&]() -> ssize_t {
+        const FaultEffect effect = Unit::Instance().Faults().Use(call);
+        if (!Wait(effect.blockMs)) return -1;
+        if (effect.error) errno = *effect.error;
+        const ssize_t result = effect.error ? -1 : work(effect);
+        const int error = errno;
+        (void)Wait(effect.lateMs);
+        errno = error;
+        return result;
+    });
 }
 
 std::size_t Limited(std::size_t size, const FaultEffect& effect) {
@@ -62,14 +69,9 @@ ssize_t OpenNewDescriptor() {
         return -1;
     }
     (void)unit.HostCable();  // hosts are accepted from now on
-    const int descriptor = ::eventfd(0, EFD_CLOEXEC);
-    if (descriptor < 0) return -1;
-    if (!ReplaceSlot(kFree, descriptor)) {
-        ::close(descriptor);
-        errno = EMFILE;
-        return -1;
-    }
-    return descriptor;
+    const MutexLock lock(socketMutex);
+    const int socket = NodeSocket();
+    return socket < 0 ? -1 : ::fcntl(socket, F_DUPFD_CLOEXEC, 0);
 }
 
 int QueryLink(unsigned long request, void* argument) {
@@ -91,19 +93,20 @@ int QueryLink(unsigned long request, void* argument) {
 bool IsNodePath(const char* path) { return path != nullptr && std::strcmp(path, ZT_USB_NODE) == 0; }
 
 bool IsNode(int descriptor) {
-    if (descriptor < 0) return false;
-    for (const auto& slot : slots) {
-        if (slot.load(std::memory_order_relaxed) == descriptor + 1) return true;
-    }
-    return false;
+    const ino_t inode = nodeInode;
+    if (inode == 0) return false;
+    const int error = errno;
+    struct stat status {};
+    const bool isNode =
+        ::fstat(descriptor, &status) == 0 && S_ISSOCK(status.st_mode) && status.st_ino == inode;
+    errno = error;
+    return isNode;
 }
 
 int OpenNode() {
     return static_cast<int>(
         Perform(Call::kNodeOpen, [](const FaultEffect&) { return OpenNewDescriptor(); }));
 }
-
-void ForgetNode(int descriptor) { (void)ReplaceSlot(descriptor, kFree); }
 
 ssize_t ReadNode(void* into, std::size_t size) {
     return Perform(Call::kNodeRead, [&](const FaultEffect& effect) {

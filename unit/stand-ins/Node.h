@@ -1,5 +1,10 @@
 // The node "/dev/zt-usb" as this process sees it: which descriptors belong to it, and what system
 // calls on them do.
+//
+// Every descriptor of the node is a duplicate of one socket, which is never connected. A descriptor
+// is the node's if that socket is behind it, so copies of it (dup, dup2, fcntl) are, too, and a
+// number that has gone to another file is not, whoever closed it. A system call that is not stood
+// in for meets the bare socket and fails, reads with EINVAL and writes with ENOTCONN.
 #pragma once
 
 #include <sys/types.h>
@@ -13,15 +18,12 @@ namespace vexa::unit {
 // Whether `path` names the node.
 [[nodiscard]] bool IsNodePath(const char* path);
 
-// Whether `descriptor` belongs to the node. It is cheap and only reads a few atomics, so it can be
-// called at any time, however early.
+// Whether `descriptor` belongs to the node; errno stays as it is. It can be called at any time,
+// however early, and costs one fstat once the node has been opened.
 [[nodiscard]] bool IsNode(int descriptor);
 
-// Opens the node. ENOENT when the unit has none, EMFILE when it is open too often.
+// Opens the node. ENOENT when the unit has none.
 [[nodiscard]] int OpenNode();
-
-// Must be called before a descriptor of the node is closed.
-void ForgetNode(int descriptor);
 
 // System calls on any descriptor of the node.
 [[nodiscard]] ssize_t ReadNode(void* into, std::size_t size);

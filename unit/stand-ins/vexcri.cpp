@@ -7,6 +7,7 @@
 
 #include "model/CallLog.h"
 #include "model/Events.h"
+#include "model/Runtime.h"
 #include "model/Unit.h"
 
 #define VEXCRI_PUBLIC extern "C" __attribute__((visibility("default")))
@@ -21,6 +22,12 @@ using vexa::unit::Unit;
 namespace {
 
 vexa::unit::CriLibrary& Library() { return Unit::Instance().Cri(); }
+
+// The result of the body of a call; when the process has nothing left to serve it with, 0.
+template <typename Body>
+std::int32_t OrRefused(Body body) {
+    return vexa::unit::OrFail(std::int32_t{0}, body);
+}
 
 // Performs a call; `work` returns whether it succeeded.
 template <typename Work>
@@ -54,26 +61,32 @@ LibraryCall SessionCall(Call call, std::uint32_t session) {
 
 VEXCRI_PUBLIC std::int32_t criInit(const char* name, std::int32_t mode, CriCallback callback,
                                    void* context, std::uint32_t* handle) {
-    const std::string_view application = name == nullptr ? "" : name;
-    LibraryCall call(Call::kCriInit, application);
-    call.Line().Text(application).Number(mode);
-    return Perform(call, [&] {
-        if (name == nullptr || callback == nullptr || handle == nullptr) return false;
-        const auto session = Library().Init(application, callback, context, LogAnswer);
-        if (session != 0) *handle = session;
-        return session != 0;
+    return OrRefused([&] {
+        const std::string_view application = name == nullptr ? "" : name;
+        LibraryCall call(Call::kCriInit, application);
+        call.Line().Text(application).Number(mode);
+        return Perform(call, [&] {
+            if (name == nullptr || callback == nullptr || handle == nullptr) return false;
+            const auto session = Library().Init(application, callback, context, LogAnswer);
+            if (session != 0) *handle = session;
+            return session != 0;
+        });
     });
 }
 
 VEXCRI_PUBLIC std::int32_t criCommand(std::uint32_t handle, std::uint32_t command,
                                       std::uint32_t argument) {
-    auto call = SessionCall(Call::kCriCommand, handle);
-    call.Line().Number(command).Number(argument);
-    return Perform(call, [&] { return Library().Command(handle, command); });
+    return OrRefused([&] {
+        auto call = SessionCall(Call::kCriCommand, handle);
+        call.Line().Number(command).Number(argument);
+        return Perform(call, [&] { return Library().Command(handle, command); });
+    });
 }
 
 VEXCRI_PUBLIC std::int32_t criTerminate(std::uint32_t handle, std::int32_t mode) {
-    auto call = SessionCall(Call::kCriTerminate, handle);
-    call.Line().Number(mode);
-    return Perform(call, [&] { return Library().Terminate(handle); });
+    return OrRefused([&] {
+        auto call = SessionCall(Call::kCriTerminate, handle);
+        call.Line().Number(mode);
+        return Perform(call, [&] { return Library().Terminate(handle); });
+    });
 }
