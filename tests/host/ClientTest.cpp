@@ -5,8 +5,11 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
+#include <cstdlib>
 #include <future>
+#include <thread>
 
 #include "host/FakeService.h"
 #include "testkit/Wait.h"
@@ -308,6 +311,102 @@ TEST(Client, ServesSeveralThreadsReconnectsAndClosesUnderThem) {
     EXPECT_EQ(Outcome(client.SendRaw(Bytes{1})), "link lost");
     beforeAttempt = [&] { client.Close(); };
     EXPECT_EQ(Outcome(client.Reconnect(kLong)), "link lost") << "Close ends a Reconnect";
+}
+
+// A connection that counts the writes which begin during another one.
+class OneWriterTransport final : public Transport {
+  public:
+    OneWriterTransport(std::unique_ptr<Transport> inner_, std::atomic<int>& overlaps_)
+        : inner(std::move(inner_)), overlaps(overlaps_) {}
+    Expected<std::size_t> Read(std::span<std::uint8_t> buffer, Milliseconds timeout) override {
+        return inner->Read(buffer, timeout);
+    }
+    Expected<std::size_t> Write(std::span<const std::uint8_t> bytes, Deadline deadline) override {
+        overlaps += writers++;
+        std::this_thread::yield();
+        auto sent = inner->Write(bytes, deadline);
+        --writers;
+        return sent;
+    }
+    [[nodiscard]] Framing UnitFraming() const override { return inner->UnitFraming(); }
+    void Close() override { inner->Close(); }
+
+  private:
+    const std::unique_ptr<Transport> inner;
+    std::atomic<int>& overlaps;
+    std::atomic<int> writers{0};
+};
+
+// The client as a program with ten threads uses it: each calls everything, in an order of its own,
+// while the link is cut from either side. For as many seconds as VEXA_HAMMER_SECONDS says.
+TEST(Client, StaysWholeUnderTenThreads) {
+    std::atomic<int> damaged{0};
+    const auto answer = [&](FakeService& self, const Bytes& packet) {
+        if (!vexa::HasRightChecksum(packet)) ++damaged;
+        const bool toDevice = packet[0] == 0x60 && packet[4] >= 10;
+        if (toDevice) return self.SendFramed(packet);  // an echo
+        FakeService::Obey(self, packet);
+        if (CommandOf(packet) == 0x73) self.SendFramed(Sealed({0xA0, 5, packet[2], 0, 5}));
+    };
+    FakeService service(answer, SocketPath());
+    std::atomic<int> overlaps{0};
+    auto connected = Client::Connect([&](const ConnectLimits& limits) {
+        auto made = SocketTransport::ConnectUnit(SocketPath(), limits);
+        if (made) *made = std::make_unique<OneWriterTransport>(std::move(*made), overlaps);
+        return made;
+    });
+    ASSERT_EQ(Outcome(connected), "done");
+    Client& client = **connected;
+    // Blocks are as long as their bytes say.
+    const auto check = [&](const Expected<Block>& received) {
+        if (received && received->bytes[0] != 0xA0) {
+            const std::size_t size = received->bytes.size();
+            damaged += received->bytes != Bytes(size, static_cast<std::uint8_t>(size));
+        }
+        return Outcome(received);
+    };
+    const auto reconnect = [&] {
+        const auto number = client.Connection();
+        return client.LinkError() ? Outcome(client.Reconnect(kLong, number)) : "done";
+    };
+    const std::function<std::string(ChildId)> calls[] = {
+        [&](ChildId) { return reconnect(); },
+        [&](ChildId) { return Outcome(client.OpenController(1, false, kLong)); },
+        [&](ChildId id) { return Outcome(client.OpenDevice("A", id, kLong)); },
+        [&](ChildId id) { return Outcome(client.Send(id, Bytes(id, std::uint8_t(id)), kLong)); },
+        [&](ChildId id) { return check(client.Receive(id, kShort)); },
+        [&](ChildId) { return Outcome(client.QueryDaqApplication(kLong)); },
+        [&](ChildId) { return check(client.ReceiveDaq(kShort)); },
+        [&](ChildId) { return Outcome(client.InitialSync(kLong)); },
+        [&](ChildId id) { return Outcome(client.CloseDevice(id, kLong)); },
+    };
+    constexpr std::size_t kCalls = std::size(calls);
+    std::array<std::atomic<int>, kCalls> succeeded{};
+    const char* const seconds = std::getenv("VEXA_HAMMER_SECONDS");
+    const auto end =
+        DeadlineAfter(std::chrono::seconds(seconds == nullptr ? 1 : std::atoi(seconds)));
+    const auto hammer = [&](unsigned thread) {
+        for (unsigned step = thread; std::chrono::steady_clock::now() < end; ++step) {
+            const std::size_t which = step * (thread + 1) % kCalls;
+            const std::string outcome = calls[which](10 + step % 4);
+            EXPECT_THAT(outcome, testing::AnyOf("done", "not open", "link lost", "timeout"));
+            if (outcome == "done") ++succeeded[which];
+            if (thread == 0 && step % 200 == 0) client.Close();
+            if (thread == 1 && step % 200 == 0) service.HangUp();
+        }
+    };
+    std::vector<std::thread> threads;
+    for (unsigned thread = 0; thread < 10; ++thread) threads.emplace_back(hammer, thread);
+    for (auto& thread : threads) thread.join();
+    for (std::size_t i = 0; i < kCalls; ++i) EXPECT_GT(succeeded[i], 0) << "call " << i;
+    EXPECT_EQ(damaged, 0);
+    EXPECT_EQ(overlaps, 0);
+    EXPECT_EQ(client.Statistics().wrongChecksums + client.Statistics().resynchronisations, 0U);
+    EXPECT_EQ(Outcome(client.Reconnect(kLong)), "done");
+    EXPECT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
+    EXPECT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
+    EXPECT_EQ(Outcome(client.Send(10, Bytes{1})), "done");
+    EXPECT_THAT(ValueOf(client.Receive(10, kLong)).bytes, ElementsAre(1));
 }
 
 TEST(SerialTransport, PassesEveryByteAndLeavesTheLineAsItWas) {
