@@ -55,13 +55,11 @@ TEST_F(Record, EndsInTimeWhileTheHostGoesOnTalking) {
     auto record = Start({"--dir", folder, "--listen", folder + "/here", "--for", "300ms"});
     std::unique_ptr<Transport> host;
     ASSERT_TRUE(WaitUntil(kLong, [&] {
-        auto connected = SocketTransport::ConnectUnit(folder + "/here");
-        if (connected) host = std::move(*connected);
-        return connected.has_value();
+        if (auto made = SocketTransport::ConnectUnit(folder + "/here")) host = std::move(*made);
+        return host != nullptr;
     }));
-    const Bytes packet = Tunnel(10, {1, 2, 3}, 0);
     const Deadline deadline = DeadlineAfter(kLong);
-    while (host->WriteAll(packet, deadline)) continue;
+    while (host->WriteAll(Tunnel(10, {1, 2, 3}, 0), deadline)) continue;
     EXPECT_EQ(record.Wait(kLong), 0) << record.Log().Text();
 }
 
