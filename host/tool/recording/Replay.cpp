@@ -4,7 +4,9 @@
 #include <array>
 #include <thread>
 
+#include "tool/Connection.h"
 #include "tool/Exit.h"
+#include "vexahost/Client.h"
 #include "vexahost/Recording.h"
 #include "vexahost/protocol/InitialSync.h"
 #include "vexahost/protocol/Packet.h"
@@ -121,6 +123,18 @@ Expected<Done> Replay::Play(const Recording& recording) {
     if (!link) return Done{};
     if (const auto came = Await(start, recording.answers.Counts()); !came) return came.error();
     return Await(Clock::now() + kSettling, {});
+}
+
+void Replay::LeaveInOrder() {
+    constexpr Milliseconds kPatience{2000};
+    if (!link) return;
+    Client unit(std::move(link));
+    // The unit may have a part of a packet; and the recording may have opened the controller under
+    // any id.
+    if (!unit.InitialSync(kPatience)) return;
+    if (unit.OpenController(kControllerId, false, kPatience)) {
+        static_cast<void>(unit.CloseController(kPatience));
+    }
 }
 
 Expected<Done> Replay::Perform(const ReplayStep& step) {

@@ -82,6 +82,10 @@ class Replay {
     // disconnects early. Ends early when interrupted.
     Expected<Done> Play(const Recording& recording);
 
+    // After a Play that ended early: closes what it has opened. A unit on a serial line does not
+    // notice that its host has left.
+    void LeaveInOrder();
+
     // The answers that have come.
     [[nodiscard]] const AnswerLog& Answers() const { return answers; }
 

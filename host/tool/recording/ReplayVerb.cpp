@@ -92,6 +92,7 @@ ExitCode RunReplay(const ReplayVerbOptions& options) {
     if (!recording) return ReportError(recording.error());
     Replay replay(options.unit.Factory(), options.replay);
     const auto played = replay.Play(*recording);
+    if (!played || IsInterrupted()) replay.LeaveInOrder();
     const auto comparisons = Compare(recording->answers, replay.Answers());
     const Console console;
     std::size_t same = 0;
