@@ -227,19 +227,26 @@ Expected<std::unique_ptr<Transport>> SocketTransport::ConnectTcp(const std::stri
     const auto lookup = LookUp(*parsed, limits, address);
     if (!lookup) return lookup.error();
     Error error = CannotConnect(address, "the name has no address");
+    int left = 0;
+    for (const addrinfo* each = lookup->addresses.get(); each != nullptr; each = each->ai_next) {
+        ++left;
+    }
     for (const addrinfo* each = lookup->addresses.get(); each != nullptr; each = each->ai_next) {
         Descriptor made(socket(each->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+        // One that never answers leaves time for the others.
+        const auto now = Clock::now();
+        const ConnectLimits share{now + (limits.deadline - now) / left--, limits.isCancelled};
         std::optional<Error> ended;
         const int fault = made.Get() < 0 ? errno
                                          : ConnectSocket(made.Get(), each->ai_addr,
-                                                         each->ai_addrlen, limits, address, ended);
-        if (ended) return *ended;
-        if (fault == 0) {
+                                                         each->ai_addrlen, share, address, ended);
+        if (ended && ended->kind == ErrorKind::kCancelled) return *ended;
+        if (!ended && fault == 0) {
             SetTcpOptions(made.Get());
             return std::unique_ptr<Transport>(
                 std::make_unique<SocketTransport>(made.Release(), Framing::kNone));
         }
-        error = CannotConnect(address, std::strerror(fault));
+        error = ended.value_or(CannotConnect(address, std::strerror(fault)));
     }
     return error;
 }
