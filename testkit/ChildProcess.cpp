@@ -59,6 +59,14 @@ std::vector<char*> Pointers(const std::vector<std::string>& words) {
     return pointers;
 }
 
+// A launcher may have SIGCHLD ignored. Then nobody would learn of a child's end, or its status.
+void KeepStatusOfChildren() {
+    struct sigaction action {};
+    ::sigaction(SIGCHLD, nullptr, &action);
+    const bool isIgnored = action.sa_handler == SIG_IGN || (action.sa_flags & SA_NOCLDWAIT) != 0;
+    if (isIgnored) ::signal(SIGCHLD, SIG_DFL);
+}
+
 // In the new process: becomes the program, or reports the error number through `report`. It
 // allocates nothing, since another thread may have held the allocator's lock.
 [[noreturn]] void BecomeProgram(const ProcessCall& call, char* const* arguments,
@@ -101,6 +109,7 @@ ChildProcess::ChildProcess(const ProcessCall& call) : ownGroup(call.ownGroup) {
         output = MakePipe(call);
     }
     const pid_t parent = ::getpid();
+    KeepStatusOfChildren();
     process = ::fork();
     if (process < 0) Fail(call, errno);
     if (process == 0) {
@@ -172,6 +181,7 @@ Finished RunShell(const std::string& commandLine) {
 }
 
 pid_t StartApart(const std::function<int()>& body) {
+    KeepStatusOfChildren();
     const pid_t process = ::fork();
     if (process == 0) ::_exit(body());
     return process;

@@ -250,6 +250,7 @@ TEST_F(Libraries, TheControlSocketSaysWhatIsWrongWithARequest) {
         {Line("detach", R"("name": "None")"), "there is no device \"None\""},
         {Line("daq", R"("name": "Other")"), "keeps its name"},
         {Line("app", R"("name": "OTHER")"), R"(there are "DAQ", "FGEN", "SPLASH")"},
+        {Line("cable"), R"(the whole: expected "in" or "flap")"},
         {Line("cable", R"("flap": {"inMs": 0})"), "flap.inMs: expected a whole number"},
         {Line("fault.clear", R"("id": 1000000)"), "there is no fault 1000000"},
         {Line("fault.set", R"("call": "VEXA_Init", "action": "fail", "for": "A")"),
@@ -322,6 +323,13 @@ TEST_F(Libraries, TheControlSocketOutlivesItsClients) {
     ASSERT_EQ(::send(plain.Get(), "{}\n[]", 5, 0), 5);
     ::shutdown(plain.Get(), SHUT_WR);
     EXPECT_EQ(std::ranges::count(Receive(plain, 10000), '\n'), 2);
+
+    std::vector<Descriptor> idle;
+    for (int count = 0; count < 70; ++count) {
+        idle.push_back(ConnectTo(path));
+        Ask("fault.list");
+    }
+    EXPECT_THAT(Receive(idle.front(), 1000), HasSubstr("idle longest"));
 }
 
 }  // namespace

@@ -133,14 +133,14 @@ TEST(Devices, RandomIsTheSameWithTheSameSeed) {
 std::variant<Scenario, ScenarioError> LoadText(const std::string& text) {
     const std::string path = ::testing::TempDir() + "/" + std::to_string(::getpid()) + ".json";
     std::ofstream(path) << text;
-    auto loaded = LoadScenario(path);
+    auto loaded = LoadScenario(path, path);
     ::unlink(path.c_str());
     return loaded;
 }
 
 TEST(ScenarioFile, TheShippedOnesFitTheSettings) {
     const std::string folder = UNIT_SCENARIO_FOLDER;
-    Scenario shipped = std::get<Scenario>(LoadScenario(folder + "/default.json"));
+    Scenario shipped = std::get<Scenario>(LoadScenario(folder + "/default.json", "default"));
     shipped.description.clear();
     EXPECT_EQ(shipped, Scenario());
     std::ifstream schema(folder + "/scenario.schema.json");
@@ -194,6 +194,7 @@ TEST(ScenarioFile, WhatIsWrongIsNamedWithItsPlace) {
         {R"({"faults": [{"call": "data", "action": "corrupt", "for": "A"}]})",
          R"(faults[0].for: there is no device "A"; there are "Accelerometer")"},
         {R"({"timeline": [{"at": "5"}, {"at": "5x"}]})", "timeline[1].at: expected a time"},
+        {R"({"daq": {"present": true, "present": false}})", "key \"present\" is given twice"},
         {R"({"timeline": [{"at": "5"}]})", "timeline[0]: expected a change"},
         {R"({"timeline": [{"at": "5s", "times": 2}]})", "[0].times: is of no use here"},
         {R"({"timeline": [{"at": "2s", "detach": "A"}, {"at": "1s", "attach": {"name": "A"}}]})",

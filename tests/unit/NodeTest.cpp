@@ -194,6 +194,8 @@ TEST_F(Node, TheCableGoesOutAndInByHand) {
     EXPECT_FALSE(CableIsIn());
     EXPECT_EQ(Receive(host, 1) + Receive(Connect(), 1), "") << "pulled out, and turned away";
     EXPECT_FALSE(CableIsIn());
+    Ask("cable", R"("flap": {"inMs": 1, "outMs": 600000})");
+    EXPECT_TRUE(Eventually([&] { return Ask("state")["cable"]["in"] == false; }));
     Ask("cable", R"("in": true)");
     EXPECT_TRUE(PlugIn());
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -33,10 +34,13 @@ class Tool : public ::testing::Test {
             kPatience, [&] { return fs::remove_all(scratch, error) == 0 && !error; }));
     }
 
-    // Runs the tool in the scratch folder to its end; "STATUS OUTPUT".
-    [[nodiscard]] std::string Run(const std::string& arguments) const {
-        const auto [status, output] = testkit::RunShell("cd '" + scratch.string() + "' && exec '" +
-                                                        VEXA_UNIT_PROGRAM "' " + arguments);
+    // Runs the tool in the scratch folder to its end; "STATUS OUTPUT". The shell reads `before`
+    // first.
+    [[nodiscard]] std::string Run(const std::string& arguments,
+                                  const std::string& before = "") const {
+        const auto [status, output] =
+            testkit::RunShell("cd '" + scratch.string() + "' && " + before +
+                              " exec '" VEXA_UNIT_PROGRAM "' " + arguments);
         return std::to_string(status) + " " + output;
     }
 
@@ -108,7 +112,41 @@ TEST_F(Tool, UnitsSideBySideAreToldApartAndControlled) {
     }
 }
 
+TEST_F(Tool, RunsWhereverItIsAndWhoeverStartsIt) {
+    const std::string probe = " -- " UNIT_PROBE " 7";
+    const std::string longName(100, 'd');
+    fs::create_directories(scratch / longName);
+    fs::create_directories(scratch / "real");
+    fs::create_directory_symlink("real", scratch / "link");
+    const std::array<std::string, 3> cases[] = {
+        {"", "run --dir link" + probe, "7 vexa-unit: host socket " + scratch.string() + "/link/"},
+        {"export TMPDIR=" + longName + ";", "run" + probe, "7 vexa-unit: host socket /tmp/vexa-"},
+        {"trap '' CHLD;", "run" + probe, "7 "},
+        {"",
+         "run -- sh -c 'read watcher rest </proc/$PPID/task/$PPID/children;"
+         " kill -9 $watcher; exit 7'",
+         "7 "},
+        {R"(echo '{"node": {"present": false}}' |)",
+         "run --scenario /dev/stdin -- '" VEXA_UNIT_PROGRAM "' check", "missing  /dev/zt-usb: "},
+    };
+    for (const auto& [before, arguments, output] : cases) {
+        EXPECT_THAT(Run(arguments, before), HasSubstr(output)) << arguments;
+    }
+    // The elements of LD_PRELOAD and LD_LIBRARY_PATH end at blanks and colons.
+    const fs::path odd = scratch / "a b:c";
+    fs::create_directories(odd / "bin");
+    fs::create_directory_symlink(fs::path(VEXA_UNIT_PROGRAM).parent_path().parent_path() / "lib",
+                                 odd / "lib");
+    fs::copy_file(VEXA_UNIT_PROGRAM, odd / "bin" / "vexa-unit");
+    const auto check = testkit::RunToEnd({odd / "bin" / "vexa-unit", "run", "--dir", odd / "unit",
+                                          "--", VEXA_UNIT_PROGRAM, "check"});
+    EXPECT_THAT(check.output, HasSubstr("/dev/zt-usb: the cable is out\n"));
+    EXPECT_FALSE(fs::exists(odd / "unit"));
+}
+
 TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
+    fs::create_directory(scratch / "kept");
+    std::ofstream(scratch / "kept" / "host.sock") << "the user's";
     std::ofstream(scratch / "file") << R"({"daq": {"colour": 1}})";
     const std::pair<std::string, std::string> cases[] = {
         {"", "a command is required: run, scenarios"},
@@ -128,13 +166,15 @@ TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
         {"run --dir unit -- no-such-program", "cannot run no-such-program: No such"},
         {"run --dir none/unit -- true", "cannot make the folder"},
         {"run --dir file -- true", "there is a file of that name"},
+        {"run --dir kept -- true", "there is a file of that name, which is no socket"},
+        {"ctl attach A type=8 type=9", "type is given twice"},
         {"run --dir " + std::string(100, 'd'), "characters at most"},
     };
     for (const auto& [arguments, complaint] : cases) {
         EXPECT_THAT(Run(arguments),
                     AllOf(HasSubstr(complaint), ::testing::MatchesRegex("2 vexa-unit: [^\n]*\n")));
     }
-    EXPECT_EQ(std::distance(fs::directory_iterator(scratch), {}), 1) << "something was left behind";
+    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(scratch), {}), 3) << "left behind";
     EXPECT_THAT(Run("scenarios"), AllOf(HasSubstr("\nhostile-library "), Not(HasSubstr("schema"))));
 }
 

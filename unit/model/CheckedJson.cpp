@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "model/Scenario.h"
 
@@ -152,13 +153,21 @@ std::optional<std::uint32_t> ParseDurationMs(const std::string& text) {
 }
 
 Json ParseJson(const std::string& text) {
-    // Printing a deeply nested value would overflow the stack.
-    const auto limitDepth = [](int depth, Json::parse_event_t, const Json&) {
+    using Event = Json::parse_event_t;
+    std::vector<std::set<std::string>> keys;  // of the objects around the place that is read
+    const auto check = [&keys](int depth, Event event, const Json& value) {
+        // Printing a deeply nested value would overflow the stack.
         if (depth > kMaxDepth) throw JsonError("nested too deeply");
+        if (event == Event::object_start) keys.emplace_back();
+        if (event == Event::object_end) keys.pop_back();
+        // Of two values the parser would drop one.
+        if (event == Event::key && !keys.back().insert(value.get<std::string>()).second) {
+            throw JsonError("the key " + ToLine(value) + " is given twice");
+        }
         return true;
     };
     try {
-        return Json::parse(text, limitDepth);
+        return Json::parse(text, check);
     } catch (const Json::exception& error) {
         // The parser's text starts with a code in brackets that means nothing to a user.
         const std::string what = error.what();

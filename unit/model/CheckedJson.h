@@ -71,8 +71,8 @@ class CheckedJson {
 // A time of at most 24h such as "500ms" or "5s", in ms; nothing when `text` is none.
 [[nodiscard]] std::optional<std::uint32_t> ParseDurationMs(const std::string& text);
 
-// `text` as JSON. Throws JsonError, with line and column, when it is not valid or nested too
-// deeply.
+// `text` as JSON. Throws JsonError, with line and column, when it is not valid; also when it is
+// nested too deeply or gives a key twice.
 [[nodiscard]] Json ParseJson(const std::string& text);
 
 // `json` on one line, with every byte that is not UTF-8 replaced.

@@ -28,6 +28,7 @@ Json ToJson(const StreamState& stream) {
 
 Json ToJson(const CableState& cable) {
     Json json = SettingsToJson(cable.settings);
+    json["in"] = cable.mayPlugIn;  // it may be flapping
     json["hostConnected"] = cable.hostConnected;
     json["hosts"] = cable.counts.hosts;
     json["bytesFromHost"] = cable.counts.bytesFromHost;

@@ -25,6 +25,8 @@ constexpr int kRetryMs = 100;
 // How often an answer that comes later is asked for.
 constexpr int kLaterMs = 5;
 
+std::string Refusal(const std::string& why) { return R"({"ok":false,"error":")" + why + "\"}\n"; }
+
 bool IsTemporary(int error) { return error == EAGAIN || error == EWOULDBLOCK || error == EINTR; }
 
 }  // namespace
@@ -66,12 +68,30 @@ void ControlServer::PassEventsOn() {
 void ControlServer::AcceptClient() {
     Descriptor connection(
         ::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (connection && clients.size() < kMaxClients) {
-        clients.push_back({.connection = std::move(connection)});
+    if (connection) {
+        const bool hasRoom = clients.size() < kMaxClients || MakeRoom();
+        clients.push_back({.connection = std::move(connection), .lastServed = ++served});
+        if (hasRoom) return;
+        clients.back().unsent = Refusal("too many connections are waiting or listening");
+        clients.back().isEnding = true;
+        Write(clients.back());
+        clients.pop_back();
     } else if (!connection && (errno == EMFILE || errno == ENFILE)) {
         pollfd woken{wake.Get(), POLLIN, 0};
         ::poll(&woken, 1, kRetryMs);
     }
+}
+
+bool ControlServer::MakeRoom() {
+    const auto isBusy = [](const Client& client) { return client.later || client.isSubscribed; };
+    const auto idle = std::ranges::min_element(clients, {}, [&](const Client& client) {
+        return isBusy(client) ? UINT64_MAX : client.lastServed;
+    });
+    if (isBusy(*idle)) return false;
+    idle->unsent += Refusal("disconnected: others have connected, and this one was idle longest");
+    Write(*idle);
+    clients.erase(idle);
+    return true;
 }
 
 void ControlServer::Read(Client& client) {
@@ -108,8 +128,7 @@ void ControlServer::AnswerLines(Client& client) {
     }
     if (client.received.size() <= kMaxLine) return;
     client.received.clear();
-    client.unsent += R"({"ok":false,"error":"a line may have )" + std::to_string(kMaxLine) +
-                     " bytes at most\"}\n";
+    client.unsent += Refusal("a line may have " + std::to_string(kMaxLine) + " bytes at most");
     client.isEnding = true;
 }
 
@@ -126,6 +145,7 @@ void ControlServer::Write(Client& client) {
 }
 
 void ControlServer::Serve(Client& client, short happened) {
+    client.lastServed = ++served;
     if ((happened & (POLLIN | POLLHUP | POLLERR)) != 0 && !client.isEnding) Read(client);
     AnswerLines(client);
     Write(client);
@@ -154,13 +174,22 @@ void ControlServer::Run() {
         }
         for (std::size_t index = 0; index < clients.size(); ++index) {
             const short happened = entries[index + 2].revents;
-            if (happened != 0 || clients[index].later) Serve(clients[index], happened);
+            if (happened == 0 && !clients[index].later) continue;
+            // A client that there is no memory for is disconnected.
+            clients[index].isGone = OrFail(true, [&] {
+                Serve(clients[index], happened);
+                return clients[index].isGone;
+            });
         }
         PassEventsOn();
         std::erase_if(clients, [](const Client& client) { return client.isGone; });
         listeners = static_cast<std::size_t>(std::ranges::count_if(
             clients, [](const Client& client) { return client.isSubscribed; }));
-        if (entries[1].revents != 0) AcceptClient();
+        if (entries[1].revents == 0) continue;
+        (void)OrFail(false, [&] {
+            AcceptClient();
+            return true;
+        });
     }
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -24,7 +25,7 @@ struct ControlAnswer {
 };
 
 // Serves several clients at a time. One that sends an overlong line, or does not read its answers,
-// is disconnected.
+// is disconnected; so is the one that has been idle longest when there are too many.
 class VEXA_UNIT_EXPORT ControlServer {
   public:
     // Carries out a request, a line without the line feed.
@@ -48,13 +49,16 @@ class VEXA_UNIT_EXPORT ControlServer {
         std::string unsent = {};    // answers and events
         std::function<std::optional<std::string>()> later = {};  // as in ControlAnswer
         bool isSubscribed = false;
-        bool isEnding = false;  // nothing more is read from it
-        bool isGone = false;    // to be removed
+        bool isEnding = false;         // nothing more is read from it
+        bool isGone = false;           // to be removed
+        std::uint64_t lastServed = 0;  // the higher, the later
     };
 
     // The server's thread.
     void Run();
     void AcceptClient();
+    // Disconnects the client that has been idle longest. False when none is idle.
+    bool MakeRoom();
     void Serve(Client& client, short happened);
     void Read(Client& client);
     void AnswerLines(Client& client);
@@ -65,7 +69,10 @@ class VEXA_UNIT_EXPORT ControlServer {
     const testkit::Descriptor listener;
     const testkit::Descriptor wake;  // eventfd, readable when there are events, or the end is near
     const Answer answer;
-    std::vector<Client> clients;  // the server's thread only
+    // The server's thread only.
+    std::vector<Client> clients;
+    std::uint64_t served = 0;  // how often a client was
+
     std::atomic<std::size_t> listeners = 0;
     Mutex mutex;
     std::string events VEXA_GUARDED_BY(mutex);  // that have not been passed on

@@ -97,6 +97,7 @@ Change ChangeBoard(const CheckedJson& request, const UnitSettings& now) {
 Change ChangeCable(const CheckedJson& request) {
     CableSettings cable;
     ReadSettings(request, cable);
+    if (request.Value().empty()) request.Complain("\"in\" or \"flap\"");
     return cable;
 }
 

@@ -294,13 +294,14 @@ Call ReadCall(const CheckedJson& json, std::string_view key) {
     return static_cast<Call>(call - kCalls.begin());
 }
 
-std::variant<Scenario, ScenarioError> LoadScenario(const std::string& path) {
+std::variant<Scenario, ScenarioError> LoadScenario(const std::string& path,
+                                                   const std::string& name) {
     errno = 0;
     std::ifstream file(path);
     std::ostringstream content;
     if (!file || (file.peek() != std::ifstream::traits_type::eof() && !(content << file.rdbuf())) ||
         file.bad() || errno == EISDIR) {
-        return ScenarioError{path + ": cannot read it: " + std::strerror(errno)};
+        return ScenarioError{name + ": cannot read it: " + std::strerror(errno)};
     }
     try {
         const auto json = ParseJson(content.str());
@@ -311,7 +312,7 @@ std::variant<Scenario, ScenarioError> LoadScenario(const std::string& path) {
         CheckTimeline(scenario);
         return scenario;
     } catch (const JsonError& error) {
-        return ScenarioError{path + ": " + error.what()};
+        return ScenarioError{name + ": " + error.what()};
     }
 }
 

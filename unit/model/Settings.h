@@ -17,9 +17,10 @@ struct ScenarioError {
     std::string text;
 };
 
-// Reads and checks the JSON file at `path`. What it leaves out is as in the default unit; a
-// "devices" list replaces the default one.
-[[nodiscard]] std::variant<Scenario, ScenarioError> LoadScenario(const std::string& path);
+// Reads and checks the JSON file at `path`; errors call it `name`. What it leaves out is as in the
+// default unit; a "devices" list replaces the default one.
+[[nodiscard]] std::variant<Scenario, ScenarioError> LoadScenario(const std::string& path,
+                                                                 const std::string& name);
 
 // The JSON schema of scenario files, as text.
 [[nodiscard]] std::string ScenarioSchemaText();

@@ -33,7 +33,7 @@ std::string Variable(const char* name) {
 Scenario ScenarioOfEnvironment() {
     const std::string path = Variable(kScenarioVariable);
     if (path.empty()) return {};
-    auto loaded = LoadScenario(path);
+    auto loaded = LoadScenario(path, path);
     if (const auto* error = std::get_if<ScenarioError>(&loaded)) {
         throw std::runtime_error("scenario " + error->text);
     }

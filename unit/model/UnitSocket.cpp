@@ -1,6 +1,7 @@
 #include "model/UnitSocket.h"
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 
 #include <cerrno>
@@ -15,6 +16,7 @@ using testkit::Descriptor;
 namespace {
 
 constexpr int kBacklog = 16;
+constexpr timeval kPatience{10, 0};
 
 [[noreturn]] void Fail(const std::string& path, const std::string& why) {
     throw std::runtime_error("cannot make the socket " + path + ": " + why);
@@ -33,6 +35,15 @@ const sockaddr* Generic(const sockaddr_un& address) {
     return reinterpret_cast<const sockaddr*>(&address);
 }
 
+// Whether there is something at `path`, and whether that is a socket.
+enum class Occupant { kNone, kSocket, kOther };
+
+Occupant OccupantOf(const std::string& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) return Occupant::kNone;
+    return S_ISSOCK(status.st_mode) ? Occupant::kSocket : Occupant::kOther;
+}
+
 Descriptor NewSocket(int flags) {
     return Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | flags, 0));
 }
@@ -43,11 +54,16 @@ std::string HostSocketPath(const std::string& folder) { return folder + "/host.s
 
 std::string ControlSocketPath(const std::string& folder) { return folder + "/control.sock"; }
 
+bool FitsSocket(const std::string& path) { return AddressOf(path).has_value(); }
+
 Descriptor ListenOn(const std::string& path) {
     const auto address = AddressOf(path);
     if (!address) {
         Fail(path, "the path may have " + std::to_string(sizeof address->sun_path - 1) +
                        " characters at most");
+    }
+    if (OccupantOf(path) == Occupant::kOther) {
+        Fail(path, "there is a file of that name, which is no socket");
     }
     if (!RemoveStaleSocket(path)) Fail(path, "another unit is running there");
     Descriptor listener = NewSocket(SOCK_NONBLOCK);
@@ -58,16 +74,23 @@ Descriptor ListenOn(const std::string& path) {
     return listener;
 }
 
-bool RemoveStaleSocket(const std::string& path) {
+bool IsListening(const std::string& path) {
     const auto address = AddressOf(path);
-    if (!address) return true;
+    if (!address) return false;
     const Descriptor probe = NewSocket(SOCK_NONBLOCK);
-    if (::connect(probe.Get(), Generic(*address), sizeof *address) == 0 || errno == EAGAIN) {
-        return false;
-    }
+    return ::connect(probe.Get(), Generic(*address), sizeof *address) == 0 || errno == EAGAIN;
+}
+
+bool RemoveStaleSocket(const std::string& path) {
+    errno = 0;
+    if (IsListening(path)) return false;
     // A refused connection shows that the socket's owner is gone.
-    if (errno == ECONNREFUSED) ::unlink(path.c_str());
+    if (errno == ECONNREFUSED) RemoveSocket(path);
     return true;
+}
+
+void RemoveSocket(const std::string& path) {
+    if (OccupantOf(path) == Occupant::kSocket) ::unlink(path.c_str());
 }
 
 bool ListensOn(int descriptor, const std::string& path) {
@@ -88,6 +111,8 @@ Descriptor ConnectTo(const std::string& path) {
         return {};
     }
     Descriptor made = NewSocket(0);
+    // A program that accepts nobody lets a few connections wait, and then more only to connect.
+    ::setsockopt(made.Get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
     if (::connect(made.Get(), Generic(*address), sizeof *address) != 0) return {};
     return made;
 }

@@ -18,19 +18,29 @@ inline constexpr char kControlSocketVariable[] = "VEXA_UNIT_CONTROL_FD";  // inh
 [[nodiscard]] std::string HostSocketPath(const std::string& folder);
 [[nodiscard]] std::string ControlSocketPath(const std::string& folder);
 
+// Whether `path` is short enough for a socket.
+[[nodiscard]] bool FitsSocket(const std::string& path);
+
 // Creates a listening socket at `path`, replacing a stale one. Throws std::runtime_error, with a
-// line for the user, when the path is too long for a socket, when another unit listens there, or
-// when the socket cannot be made.
+// line for the user, when the path is too long for a socket, when another unit listens there, when
+// a file that is no socket is there, or when the socket cannot be made.
 [[nodiscard]] testkit::Descriptor ListenOn(const std::string& path);
+
+// Whether anything listens on the socket at `path`; it does not have to accept.
+[[nodiscard]] bool IsListening(const std::string& path);
 
 // Removes the socket at `path` if it is stale: nothing listens on it any more. False when something
 // does.
 bool RemoveStaleSocket(const std::string& path);
 
+// Removes the socket at `path`; a file of another kind stays.
+void RemoveSocket(const std::string& path);
+
 // Whether `descriptor` is open and listens on the socket at `path`.
 [[nodiscard]] bool ListensOn(int descriptor, const std::string& path);
 
-// Connects to the socket at `path`. On failure the descriptor is empty and errno is set.
+// Connects to the socket at `path`. On failure the descriptor is empty and errno is set: EAGAIN
+// when the unit has not accepted the connection within 10 s. As long does a send wait for the unit.
 [[nodiscard]] testkit::Descriptor ConnectTo(const std::string& path);
 
 }  // namespace vexa::unit

@@ -19,16 +19,22 @@ constexpr int kAnswerTimeoutMs = 10000;
 
 ControlClient::ControlClient(const std::string& folder_)
     : folder(folder_), connection(ConnectTo(ControlSocketPath(folder_))) {
-    if (!connection) {
-        throw UserError("no unit to control in " + folder + ": " + std::strerror(errno));
-    }
+    if (connection) return;
+    if (errno == EAGAIN) FailUnanswered();
+    throw UserError("no unit to control in " + folder + ": " + std::strerror(errno));
+}
+
+void ControlClient::FailUnanswered() const {
+    throw UserError("the unit in " + folder +
+                    " does not answer; its program may not have used a library yet");
 }
 
 void ControlClient::Send(std::string line) const {
     line += '\n';
     for (std::string_view left = line; !left.empty();) {
         const auto went = ::send(connection.Get(), left.data(), left.size(), MSG_NOSIGNAL);
-        if (went < 0) throw UserError("the unit in " + folder + " has ended");
+        if (went < 0 && errno == EAGAIN) FailUnanswered();
+        if (went < 0) return;  // it has hung up, and perhaps said why
         left.remove_prefix(static_cast<std::size_t>(went));
     }
 }
@@ -41,10 +47,7 @@ std::optional<std::string> ControlClient::ReceiveLine(int timeoutMs) {
             return line;
         }
         pollfd entry{connection.Get(), POLLIN, 0};
-        if (::poll(&entry, 1, timeoutMs) == 0) {
-            throw UserError("the unit in " + folder +
-                            " does not answer; its program may not have used a library yet");
-        }
+        if (::poll(&entry, 1, timeoutMs) == 0) FailUnanswered();
         std::array<char, 65536> chunk{};
         const auto got = ::recv(connection.Get(), chunk.data(), chunk.size(), 0);
         if (got <= 0) return std::nullopt;

@@ -12,7 +12,8 @@ namespace vexa::unit {
 // One thread at a time.
 class ControlClient {
   public:
-    // Throws UserError when no unit runs in `folder`.
+    // Throws UserError when no unit runs in `folder`, or it does not accept the connection within
+    // 10 s.
     explicit ControlClient(const std::string& folder);
 
     // Sends a request and returns the answer, both as a line without the line feed. Throws
@@ -23,6 +24,7 @@ class ControlClient {
     [[nodiscard]] std::optional<std::string> Receive();
 
   private:
+    [[noreturn]] void FailUnanswered() const;
     void Send(std::string line) const;
     // Waits for a line, at most `timeoutMs` (-1: without end).
     [[nodiscard]] std::optional<std::string> ReceiveLine(int timeoutMs);

@@ -33,11 +33,15 @@ Json RequestOf(const ControlRequest& request) {
             throw UserError("expected KEY=VALUE, not " + setting);
         }
         const std::string key = setting.substr(0, sign);
+        if (members.contains(key)) throw UserError(key + " is given twice");
         members[key] = ValueOf(key, setting.substr(sign + 1));
     }
     Json made = members;
     if (!request.inside.empty()) made = {{request.inside, std::move(members)}};
-    for (const auto& [key, text] : request.texts) made[key] = text;
+    for (const auto& [key, text] : request.texts) {
+        if (made.contains(key)) throw UserError(key + " is given twice");
+        made[key] = text;
+    }
     made["request"] = request.verb;
     return made;
 }
@@ -194,7 +198,7 @@ int SendRaw(ControlClient& unit, const std::string& raw) {
 // Waits until there is a unit, or the time is over.
 void AwaitUnit(const std::string& folder, std::uint32_t ms) {
     (void)testkit::WaitUntil(testkit::Milliseconds(ms),
-                             [&] { return bool(ConnectTo(ControlSocketPath(folder))); });
+                             [&] { return IsListening(ControlSocketPath(folder)); });
 }
 
 }  // namespace

@@ -1,14 +1,18 @@
 #include "run/RunCommand.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <system_error>
 #include <variant>
@@ -63,8 +67,9 @@ bool Exists(const fs::path& path) {
     return fs::exists(path, error);
 }
 
-Scenario Load(const std::string& path) {
-    auto loaded = LoadScenario(path);
+// `name`: of the file, for messages.
+Scenario Load(const std::string& path, const std::string& name) {
+    auto loaded = LoadScenario(path, name);
     if (const auto* error = std::get_if<ScenarioError>(&loaded)) {
         throw UserError("scenario " + error->text);
     }
@@ -84,11 +89,33 @@ std::string FindScenario(const std::string& text) {
     return fs::absolute(text);
 }
 
-void CheckCallLog(const std::string& path) {
-    if (path.empty()) return;
-    std::FILE* const file = std::fopen(path.c_str(), "ae");
-    if (file == nullptr) throw UserError("journal " + path + ": " + std::strerror(errno));
-    std::fclose(file);
+// A scenario that is no file but a pipe can be read only once, and the program reads it, too: a
+// copy of it then, for the program to inherit, and else nothing.
+testkit::Descriptor CopyOfPipe(const std::string& path) {
+    std::error_code error;
+    const auto kind = fs::status(path, error).type();
+    if (path.empty() || (kind != fs::file_type::fifo && kind != fs::file_type::socket &&
+                         kind != fs::file_type::character)) {
+        return {};
+    }
+    testkit::Descriptor copy(::memfd_create("scenario", MFD_CLOEXEC));
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    const std::string content = text.str();
+    if (::write(copy.Get(), content.data(), content.size()) !=
+        static_cast<ssize_t>(content.size())) {
+        throw UserError("scenario " + path + ": cannot keep a copy: " + std::strerror(errno));
+    }
+    return copy;
+}
+
+// Opens the call log, in words if that fails; empty without a path. Until it is closed a FIFO has
+// its reader, so that the program does not wait for one.
+testkit::Descriptor OpenCallLog(const std::string& path) {
+    if (path.empty()) return {};
+    testkit::Descriptor file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666));
+    if (!file) throw UserError("journal " + path + ": " + std::strerror(errno));
+    return file;
 }
 
 // A unit's own libraries: the names by which the program asks for them, and the files; empty: the
@@ -121,7 +148,8 @@ std::string LibraryPath(UnitFolder& folder, const std::string& standIns,
     for (const auto& library : libraries) {
         if (library.file.empty()) continue;
         links = folder.Link(library.name, library.file) + ":";
-        beside += ":" + fs::path(library.file).parent_path().string();
+        beside += ":" + folder.Listable(fs::path(library.file).parent_path(),
+                                        std::string("beside-") + library.name);
     }
     return Before(links + standIns + beside, "LD_LIBRARY_PATH", ':');
 }
@@ -211,7 +239,7 @@ std::vector<std::pair<std::string, std::string>> ShippedScenarios() {
     for (const auto& entry : folder) {
         const fs::path name = entry.path().stem();
         if (entry.path().extension() != kEnding || name.extension() == kSchemaEnding) continue;
-        scenarios.emplace_back(name, Load(entry.path()).description);
+        scenarios.emplace_back(name, Load(entry.path(), entry.path()).description);
     }
     std::ranges::sort(scenarios);
     return scenarios;
@@ -219,15 +247,22 @@ std::vector<std::pair<std::string, std::string>> ShippedScenarios() {
 
 int RunOnUnit(const RunOptions& options) {
     const std::string scenario = FindScenario(options.scenario);
-    const Scenario loaded = scenario.empty() ? Scenario() : Load(scenario);
-    const std::string standIns = StandInFolder();
+    const auto copy = CopyOfPipe(scenario);
+    const std::string source = copy ? "/proc/self/fd/" + std::to_string(copy.Get()) : scenario;
+    const Scenario loaded = source.empty() ? Scenario() : Load(source, scenario);
+    const std::string installed = StandInFolder();
     const auto libraries = OwnLibraries(options);
 
     const sigset_t passed = PassedSignals();
     sigset_t formerMask;
     sigprocmask(SIG_BLOCK, &passed, &formerMask);
     UnitFolder folder(options.folder);
-    CheckCallLog(options.callLog);  // it may be in that folder
+    const std::string standIns = folder.Listable(installed, "stand-ins");
+    // It may be in that folder. A signal ends the wait for the reader of a FIFO, and the watcher
+    // removes what is there.
+    sigprocmask(SIG_SETMASK, &formerMask, nullptr);
+    const auto callLog = OpenCallLog(options.callLog);
+    sigprocmask(SIG_BLOCK, &passed, nullptr);
     for (const auto& library : libraries) TellLibrary(library);
 
     if (options.describes) Describe(options.scenario, loaded, folder);
@@ -242,10 +277,11 @@ int RunOnUnit(const RunOptions& options) {
     call.ownGroup = ::isatty(STDIN_FILENO) == 0;
     call.mask = &formerMask;
     call.inherited = {folder.HostSocket().Get(), folder.ControlSocket().Get()};
+    if (copy) call.inherited.push_back(copy.Get());
     call.environment = {
         {"LD_LIBRARY_PATH", LibraryPath(folder, standIns, libraries)},
         {"LD_PRELOAD", Before(standIns + "/" + kNodeLibrary, "LD_PRELOAD", ':')},
-        {kScenarioVariable, scenario},
+        {kScenarioVariable, source},
         {kCallLogVariable, options.callLog.empty() ? "" : fs::absolute(options.callLog).string()},
         {kFolderVariable, folder.Path()},
         {kHostSocketVariable, std::to_string(folder.HostSocket().Get())},

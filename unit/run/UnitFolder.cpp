@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -28,7 +29,11 @@ constexpr int kStartLockTries = 30;
 constexpr int kWatcherTries = 100;
 constexpr unsigned kPauseUs = 10000;
 
-constexpr int kPipe = 0;  // the watcher's only descriptor
+constexpr int kConnection = 0;  // the watcher's only descriptor
+
+// A file in each folder that a unit has created. Whoever has the folder's lock at the end removes
+// both, which need not be the unit that created it.
+constexpr char kMark[] = "/.vexa-unit";
 
 [[noreturn]] void Fail(const std::string& path, const char* why) {
     throw UserError("cannot make the folder " + path + ": " + why);
@@ -47,21 +52,44 @@ bool LockWithin(int tries, const Descriptor& folder) {
 bool IsFolder(const std::string& path, const Descriptor& folder) {
     struct stat open {};
     struct stat named {};
-    return ::fstat(folder.Get(), &open) == 0 && ::lstat(path.c_str(), &named) == 0 &&
+    return ::fstat(folder.Get(), &open) == 0 && ::stat(path.c_str(), &named) == 0 &&
            open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
-// The folder of the links. Nothing but links is ever put there.
-std::string LinkFolder(const std::string& folder) { return folder + "/.libraries"; }
+// Whether LD_LIBRARY_PATH and LD_PRELOAD take `path` as one element, and literally.
+bool FitsInList(const std::string& path) { return path.find_first_of(" \t\n:;$") == path.npos; }
 
+// The unit's own folders are made there: $TMPDIR, or /tmp where that is not `suitable`.
+template <typename Suitable>
+std::string NewTemporaryFolder(const std::string& name, Suitable suitable) {
+    const char* const chosen = std::getenv("TMPDIR");
+    std::string pattern = "/tmp/" + name;
+    if (chosen != nullptr && *chosen != '\0') {
+        const std::string there = std::filesystem::absolute(chosen) / name;
+        if (suitable(there)) pattern = there;
+    }
+    if (::mkdtemp(pattern.data()) == nullptr) Fail(pattern, std::strerror(errno));
+    return pattern;
+}
+
+// Nothing but links is ever put into the folder; whatever else is there is not the unit's.
 void RemoveLinks(const std::string& folder) {
     std::error_code error;
-    std::filesystem::remove_all(LinkFolder(folder), error);
+    for (std::filesystem::directory_iterator entry(folder, error), end; entry != end;
+         entry.increment(error)) {
+        if (entry->is_symlink(error)) std::filesystem::remove(entry->path(), error);
+    }
+    ::rmdir(folder.c_str());
+}
+
+// With its lock held.
+void RemoveFolderIfMade(const std::string& folder) {
+    if (::unlink((folder + kMark).c_str()) == 0) ::rmdir(folder.c_str());
 }
 
 // After the unit was killed. Its lock goes with it, unless a new unit has taken the folder over:
 // then everything in it belongs to that one.
-void TidyUp(const std::string& path, bool made) {
+void TidyUp(const std::string& path, const std::string& links) {
     const Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder || !LockWithin(kWatcherTries, folder)) return;
     // The program dies with the unit, but perhaps a moment later.
@@ -70,41 +98,42 @@ void TidyUp(const std::string& path, bool made) {
             ::usleep(kPauseUs);
         }
     }
-    RemoveLinks(path);
-    if (made) ::rmdir(path.c_str());
+    RemoveLinks(links);
+    RemoveFolderIfMade(path);
 }
 
-int Watch(const std::string& folder, bool made, int pipe) {
+int Watch(const std::string& folder, const std::string& links, int connection) {
     ::setsid();
     // Not the unit's name, so that whoever kills units by name spares the watcher.
     ::prctl(PR_SET_NAME, "vexa-watch");
     for (const int signal : {SIGTERM, SIGINT, SIGHUP, SIGQUIT}) ::signal(signal, SIG_IGN);
     [[maybe_unused]] const int moved = ::chdir("/");  // keeps no file system busy either
-    ::dup2(pipe, kPipe);
-    ::close_range(kPipe + 1, ~0U, 0);
+    ::dup2(connection, kConnection);
+    ::close_range(kConnection + 1, ~0U, 0);
     char dismissed = 0;
     ssize_t got = 0;
     do {
-        got = ::read(kPipe, &dismissed, 1);
+        got = ::read(kConnection, &dismissed, 1);
     } while (got < 0 && errno == EINTR);
-    if (got == 0) TidyUp(folder, made);
+    if (got == 0) TidyUp(folder, links);
     return EXIT_SUCCESS;
 }
 
 }  // namespace
 
-Watcher::Watcher(const std::string& folder, bool made) {
+Watcher::Watcher(const std::string& folder, const std::string& links) {
     std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) return;
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) return;
     const Descriptor reading(ends[0]);
     alive = Descriptor(ends[1]);
-    process = testkit::StartApart([&] { return Watch(folder, made, reading.Get()); });
+    process = testkit::StartApart([&] { return Watch(folder, links, reading.Get()); });
 }
 
 Watcher::~Watcher() {
     if (process < 0) return;
     const char word = 1;
-    [[maybe_unused]] const auto written = ::write(alive.Get(), &word, 1);
+    // Somebody may have killed it.
+    [[maybe_unused]] const auto sent = ::send(alive.Get(), &word, 1, MSG_NOSIGNAL);
     ::waitpid(process, nullptr, 0);
 }
 
@@ -114,34 +143,37 @@ UnitFolder::UnitFolder(const std::string& path_) {
     } else {
         Make(path_);
     }
+    while (!Lock()) Make(path);
     try {
-        while (!Lock()) Make(path);
-        RemoveLinks(path);  // that a killed unit has left
+        ChooseLinkFolder();
         Listen();
     } catch (...) {
         RemoveAll();
         throw;
     }
-    watcher = std::make_unique<Watcher>(path, made);
+    watcher = std::make_unique<Watcher>(path, linkFolder);
 }
 
 UnitFolder::~UnitFolder() { RemoveAll(); }
 
 void UnitFolder::MakeTemporary() {
-    const char* const parent = std::getenv("TMPDIR");
-    std::string pattern = parent == nullptr || *parent == '\0' ? "/tmp" : parent;
-    pattern += "/vexa-unit-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) Fail(pattern, std::strerror(errno));
-    path = std::filesystem::absolute(pattern);
-    made = true;
+    path = NewTemporaryFolder("vexa-unit-XXXXXX", [](const std::string& folder) {
+        return FitsSocket(ControlSocketPath(folder));
+    });
+    Mark();
 }
 
 void UnitFolder::Make(const std::string& path_) {
     path = std::filesystem::absolute(path_).lexically_normal();
     while (path.size() > 1 && path.back() == '/') path.pop_back();
-    made = ::mkdir(path.c_str(), 0777) == 0;
-    if (!made && errno != EEXIST) Fail(path_, std::strerror(errno));
+    if (::mkdir(path.c_str(), 0777) == 0) return Mark();
+    if (errno != EEXIST) Fail(path_, std::strerror(errno));
     if (!std::filesystem::is_directory(path)) Fail(path_, "there is a file of that name");
+}
+
+void UnitFolder::Mark() const {
+    const Descriptor mark(
+        ::open((path + kMark).c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
 }
 
 bool UnitFolder::Lock() {
@@ -150,9 +182,17 @@ bool UnitFolder::Lock() {
     if (!lock) throw UserError("cannot open the folder " + path + ": " + std::strerror(errno));
     if (!LockWithin(kStartLockTries, lock)) {
         if (errno == EWOULDBLOCK) throw UserError("another unit is running in " + path);
-        throw UserError("cannot lock the folder " + path + ": " + std::strerror(errno));
+        const std::string why = std::strerror(errno);
+        RemoveFolderIfMade(path);  // nobody else can have the lock either
+        throw UserError("cannot lock the folder " + path + ": " + why);
     }
     return IsFolder(path, lock);
+}
+
+void UnitFolder::ChooseLinkFolder() {
+    linkFolder = path + "/.libraries";
+    RemoveLinks(linkFolder);  // that a killed unit has left
+    if (!FitsInList(linkFolder)) linkFolder = NewTemporaryFolder("vexa-links-XXXXXX", FitsInList);
 }
 
 void UnitFolder::Listen() {
@@ -167,13 +207,15 @@ void UnitFolder::Listen() {
 }
 
 std::string UnitFolder::Link(const std::string& name, const std::string& target) {
-    std::string links = LinkFolder(path);
     std::error_code error;
-    hasLinks = true;
-    std::filesystem::create_directory(links, error);
-    std::filesystem::create_symlink(target, links + "/" + name, error);
-    if (error) throw UserError("cannot make a link in " + links + ": " + error.message());
-    return links;
+    std::filesystem::create_directory(linkFolder, error);
+    std::filesystem::create_symlink(target, linkFolder + "/" + name, error);
+    if (error) throw UserError("cannot make a link in " + linkFolder + ": " + error.message());
+    return linkFolder;
+}
+
+std::string UnitFolder::Listable(const std::string& folder, const std::string& name) {
+    return FitsInList(folder) ? folder : Link(name, folder) + "/" + name;
 }
 
 void UnitFolder::ReleaseSockets() {
@@ -182,9 +224,9 @@ void UnitFolder::ReleaseSockets() {
 }
 
 void UnitFolder::RemoveAll() const {
-    for (const auto& socket : sockets) ::unlink(socket.c_str());
-    if (hasLinks) RemoveLinks(path);
-    if (made) ::rmdir(path.c_str());
+    for (const auto& socket : sockets) RemoveSocket(socket);
+    RemoveLinks(linkFolder);
+    RemoveFolderIfMade(path);
 }
 
 }  // namespace vexa::unit

@@ -13,12 +13,11 @@ namespace vexa::unit {
 
 // Removes what a unit has in its folder when vexa-unit is killed and cannot do so itself. It is a
 // process in a session of its own, so that killing the unit's process group spares it. It notices
-// the end of this process by a pipe, and keeps no other file open. Needs a process without other
+// the end of this process by a socket, and keeps no other file open. Needs a process without other
 // threads.
 class Watcher {
   public:
-    // `made`: the folder is removed as well, if nothing else is in it.
-    Watcher(const std::string& folder, bool made);
+    Watcher(const std::string& folder, const std::string& links);
     Watcher(const Watcher&) = delete;
     Watcher& operator=(const Watcher&) = delete;
     // Ends the process; nothing is left to remove.
@@ -26,15 +25,17 @@ class Watcher {
 
   private:
     pid_t process = -1;         // -1: there is none, and a killed unit leaves its sockets behind
-    testkit::Descriptor alive;  // the end of the pipe that closes with this process
+    testkit::Descriptor alive;  // the end of the connection that closes with this process
 };
 
 // Creates and locks the folder on construction. On destruction, or when this process is killed, the
-// sockets and links are removed, and the folder, too, if it was created here. One thread at a time.
+// sockets and links are removed, and the folder, too, if a unit has created it. One thread at a
+// time.
 class UnitFolder {
   public:
-    // An empty `path` stands for a new temporary folder. Throws UserError when the folder cannot be
-    // made, when another unit runs in it or when its sockets cannot be made.
+    // An empty `path` stands for a new temporary folder, in $TMPDIR unless its name is too long for
+    // a socket. Throws UserError when the folder cannot be made, when another unit runs in it or
+    // when its sockets cannot be made.
     explicit UnitFolder(const std::string& path);
     UnitFolder(const UnitFolder&) = delete;
     UnitFolder& operator=(const UnitFolder&) = delete;
@@ -43,9 +44,12 @@ class UnitFolder {
     // Absolute.
     [[nodiscard]] const std::string& Path() const { return path; }
 
-    // Makes a link called `name` to the file `target`, in a folder of its own within this one.
-    // Returns that folder. Throws UserError.
+    // Makes a link called `name` to the file `target`, in a folder for the unit's links, whose path
+    // can be an element of LD_LIBRARY_PATH and LD_PRELOAD. Returns that folder. Throws UserError.
     [[nodiscard]] std::string Link(const std::string& name, const std::string& target);
+
+    // `folder` by a path that can be such an element: its own, or that of a link called `name`.
+    [[nodiscard]] std::string Listable(const std::string& folder, const std::string& name);
 
     // The listening sockets, for the program to inherit.
     [[nodiscard]] const testkit::Descriptor& HostSocket() const { return hostSocket; }
@@ -58,6 +62,9 @@ class UnitFolder {
   private:
     void MakeTemporary();
     void Make(const std::string& path);
+    // Notes in the folder that it was made by a unit.
+    void Mark() const;
+    void ChooseLinkFolder();
     // Keeps other units out, also while the first is starting. False when another unit has just
     // removed the folder.
     [[nodiscard]] bool Lock();
@@ -65,12 +72,11 @@ class UnitFolder {
     void RemoveAll() const;
 
     std::string path;
-    bool made = false;
+    std::string linkFolder;
     testkit::Descriptor lock;
     testkit::Descriptor hostSocket;
     testkit::Descriptor controlSocket;
     std::vector<std::string> sockets;  // paths of those that were made
-    bool hasLinks = false;
     std::unique_ptr<Watcher> watcher;
 };
 
