@@ -149,6 +149,7 @@ void Node::AnswerRead() {
     answer.resize(std::min(readSize, endpoints.Held()));
     endpoints.Take({reinterpret_cast<std::uint8_t*>(answer.data()), answer.size()});
     fuse_reply_buf(std::exchange(reading, nullptr), answer.data(), answer.size());
+    used = true;
 }
 
 // --- writing
@@ -163,6 +164,7 @@ void Node::Write(fuse_req* request, std::span<const std::uint8_t> bytes) {
         fuse_reply_write(request, 0);
     } else {
         writing = request;
+        used = true;
         endpoints.Send(bytes.first(std::min(bytes.size(), Endpoints::kMaxSend)));
         if (writing != nullptr) fuse_req_interrupt_func(request, NodeCalls::Interrupted, this);
     }
@@ -205,12 +207,13 @@ void Node::Ioctl(fuse_req* request, unsigned command, void* argument, std::size_
     }
     fuse_reply_ioctl(request, 0, &value, sizeof value);
     toldIn = value != 0;
+    if (!toldIn) used = false;
     if (held) OnHoldOver();
 }
 
-// A host has come anew. An opener that knows of an earlier one must see an absence first.
+// A host has come anew. An opener that has dealt with an earlier one must see an absence first.
 void Node::OnConfigured() {
-    if (!open || !toldIn) return;
+    if (!open || !toldIn || !used) return;
     held = true;
     itimerspec end{};
     end.it_value.tv_sec = kMaxHold.count() / 1000;
