@@ -72,8 +72,8 @@ class Node {
     bool ready = false;
     bool open = false;
     bool toldIn = false;  // the opener's last answer: the cable is in
-    bool held =
-        false;  // the cable counts as out until the opener has been told, or kMaxHold is over
+    bool used = false;    // bytes have passed since it was told that the cable is out
+    bool held = false;    // the cable counts as out: until the opener is told, or kMaxHold is over
 
     fuse_req* reading = nullptr;  // requests that wait
     std::size_t readSize = 0;
