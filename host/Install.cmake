@@ -25,6 +25,10 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vexahostConfig.cmake
 # Relative to itself, so that it is right wherever the installation is moved or staged.
 file(RELATIVE_PATH pkgconfig_to_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 string(REGEX REPLACE "/$" "" pkgconfig_to_prefix "${pkgconfig_to_prefix}")
+set(vexahost_requires "")
+if(LIBUSB_FOUND)
+  set(vexahost_requires libusb-1.0)
+endif()
 configure_file(vexahost.pc.in ${CMAKE_CURRENT_BINARY_DIR}/vexahost.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vexahost.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT library)
