@@ -46,6 +46,9 @@ struct Adder {
         };
         return command.add_option(option.name, *value, option.help)->check(isGiven);
     }
+    CLI::Option* operator()(const FlagWithValue& flag) const {
+        return command.add_flag(option.name + "{" + flag.bare + "}", *flag.value, option.help);
+    }
     CLI::Option* operator()(const Number& number) const {
         return command.add_option(option.name, *number.value, option.help)
             ->check(CLI::Range(number.least, number.most));
@@ -95,7 +98,8 @@ vexa::testkit::Command CommandOf(const Program& program) {
                 command.arguments.push_back({option.name, true, option.placeholder, option.help});
                 continue;
             }
-            const bool takesValue = !std::holds_alternative<bool*>(option.target);
+            const bool takesValue = !std::holds_alternative<bool*>(option.target) &&
+                                    !std::holds_alternative<FlagWithValue>(option.target);
             // An option's short name comes first.
             for (std::size_t from = 0; from < option.name.size();) {
                 const std::size_t comma = std::min(option.name.find(',', from), option.name.size());
@@ -122,9 +126,32 @@ std::vector<std::string> ValuesOf(const vexa::testkit::Command& /*command*/,
     return names;
 }
 
+// `words` with the value of each FlagWithValue joined to it, as the parser wants it.
+std::vector<std::string> Joined(const Program& program, const std::vector<std::string>& words) {
+    const auto isValueOf = [&](const std::string& word, const std::string& name) {
+        for (const Verb& verb : program.verbs) {
+            for (const Option& option : verb.options) {
+                const auto* const flag = std::get_if<FlagWithValue>(&option.target);
+                if (flag != nullptr && option.name == name) return flag->isValue(word);
+            }
+        }
+        return false;
+    };
+    std::vector<std::string> joined;
+    for (const std::string& word : words) {
+        if (!joined.empty() && isValueOf(word, joined.back())) {
+            joined.back() += "=" + word;
+        } else {
+            joined.push_back(word);
+        }
+    }
+    return joined;
+}
+
 }  // namespace
 
-ExitCode RunProgram(const Program& program, const std::vector<std::string>& words) {
+ExitCode RunProgram(const Program& program, const std::vector<std::string>& given) {
+    const std::vector<std::string> words = Joined(program, given);
     ExitCode exitCode = kExitDone;
     CLI::App parser(program.summary, program.name);
     parser.set_version_flag("--version", program.name + " " VEXA_VERSION, "Print the version");

@@ -27,10 +27,19 @@ struct WordList {
     std::size_t most;
 };
 
+// A flag that may be followed by a value of its own form, so that no other word is mistaken for it.
+// `value` becomes `bare` without one.
+struct FlagWithValue {
+    std::string* value;
+    std::string bare;
+    bool (*isValue)(const std::string& word);
+};
+
 // Where the value of an option is stored; its type says what may be typed. The objects live as long
 // as the verb's `run`, which usually owns them.
 using Target = std::variant<bool*,                                      // a flag
                             std::string*, Number, WordList,             //
+                            FlagWithValue,                              //
                             std::optional<std::chrono::milliseconds>*,  // "3s", "500ms", "2m"
                             std::vector<std::string>*>;                 // may be repeated
 

@@ -15,6 +15,7 @@
 #include "tool/Parse.h"
 #include "vexahost/SerialTransport.h"
 #include "vexahost/SocketTransport.h"
+#include "vexahost/UsbTransport.h"
 
 namespace vexahost::tool {
 
@@ -61,15 +62,30 @@ Expected<std::unique_ptr<Transport>> OpenSerial(const std::string& text, bool fl
     return OpenSerialLine(text.substr(0, colon), options);
 }
 
+Expected<UsbAddress> ParseUsb(const std::string& text) {
+    return UsbAddress::Parse(text == UnitAddress::kAnyUsb ? "" : text);
+}
+
+bool IsUsbAddress(const std::string& word) { return !word.empty() && ParseUsb(word).has_value(); }
+
 }  // namespace
 
-const std::string& UnitAddress::Text() const {
+std::string UnitAddress::Text() const {
+    if (!usb.empty()) {
+        const auto address = ParseUsb(usb);
+        return "USB " + (address ? address->Text() : usb);
+    }
     if (!serial.empty()) return serial;
     return tcp.empty() ? directory : tcp;
 }
 
 TransportFactory UnitAddress::Factory() const {
     return [unit = *this](const ConnectLimits& limits) -> Expected<std::unique_ptr<Transport>> {
+        if (!unit.usb.empty()) {
+            const auto address = ParseUsb(unit.usb);
+            if (!address) return address.error();
+            return UsbTransport::Connect(*address);
+        }
         if (!unit.serial.empty()) return OpenSerial(unit.serial, unit.flowControl);
         if (!unit.tcp.empty()) return SocketTransport::ConnectTcp(unit.tcp, limits);
         return SocketTransport::ConnectUnit(unit.directory, limits);
@@ -102,6 +118,11 @@ std::vector<Option> WithUnitOptions(UnitAddress& unit, std::vector<Option> more)
          .help = "flow control on the serial line",
          .target = &unit.flowControl,
          .needs = "--serial"},
+        {.name = "--usb",
+         .placeholder = "[VENDOR:PRODUCT[:SERIAL]]",
+         .help = "a unit on the USB (1209:0001, any serial number)",
+         .target = FlagWithValue{&unit.usb, UnitAddress::kAnyUsb, IsUsbAddress},
+         .excludes = {"--dir", "--tcp", "--serial"}},
     };
     options.insert(options.end(), more.begin(), more.end());
     return options;
@@ -136,7 +157,7 @@ Expected<ClientHandle> ConnectWithController(const UnitAddress& unit, ClientOpti
 std::vector<VirtualDevice> ListDevices(const UnitAddress& unit) {
     constexpr Milliseconds kPatience{1000};
     constexpr std::string_view kRequest = "{\"request\": \"state\"}\n";
-    if (!unit.serial.empty() || !unit.tcp.empty()) return {};
+    if (!unit.serial.empty() || !unit.tcp.empty() || !unit.usb.empty()) return {};
     const std::filesystem::path given = unit.directory;
     std::error_code ignored;
     const auto folder = std::filesystem::is_directory(given, ignored) ? given : given.parent_path();

@@ -21,15 +21,18 @@ inline constexpr ChildId kFirstDeviceId = 0x1001;
 // The unit's directory when none is given: $VEXA_UNIT_DIR, else "build/unit".
 std::string DefaultUnitDirectory();
 
-// Where the unit is: the serial line if there is one, else the TCP address, else the directory.
+// Where the unit is: on the USB, on the serial line, at the TCP address, or else in the directory.
 struct UnitAddress {
     std::string directory = DefaultUnitDirectory();  // of a virtual unit, or its host socket
     std::string tcp;                                 // "HOST" or "HOST:PORT"
     std::string serial;                              // "PATH" or "PATH:BAUD"
     bool flowControl = false;                        // on the serial line
+    std::string usb;                                 // kAnyUsb, or as UsbAddress::Parse reads it
 
-    // The one that is used.
-    [[nodiscard]] const std::string& Text() const;
+    static constexpr const char* kAnyUsb = "any";
+
+    // The one that is used, for a person.
+    [[nodiscard]] std::string Text() const;
 
     // Makes connections to the unit.
     [[nodiscard]] TransportFactory Factory() const;

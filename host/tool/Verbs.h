@@ -18,5 +18,6 @@ Verb RecordVerb();
 Verb DecodeVerb();
 Verb ReplayVerb();
 Verb DemoVerb();
+Verb DevicesVerb();
 
 }  // namespace vexahost::tool

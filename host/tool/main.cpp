@@ -26,9 +26,9 @@ int main(int argc, char** argv) {
              "5 another host is connected to the unit; 6 standard output could not be written; "
              "130\n"
              "interrupted.",
-             {SyncVerb(), QueryVerb(), TakeoverVerb(), OpenVerb(), CloseVerb(), SendVerb(),
-              StreamVerb(), PingVerb(), ShellVerb(), RecordVerb(), DecodeVerb(), ReplayVerb(),
-              DemoVerb()}},
+             {DevicesVerb(), SyncVerb(), QueryVerb(), TakeoverVerb(), OpenVerb(), CloseVerb(),
+              SendVerb(), StreamVerb(), PingVerb(), ShellVerb(), RecordVerb(), DecodeVerb(),
+              ReplayVerb(), DemoVerb()}},
             {argv + 1, argv + argc});
         return vexa::testkit::CheckOutput("vexa-host", code, kExitOutput);
     } catch (const std::exception& error) {  // the system is out of memory or threads

@@ -1,0 +1,84 @@
+#include <cstdio>
+
+#include "tool/Connection.h"
+#include "tool/JsonObject.h"
+#include "tool/Verbs.h"
+#include "vexahost/UsbTransport.h"
+
+namespace vexahost::tool {
+
+namespace {
+
+struct DevicesOptions {
+    std::vector<std::string> folders;
+    bool json = false;
+};
+
+void PrintUsbUnit(const UsbUnit& unit, bool json) {
+    const std::string name =
+        unit.manufacturer + (unit.manufacturer.empty() ? "" : " ") + unit.product;
+    if (json) {
+        JsonObject object;
+        object.Add("usb", unit.address.Text()).Add("name", name).Add("place", unit.place);
+        if (!unit.problem.empty()) object.Add("problem", unit.problem);
+        object.PrintLine();
+        return;
+    }
+    std::printf("--usb %s  %s%s%s\n", unit.address.Text().c_str(), name.c_str(),
+                name.empty() ? "" : ", ", unit.place.c_str());
+    if (!unit.problem.empty()) std::printf("    %s\n", unit.problem.c_str());
+}
+
+void PrintVirtualUnit(const std::string& folder, const std::vector<VirtualDevice>& devices,
+                      bool json) {
+    std::string names;
+    for (const VirtualDevice& device : devices) names += (names.empty() ? "" : ", ") + device.name;
+    if (json) {
+        JsonObject()
+            .Add("dir", folder)
+            .Add("name", "virtual unit")
+            .Add("devices", names)
+            .PrintLine();
+    } else {
+        std::printf("--dir %s  virtual unit, %s\n", folder.c_str(), names.c_str());
+    }
+}
+
+ExitCode RunDevices(const DevicesOptions& options) {
+    std::size_t found = 0;
+    for (const UsbUnit& unit : UsbTransport::List()) {
+        PrintUsbUnit(unit, options.json);
+        ++found;
+    }
+    auto folders = options.folders;
+    if (folders.empty()) folders.push_back(DefaultUnitDirectory());
+    for (const std::string& folder : folders) {
+        UnitAddress unit;
+        unit.directory = folder;
+        const auto devices = ListDevices(unit);
+        if (devices.empty()) continue;
+        PrintVirtualUnit(folder, devices, options.json);
+        ++found;
+    }
+    if (found > 0) return kExitDone;
+    std::string looked =
+        UsbTransport::IsAvailable() ? "on the USB (" + UsbAddress().Text() + ")" : "";
+    for (const std::string& folder : folders) looked += (looked.empty() ? "in " : ", in ") + folder;
+    return ReportError({ErrorKind::kCannotConnect, "no unit found: " + looked});
+}
+
+}  // namespace
+
+Verb DevicesVerb() {
+    const auto options = std::make_shared<DevicesOptions>();
+    return {
+        .name = "devices",
+        .summary = "List the units that are plugged in, and virtual units that run",
+        .options = {{"DIR", "", "directories of virtual units ($VEXA_UNIT_DIR, else build/unit)",
+                     &options->folders},
+                    {"--json", "", "a JSON object for each unit", &options->json}},
+        .notes = "Example: vexa-host devices",
+        .run = [options] { return RunDevices(*options); }};
+}
+
+}  // namespace vexahost::tool
