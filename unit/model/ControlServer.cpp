@@ -76,7 +76,7 @@ void ControlServer::AcceptClient() {
         clients.back().isEnding = true;
         Write(clients.back());
         clients.pop_back();
-    } else if (!connection && (errno == EMFILE || errno == ENFILE)) {
+    } else if (errno == EMFILE || errno == ENFILE) {
         pollfd woken{wake.Get(), POLLIN, 0};
         ::poll(&woken, 1, kRetryMs);
     }

@@ -90,6 +90,7 @@ void RemoveFolderIfMade(const std::string& folder) {
 // After the unit was killed. Its lock goes with it, unless a new unit has taken the folder over:
 // then everything in it belongs to that one.
 void TidyUp(const std::string& path, const std::string& links) {
+    if (!links.starts_with(path)) RemoveLinks(links);  // a folder that no other unit uses
     const Descriptor folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!folder || !LockWithin(kWatcherTries, folder)) return;
     // The program dies with the unit, but perhaps a moment later.

@@ -201,6 +201,16 @@ void AddWaitRequest(CLI::App& ctl, ControlRequest& request) {
                  "Exit status: 0 the conditions hold; 3 timeout; 1 and 2 as for all of ctl.");
 }
 
+// The options of ctl may follow its commands; their help says so.
+void MentionCommonOptions(CLI::App& of) {
+    for (CLI::App* const command : of.get_subcommands([](const CLI::App*) { return true; })) {
+        const std::string text = command->get_footer();
+        command->footer(text + (text.empty() || text.ends_with('\n') ? "" : "\n") +
+                        "--dir DIR and --json: as for all of ctl.");
+        MentionCommonOptions(*command);
+    }
+}
+
 void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
     CLI::App* const ctl =
         app.add_subcommand("ctl", "Show the state of a running unit, and change it");
@@ -253,6 +263,7 @@ void AddCtlCommand(CLI::App& app, ControlOptions& options, int& status) {
                "events")
         ->footer("Example: vexa-unit ctl events | grep --line-buffered '\"cable\"'");
 
+    MentionCommonOptions(*ctl);
     ctl->final_callback([ctl, &options, &status] {
         const bool isRequest = !ctl->get_subcommands().empty();
         if (isRequest == !options.raw.empty()) {
