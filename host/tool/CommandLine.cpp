@@ -23,6 +23,12 @@ class HelpText final : public CLI::Formatter {
         return text.empty() || text == " " ? "" : " " + text;
     }
 
+    // Without the value that a flag has by itself.
+    std::string make_option_name(const CLI::Option* option, bool isPositional) const override {
+        const std::string name = CLI::Formatter::make_option_name(option, isPositional);
+        return name.substr(0, name.find('{'));
+    }
+
     std::string make_option_usage(const CLI::Option* option) const override {
         std::string text = option->get_name(true);
         if (option->get_expected_max() > 1) text += "...";

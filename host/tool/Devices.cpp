@@ -31,8 +31,8 @@ void PrintUsbUnit(const UsbUnit& unit, bool json) {
 
 void PrintVirtualUnit(const std::string& folder, const std::vector<VirtualDevice>& devices,
                       bool json) {
-    std::string names;
-    for (const VirtualDevice& device : devices) names += (names.empty() ? "" : ", ") + device.name;
+    std::vector<std::string> names;
+    for (const VirtualDevice& device : devices) names.push_back(device.name);
     if (json) {
         JsonObject()
             .Add("dir", folder)
@@ -40,7 +40,9 @@ void PrintVirtualUnit(const std::string& folder, const std::vector<VirtualDevice
             .Add("devices", names)
             .PrintLine();
     } else {
-        std::printf("--dir %s  virtual unit, %s\n", folder.c_str(), names.c_str());
+        std::printf("--dir %s  virtual unit with", folder.c_str());
+        for (const std::string& name : names) std::printf(" %s", name.c_str());
+        std::printf("\n");
     }
 }
 

@@ -46,6 +46,10 @@ JsonObject& JsonObject::Add(std::string_view name, std::span<const double> value
     return AddText(name, list += ']');
 }
 
+JsonObject& JsonObject::Add(std::string_view name, const std::vector<std::string>& values) {
+    return AddText(name, Written(values));
+}
+
 void JsonObject::PrintLine() const { std::printf("{%s}\n", entries.c_str()); }
 
 std::vector<VirtualDevice> AttachedDevices(const std::string& state) {

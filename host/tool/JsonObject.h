@@ -34,6 +34,9 @@ class JsonObject {
     // An array of numbers; whole ones stand without a fraction.
     JsonObject& Add(std::string_view name, std::span<const double> values);
 
+    // An array of texts.
+    JsonObject& Add(std::string_view name, const std::vector<std::string>& values);
+
     [[nodiscard]] std::string Text() const { return std::string("{").append(entries).append("}"); }
 
     // Prints the object as one line on standard output.
