@@ -61,7 +61,11 @@ Expected<RequestHandle> Inbox::Begin(Request request, Deadline deadline) {
     MutexLock lock(mutex);
     const bool isCommand = request.source == ReplySource::kController;
     if (isCommand) {
-        if (auto error = AwaitTurn(lock, request, deadline)) return *error;
+        waiting.push_back(&request);
+        const auto error = AwaitTurn(lock, request, deadline);
+        std::erase(waiting, &request);
+        changed.notify_all();  // another may be the first now
+        if (error) return *error;
     }
     const auto begun = std::make_shared<Request>(std::move(request));
     begun->sequence = FreeSequence();
@@ -73,6 +77,7 @@ Expected<RequestHandle> Inbox::Begin(Request request, Deadline deadline) {
 std::optional<Error> Inbox::AwaitTurn(MutexLock& lock, const Request& request, Deadline deadline) {
     const std::uint64_t mine = connection;
     const bool reopens = Is(request, ControllerCommand::kReopenController);
+    bool isNext = false;
     for (;;) {
         if (connection != mine) return formerError;
         if (linkError) return linkError;
@@ -80,14 +85,16 @@ std::optional<Error> Inbox::AwaitTurn(MutexLock& lock, const Request& request, D
                                               [](const auto& entry) { return entry->source; });
         if (holder != requests.end() && (*holder)->isLate && reopens) {
             requests.erase(holder);
+            isNext = true;
             continue;
         }
-        if (holder == requests.end()) {
+        isNext = isNext || waiting.front() == &request;
+        if (holder == requests.end() && isNext) {
             if (reopens || controllerOpen) return std::nullopt;
             return NotOpen(request.what + ": the controller is not open");
         }
         const std::string why =
-            (*holder)->isLate
+            holder != requests.end() && (*holder)->isLate
                 ? "the unit has not answered an earlier request yet: " + (*holder)->what
                 : "the controller was busy too long for: " + request.what;
         if (auto error = WaitEnds(deadline, why)) return error;

@@ -52,7 +52,8 @@ using RequestHandle = std::shared_ptr<Request>;
 // Any thread. Waits end with the link, at their deadline, and when `isCancelled` returns true.
 //
 // The unit drops a controller command that comes while it executes another. So one command at a
-// time has the turn: from Begin until its reply is here, also when nobody waits for that any more.
+// time has the turn, in the order of the calls of Begin, until its reply is here, also when nobody
+// waits for that any more.
 // A late reply still changes what is open. Opening the controller takes the turn from a late
 // command, as the unit abandons it; a reply to an initial sync and a new connection do so as well.
 class Inbox {
@@ -143,6 +144,7 @@ class Inbox {
     mutable vexa::Mutex mutex;
     std::condition_variable_any changed;
     std::vector<RequestHandle> requests VEXA_GUARDED_BY(mutex);  // without a reply
+    std::vector<const Request*> waiting VEXA_GUARDED_BY(mutex);  // for their turn, in order
     std::uint8_t nextSequence VEXA_GUARDED_BY(mutex) = 1;
     ChildId controllerId VEXA_GUARDED_BY(mutex) = 0;
     bool controllerOpen VEXA_GUARDED_BY(mutex) = false;
