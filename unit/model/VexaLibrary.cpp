@@ -22,13 +22,14 @@ Status VexaLibrary::Uninit(std::uint32_t library) {
     std::vector<std::shared_ptr<DeviceStream>> closing;
     {
         const MutexLock lock(mutex);
-        if (std::erase(libraries, library) == 0) return Status::kBadHandle;
+        if (!IsOpenLocked(library)) return Status::kBadHandle;
         const auto ofLibrary = [library](const auto& item) {
             return item.second.library == library;
         };
         for (const auto& item : streams) {
             if (ofLibrary(item)) closing.push_back(item.second.stream);
         }
+        std::erase(libraries, library);
         std::erase_if(streams, ofLibrary);
         std::erase_if(lists, ofLibrary);
         std::erase_if(openDevices, ofLibrary);
