@@ -1,0 +1,258 @@
+// What the cases in the booted kernel need at both ends of the link and the tools do not do: the
+// node call by call, and bytes of any size over the bus.
+//   vm-probe calls              the node's calls: status, odd requests, a second opener
+//   vm-probe interrupt          signals end a waiting read and a waiting write
+//   vm-probe echo               writes what it reads from the node, until killed
+//   vm-probe send BYTES         sends random payloads over the bus and checks the echo
+//   vm-probe sizes PACKET       the same with sizes around whole packets of PACKET bytes
+//   vm-probe capture FILE       what passes on bus 1, as a capture file, until SIGTERM
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "vexahost/UsbTransport.h"
+#include "zt_usb.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+using Bytes = std::vector<std::uint8_t>;
+
+[[noreturn]] void Fail(const std::string& what) {
+    std::printf("vm-probe: %s (errno %d, %s)\n", what.c_str(), errno, std::strerror(errno));
+    std::exit(1);
+}
+
+void Require(bool condition, const std::string& what) {
+    if (!condition) Fail(what);
+}
+
+int OpenNode() {
+    const int node = open(ZT_USB_NODE, O_RDWR | O_EXCL);
+    Require(node >= 0, "cannot open the node");
+    return node;
+}
+
+void CheckCalls() {
+    const int node = OpenNode();
+    Require(open(ZT_USB_NODE, O_RDWR) == -1 && errno == EBUSY, "a second opener is not refused");
+    int value = -7;
+    Require(ioctl(node, ZTG_LINK_STATUS, &value) == 0 && value == 1,
+            "the cable is not reported in");
+    Require(ioctl(node, ZTG_LINK_STATUS, nullptr) == -1 && errno == EFAULT,
+            "an address of null is accepted");
+    for (const unsigned long odd : {0x5401UL, 0x80046C02UL, 0x40046C03UL, 0UL}) {
+        Require(ioctl(node, odd, &value) == -1 && errno == ENOTTY, "an odd request is not refused");
+    }
+    close(node);
+    for (int i = 0; i < 100; ++i) close(OpenNode());
+}
+
+// Runs `call` on a thread, interrupts it once it waits, and returns its errno.
+int Interrupted(const std::function<ssize_t()>& call, std::chrono::milliseconds& took) {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    std::atomic<bool> ended{false};
+    int error = 0;
+    std::thread thread([&] {
+        if (call() < 0) error = errno;
+        ended = true;
+    });
+    std::this_thread::sleep_for(200ms);
+    const auto start = Clock::now();
+    while (!ended) {
+        pthread_kill(thread.native_handle(), SIGUSR1);
+        std::this_thread::sleep_for(10ms);
+    }
+    thread.join();
+    took = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start);
+    return error;
+}
+
+void CheckInterrupts() {
+    const int node = OpenNode();
+    Bytes buffer(30000);
+    for (int i = 0; i < 3; ++i) {
+        std::chrono::milliseconds took{};
+        Require(Interrupted([&] { return read(node, buffer.data(), 3000); }, took) == EINTR,
+                "read is not interrupted");
+        std::printf("vm-probe: read ended %lld ms after a signal\n",
+                    static_cast<long long>(took.count()));
+        Require(
+            Interrupted([&] { return write(node, buffer.data(), buffer.size()); }, took) == EINTR,
+            "write is not interrupted");
+        std::printf("vm-probe: write ended %lld ms after a signal\n",
+                    static_cast<long long>(took.count()));
+    }
+}
+
+// The cable is asked for as the service does, so that a host that comes anew is let in.
+void Echo() {
+    const int node = OpenNode();
+    std::thread([node] {
+        for (;; std::this_thread::sleep_for(100ms)) {
+            int value = 0;
+            ioctl(node, ZTG_LINK_STATUS, &value);
+        }
+    }).detach();
+    Bytes buffer(65536);
+    for (;;) {
+        const ssize_t count = read(node, buffer.data(), buffer.size());
+        if (count <= 0) continue;
+        Require(write(node, buffer.data(), static_cast<std::size_t>(count)) == count ||
+                    errno == ESHUTDOWN,
+                "a write to the node failed");
+    }
+}
+
+std::unique_ptr<vexahost::Transport> ConnectBus() {
+    const auto deadline = Clock::now() + 20s;
+    for (;; std::this_thread::sleep_for(50ms)) {
+        auto connected = vexahost::UsbTransport::Connect();
+        if (connected) return std::move(*connected);
+        if (Clock::now() > deadline) Fail(connected.error().message);
+    }
+}
+
+// Sends each payload on one thread and compares the echo on this one.
+void SendAll(const std::vector<Bytes>& payloads) {
+    const auto bus = ConnectBus();
+    Bytes expected;
+    for (const Bytes& payload : payloads)
+        expected.insert(expected.end(), payload.begin(), payload.end());
+    std::thread sender([&] {
+        for (const Bytes& payload : payloads) {
+            if (!bus->WriteAll(payload, Clock::now() + 30s)) Fail("a payload could not be sent");
+        }
+    });
+    Bytes buffer(65536);
+    std::size_t received = 0;
+    const auto start = Clock::now();
+    while (received < expected.size()) {
+        const auto count = bus->Read(buffer, 20s);
+        Require(count.has_value() && *count > 0,
+                "nothing came back after " + std::to_string(received) + " bytes");
+        Require(received + *count <= expected.size() &&
+                    std::memcmp(buffer.data(), expected.data() + received, *count) == 0,
+                "the echo differs after " + std::to_string(received) + " bytes");
+        received += *count;
+    }
+    sender.join();
+    const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+    std::printf("vm-probe: %zu bytes in %zu payloads came back right, %.2f MB/s each way\n",
+                received, payloads.size(), static_cast<double>(received) / seconds / 1e6);
+}
+
+Bytes RandomBytes(std::mt19937& random, std::size_t size) {
+    Bytes bytes(size);
+    for (auto& byte : bytes) byte = static_cast<std::uint8_t>(random());
+    return bytes;
+}
+
+void Send(std::size_t total) {
+    std::mt19937 random(20261122);
+    std::vector<Bytes> payloads;
+    for (std::size_t sum = 0; sum < total; sum += payloads.back().size()) {
+        payloads.push_back(
+            RandomBytes(random, std::min<std::size_t>(1 + random() % 20000, total - sum)));
+    }
+    SendAll(payloads);
+}
+
+// One payload at a time: each has to come back whole before the next is sent.
+void Sizes(std::size_t packet) {
+    std::mt19937 random(1);
+    for (const std::size_t whole : {1U, 2U, 3U, 8U, 31U, 32U, 33U, 64U}) {
+        for (const std::size_t size : {whole * packet - 1, whole * packet, whole * packet + 1}) {
+            SendAll({RandomBytes(random, size)});
+        }
+    }
+}
+
+// --- a capture of the bus, in the format of Linux's own monitor
+// --------------------------------------
+
+volatile sig_atomic_t isEnding = 0;
+
+void Put(std::FILE* file, const void* data, std::size_t size) { std::fwrite(data, 1, size, file); }
+void Put32(std::FILE* file, std::uint32_t value) { Put(file, &value, sizeof value); }
+
+void Capture(const char* path) {
+    struct Event {
+        void* header;
+        void* data;
+        std::size_t size;
+    };
+    constexpr std::size_t kHeader = 64;
+    constexpr std::size_t kMostData = 65536;
+    const unsigned long kNextEvent = _IOW(0x92, 10, Event);  // MON_IOCX_GETX
+    struct sigaction action {};
+    action.sa_handler = [](int) { isEnding = 1; };
+    sigaction(SIGTERM, &action, nullptr);
+    const int monitor = open("/dev/usbmon1", O_RDONLY);
+    Require(monitor >= 0, "cannot open the bus's monitor");
+    std::FILE* const file = std::fopen(path, "w");
+    Require(file != nullptr, "cannot write the capture");
+    for (const std::uint32_t word : {0xA1B2C3D4U, 0x00040002U, 0U, 0U, 0x40000U, 220U})
+        Put32(file, word);
+    std::puts("vm-probe: captures");
+    std::fflush(stdout);
+    Bytes header(kHeader);
+    Bytes data(kMostData);
+    while (isEnding == 0) {
+        Event event{header.data(), data.data(), data.size()};
+        if (ioctl(monitor, kNextEvent, &event) != 0) continue;
+        std::int64_t seconds = 0;
+        std::int32_t microseconds = 0;
+        std::uint32_t captured = 0;
+        std::memcpy(&seconds, &header[16], sizeof seconds);
+        std::memcpy(&microseconds, &header[24], sizeof microseconds);
+        std::memcpy(&captured, &header[36], sizeof captured);
+        Put32(file, static_cast<std::uint32_t>(seconds));
+        Put32(file, static_cast<std::uint32_t>(microseconds));
+        Put32(file, static_cast<std::uint32_t>(kHeader) + captured);
+        Put32(file, static_cast<std::uint32_t>(kHeader) + captured);
+        Put(file, header.data(), kHeader);
+        Put(file, data.data(), captured);
+    }
+    std::fclose(file);
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+    const std::string verb = count > 1 ? words[1] : "";
+    const char* const argument = count > 2 ? words[2] : "";
+    if (verb == "calls") {
+        CheckCalls();
+    } else if (verb == "interrupt") {
+        CheckInterrupts();
+    } else if (verb == "echo") {
+        Echo();
+    } else if (verb == "send") {
+        Send(std::strtoul(argument, nullptr, 10));
+    } else if (verb == "sizes") {
+        Sizes(std::strtoul(argument, nullptr, 10));
+    } else if (verb == "capture") {
+        Capture(argument);
+    } else {
+        Fail("no such verb: " + verb);
+    }
+}
