@@ -26,7 +26,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/vexahostConfig.cmake
 file(RELATIVE_PATH pkgconfig_to_prefix /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 string(REGEX REPLACE "/$" "" pkgconfig_to_prefix "${pkgconfig_to_prefix}")
 set(vexahost_requires "")
-if(LIBUSB_FOUND)
+if(LIBUSB_INCLUDE AND LIBUSB_LIBRARY)
   set(vexahost_requires libusb-1.0)
 endif()
 configure_file(vexahost.pc.in ${CMAKE_CURRENT_BINARY_DIR}/vexahost.pc @ONLY)

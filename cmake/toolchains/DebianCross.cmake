@@ -2,8 +2,6 @@
 # toolchain files beside this one set VEXA_CROSS_TRIPLET and VEXA_CROSS_QEMU and include it.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_CXX_COMPILER ${VEXA_CROSS_TRIPLET}-g++)
-# Only libraries of the other architecture; those of this one could not be linked.
-set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${VEXA_CROSS_TRIPLET}/pkgconfig:/usr/share/pkgconfig)
 
 # What the tests are started with. Linked statically: LD_PRELOAD then reaches the emulated program
 # alone, and not the emulator, for which the library is of the wrong architecture.
