@@ -290,8 +290,8 @@ Expected<PcapngWriter> PcapngWriter::Create(const std::string& path) {
     writer.AppendOption(kEndOfOptions, {});
     writer.EndBlock();
     struct stat status {};
-    writer.replaces = isNamed && fstat(opened, &status) == 0 && S_ISREG(status.st_mode) &&
-                      status.st_size > 0;
+    writer.replaces =
+        isNamed && fstat(opened, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
     if (writer.replaces) return writer;
     if (const auto written = writer.Write(); !written) return written.error();
     return writer;
