@@ -137,9 +137,7 @@ void Serve(const Options& options) {
     link.Run();
 }
 
-}  // namespace
-
-int main(int count, char** arguments) {
+int Run(int count, char** arguments) {
     vexa::testkit::KeepStandardNumbers();
     Options options;
     options.link.gadget.serialNumber = DefaultSerialNumber();
@@ -159,15 +157,21 @@ int main(int count, char** arguments) {
         std::fprintf(stderr, "vexa-usb: %s\n", error.what());
         return kMisused;
     }
+    if (options.status) {
+        PrintStatus(options);
+    } else {
+        Serve(options);
+    }
+    return vexa::testkit::CheckOutput("vexa-usb", 0, kOutputFailed);
+}
+
+}  // namespace
+
+int main(int count, char** arguments) {
     try {
-        if (options.status) {
-            PrintStatus(options);
-        } else {
-            Serve(options);
-        }
+        return Run(count, arguments);
     } catch (const std::exception& error) {
         std::fprintf(stderr, "vexa-usb: %s\n", error.what());
         return kFailed;
     }
-    return vexa::testkit::CheckOutput("vexa-usb", 0, kOutputFailed);
 }
