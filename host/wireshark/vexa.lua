@@ -1,11 +1,19 @@
--- Wireshark dissector for recordings of the link between a unit and its host ("vexa-host record"):
--- pcapng with link type 147 (USER0). What the unit sends is cut into frames with a header of 8 bytes,
--- what the host sends is bare packets; a packet may begin in one frame and end in the next.
+-- Wireshark dissector for the link between a unit and its host. It reads
+--   recordings ("vexa-host record"): pcapng with link type 147 (USER0), one frame a record;
+--   captures of the USB bus (usbmon, USBPcap): the bulk transfers of a unit.
+-- What the unit sends is cut into frames with a header of 8 bytes, what the host sends is bare packets. A
+-- packet may begin in one frame and end in the next. On the bus a frame may also begin and end
+-- anywhere in a transfer.
 --
 -- Install: copy to the folder of personal Lua plugins (Help > About > Folders), or give it with
 --   tshark -X lua_script:vexa.lua -r session.pcapng
 
 local vexa = Proto("vexa", "VEXA host link")
+local vexa_bus = Proto("vexa_bus", "VEXA host link, configuration of USB devices")
+
+vexa.prefs.usb_ids = Pref.string("USB ids of units", "1209:0001",
+    "VENDOR:PRODUCT in hex, several with commas between. A unit with another id is known by its first" ..
+    " initial sync or frame header.")
 
 local kHeaderSize = 4
 local kTunnelHeaderSize = 8
@@ -56,7 +64,11 @@ local kTypeNames = {
 local f = {
     frame_length = ProtoField.uint32("vexa.frame.length", "Payload length", base.DEC),
     frame_magic = ProtoField.string("vexa.frame.magic", "Magic"),
+    frame_begun = ProtoField.bytes("vexa.frame.begun",
+                                   "Beginning of a frame header that ends in a later transfer"),
+    direction = ProtoField.string("vexa.direction", "Direction"),
     packet = ProtoField.bytes("vexa.packet", "Packet"),
+    inner = ProtoField.bytes("vexa.inner", "Inner packet"),
     kind = ProtoField.string("vexa.kind", "Kind"),
     type = ProtoField.uint8("vexa.type", "Type", base.HEX, kTypeNames),
     class = ProtoField.uint8("vexa.class", "Class", base.HEX, kClassNames, 0xE0),
@@ -92,23 +104,37 @@ local e = {
                                   expert.group.SEQUENCE, expert.severity.NOTE),
     frame = ProtoExpert.new("vexa.expert.frame", "Bad frame header", expert.group.MALFORMED,
                             expert.severity.ERROR),
+    truncated = ProtoExpert.new("vexa.expert.truncated", "The capture has only a part of this transfer",
+                                expert.group.UNDECODED, expert.severity.WARN),
 }
 vexa.experts = e
 
 local frame_comment = Field.new("frame.comment")
 
--- State of the conversation at each frame, from the first pass over the capture: later passes visit
--- the frames in any order. `prefix`: bytes of a packet that began in earlier frames.
-local frames = {}
-local follow = {}  -- the conversation so far, during the first pass
+-- The conversations so far, during the first pass: that of a recording under "", that of a device on
+-- a bus under "BUS.DEVICE". `prefix`: bytes of a packet that began earlier, by direction. `header`: the
+-- first bytes of a frame header of the unit. `left`: bytes of its current frame still to come.
+local conversations = {}
 
-local function Reset()
-    follow = {prefix = {[true] = "", [false] = ""}, controller = nil, names = {}}
+-- What each captured frame needs of its conversation: later passes visit the frames in any order.
+local frames = {}
+
+local function Conversation(key)
+    if not conversations[key] then
+        conversations[key] = {
+            prefix = {[true] = "", [false] = ""},
+            header = "",
+            left = 0,
+            controller = nil,
+            names = {},
+        }
+    end
+    return conversations[key]
 end
 
 function vexa.init()
     frames = {}
-    Reset()
+    conversations = {}
 end
 
 local function Checksum(bytes)
@@ -228,16 +254,16 @@ local function KindOf(bytes, to_unit, knowledge)
 end
 
 -- Updates the conversation from a valid packet to the unit.
-local function Learn(bytes)
-    local kind = KindOf(bytes, true, follow)
+local function Learn(bytes, conversation)
+    local kind = KindOf(bytes, true, conversation)
     if kind ~= "controller command" or #bytes < kTunnelHeaderSize + 9 then return end
     local inner = bytes:sub(kTunnelHeaderSize + 1)
     local id = U32(inner, 5)
     if ReopensController(inner) then
-        follow.controller = id
-        follow.names = {}
-    elseif inner:byte(5) == kOpen and not follow.names[id] then
-        follow.names[id] = Text(inner:sub(11))
+        conversation.controller = id
+        conversation.names = {}
+    elseif inner:byte(5) == kOpen and not conversation.names[id] then
+        conversation.names[id] = Text(inner:sub(11))
     end
 end
 
@@ -314,7 +340,7 @@ local function AddTunnel(tree, range, bytes, kind, knowledge)
                              name and ' "' .. name .. '"' or "")
     end
     local inner_range = range(kTunnelHeaderSize)
-    local inner_tree = tree:add(f.packet, inner_range):set_text("Inner packet")
+    local inner_tree = tree:add(f.inner, inner_range):set_text("Inner packet")
     AddHeader(inner_tree, inner_range, inner)
     if kind == "controller reply" then return AddReply(inner_tree, inner_range, inner) end
     return AddCommand(inner_tree, inner_range, inner)
@@ -372,73 +398,248 @@ local function AddPieces(tree, tvb, bytes, to_unit, knowledge)
     return words
 end
 
--- First pass: stores the state that this frame needs in later passes, and advances the
--- conversation past it.
-local function FirstPass(number, payload, to_unit)
-    local prefix = follow.prefix[to_unit]
-    local bytes = prefix .. payload
-    follow.prefix[to_unit] = ""
-    for _, piece in ipairs(Cut(bytes, to_unit)) do
+local function IsFrameHeader(bytes)
+    if #bytes < kFrameHeaderSize or bytes:sub(5, 8) ~= "U012" then return false end
+    local length = U32(bytes, 0)
+    return length >= 1 and length <= kMaxFramePayload
+end
+
+-- Takes the frame headers out of `bytes`, which the unit sent, after a frame header's first bytes
+-- `header` or with `left` bytes of a frame to come. Returns
+--   headers  {first, size, the whole header, whether it is good}, the last of them maybe unfinished
+--   payload  {first, size} of each piece
+--   header, left  for what comes next
+-- Nothing follows a bad header: what the unit sends next begins with a header again.
+local function Deframe(bytes, header, left)
+    local headers, payload = {}, {}
+    local at = 0
+    while at < #bytes do
+        local size
+        if left > 0 then
+            size = math.min(left, #bytes - at)
+            left = left - size
+            table.insert(payload, {at, size})
+        else
+            size = math.min(kFrameHeaderSize - #header, #bytes - at)
+            header = header .. bytes:sub(at + 1, at + size)
+            local complete = #header == kFrameHeaderSize
+            local good = not complete or IsFrameHeader(header)
+            table.insert(headers, {at, size, header, good})
+            if not good then return headers, payload, "", 0 end
+            if complete then header, left = "", U32(header, 0) end
+        end
+        at = at + size
+    end
+    return headers, payload, header, left
+end
+
+local function Joined(bytes, pieces)
+    local parts = {}
+    for _, piece in ipairs(pieces) do
+        table.insert(parts, bytes:sub(piece[1] + 1, piece[1] + piece[2]))
+    end
+    return table.concat(parts)
+end
+
+-- The pieces of `bytes` that belong to packets, and its frame headers. A record of a recording is
+-- exactly one frame.
+local function Split(bytes, to_unit, is_recording, state)
+    if to_unit then return {{0, #bytes}}, {} end
+    local headers, payload, header, left = Deframe(bytes, state.header, state.left)
+    if is_recording and (#headers ~= 1 or #header > 0 or left > 0) then
+        headers = {{0, math.min(kFrameHeaderSize, #bytes), bytes:sub(1, kFrameHeaderSize), false}}
+        payload, header, left = {}, "", 0
+    end
+    return payload, headers, header, left
+end
+
+-- First pass: stores what this captured frame needs in later passes, and advances the conversation
+-- past it.
+local function FirstPass(number, bytes, to_unit, key)
+    local conversation = Conversation(key)
+    local state = {
+        prefix = conversation.prefix[to_unit],
+        header = conversation.header,
+        left = conversation.left,
+    }
+    local payload, headers, header, left = Split(bytes, to_unit, key == "", state)
+    if not to_unit then conversation.header, conversation.left = header, left end
+    local packets = state.prefix .. Joined(bytes, payload)
+    conversation.prefix[to_unit] = ""
+    for _, piece in ipairs(Cut(packets, to_unit)) do
         local kind, first, size = table.unpack(piece)
-        local part = bytes:sub(first + 1, first + size)
+        local part = packets:sub(first + 1, first + size)
         if kind == "unfinished" then
-            follow.prefix[to_unit] = part
+            conversation.prefix[to_unit] = part
         elseif kind == "packet" and to_unit and HasRightChecksum(part) then
-            Learn(part)
-            if KindOf(part, true, follow) == "initial sync" then follow.prefix[false] = "" end
+            Learn(part, conversation)
+            if KindOf(part, true, conversation) == "initial sync" then
+                conversation.prefix[false] = ""
+            end
         end
     end
-    frames[number] = {prefix = prefix, controller = follow.controller, names = Copy(follow.names)}
+    local last = headers[#headers]
+    if last and not last[4] then conversation.prefix[false] = "" end
+    state.controller = conversation.controller
+    state.names = Copy(conversation.names)
+    frames[number] = state
 end
 
-local function AddFrameHeader(tree, tvb)
-    local header = tree:add(vexa, tvb(0, kFrameHeaderSize), "Frame header")
-    header:add_le(f.frame_length, tvb(0, 4))
-    header:add(f.frame_magic, tvb(4, 4))
-    local length = tvb(0, 4):le_uint()
-    local good = tvb(4, 4):string() == "U012" and length >= 1 and length <= kMaxFramePayload and
-        length == tvb:len() - kFrameHeaderSize
-    if not good then header:add_proto_expert_info(e.frame) end
-    return good
-end
-
-function vexa.dissector(tvb, pinfo, root)
-    pinfo.cols.protocol = "VEXA"
-    local to_unit = pinfo.p2p_dir ~= 1
-    if tvb:len() == 0 then  -- an event, which nobody has sent
-        local comment = frame_comment()
-        pinfo.cols.info = comment and tostring(comment) or "no bytes"
-        if not pinfo.visited then Reset() end
-        return 0
+-- Adds a frame header, or as much of it as there is, and returns it in words.
+local function AddFrameHeader(tree, tvb, header)
+    local first, size, bytes, good = table.unpack(header)
+    if good and #bytes < kFrameHeaderSize then
+        tree:add(f.frame_begun, tvb(first, size))
+        return "beginning of a frame header"
     end
-    pinfo.cols.src = to_unit and "host" or "unit"
-    pinfo.cols.dst = to_unit and "unit" or "host"
+    local range = tvb(first, size)
+    if size < #bytes then range = ByteArray.new(bytes, true):tvb("Frame header")() end
+    local item = tree:add(vexa, range, "Frame header")
+    if #bytes == kFrameHeaderSize then
+        item:add_le(f.frame_length, range(0, 4))
+        item:add(f.frame_magic, range(4, 4))
+    end
+    if good then return string.format("frame header, %d bytes follow", U32(bytes, 0)) end
+    item:add_proto_expert_info(e.frame)
+    return "bad frame header"
+end
 
+-- The device of a transfer on a USB bus as "BUS.DEVICE", its endpoint and whether the host sent it;
+-- nothing for a recording. What the host sends stands in the submission, what the unit sends in
+-- the completion: so the sender of the record is that of its bytes.
+local function BusDevice(pinfo)
+    local source, destination = tostring(pinfo.src), tostring(pinfo.dst)
+    local to_unit = source == "host"
+    if not to_unit and destination ~= "host" then return nil end
+    local key, endpoint = (to_unit and destination or source):match("^(%d+%.%d+)%.(%d+)$")
+    return key, endpoint, to_unit
+end
+
+-- Adds the frame headers and packets of `tvb` and returns them in words.
+local function AddAll(tree, tvb, to_unit, is_recording, knowledge)
+    local bytes = tvb:raw()
+    local payload, headers = Split(bytes, to_unit, is_recording, knowledge)
+    local header_words, is_good
+    for _, header in ipairs(headers) do
+        header_words, is_good = AddFrameHeader(tree, tvb, header), header[4]
+    end
+    local words = {}
+    local packets = knowledge.prefix .. Joined(bytes, payload)
+    if #payload == 1 and knowledge.prefix == "" then
+        local whole = tvb(table.unpack(payload[1])):tvb()
+        words = AddPieces(tree, whole, packets, to_unit, knowledge)
+    elseif #payload > 0 then
+        local whole = ByteArray.new(packets, true):tvb("Packets")
+        words = AddPieces(tree, whole, packets, to_unit, knowledge)
+    end
+    -- A good header gets words only where nothing else does.
+    if header_words and (#words == 0 or not is_good) then table.insert(words, header_words) end
+    return words
+end
+
+-- `key` tells the conversation.
+local function Dissect(tvb, pinfo, root, key, to_unit)
     local tree = root:add(vexa, tvb())
-    local payload = tvb
-    if not to_unit then
-        if tvb:len() < kFrameHeaderSize then
-            tree:add_proto_expert_info(e.frame)
-            pinfo.cols.info = "bad frame header"
-            return tvb:len()
-        end
-        if not AddFrameHeader(tree, tvb) then
-            pinfo.cols.info = "bad frame header"
-            return tvb:len()
-        end
-        payload = tvb(kFrameHeaderSize):tvb()
+    tree:add(f.direction, to_unit and "host to unit" or "unit to host"):set_generated()
+    local is_recording = key == ""
+    local is_truncated = tvb:len() < tvb:reported_len()
+    if is_truncated then tree:add_proto_expert_info(e.truncated) end
+    if not pinfo.visited or not frames[pinfo.number] then
+        FirstPass(pinfo.number, tvb:raw(), to_unit, key)
+        if is_truncated then conversations[key] = nil end  -- what comes next does not go on here
     end
-
-    local bytes = payload:raw()
-    if not pinfo.visited or not frames[pinfo.number] then FirstPass(pinfo.number, bytes, to_unit) end
-    local knowledge = frames[pinfo.number]
-    if #knowledge.prefix > 0 then
-        bytes = knowledge.prefix .. bytes
-        payload = ByteArray.new(bytes, true):tvb("Packets")
-    end
-    local words = AddPieces(tree, payload, bytes, to_unit, knowledge)
+    local words = AddAll(tree, tvb, to_unit, is_recording, frames[pinfo.number])
+    pinfo.cols.protocol = "VEXA"
     pinfo.cols.info = table.concat(words, "; ")
     return tvb:len()
 end
 
+-- A record of a recording: a frame of the unit, bytes of the host, or an event, which nobody has sent.
+local function DissectRecord(tvb, pinfo, root)
+    local key = ""
+    if tvb:len() == 0 then
+        local comment = frame_comment()
+        pinfo.cols.protocol = "VEXA"
+        pinfo.cols.info = comment and tostring(comment) or "no bytes"
+        if not pinfo.visited then conversations[key] = nil end
+        return 0
+    end
+    local to_unit = pinfo.p2p_dir ~= 1
+    pinfo.cols.src = to_unit and "host" or "unit"
+    pinfo.cols.dst = to_unit and "unit" or "host"
+    return Dissect(tvb, pinfo, root, key, to_unit)
+end
+
+function vexa.dissector(tvb, pinfo, root)
+    local key, endpoint, to_unit = BusDevice(pinfo)
+    if not key then return DissectRecord(tvb, pinfo, root) end
+    if endpoint == "0" then return 0 end  -- the answer to a control request
+    return Dissect(tvb, pinfo, root, key, to_unit)
+end
+
 DissectorTable.get("wtap_encap"):add((wtap_encaps or wtap).USER0, vexa)
+
+-- --- The USB bus
+
+-- Wireshark knows a unit by its id when the capture has seen the unit come. When it has not, or the
+-- unit has another id, the first initial sync or frame header tells.
+local function DissectUnknown(tvb, pinfo, root)
+    local key, endpoint, to_unit = BusDevice(pinfo)
+    if not key or endpoint == "0" or tvb:len() == 0 then return false end
+    local known = conversations[key]
+    if pinfo.visited then known = frames[pinfo.number] end
+    if not known then
+        local bytes = tvb:raw()
+        if to_unit and not FindSync(bytes, 0, true) then return false end
+        if not to_unit and not IsFrameHeader(bytes) then return false end
+    end
+    Dissect(tvb, pinfo, root, key, to_unit)
+    return true
+end
+
+vexa:register_heuristic("usb.bulk", DissectUnknown)
+
+local products = {}
+
+local function RegisterIds()
+    local by_id = DissectorTable.get("usb.product")
+    for _, product in ipairs(products) do by_id:remove(product, vexa) end
+    products = {}
+    for vendor, product in vexa.prefs.usb_ids:gmatch("(%x+):(%x+)") do
+        local id = tonumber(vendor, 16) * 0x10000 + tonumber(product, 16)
+        table.insert(products, id)
+        by_id:add(id, vexa)
+    end
+end
+
+vexa.prefs_changed = RegisterIds
+RegisterIds()
+DissectorTable.get("usb.device"):add_for_decode_as(vexa)
+
+-- The 8 bytes of the control request in a captured record of a USB bus, or nothing.
+local function ControlRequest(tvb)
+    local kControl = 2
+    if tvb:len() >= 48 and tvb(8, 1):uint() == string.byte("S") and tvb(9, 1):uint() == kControl and
+        tvb(14, 1):uint() == 0 then
+        return tvb(40, 8):raw()  -- usbmon
+    end
+    local header_size = tvb:len() >= 28 and tvb(0, 2):le_uint() or 0
+    if header_size == 28 and tvb(22, 1):uint() == kControl and tvb(27, 1):uint() == 0 and
+        tvb:len() >= header_size + 8 then
+        return tvb(header_size, 8):raw()  -- USBPcap
+    end
+end
+
+-- A device that is configured anew, or gets an interface's settings anew, begins a new conversation. No
+-- table of dissectors leads to these requests, so this looks at each captured frame.
+function vexa_bus.dissector(tvb, pinfo)
+    if pinfo.visited or next(conversations) == nil then return end
+    local key, endpoint, from_host = BusDevice(pinfo)
+    if not from_host or endpoint ~= "0" or not conversations[key] then return end
+    local request = ControlRequest(tvb)
+    local kSetConfiguration, kSetInterface = "\x00\x09", "\x01\x0B"
+    local first = request and request:sub(1, 2)
+    if first == kSetConfiguration or first == kSetInterface then conversations[key] = nil end
+end
+
+register_postdissector(vexa_bus)

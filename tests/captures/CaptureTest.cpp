@@ -33,8 +33,18 @@ std::string Difference(const std::string& command, const std::string& text) {
         .output;
 }
 
+bool CanDissect() { return std::system("tshark --version >/dev/null 2>&1") == 0; }
+
+constexpr const char* kNotDissected = "tshark is not installed: the captures were not dissected";
+
+constexpr const char* kDissection =
+    "tshark -X lua_script:" VEXA_DISSECTOR
+    " -T fields"
+    " -E 'separator=|' -e frame.number -e _ws.col.Info -e vexa.command -e vexa.error"
+    " -e vexa.child -e vexa.checksum.right -e vexa.expert.lost -e vexa.expert.checksum -r ";
+
 TEST(Captures, AreDecodedAndDissectedAsTheirTextsSayAlsoWhenWrittenAnew) {
-    const bool dissected = std::system("tshark --version >/dev/null 2>&1") == 0;
+    const bool dissected = CanDissect();
     const std::string copy = testing::TempDir() + "rewritten.pcapng";
     for (const std::string name : kNames) {
         const std::string original = PathOf(name) + ".pcapng";
@@ -48,17 +58,29 @@ TEST(Captures, AreDecodedAndDissectedAsTheirTextsSayAlsoWhenWrittenAnew) {
         for (const std::string& file : {original, copy}) {
             EXPECT_EQ(Difference(VEXA_HOST_PROGRAM " decode " + file, name + ".decoded.txt"), "");
         }
-        const std::string dissection =
-            "tshark -X lua_script:" VEXA_DISSECTOR
-            " -T fields"
-            " -E 'separator=|' -e frame.number -e _ws.col.Info -e vexa.command -e vexa.error"
-            " -e vexa.child -e vexa.checksum.right -e vexa.expert.lost -e vexa.expert.checksum -r ";
-        EXPECT_EQ(dissected ? Difference(dissection + original, name + ".tshark.txt") : "", "");
+        EXPECT_EQ(dissected ? Difference(kDissection + original, name + ".tshark.txt") : "", "");
         // The third is in another byte order, with other blocks.
         EXPECT_EQ(Load(copy) == capture, name != kNames[2]) << name;
     }
     std::filesystem::remove(copy);
-    if (!dissected) GTEST_SKIP() << "tshark is not installed: the captures were not dissected";
+    if (!dissected) GTEST_SKIP() << kNotDissected;
+}
+
+// The first is of a real bus from the unit's arrival on, so that its id is enough. The others, one
+// sequence in two formats, are made by hand: two units at once whose arrival nobody saw, frames and
+// packets that end in a later transfer, a new configuration in the middle of both, a bad frame
+// header, and a device that is no unit.
+TEST(Captures, OfTheUsbBusAreDissectedAsTheirTextsSay) {
+    if (!CanDissect()) GTEST_SKIP() << kNotDissected;
+    constexpr std::tuple<const char*, const char*, const char*> kBuses[] = {
+        {"bus-session.pcap", "bus-session.tshark.txt", " --disable-heuristic vexa_usb.bulk"},
+        {"bus-split-usbmon.pcap", "bus-split.tshark.txt", ""},
+        {"bus-split-usbpcap.pcap", "bus-split.tshark.txt", ""}};
+    for (const auto& [capture, text, options] : kBuses) {
+        const std::string fields = " -Y vexa -e vexa.direction -e usb.device_address";
+        EXPECT_EQ(Difference(kDissection + PathOf(capture) + fields + options, text), "")
+            << capture;
+    }
 }
 
 // The frames of a capture, and what is wrong with it.
