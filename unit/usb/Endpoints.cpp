@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ranges>
 #include <utility>
 
 #include "usb/Descriptors.h"
@@ -21,7 +22,7 @@ namespace {
 
 // Numbers of transfers in their completions: those of `receives` from 0 on, those of `sends` from
 // here.
-constexpr std::uint64_t kFirstSend = 1000;
+constexpr std::size_t kFirstSend = 1000;
 
 [[noreturn]] void Fail(const std::string& what) {
     throw SetupError("cannot " + what + ": " + std::strerror(errno));
@@ -105,6 +106,8 @@ void Endpoints::OnControl() {
                 break;
             case FUNCTIONFS_RESUME:
                 suspended = false;
+                // Its sends were given up, so that the session cannot go on.
+                if (!before && IsCableIn()) events.begunAnew();
                 break;
             case FUNCTIONFS_SETUP:
                 // There are no requests to this function. An answer in the wrong direction stalls.
@@ -142,7 +145,7 @@ void Endpoints::OnConfigured() {
         packetSize = std::min<std::size_t>(descriptor.wMaxPacketSize, kMaxPacket);
     }
     Receive();
-    events.configured();
+    events.begunAnew();
 }
 
 // --- from the host
@@ -207,9 +210,9 @@ void Endpoints::Send(std::span<const std::uint8_t> bytes) {
         ++piecesLeft;
     }
     // So that a host which asked for more than this payload gets its answer.
-    Transfer& empty = sends[kPieces];
-    if (sendError == 0 && bytes.size() % packetSize == 0 && !empty.inFlight) {
-        Submit(empty, in.Get(), IOCB_CMD_PWRITE, outgoing.data(), 0, kFirstSend + kPieces);
+    if (sendError == 0 && bytes.size() % packetSize == 0) {
+        const std::size_t empty = sends[kPieces].inFlight ? kPieces + 1 : kPieces;
+        Submit(sends[empty], in.Get(), IOCB_CMD_PWRITE, outgoing.data(), 0, kFirstSend + empty);
     }
     if (piecesLeft == 0) {
         sending = false;
@@ -220,7 +223,8 @@ void Endpoints::Send(std::span<const std::uint8_t> bytes) {
 void Endpoints::CancelSend(int error) {
     if (!sending) return;
     if (sendError == 0) sendError = error;
-    for (Transfer& transfer : sends) {
+    // From the last one on: no piece may go out after one that did not.
+    for (Transfer& transfer : std::views::reverse(sends)) {
         io_event ignored;
         if (transfer.inFlight) syscall(SYS_io_cancel, context.id, &transfer.block, &ignored);
     }
@@ -228,7 +232,7 @@ void Endpoints::CancelSend(int error) {
 
 void Endpoints::OnSent(std::size_t number, long result) {
     sends[number].inFlight = false;
-    if (number == kPieces) return;
+    if (number >= kPieces) return;
     --piecesLeft;
     if (result >= 0) {
         sent += static_cast<std::size_t>(result);
@@ -256,10 +260,11 @@ void Endpoints::OnTransfers() {
         if (count <= 0) break;
         for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
             const auto result = static_cast<long>(list[i].res);
-            if (list[i].data >= kFirstSend) {
-                OnSent(list[i].data - kFirstSend, result);
+            const auto number = static_cast<std::size_t>(list[i].data);
+            if (number >= kFirstSend) {
+                OnSent(number - kFirstSend, result);
             } else {
-                OnReceived(list[i].data, result);
+                OnReceived(number, result);
             }
         }
     }
