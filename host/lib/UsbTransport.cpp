@@ -57,7 +57,8 @@ std::string Problem(int error) {
 }
 
 // Calls `visit(device, unit, handle)` for each unit that fits, until it returns true. The handle is
-// null when the unit cannot be opened: then its serial number is not known, and it fits only any.
+// null when the unit cannot be opened: then its serial number is not known, and it may be the one
+// wanted.
 template <typename Visit>
 void VisitUnits(libusb_context* context, const UsbAddress& wanted, Visit visit) {
     libusb_device** list = nullptr;
@@ -82,7 +83,8 @@ void VisitUnits(libusb_context* context, const UsbAddress& wanted, Visit visit) 
         } else {
             unit.problem = Problem(error);
         }
-        if (wanted.serialNumber.empty() || wanted.serialNumber == unit.address.serialNumber) {
+        if (wanted.serialNumber.empty() || !handle ||
+            wanted.serialNumber == unit.address.serialNumber) {
             isDone = visit(list[i], unit, std::move(handle));
         }
     }
@@ -166,10 +168,11 @@ struct UsbTransport::Bus {
     static void LIBUSB_CALL OnRead(libusb_transfer* transfer);
     static void LIBUSB_CALL OnWritten(libusb_transfer* transfer);
 
-    // Lets libusb work until something has happened, `time` at most.
-    void HandleEvents(std::chrono::milliseconds time) const {
+    // Lets libusb work until something has happened, `time` at most. Returns at once when another
+    // thread's work has set `done` meanwhile.
+    void HandleEvents(std::chrono::milliseconds time, int* done = nullptr) const {
         timeval limit = AsTime(std::min(time, kTick));
-        libusb_handle_events_timeout_completed(context.get(), &limit, nullptr);
+        libusb_handle_events_timeout_completed(context.get(), &limit, done);
     }
 
     const Context context;
@@ -183,6 +186,11 @@ struct UsbTransport::Bus {
     std::deque<std::uint8_t> held VEXA_GUARDED_BY(mutex);
     libusb_transfer* writing = nullptr;
     bool isWriting VEXA_GUARDED_BY(mutex) = false;
+
+    // For HandleEvents: set by the completions, which run one at a time, and cleared by the thread
+    // that is about to wait.
+    int readDone = 0;
+    int writeDone = 0;
 };
 
 UsbTransport::Bus::~Bus() {
@@ -224,6 +232,7 @@ void UsbTransport::Bus::OnRead(libusb_transfer* transfer) {
     Bus& bus = *reading.bus;
     const MutexLock lock(bus.mutex);
     reading.inFlight = false;
+    bus.readDone = 1;
     bus.held.insert(bus.held.end(), transfer->buffer, transfer->buffer + transfer->actual_length);
     if (transfer->status == LIBUSB_TRANSFER_COMPLETED) {
         bus.SubmitReads();
@@ -236,6 +245,7 @@ void UsbTransport::Bus::OnWritten(libusb_transfer* transfer) {
     Bus& bus = *static_cast<Bus*>(transfer->user_data);
     const MutexLock lock(bus.mutex);
     bus.isWriting = false;
+    bus.writeDone = 1;
     if (transfer->status != LIBUSB_TRANSFER_COMPLETED &&
         transfer->status != LIBUSB_TRANSFER_CANCELLED) {
         bus.lost = true;
@@ -309,13 +319,15 @@ Expected<std::size_t> UsbTransport::Read(std::span<std::uint8_t> buffer,
             bus->held.erase(bus->held.begin(), end);
             bus->SubmitReads();
             if (count > 0) return count;
+            bus->readDone = 0;
         }
         if (bus->closed) return LinkLost("the connection was closed");
         if (bus->lost) return LinkLost("the unit was unplugged");
         const auto left = deadline - std::chrono::steady_clock::now();
         if (left <= std::chrono::milliseconds(0)) return std::size_t{0};
         bus->HandleEvents(std::chrono::ceil<std::chrono::milliseconds>(
-            std::min<decltype(left)>(left, Bus::kTick)));
+                              std::min<decltype(left)>(left, Bus::kTick)),
+                          &bus->readDone);
     }
 }
 
@@ -330,6 +342,7 @@ Expected<std::size_t> UsbTransport::Write(std::span<const std::uint8_t> bytes, D
             auto* const data = const_cast<unsigned char*>(bytes.data() + sent);
             libusb_fill_bulk_transfer(bus->writing, bus->handle.get(), bus->interface.out, data,
                                       static_cast<int>(size), Bus::OnWritten, bus.get(), 0);
+            bus->writeDone = 0;
             bus->isWriting = !bus->lost && libusb_submit_transfer(bus->writing) == 0;
             if (!bus->isWriting) {
                 bus->lost = true;
@@ -346,7 +359,7 @@ Expected<std::size_t> UsbTransport::Write(std::span<const std::uint8_t> bytes, D
                 isLate = true;
                 libusb_cancel_transfer(bus->writing);
             }
-            bus->HandleEvents(Bus::kTick);
+            bus->HandleEvents(Bus::kTick, &bus->writeDone);
         }
         sent += static_cast<std::size_t>(bus->writing->actual_length);
         if (bus->closed) return LinkLost("the connection was closed");

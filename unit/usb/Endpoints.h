@@ -38,7 +38,7 @@ class Endpoints {
     struct Events {
         std::function<void()> received;         // bytes from the host are there
         std::function<void(long result)> sent;  // the bytes sent, or a negative errno
-        std::function<void()> configured;       // a host has configured the gadget, perhaps again
+        std::function<void()> begunAnew;        // a host has come, perhaps without an absence seen
         std::function<void()> cableChanged;     // IsCableIn has changed
     };
 
@@ -69,8 +69,8 @@ class Endpoints {
     // Starts to send 1 to kMaxSend bytes, of which a copy is made; Events::sent reports the end.
     // Only with the cable in, and one at a time.
     void Send(std::span<const std::uint8_t> bytes);
-    // Ends a Send early: what the host has not taken is not sent. Events::sent reports how much
-    // was, or `error` if nothing was.
+    // Ends a Send early: what the host has not taken is not sent. Events::sent reports how many
+    // whole pieces were, or `error` if none was; of the piece under way the kernel does not tell.
     void CancelSend(int error);
     [[nodiscard]] bool IsSending() const { return sending; }
 
@@ -92,10 +92,12 @@ class Endpoints {
         aio_context_t id = 0;
     };
 
-    // Large sends go out in pieces that any controller's driver can allocate. The last transfer is
-    // the empty packet that ends a payload of whole packets.
+    // Large sends go out in pieces that any controller's driver can allocate.
     static constexpr std::size_t kPiece = 16384;
     static constexpr std::size_t kPieces = kMaxSend / kPiece;
+    // An empty packet ends a payload of whole packets. That of the send before can still be under
+    // way, but no older one.
+    static constexpr std::size_t kEmpties = 2;
     // The packets of the host that can be under way at once. One transfer each: a longer one would
     // not complete on a transfer of whole packets.
     static constexpr std::size_t kReceives = 32;
@@ -116,7 +118,6 @@ class Endpoints {
     testkit::Descriptor out;  // from the host
     testkit::Descriptor in;   // to the host
     testkit::Descriptor transferEnded;
-    Context context;
 
     unsigned configuration = 0;  // counts the times that a host has configured the gadget
     bool configured = false;
@@ -136,12 +137,15 @@ class Endpoints {
     std::size_t taken = 0;
 
     // To the host.
-    std::array<Transfer, kPieces + 1> sends;
+    std::array<Transfer, kPieces + kEmpties> sends;
     std::vector<std::uint8_t> outgoing;
     std::size_t piecesLeft = 0;
     bool sending = false;
     std::size_t sent = 0;
     int sendError = 0;
+
+    // Its end waits for the transfers, which use the buffers above.
+    Context context;
 };
 
 }  // namespace vexa::usb

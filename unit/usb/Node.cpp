@@ -208,11 +208,11 @@ void Node::Ioctl(fuse_req* request, unsigned command, void* argument, std::size_
     fuse_reply_ioctl(request, 0, &value, sizeof value);
     toldIn = value != 0;
     if (!toldIn) used = false;
-    if (held) OnHoldOver();
+    if (held) EndHold();
 }
 
 // A host has come anew. An opener that has dealt with an earlier one must see an absence first.
-void Node::OnConfigured() {
+void Node::OnBegunAnew() {
     if (!open || !toldIn || !used) return;
     held = true;
     itimerspec end{};
@@ -227,8 +227,11 @@ void Node::OnCableChanged() {
 }
 
 void Node::OnHoldOver() {
-    std::uint64_t ignored = 0;
-    (void)!::read(holdTimer.Get(), &ignored, sizeof ignored);
+    std::uint64_t ended = 0;  // not, when another hold has begun meanwhile
+    if (::read(holdTimer.Get(), &ended, sizeof ended) == sizeof ended) EndHold();
+}
+
+void Node::EndHold() {
     const itimerspec never{};
     timerfd_settime(holdTimer.Get(), 0, &never, nullptr);
     held = false;
@@ -239,7 +242,7 @@ void Node::Release() {
     open = false;
     toldIn = false;
     endpoints.CancelSend(EINTR);
-    if (held) OnHoldOver();
+    if (held) EndHold();
 }
 
 }  // namespace vexa::usb

@@ -42,7 +42,7 @@ class Node {
     // What the endpoints report.
     void OnReceived() { AnswerRead(); }
     void OnSent(long result);
-    void OnConfigured();
+    void OnBegunAnew();
     void OnCableChanged();
 
     // While the cable is held out: a descriptor that becomes readable when it has lasted for
@@ -61,6 +61,7 @@ class Node {
     void Ioctl(fuse_req* request, unsigned command, void* argument, std::size_t outSize);
     void Interrupt(fuse_req* request);
     void AnswerRead();
+    void EndHold();
     void Release();
 
     Endpoints& endpoints;

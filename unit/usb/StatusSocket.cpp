@@ -58,6 +58,11 @@ void StatusSocket::OnConnection() {
 std::string AskStatus(const std::string& name) {
     const std::string path = PathOf(name);
     const testkit::Descriptor socket = MakeSocket(0);
+    // A stopped one would never answer.
+    const timeval patience{2, 0};
+    for (const int option : {SO_RCVTIMEO, SO_SNDTIMEO}) {
+        setsockopt(socket.Get(), SOL_SOCKET, option, &patience, sizeof patience);
+    }
     const sockaddr_un address = AddressOf(path);
     if (connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         throw SetupError("no vexa-usb serves /dev/" + name + " (" + path + ": " +
@@ -68,6 +73,7 @@ std::string AskStatus(const std::string& name) {
     for (ssize_t size; (size = read(socket.Get(), chunk, sizeof chunk)) > 0;) {
         text.append(chunk, static_cast<std::size_t>(size));
     }
+    if (text.empty()) throw SetupError("the vexa-usb of /dev/" + name + " does not answer");
     return text;
 }
 

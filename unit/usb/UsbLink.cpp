@@ -31,7 +31,7 @@ UsbLink::UsbLink(const LinkSettings& settings_)
       gadget(settings.node, settings.gadget),
       endpoints(gadget.Function(), settings.gadget.productName, settings.cable,
                 {[this] { node.OnReceived(); }, [this](long result) { node.OnSent(result); },
-                 [this] { node.OnConfigured(); },
+                 [this] { node.OnBegunAnew(); },
                  [this] {
                      node.OnCableChanged();
                      SayCable();
@@ -58,10 +58,14 @@ void UsbLink::Run() {
     for (;;) {
         std::array<epoll_event, 8> list;
         const int count = epoll_wait(poll.Get(), list.data(), list.size(), -1);
+        // The cable comes first: bytes and requests are to be taken as of its present state.
         for (int i = 0; i < count; ++i) {
             const int ready = list[static_cast<std::size_t>(i)].data.fd;
             if (ready == signals.Get()) return;
             if (ready == endpoints.ControlDescriptor()) endpoints.OnControl();
+        }
+        for (int i = 0; i < count; ++i) {
+            const int ready = list[static_cast<std::size_t>(i)].data.fd;
             if (ready == endpoints.TransferDescriptor()) endpoints.OnTransfers();
             if (ready == node.HoldDescriptor()) node.OnHoldOver();
             if (ready == status.Descriptor()) status.OnConnection();

@@ -2,6 +2,8 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cctype>
 #include <csignal>
 #include <cstdio>
 #include <exception>
@@ -57,8 +59,10 @@ std::string CheckText(const std::string& text) {
 
 std::string CheckNode(const std::string& text) {
     constexpr std::size_t kMaxName = 31;  // a FunctionFS instance has up to 40
-    const bool isName = !text.empty() && text.size() <= kMaxName &&
-                        text.find_first_of("/ ") == std::string::npos && text.front() != '.';
+    const bool isName = !text.empty() && text.size() <= kMaxName && text.front() != '.' &&
+                        std::ranges::all_of(text, [](unsigned char c) {
+                            return std::isalnum(c) != 0 || c == '-' || c == '_' || c == '.';
+                        });
     return isName ? "" : "a node is the name of a file in /dev, such as zt-usb";
 }
 

@@ -41,7 +41,7 @@ class UsbTransport final : public Transport {
     [[nodiscard]] static bool IsAvailable();
 
     // The units with these numbers, and this serial number if there is one, as they are plugged in
-    // now.
+    // now. Also those that may not be opened, whose serial number is not known.
     [[nodiscard]] static std::vector<UsbUnit> List(const UsbAddress& address = {});
 
     // Opens the first such unit, and ends what an earlier host had open on it. kCannotConnect when
