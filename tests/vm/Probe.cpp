@@ -5,7 +5,8 @@
 //   vm-probe echo               writes what it reads from the node, until killed
 //   vm-probe send BYTES         sends random payloads over the bus and checks the echo
 //   vm-probe sizes PACKET       the same with sizes around whole packets of PACKET bytes
-//   vm-probe capture FILE       what passes on bus 1, as a capture file, until SIGTERM
+//   vm-probe cycles N FILE OUT IN  streams; pulls the cable by writing OUT to FILE, plugs it in by
+//   IN vm-probe capture FILE       what passes on bus 1, as a capture file, until SIGTERM
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -18,12 +19,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "vexahost/Client.h"
 #include "vexahost/UsbTransport.h"
 #include "zt_usb.h"
 
@@ -34,7 +37,8 @@ using Clock = std::chrono::steady_clock;
 using Bytes = std::vector<std::uint8_t>;
 
 [[noreturn]] void Fail(const std::string& what) {
-    std::printf("vm-probe: %s (errno %d, %s)\n", what.c_str(), errno, std::strerror(errno));
+    std::fprintf(stderr, "vm-probe: %s (errno %d, %s)\n", what.c_str(), errno,
+                 std::strerror(errno));
     std::exit(1);
 }
 
@@ -185,6 +189,47 @@ void Sizes(std::size_t packet) {
     }
 }
 
+// --- pulled cables
+// ---------------------------------------------------------------------------------------
+
+void Set(const std::string& file, const std::string& value) {
+    std::ofstream stream(file);
+    stream << value << std::endl;
+    Require(static_cast<bool>(stream), "cannot write " + file);
+}
+
+// One program as a host that is there all the time; each cable ends a session with data.
+void PullCables(unsigned cycles, const std::string& file, const std::string& out,
+                const std::string& in) {
+    constexpr vexahost::ChildId kController = 0x10;
+    constexpr vexahost::ChildId kChildren[] = {0x11, 0x13};
+    constexpr unsigned kBlocks = 20;
+    auto connected = vexahost::Client::Connect(
+        [](const vexahost::ConnectLimits&) { return vexahost::UsbTransport::Connect(); }, {}, 20s);
+    if (!connected) Fail(connected.error().message);
+    vexahost::Client& client = **connected;
+    for (unsigned cycle = 0;; ++cycle) {
+        const std::string when = " after " + std::to_string(cycle) + " cables";
+        Require(client.OpenController(kController, false).has_value() &&
+                    client.OpenDevice("Accelerometer", kChildren[0]).has_value() &&
+                    client.OpenDevice("Microphone", kChildren[1]).has_value(),
+                "the devices cannot be opened" + when);
+        for (unsigned block = 0; block < kBlocks; ++block) {
+            Require(client.ReceiveAny(kChildren, false, 20s).has_value(), "no data" + when);
+        }
+        if (cycle % 10 == 0) std::printf("# %u cables pulled\n", cycle);
+        if (cycle == cycles) break;
+        Set(file, out);
+        auto received = client.ReceiveAny(kChildren, false, 20s);
+        while (received) received = client.ReceiveAny(kChildren, false, 20s);
+        Require(received.error().kind == vexahost::ErrorKind::kLinkLost,
+                "the cable is pulled and the host does not see it" + when);
+        Set(file, in);
+        const auto reconnected = client.Reconnect(20s);
+        if (!reconnected) Fail(reconnected.error().message + when);
+    }
+}
+
 // --- a capture of the bus, in the format of Linux's own monitor
 // --------------------------------------
 
@@ -250,6 +295,9 @@ int main(int count, char** words) {
         Send(std::strtoul(argument, nullptr, 10));
     } else if (verb == "sizes") {
         Sizes(std::strtoul(argument, nullptr, 10));
+    } else if (verb == "cycles" && count == 6) {
+        PullCables(static_cast<unsigned>(std::strtoul(argument, nullptr, 10)), words[3], words[4],
+                   words[5]);
     } else if (verb == "capture") {
         Capture(argument);
     } else {
