@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <ranges>
 #include <utility>
 
 #include "usb/Descriptors.h"
@@ -224,9 +223,9 @@ void Endpoints::CancelSend(int error) {
     if (!sending) return;
     if (sendError == 0) sendError = error;
     // From the last one on: no piece may go out after one that did not.
-    for (Transfer& transfer : std::views::reverse(sends)) {
+    for (std::size_t i = sends.size(); i-- > 0;) {
         io_event ignored;
-        if (transfer.inFlight) syscall(SYS_io_cancel, context.id, &transfer.block, &ignored);
+        if (sends[i].inFlight) syscall(SYS_io_cancel, context.id, &sends[i].block, &ignored);
     }
 }
 
