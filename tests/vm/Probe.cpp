@@ -5,9 +5,11 @@
 //   vm-probe echo               writes what it reads from the node, until killed
 //   vm-probe send BYTES         sends random payloads over the bus and checks the echo
 //   vm-probe sizes PACKET       the same with sizes around whole packets of PACKET bytes
+//   vm-probe windows DEVICE      asks for the descriptors by which Windows loads WinUSB, as it does
 //   vm-probe cycles N FILE OUT IN  streams; pulls the cable by writing OUT to FILE, plugs it in by
 //   IN vm-probe capture FILE       what passes on bus 1, as a capture file, until SIGTERM
 #include <fcntl.h>
+#include <linux/usbdevice_fs.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -189,6 +191,52 @@ void Sizes(std::size_t packet) {
     }
 }
 
+// --- Windows
+// ---------------------------------------------------------------------------------------------
+
+Bytes Ask(int device, std::uint8_t type, std::uint8_t request, std::uint16_t value,
+          std::uint16_t index) {
+    Bytes answer(256);
+    usbdevfs_ctrltransfer transfer{type, request, value, index, 256, 1000, answer.data()};
+    const int size = ioctl(device, USBDEVFS_CONTROL, &transfer);
+    Require(size >= 0, "the descriptor " + std::to_string(index) + " for Windows is refused");
+    answer.resize(static_cast<std::size_t>(size));
+    return answer;
+}
+
+// Appends text as Windows keeps it: UTF-16 with its end, behind a length of `lengthSize` bytes.
+void AddText(Bytes& bytes, const std::string& text, std::size_t lengthSize) {
+    const std::size_t length = 2 * (text.size() + 1);
+    for (std::size_t i = 0; i < lengthSize; ++i)
+        bytes.push_back(static_cast<std::uint8_t>(length >> (8 * i)));
+    for (const char letter : text + '\0') {
+        bytes.push_back(static_cast<std::uint8_t>(letter));
+        bytes.push_back(0);
+    }
+}
+
+void CheckWindows(const char* path) {
+    const int device = open(path, O_RDWR);
+    Require(device >= 0, "cannot open the device on the bus");
+    const Bytes signature = Ask(device, 0x80, 6, 0x03EE, 0);
+    const Bytes expected{18, 3, 'M', 0, 'S', 0, 'F', 0, 'T', 0, '1', 0, '0', 0, '0', 0};
+    Require(
+        signature.size() == 18 && std::equal(expected.begin(), expected.end(), signature.begin()),
+        "no signature of descriptors for Windows");
+    const std::uint8_t request = signature[16];
+
+    Bytes compatible{40, 0, 0, 0, 0, 1, 4, 0, 1, 0, 0, 0, 0, 0, 0, 0};  // version 1.0, one function
+    for (const char letter : {'\0', '\1', 'W', 'I', 'N', 'U', 'S', 'B'})
+        compatible.push_back(static_cast<std::uint8_t>(letter));
+    compatible.resize(40);
+    Require(Ask(device, 0xC0, request, 0, 4) == compatible, "the compatible id is not WinUSB");
+
+    Bytes properties{142, 0, 0, 0, 0, 1, 5, 0, 1, 0, 132, 0, 0, 0, 1, 0, 0, 0};
+    AddText(properties, "DeviceInterfaceGUID", 2);
+    AddText(properties, "{6E2D0A8C-3B57-4F19-9C64-51A7D8E3B042}", 4);
+    Require(Ask(device, 0xC1, request, 0, 5) == properties, "the properties lack the GUID");
+}
+
 // --- pulled cables
 // ---------------------------------------------------------------------------------------
 
@@ -295,6 +343,8 @@ int main(int count, char** words) {
         Send(std::strtoul(argument, nullptr, 10));
     } else if (verb == "sizes") {
         Sizes(std::strtoul(argument, nullptr, 10));
+    } else if (verb == "windows") {
+        CheckWindows(argument);
     } else if (verb == "cycles" && count == 6) {
         PullCables(static_cast<unsigned>(std::strtoul(argument, nullptr, 10)), words[3], words[4],
                    words[5]);

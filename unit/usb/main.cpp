@@ -105,16 +105,18 @@ void AddOptions(CLI::App& app, Options& options) {
         ->option_text("full|high|super")
         ->transform(CLI::Transformer(speeds))
         ->check(OneOf({"full-speed", "high-speed", "super-speed"}, "full, high or super"));
-    const std::map<std::string, CableRule> rules{{"configured", CableRule::kConfigured},
-                                                 {"suspend", CableRule::kSuspend}};
-    app.add_option("--cable", options.link.cable,
-                   "When the cable counts as out: no host has configured the unit, or also while "
-                   "the bus is\n"
-                   "suspended, which is all that some controllers report of a pulled cable "
-                   "(default: configured)")
+    app.add_option_function<std::string>(
+           "--cable",
+           [&options](const std::string& rule) {
+               options.link.cable =
+                   rule == "suspend" ? CableRule::kSuspend : CableRule::kConfigured;
+           },
+           "When the cable counts as out: no host has configured the unit, or also while the bus "
+           "is\n"
+           "suspended, which is all that some controllers report of a pulled cable "
+           "(default: configured)")
         ->option_text("configured|suspend")
-        ->transform(CLI::Transformer(rules))
-        ->check(OneOf({"0", "1"}, "configured or suspend"));
+        ->check(OneOf({"configured", "suspend"}, "configured or suspend"));
     app.add_flag("--status", options.status,
                  "Print how the link stands, of the vexa-usb that runs, and end");
     app.add_flag("--json", options.json, "With --status: as JSON")->needs("--status");
