@@ -30,7 +30,7 @@ from .samples import ChannelFormat, DeviceFormat, load_devices
 from .source import Block
 from .virtual_unit import ControlError, VirtualUnit
 
-__version__ = "0.1.0"
+__version__ = "1.37"
 
 __all__ = [
     "Block",

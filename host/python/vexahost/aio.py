@@ -30,6 +30,7 @@ from .samples import DeviceFile, DeviceFormat, Samples
 from .source import Block, Source
 
 _Result = TypeVar("_Result")
+_Source = TypeVar("_Source", bound=Source)
 
 
 async def _call(blocking: Blocking) -> Any:
@@ -89,10 +90,12 @@ async def _run(engine: Engine, operation: Operation[_Result]) -> _Result:
             if isinstance(wanted, Blocking):
                 resume = await _answer(operation, wanted)
                 continue
+            # asyncio.wait_for can lose a cancellation that comes together with the change.
+            timer = loop.call_later(time_left(wanted), changed.set)
             try:
-                await asyncio.wait_for(changed.wait(), time_left(wanted))
-            except asyncio.TimeoutError:
-                pass
+                await changed.wait()
+            finally:
+                timer.cancel()
     finally:
         with engine.changed:
             engine.listeners.discard(listen)
@@ -230,9 +233,9 @@ class Unit(BaseUnit):
 
     async def receive_any(
         self,
-        sources: Sequence[AsyncSource],
+        sources: Sequence[_Source],
         timeout: Optional[float] = DEFAULT_TIMEOUT,
-    ) -> Tuple[Source, Block]:
+    ) -> Tuple[_Source, Block]:
         """The oldest block of several devices, of the DAQ as well, with the one that sent it."""
         return await self._do(find_operation(self._engine, sources, timeout))
 
@@ -253,10 +256,6 @@ class Unit(BaseUnit):
                 await self.close_controller(_LEAVE_TIMEOUT)
         finally:
             self.close()
-
-    def __del__(self) -> None:
-        if hasattr(self, "_engine"):
-            self._engine.close()
 
 
 class _Connecting:

@@ -2,8 +2,11 @@
 
 from __future__ import annotations
 
+import atexit
 import os
+import sys
 import time
+import weakref
 from types import TracebackType
 from typing import Dict, Iterator, Mapping, Optional, Sequence, Tuple, Type, TypeVar
 
@@ -18,6 +21,7 @@ from .transports import default_address, parse_address
 
 _Result = TypeVar("_Result")
 _Self = TypeVar("_Self", bound="Unit")
+_Source = TypeVar("_Source", bound=Source)
 
 DEFAULT_TIMEOUT = 3.0  # seconds
 TAKE_OVER_TIMEOUT = 15.0  # the applications have 10 s to let go
@@ -106,17 +110,27 @@ def close_operation(
 
 
 def find_operation(
-    engine: Engine, sources: Sequence[Source], timeout: Optional[float]
-) -> Operation[Tuple[Source, Block]]:
+    engine: Engine, sources: Sequence[_Source], timeout: Optional[float]
+) -> Operation[Tuple[_Source, Block]]:
     """The oldest block of several sources."""
     for source in sources:
         if source._pending:
-            return source, source._pending.popleft()
+            return source, source._take_pending()
     channels = [source._channel() for source in sources]
     deadline = deadline_after(timeout)
     raw = yield from engine.receive_any(channels, deadline)
     source = sources[channels.index(raw[0])]
     return source, source._decode(raw[1])
+
+
+_engines: weakref.WeakSet[Engine] = weakref.WeakSet()
+
+
+@atexit.register
+def _close_all() -> None:
+    """A program that ends leaves its units in order, whatever it has forgotten."""
+    for engine in list(_engines):
+        engine.close()
 
 
 class BaseUnit:
@@ -131,6 +145,12 @@ class BaseUnit:
         #: Zero of all times, in seconds since 1970-01-01 00:00 UTC (time.time()).
         self.epoch = time.time()
         self._engine = Engine(parse_address(address), queue_capacity)
+        _engines.add(self._engine)
+
+    def __del__(self) -> None:
+        # At the interpreter's end a thread may have stopped for good with the lock.
+        if hasattr(self, "_engine") and not sys.is_finalizing():
+            self._engine.close()
 
     @property
     def connection(self) -> int:
@@ -224,9 +244,9 @@ class Unit(BaseUnit):
 
     def receive_any(
         self,
-        sources: Sequence[SyncSource],
+        sources: Sequence[_Source],
         timeout: Optional[float] = DEFAULT_TIMEOUT,
-    ) -> Tuple[Source, Block]:
+    ) -> Tuple[_Source, Block]:
         """The oldest block of several devices, of the DAQ as well, with the one that sent it."""
         return self._run(find_operation(self._engine, sources, timeout))
 
@@ -260,10 +280,6 @@ class Unit(BaseUnit):
                 raise
         finally:
             self.close()
-
-    def __del__(self) -> None:
-        if hasattr(self, "_engine"):
-            self._engine.close()
 
 
 def connect(

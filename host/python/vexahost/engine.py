@@ -172,14 +172,18 @@ class Engine(Link):
             if ready:
                 oldest = min(ready, key=lambda channel: channel.blocks[0].received)
                 return oldest, oldest.blocks.popleft()
-            for channel in wanted:
-                if channel.error is not None:
-                    raise again(channel.error)
-            if self.link_error is not None:
-                raise again(self.link_error)
-            if time.monotonic() >= deadline:
-                raise Timeout("nothing came in time")
+            self.check_wait(wanted, deadline)
             yield deadline
+
+    def check_wait(self, channels: List[Channel], deadline: float) -> None:
+        """Raises what ends a wait for blocks of these."""
+        for channel in channels:
+            if channel.error is not None:
+                raise again(channel.error)
+        if self.link_error is not None:
+            raise again(self.link_error)
+        if time.monotonic() >= deadline:
+            raise Timeout("nothing came in time")
 
     def receive(self, channel: Channel, deadline: float) -> Operation[RawBlock]:
         if channel.blocks:

@@ -11,7 +11,8 @@ import os
 import struct
 from array import array
 from dataclasses import dataclass
-from typing import Any, Dict, List, Mapping, Optional, Sequence, Tuple, Union
+from functools import cached_property
+from typing import Any, Dict, List, Mapping, NamedTuple, Optional, Sequence, Tuple, Union
 
 from . import packets
 from .errors import InvalidArgument
@@ -55,7 +56,7 @@ class ChannelFormat:
         if not 0 <= self.offset <= 254 or (self.stride or 1) < 1 or (self.count or 1) < 1:
             raise InvalidArgument(f'channel "{self.name}": offset, stride or count is out of range')
 
-    @property
+    @cached_property
     def code(self) -> Optional[str]:
         """The type as struct writes it, with its byte order."""
         base = self.type.replace("s", "i", 1)
@@ -75,9 +76,9 @@ class ChannelFormat:
         count = fit if self.count is None else min(fit, self.count)
         scaled = self.scale != 1.0 or self.bias != 0.0
         if numpy is not None:
-            kind = numpy.dtype(code)
-            view: Any = numpy.ndarray((count,), kind, block, self.offset, (stride,))
-            found = view.astype(kind.newbyteorder("="))  # a copy that can be written to
+            place = self.offset if count > 0 else 0  # also in a block that is too short
+            view: Any = numpy.ndarray((count,), code, block, place, (stride,))
+            found = view.astype(code[1])  # a copy that can be written to
             return found * self.scale + self.bias if scaled else found
         places = range(self.offset, self.offset + count * stride, stride)
         numbers = [struct.unpack_from(code, block, place)[0] for place in places]
@@ -149,6 +150,17 @@ def format_for(devices: Mapping[str, DeviceFormat], name: str, block: bytes) -> 
         return devices[name]
     guessed = (each for each in devices.values() if each.check and each.has_samples(block))
     return next(guessed, DeviceFormat((), "unknown"))
+
+
+class Span(NamedTuple):
+    """The times of consecutive samples."""
+
+    begin: float  #: of the first, in seconds
+    step: float
+    length: int
+
+
+NONE: Samples = array("h") if numpy is None else numpy.empty(0, numpy.int16)
 
 
 def sample_count(values: Samples, channels: int) -> int:

@@ -4,26 +4,62 @@ from __future__ import annotations
 
 from collections import deque
 from dataclasses import replace
-from typing import Callable, Deque, List, Mapping, NamedTuple, Optional
+from typing import Callable, Deque, List, Mapping, Optional
 
 from . import samples
 from .engine import Engine
 from .errors import InvalidArgument
 from .inbox import Channel, RawBlock, Stats
 from .link import Operation
-from .samples import DeviceFormat, Samples
+from .samples import DeviceFormat, Samples, Span
 
 
-class Block(NamedTuple):
+class Block:
     """A block of a device, or a packet of the DAQ."""
 
-    values: Samples  #: its samples; none in a block that holds none, such as an echo
-    times: Samples  #: of each sample, seconds since the unit was connected (Unit.epoch)
-    sequence: int  #: the device's number of the block, 0 to 255
-    bytes: bytes
-    device_time: Optional[float]  #: seconds since its stream was opened, by the device's clock
-    received: float  #: arrival, seconds since the unit was connected
-    checksum_right: bool = True
+    def __init__(
+        self,
+        values: Samples,
+        raw: RawBlock,
+        zero: float,
+        span: Span,
+        form: Optional[DeviceFormat],
+    ) -> None:
+        #: Its samples; none in a block that holds none, such as an echo.
+        self.values = values
+        #: The device's number of the block, 0 to 255.
+        self.sequence = raw.sequence
+        self.bytes = raw.data
+        #: Its arrival, seconds since the unit was connected.
+        self.received = raw.received - zero
+        #: False for a damaged packet of the DAQ, whose samples are left out.
+        self.checksum_right = raw.checksum_right
+        self._raw = raw
+        self._zero = zero
+        self._span = span
+        self._format = form
+
+    @property
+    def times(self) -> Samples:
+        """The time of each sample, seconds since the unit was connected (Unit.epoch)."""
+        return samples.times(*self._span)
+
+    @property
+    def device_time(self) -> Optional[float]:
+        """Seconds since its stream was opened, by the device's own clock, where it is known."""
+        return self._format.device_time(self.bytes) if self._format else None
+
+    @property
+    def count(self) -> int:
+        """Samples of each channel."""
+        return self._span.length
+
+    def _part(self, begin: int, end: int) -> Block:
+        first, step, _ = self._span
+        channels = len(self._format.channels) if self._format else 1
+        values = samples.cut(self.values, channels, begin, end)
+        span = Span(first + begin * step, step, end - begin)
+        return Block(values, self._raw, self._zero, span, self._format)
 
 
 class Source:
@@ -45,7 +81,8 @@ class Source:
         stated = self._format.rate if self._format else None
         self._timing = samples.Timing(channel().opened, stated)
         self._pending: Deque[Block] = deque()  # received, not all given out
-        self._times: Samples = samples.times(0, 0, 0)
+        self._held = 0  # samples in these
+        self._spans: List[Span] = []  # of the last read
         self.name = name
 
     @property
@@ -61,7 +98,7 @@ class Source:
     @property
     def times(self) -> Samples:
         """Times of the samples of the last `read`, seconds since the unit was connected."""
-        return self._times
+        return samples.join([samples.times(*span) for span in self._spans or [Span(0, 0, 0)]], 1)
 
     @property
     def channels(self) -> List[str]:
@@ -73,23 +110,22 @@ class Source:
             guessed = samples.format_for(self._devices, self.name, raw.data)
             self._format = guessed if guessed.channels else None
         form = self._format
-        holds = form is not None and raw.checksum_right and form.has_samples(raw.data)
-        values = form.decode(raw.data) if form and holds else samples.times(0, 0, 0)
-        count = samples.sample_count(values, len(form.channels)) if form and holds else 0
+        if form is None or not raw.checksum_right or not form.has_samples(raw.data):
+            begin, step = self._timing.place(raw, 0)
+            return Block(samples.NONE, raw, self._start, Span(begin - self._start, step, 0), None)
+        values = form.decode(raw.data)
+        count = samples.sample_count(values, len(form.channels))
         begin, step = self._timing.place(raw, count)
-        return Block(
-            values,
-            samples.times(begin - self._start, step, count),
-            raw.sequence,
-            raw.data,
-            form.device_time(raw.data) if form and holds else None,
-            raw.received - self._start,
-            raw.checksum_right,
-        )
+        return Block(values, raw, self._start, Span(begin - self._start, step, count), form)
+
+    def _take_pending(self) -> Block:
+        block = self._pending.popleft()
+        self._held -= block.count
+        return block
 
     def _read_block(self, deadline: float) -> Operation[Block]:
         if self._pending:
-            return self._pending.popleft()
+            return self._take_pending()
         raw = yield from self._engine.receive(self._channel(), deadline)
         return self._decode(raw)
 
@@ -97,30 +133,25 @@ class Source:
         if count < 1:
             raise InvalidArgument("at least one sample must be asked for")
         # What came stays pending until there is enough: nothing is lost at a timeout.
-        have = sum(len(block.times) for block in self._pending)
-        while have < count:
-            raw = yield from self._engine.receive(self._channel(), deadline)
-            block = self._decode(raw)
-            if len(block.times) > 0:
-                self._pending.append(block)
-                have += len(block.times)
-        channels = len(self.channels)
-        values, times = [], []
+        channel = self._channel()
+        while True:
+            while channel.blocks and self._held < count:
+                block = self._decode(channel.blocks.popleft())
+                if block.count > 0:
+                    self._pending.append(block)
+                    self._held += block.count
+            if self._held >= count:
+                break
+            self._engine.check_wait([channel], deadline)
+            yield deadline
+        self._held -= count
+        taken: List[Block] = []
         while count > 0:
             block = self._pending.popleft()
-            there = len(block.times)
-            if there > count:
-                rest = block._replace(
-                    values=samples.cut(block.values, channels, count, None),
-                    times=block.times[count:],
-                )
-                self._pending.appendleft(rest)
-                block = block._replace(
-                    values=samples.cut(block.values, channels, 0, count),
-                    times=block.times[:count],
-                )
-            count -= len(block.times)
-            values.append(block.values)
-            times.append(block.times)
-        self._times = samples.join(times, 1)
-        return samples.join(values, channels)
+            if block.count > count:
+                self._pending.appendleft(block._part(count, block.count))
+                block = block._part(0, count)
+            count -= block.count
+            taken.append(block)
+        self._spans = [block._span for block in taken]
+        return samples.join([block.values for block in taken], len(self.channels))

@@ -1,0 +1,143 @@
+"""Recordings, samples and times, and what a faulty link does to a conversation."""
+
+import random
+from pathlib import Path
+from typing import Any, List, Type
+
+import pytest
+
+import vexahost
+from fake_unit import FakeUnit, acknowledgement, frame, sync_reply, wait_until
+from vexahost import packets, samples
+from vexahost.inbox import RawBlock
+
+CAPTURES = Path(__file__).parents[3] / "tests" / "captures"
+
+
+@pytest.mark.parametrize("name", ["whole-session", "split-packets", "faults"])
+def test_recordings_say_what_the_tool_says(name: str) -> None:
+    lines = []
+    start = None
+    for packet in vexahost.read_recording(CAPTURES / f"{name}.pcapng"):
+        start = packet.time_ns if start is None else start
+        arrow = "->" if packet.direction == "to-unit" else "<-"
+        arrow = "--" if packet.kind == "event" else arrow
+        seconds = (packet.time_ns - start) / 1e9
+        data = packets.hex_text(packet.bytes, 24)
+        lines.append(f"{packet.frame} {seconds:.6f} {arrow} {packet.words} {data}".split())
+    wanted = (CAPTURES / f"{name}.decoded.txt").read_text().splitlines()
+    assert lines == [line.split() for line in wanted]
+
+
+def test_a_broken_recording_is_read_up_to_the_break(tmp_path: Path) -> None:
+    whole = (CAPTURES / "whole-session.pcapng").read_bytes()
+    for size in (0, 10, len(whole) - 7):
+        (tmp_path / "cut").write_bytes(whole[:size])
+        read: List[Any] = []
+        with pytest.raises(ValueError, match="empty|no pcapng|breaks off, at byte"):
+            read.extend(vexahost.read_recording(tmp_path / "cut"))
+        (tmp_path / "cut").unlink()
+
+
+def one_channel(kind: str, offset: int, **more: float) -> Any:
+    return {"channels": [{"name": "value", "type": kind, "offset": offset, **more}]}
+
+
+TWO_CHANNELS = {
+    "channels": [
+        {"name": "x", "type": "s16be", "offset": 0, "stride": 4},
+        {"name": "y", "type": "i16be", "offset": 2, "stride": 4},
+    ]
+}
+
+
+@pytest.mark.parametrize("with_numpy", [True, False])
+@pytest.mark.parametrize(
+    "entry, block, values",
+    [
+        (TWO_CHANNELS, "0001 fffe 0003 0004 0005", [[1, 3], [-2, 4]]),
+        (one_channel("u8", 1, count=2, scale=0.5, bias=1), "00 02 04 06", [2.0, 3.0]),
+        (one_channel("f32le", 0), "0000803f 000000c0", [1, -2]),
+        (one_channel("u32be", 9), "00", []),
+    ],
+)
+def test_samples(
+    monkeypatch: pytest.MonkeyPatch, entry: Any, block: str, values: List[Any], with_numpy: bool
+) -> None:
+    if not with_numpy:
+        monkeypatch.setattr(samples, "numpy", None)
+    else:
+        pytest.importorskip("numpy")
+    found = samples.load_devices({"Sensor": entry})["Sensor"].decode(bytes.fromhex(block))
+    assert [list(row) if len(entry["channels"]) > 1 else row for row in found] == values
+
+
+def test_sample_times_follow_the_truth() -> None:
+    chance = random.Random(1)
+    timing = samples.Timing(10.0, None)
+    worst, last, number = 0.0, 10.0, 0
+    for index in range(3000):  # a minute of 50 blocks of 32 samples
+        truth = 10.0 + (index + 1) * 0.02 + (2.0 if index > 1500 else 0.0)  # a pause of 2 s
+        number += 2 if index == 1501 else 1
+        arrival = truth + chance.choice([0.001, 0.01, 0.02, 0.03])
+        begin, step = timing.place(RawBlock(b"", arrival, number & 0xFF, True), 32)
+        assert begin > last and step > 0
+        last = begin + 31 * step
+        if index > 500:
+            worst = max(worst, abs(last - truth))
+    assert worst < 0.04 and timing.rate == pytest.approx(1600, rel=0.005)
+
+
+def broken_by(data: bytes) -> Any:
+    """Answers syncs, then sends `data` as soon as the controller is opened."""
+
+    def answer(unit: FakeUnit, request: bytes) -> None:
+        if packets.is_initial_sync(request):
+            unit.send(frame(sync_reply(request)), piece=3)
+        else:
+            unit.send(data or frame(acknowledgement(request)))
+
+    return answer
+
+
+@pytest.mark.parametrize(
+    "data, error",
+    [
+        (b"\0\0\0\0BUSY", vexahost.Busy),
+        (b"\x05\0\0\0U013hello", vexahost.ProtocolViolation),
+        (b"\x31\x75\0\0U012" + bytes(30001), vexahost.ProtocolViolation),
+    ],
+)
+def test_what_ends_a_link(tmp_path: Path, data: bytes, error: Type[Exception]) -> None:
+    unit = vexahost.connect(FakeUnit(tmp_path, broken_by(data)).path)
+    with pytest.raises(error) as raised:
+        unit.open_controller(timeout=10)
+    assert isinstance(raised.value, ConnectionError)
+    with pytest.raises(error):
+        unit.daq.read_block(timeout=10)
+
+
+def test_a_cut_packet_is_searched_past(tmp_path: Path) -> None:
+    syncs: List[bytes] = []
+
+    def answer(unit: FakeUnit, request: bytes) -> None:
+        if packets.is_initial_sync(request):
+            unit.send(frame(sync_reply(request)))
+            syncs.append(request)
+        elif request[12] == packets.OPEN_CHILD:
+            blocks = [packets.build_tunnel(0x11, n, b"\1\2\0\0\5" * 20) for n in range(4)]
+            lost = blocks[1][:50]  # then the packet after it is taken for its rest
+            unit.send(frame(acknowledgement(request) + blocks[0] + lost + blocks[2]), piece=7)
+        elif request[12] == packets.CLOSE_CHILD:
+            unit.send(frame(packets.build_tunnel(0x11, 9, b"last") + acknowledgement(request)))
+        else:
+            unit.send(frame(acknowledgement(request)), piece=1)
+
+    with vexahost.connect(FakeUnit(tmp_path, answer).path) as unit:
+        unit.open_controller()
+        device = unit.open("Sensor")
+        assert len(device.read_block(timeout=10).bytes) == 100
+        wait_until(lambda: len(syncs) == 2)
+        unit.close_device(0x99)  # of which the unit says nothing here
+        assert device.read_block(timeout=10).bytes == b"last"
+        assert device.stats.gaps == 1 and unit.stats.resynchronisations == 1
