@@ -16,15 +16,14 @@ CAPTURES = Path(__file__).parents[3] / "tests" / "captures"
 
 @pytest.mark.parametrize("name", ["whole-session", "split-packets", "faults"])
 def test_recordings_say_what_the_tool_says(name: str) -> None:
-    lines = []
-    start = None
+    lines, start = [], None
     for packet in vexahost.read_recording(CAPTURES / f"{name}.pcapng"):
         start = packet.time_ns if start is None else start
-        arrow = "->" if packet.direction == "to-unit" else "<-"
+        arrow = {"to-unit": "->", "from-unit": "<-"}[packet.direction]
         arrow = "--" if packet.kind == "event" else arrow
-        seconds = (packet.time_ns - start) / 1e9
+        time = f"{(packet.time_ns - start) / 1e9:.6f}"
         data = packets.hex_text(packet.bytes, 24)
-        lines.append(f"{packet.frame} {seconds:.6f} {arrow} {packet.words} {data}".split())
+        lines.append(f"{packet.frame} {time} {arrow} {packet.words} {data}".split())
     wanted = (CAPTURES / f"{name}.decoded.txt").read_text().splitlines()
     assert lines == [line.split() for line in wanted]
 
@@ -36,26 +35,21 @@ def test_a_broken_recording_is_read_up_to_the_break(tmp_path: Path) -> None:
         read: List[Any] = []
         with pytest.raises(ValueError, match="empty|no pcapng|breaks off, at byte"):
             read.extend(vexahost.read_recording(tmp_path / "cut"))
-        (tmp_path / "cut").unlink()
 
 
 def one_channel(kind: str, offset: int, **more: float) -> Any:
     return {"channels": [{"name": "value", "type": kind, "offset": offset, **more}]}
 
 
-TWO_CHANNELS = {
-    "channels": [
-        {"name": "x", "type": "s16be", "offset": 0, "stride": 4},
-        {"name": "y", "type": "i16be", "offset": 2, "stride": 4},
-    ]
-}
+X = {"name": "x", "type": "s16be", "offset": 0, "stride": 4}
+Y = {"name": "y", "type": "i16be", "offset": 2, "stride": 4}
 
 
 @pytest.mark.parametrize("with_numpy", [True, False])
 @pytest.mark.parametrize(
     "entry, block, values",
     [
-        (TWO_CHANNELS, "0001 fffe 0003 0004 0005", [[1, 3], [-2, 4]]),
+        ({"channels": [X, Y]}, "0001 fffe 0003 0004 0005", [[1, 3], [-2, 4]]),
         (one_channel("u8", 1, count=2, scale=0.5, bias=1), "00 02 04 06", [2.0, 3.0]),
         (one_channel("f32le", 0), "0000803f 000000c0", [1, -2]),
         (one_channel("u32be", 9), "00", []),
@@ -73,8 +67,7 @@ def test_samples(
 
 
 def test_sample_times_follow_the_truth() -> None:
-    chance = random.Random(1)
-    timing = samples.Timing(10.0, None)
+    chance, timing = random.Random(1), samples.Timing(10.0, None)
     worst, last, number = 0.0, 10.0, 0
     for index in range(3000):  # a minute of 50 blocks of 32 samples
         truth = 10.0 + (index + 1) * 0.02 + (2.0 if index > 1500 else 0.0)  # a pause of 2 s
@@ -92,10 +85,8 @@ def broken_by(data: bytes) -> Any:
     """Answers syncs, then sends `data` as soon as the controller is opened."""
 
     def answer(unit: FakeUnit, request: bytes) -> None:
-        if packets.is_initial_sync(request):
-            unit.send(frame(sync_reply(request)), piece=3)
-        else:
-            unit.send(data or frame(acknowledgement(request)))
+        is_sync = packets.is_initial_sync(request)
+        unit.send(frame(sync_reply(request)) if is_sync else data, piece=3)
 
     return answer
 
@@ -110,11 +101,8 @@ def broken_by(data: bytes) -> Any:
 )
 def test_what_ends_a_link(tmp_path: Path, data: bytes, error: Type[Exception]) -> None:
     unit = vexahost.connect(FakeUnit(tmp_path, broken_by(data)).path)
-    with pytest.raises(error) as raised:
-        unit.open_controller(timeout=10)
-    assert isinstance(raised.value, ConnectionError)
     with pytest.raises(error):
-        unit.daq.read_block(timeout=10)
+        unit.open_controller(timeout=10)
 
 
 def test_a_cut_packet_is_searched_past(tmp_path: Path) -> None:
