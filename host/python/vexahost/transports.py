@@ -4,11 +4,13 @@ from __future__ import annotations
 
 import errno
 import os
+import queue
 import select
 import socket
 import stat
+import threading
 import time
-from typing import Any, Callable, Optional
+from typing import Any, Callable, List, Optional, Union
 from urllib.parse import parse_qs, urlsplit
 
 from .errors import CannotConnect, InvalidArgument
@@ -17,6 +19,7 @@ TCP_PORT = 38144
 BAUD = 38400
 SOCKET_NAME = "host.sock"
 _READ_SIZE = 1 << 16
+_FAR = 3600.0  # seconds
 _PAUSE = 0.02  # between two attempts while a unit's queue of hosts is full
 
 Connect = Callable[[float], "Transport"]
@@ -148,10 +151,44 @@ def connect_unit(path: str, deadline: float) -> Transport:
         raise CannotConnect(f"cannot connect to a unit at {where}: {why}") from error
 
 
+def _look_up(host: str, port: int, deadline: float) -> List[str]:
+    """The addresses of a name. The system's look-up can neither be interrupted nor limited."""
+    found: queue.SimpleQueue[Union[List[str], OSError]] = queue.SimpleQueue()
+
+    def work() -> None:
+        try:
+            entries = socket.getaddrinfo(host, port, type=socket.SOCK_STREAM)
+            found.put([str(entry[4][0]) for entry in entries])
+        except OSError as error:
+            found.put(error)
+
+    threading.Thread(target=work, name="vexahost look-up", daemon=True).start()
+    try:
+        result = found.get(timeout=min(max(deadline - time.monotonic(), 0), _FAR))
+    except queue.Empty:
+        raise TimeoutError(errno.ETIMEDOUT, "no answer in time") from None
+    if isinstance(result, OSError):
+        raise result
+    return result
+
+
+def _connect_first(host: str, port: int, deadline: float) -> socket.socket:
+    failure = OSError(errno.EADDRNOTAVAIL, "the name has no address")
+    addresses = _look_up(host, port, deadline)
+    for number, address in enumerate(addresses):
+        # One that never answers leaves time for the others.
+        share = (deadline - time.monotonic()) / (len(addresses) - number)
+        try:
+            return socket.create_connection((address, port), min(max(share, 0.001), _FAR))
+        except OSError as error:
+            failure = error
+    raise failure
+
+
 def connect_tcp(host: str, port: int, deadline: float) -> Transport:
     """A unit that serves TCP."""
     try:
-        made = socket.create_connection((host, port), max(deadline - time.monotonic(), 0.001))
+        made = _connect_first(host, port, deadline)
     except OSError as error:
         why = error.strerror or str(error)
         raise CannotConnect(f"cannot connect to a unit at {host}:{port}: {why}") from error
