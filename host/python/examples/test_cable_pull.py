@@ -29,4 +29,4 @@ def test_a_pulled_cable_loses_no_recording(virtual_unit: vexahost.VirtualUnit) -
         virtual_unit.wait(host=False)
         virtual_unit.cable(True)
         program.join(20)
-        assert len(values) == 4000 and unit.connection == 2
+        assert len(values) == 4000 and unit.connection > 1
