@@ -179,7 +179,7 @@ class Unit(BaseUnit):
     def __init__(self, address: str, queue_capacity: int, devices: Optional[DeviceFile]) -> None:
         super().__init__(address, queue_capacity, devices)
         #: The acquisition board.
-        self.daq = Daq(self._engine, self._devices, self._start, "DAQ", lambda: self._engine.daq)
+        self.daq = Daq(self._engine, self._devices, self._start, "DAQ", self._engine.daq_channel)
 
     async def _do(self, operation: Operation[_Result]) -> _Result:
         return await _run(self._engine, operation)

@@ -180,9 +180,7 @@ class Unit(BaseUnit):
     def __init__(self, address: str, queue_capacity: int, devices: Optional[DeviceFile]) -> None:
         super().__init__(address, queue_capacity, devices)
         #: The acquisition board.
-        self.daq = Daq(
-            self._engine, self._devices, self._start, "DAQ", lambda: self._engine.daq
-        )
+        self.daq = Daq(self._engine, self._devices, self._start, "DAQ", self._engine.daq_channel)
 
     def _run(self, operation: Operation[_Result]) -> _Result:
         return self._engine.run(operation)

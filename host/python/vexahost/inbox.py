@@ -135,7 +135,7 @@ def again(error: Error) -> Error:
 
 
 class Inbox:
-    """All functions but the constructor need the lock, which is that of `changed`."""
+    """All functions that change something need the lock, which is that of `changed`."""
 
     def __init__(self, capacity: int) -> None:
         self.changed = threading.Condition()
@@ -308,6 +308,9 @@ class Inbox:
     def is_controller(self, child: int) -> bool:
         """The ids under which the controller answers: its own, or 0 when its entry is gone."""
         return child in (self.controller_id, 0)
+
+    def daq_channel(self) -> Channel:
+        return self.daq
 
     def copy_stats(self) -> LinkStats:
         return replace(self.link_stats)

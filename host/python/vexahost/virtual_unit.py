@@ -2,6 +2,7 @@
 
 from __future__ import annotations
 
+import atexit
 import json
 import os
 import shutil
@@ -78,6 +79,7 @@ class VirtualUnit:
     def start(self: _Self, timeout: float = 10.0) -> _Self:
         """Starts the unit and waits, `timeout` seconds at most, until the service is up."""
         deadline = time.monotonic() + timeout
+        atexit.register(self.stop)
         base = tempfile.gettempdir()
         self._scratch = tempfile.mkdtemp(
             prefix="vexa-", dir=base if len(base) < _LONGEST_FOLDER else "/tmp"
@@ -124,6 +126,7 @@ class VirtualUnit:
         if os.getpid() != self._owner:
             return None  # a forked child: the unit is the parent's
         status = None
+        atexit.unregister(self.stop)
         if self._control is not None:
             self._control.close()
             self._control = None
