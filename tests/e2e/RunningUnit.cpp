@@ -1,6 +1,7 @@
 #include "e2e/RunningUnit.h"
 
 #include <poll.h>
+#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -91,6 +92,12 @@ pid_t RunningUnit::ServiceId() const {
     std::ifstream children("/proc/" + tool + "/task/" + tool + "/children");
     while (children >> service) continue;
     return service;
+}
+
+void RunningUnit::Signal(int number) const {
+    const pid_t service = ServiceId();
+    ASSERT_GT(service, 0);  // -1 would be every process there is
+    kill(service, number);
 }
 
 std::pair<std::size_t, std::size_t> RunningUnit::ThreadsAndDescriptors() const {

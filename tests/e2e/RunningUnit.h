@@ -53,7 +53,10 @@ class RunningUnit {
     int Wait();
     int Stop();
 
+    // The service's process; -1 when there is none.
     [[nodiscard]] pid_t ServiceId() const;
+    // Sends the service a signal; the test fails when there is none to send it to.
+    void Signal(int number) const;
     // Threads and descriptors of the service.
     [[nodiscard]] std::pair<std::size_t, std::size_t> ThreadsAndDescriptors() const;
 
