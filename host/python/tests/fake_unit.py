@@ -32,8 +32,6 @@ def acknowledgement(request: bytes) -> bytes:
 
 
 class FakeUnit:
-    """Listens on a socket and passes each packet of its one host to `answer`."""
-
     def __init__(self, folder: Any, answer: Callable[["FakeUnit", bytes], None]) -> None:
         self.path = os.path.join(folder, "fake.sock")
         self._listener = socket.socket(socket.AF_UNIX)

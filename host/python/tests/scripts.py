@@ -15,7 +15,6 @@ class Script:
     def __init__(self, virtual: vexahost.VirtualUnit, unit: vexahost.Unit) -> None:
         self.virtual, self.unit = virtual, unit
         self.devices: Dict[str, vexahost.Device] = {}
-        self.opened: Dict[str, float] = {}
         self.patience = 0.0  # until when a check may become true: the waits of the script
         self.verbs: Dict[str, Callable[..., Any]] = {
             "controller": self.controller,
@@ -37,7 +36,6 @@ class Script:
         }
 
     def run(self, text: str) -> int:
-        """Runs all lines. The number of them that check something."""
         lines = [line.split("#")[0].split() for line in text.splitlines()]
         for words in filter(None, lines):
             if words[0] == "expect":
@@ -63,7 +61,6 @@ class Script:
 
     def open(self, name: str, id: str = "") -> None:
         self.devices[name] = self.unit.open(name, int(id, 0) if id else None)
-        self.opened[name] = time.monotonic()
 
     def close(self, name: str) -> None:
         if name == "controller":
@@ -73,6 +70,6 @@ class Script:
     def figure(self, name: str, figure: str) -> float:
         stats = self.unit.daq.stats if name == "daq" else self.devices[name].stats
         if figure == "rate":
-            return stats.blocks / (time.monotonic() - self.opened[name])
+            return stats.blocks / (time.monotonic() - self.devices[name]._channel().opened)
         names = {"packets": "blocks", "badsums": "wrong_checksums"}
         return float(getattr(stats, names.get(figure, figure)))

@@ -10,6 +10,7 @@ import vexahost
 from fake_unit import FakeUnit, acknowledgement, frame, sync_reply, wait_until
 from vexahost import packets, samples
 from vexahost.inbox import RawBlock
+from vexahost.readers import PacketReader
 
 CAPTURES = Path(__file__).parents[3] / "tests" / "captures"
 
@@ -37,6 +38,23 @@ def test_a_broken_recording_is_read_up_to_the_break(tmp_path: Path) -> None:
             read.extend(vexahost.read_recording(tmp_path / "cut"))
 
 
+def test_rules_of_the_wire() -> None:
+    sums = [packets.build(0x60, 1, b"\1" * size)[3] for size in (0, 249, 250, 251)]
+    assert sums == [0x65, 0x57, 0x5F, 0x60]  # the longest packets have it over three bytes
+    named = packets.build(0x40, 0, b"\x70" + packets.open_arguments(5, "Controller"))
+    assert packets.reopens_controller(named) and packets.reopens_controller(b"\0\0\0\0\x72")
+    assert not packets.reopens_controller(named.replace(b"C", b"c"))
+
+
+def test_a_sync_reply_is_found_that_had_begun_inside_another_packet() -> None:
+    reader, reply = PacketReader(), sync_reply(bytes(4))
+    reader.feed(b"\x60\xff" + reply[:9])
+    assert reader.next() is None
+    reader.await_sync_reply()
+    reader.feed(reply[9:])
+    assert reader.next() == (reply, True)
+
+
 def one_channel(kind: str, offset: int, **more: float) -> Any:
     return {"channels": [{"name": "value", "type": kind, "offset": offset, **more}]}
 
@@ -55,9 +73,7 @@ Y = {"name": "y", "type": "i16be", "offset": 2, "stride": 4}
         (one_channel("u32be", 9), "00", []),
     ],
 )
-def test_samples(
-    monkeypatch: pytest.MonkeyPatch, entry: Any, block: str, values: List[Any], with_numpy: bool
-) -> None:
+def test_samples(monkeypatch: Any, entry: Any, block: str, values: Any, with_numpy: bool) -> None:
     if not with_numpy:
         monkeypatch.setattr(samples, "numpy", None)
     else:
@@ -66,8 +82,9 @@ def test_samples(
     assert [list(row) if len(entry["channels"]) > 1 else row for row in found] == values
 
 
-def test_sample_times_follow_the_truth() -> None:
-    chance, timing = random.Random(1), samples.Timing(10.0, None)
+@pytest.mark.parametrize("stated", [None, 100.0])  # samples per second: unknown, far off
+def test_sample_times_follow_the_truth(stated: Any) -> None:
+    chance, timing = random.Random(1), samples.Timing(10.0, stated)
     worst, last, number = 0.0, 10.0, 0
     for index in range(3000):  # a minute of 50 blocks of 32 samples
         truth = 10.0 + (index + 1) * 0.02 + (2.0 if index > 1500 else 0.0)  # a pause of 2 s

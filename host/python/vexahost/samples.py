@@ -198,6 +198,7 @@ class Timing:
     _LEAST = 0.2  # part of its usual time that a block spans at least
     _JUMP = 0.5  # seconds
     _MEASURE = 0.1  # seconds until the measured rate counts
+    _PAUSE = 5.0  # seconds without a block after which the rate is measured anew
     _SHORTEST = 1e-4  # seconds that the first block spans at least
 
     def __init__(self, opened: float, rate: Optional[float]) -> None:
@@ -206,7 +207,8 @@ class Timing:
         self._measured: Optional[float] = None
         self._end = opened  # time of the last sample
         self._sequence: Optional[int] = None
-        self._first = opened  # arrival of the first block of this run
+        self._first = opened  # arrival of the first block of this run, without gaps and pauses
+        self._last = opened  # arrival of the newest block
         self._since = 0  # samples after that block
 
     @property
@@ -221,26 +223,29 @@ class Timing:
         self._sequence = block.sequence
         if count == 0:
             return arrival, 0.0
+        self._measure(arrival, count, follows)
         rate = self.rate or self._guess
         if rate is None:
             self._guess = rate = count / max(arrival - self._end, self._SHORTEST)
         usual = count / rate
-        expected = self._end + usual
-        begin = self._end
-        if follows and abs(arrival - expected) <= self._JUMP:
-            self._since += count
-            elapsed = arrival - self._first
-            if elapsed >= self._MEASURE:
-                self._measured = self._since / elapsed
-            end = expected + self._FOLLOW * (arrival - expected)
+        begin, end = self._end, self._end + usual
+        if follows and abs(arrival - end) <= self._JUMP:
+            end += self._FOLLOW * (arrival - end)
         else:
-            self._first = arrival
-            self._since = 0
-            begin = max(begin, arrival - usual)
-            end = arrival
+            begin, end = max(begin, arrival - usual), arrival
         self._end = max(end, begin + self._LEAST * usual)
         step = (self._end - begin) / count
         return begin + step, step
+
+    def _measure(self, arrival: float, count: int, follows: bool) -> None:
+        if not follows or arrival - self._last > self._PAUSE:
+            self._first = arrival
+            self._since = 0
+        else:
+            self._since += count
+            if arrival - self._first >= self._MEASURE:
+                self._measured = self._since / (arrival - self._first)
+        self._last = arrival
 
 
 def times(begin: float, step: float, count: int) -> Samples:
