@@ -40,7 +40,6 @@ def test_the_guide(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
     with vexahost.VirtualUnit(folder="build/unit") as virtual:
         for part in (ROOT / "docs/python.md").read_text().split("```python\n")[1:]:
             asyncio.run(run(part.split("```")[0]))
-            virtual.wait(host=False)
         assert len(names["x"]) == 2000 and names["x"].dtype == "int16"
         with virtual.connect() as unit:
             names["log_for"](5, unit, lambda packet: None)
