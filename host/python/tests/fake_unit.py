@@ -46,7 +46,6 @@ class FakeUnit:
         while data := self._host.recv(4096):
             for packet in reader.feed(data):
                 self._answer(self, packet.data)
-        self._host.close()
 
     def send(self, data: bytes, piece: int = 1 << 16) -> None:
         for at in range(0, len(data), piece):

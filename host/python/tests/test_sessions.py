@@ -44,7 +44,7 @@ def test_the_guide(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
         with virtual.connect() as unit:
             names["log_for"](5, unit, lambda packet: None)
             assert unit.daq.stats.blocks >= 5
-    with vexahost.VirtualUnit({"daq": {"answersSync": False}}) as virtual:
+        virtual.daq(answersSync=False)
         names["test_my_program_without_the_board"](virtual)
 
 
