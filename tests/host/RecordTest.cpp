@@ -64,6 +64,9 @@ TEST_F(Record, EndsInTimeWhileTheHostGoesOnTalking) {
 }
 
 TEST_F(Record, LeavesNothingBehindAtASecondSignal) {
+#ifdef VEXA_EMULATED
+    GTEST_SKIP() << "under the emulator the line keeps its settings";
+#endif
     const vexa::testkit::Descriptor unit(posix_openpt(O_RDWR | O_NOCTTY));
     ASSERT_TRUE(grantpt(unit.Get()) == 0 && unlockpt(unit.Get()) == 0);
     const std::string path = ptsname(unit.Get());
