@@ -83,7 +83,6 @@ bool Endpoints::Submit(Transfer& transfer, int endpoint, unsigned operation, std
 }
 
 // --- what the controller says
-// ---------------------------------------------------------------------
 
 void Endpoints::OnControl() {
     std::array<usb_functionfs_event, 4> list;
@@ -148,7 +147,6 @@ void Endpoints::OnConfigured() {
 }
 
 // --- from the host
-// ----------------------------------------------------------------------------------
 
 // As many transfers as there is room for. Without any the controller makes the host wait.
 void Endpoints::Receive() {
@@ -159,9 +157,8 @@ void Endpoints::Receive() {
             if (receiving == 0 && !std::exchange(hostWaits, true)) ++counters.hostWaits;
             return;
         }
-        if (!Submit(receives[i], out.Get(), IOCB_CMD_PREAD, &packets[i * kMaxPacket], packetSize,
-                    i))
-            return;
+        std::uint8_t* const packet = &packets[i * kMaxPacket];
+        if (!Submit(receives[i], out.Get(), IOCB_CMD_PREAD, packet, packetSize, i)) return;
         ++receiving;
         hostWaits = false;
     }
@@ -190,7 +187,6 @@ std::size_t Endpoints::Take(std::span<std::uint8_t> bytes) {
 }
 
 // --- to the host
-// ------------------------------------------------------------------------------------
 
 void Endpoints::Send(std::span<const std::uint8_t> bytes) {
     std::ranges::copy(bytes, outgoing.begin());
@@ -245,7 +241,7 @@ void Endpoints::OnSent(std::size_t number, long result) {
     events.sent(isShort ? -sendError : static_cast<long>(sent));
 }
 
-// ---------------------------------------------------------------------------------------------------
+// --- the ends of transfers
 
 void Endpoints::OnTransfers() {
     std::uint64_t ended = 0;

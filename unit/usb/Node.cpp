@@ -125,7 +125,6 @@ bool Node::OnRequests() {
 }
 
 // --- reading
-// ----------------------------------------------------------------------------------------
 
 void Node::Read(fuse_req* request, std::size_t size, int flags) {
     if (reading != nullptr) {
@@ -153,7 +152,6 @@ void Node::AnswerRead() {
 }
 
 // --- writing
-// ----------------------------------------------------------------------------------------
 
 void Node::Write(fuse_req* request, std::span<const std::uint8_t> bytes) {
     if (!IsCableIn()) {
@@ -190,7 +188,6 @@ void Node::Interrupt(fuse_req* request) {
 }
 
 // --- the cable
-// --------------------------------------------------------------------------------------
 
 // Only the opener knows how much the number's size stands for, so its value is asked for by
 // address.

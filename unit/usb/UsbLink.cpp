@@ -70,8 +70,9 @@ void UsbLink::Run() {
             if (ready == node.HoldDescriptor()) node.OnHoldOver();
             if (ready == status.Descriptor()) status.OnConnection();
             if (ready != node.Descriptor()) continue;
-            if (!node.OnRequests())
+            if (!node.OnRequests()) {
                 throw SetupError("the kernel has ended the node /dev/" + settings.node);
+            }
             if (node.IsReady() && !isReady) OnReady();
         }
     }
