@@ -97,7 +97,8 @@ void KeepStatusOfChildren() {
 
 }  // namespace
 
-ChildProcess::ChildProcess(const ProcessCall& call) : ownGroup(call.ownGroup) {
+ChildProcess::ChildProcess(const ProcessCall& call)
+    : ownGroup(call.ownGroup), leavesGroup(call.leavesGroup) {
     const auto arguments = Pointers(call.command);
     const auto entries = Environment(call);
     const auto environment = Pointers(entries);
@@ -133,13 +134,14 @@ ChildProcess::ChildProcess(const ProcessCall& call) : ownGroup(call.ownGroup) {
 ChildProcess::ChildProcess(ChildProcess&& other) noexcept
     : process(std::exchange(other.process, -1)),
       ownGroup(other.ownGroup),
+      leavesGroup(other.leavesGroup),
       status(other.status),
       log(std::move(other.log)) {}
 
 ChildProcess::~ChildProcess() {
     if (process < 0) return;
     // Its group also when the program itself has ended: what it started may still run.
-    if (ownGroup) ::kill(-process, SIGKILL);
+    if (ownGroup && !(leavesGroup && Status())) ::kill(-process, SIGKILL);
     Signal(SIGKILL);
     Wait(kForEver);
 }

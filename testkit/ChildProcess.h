@@ -30,6 +30,7 @@ struct ProcessCall {
     Output output = Output::kCaptured;
     std::vector<int> inherited{};    // descriptors that stay open although marked close-on-exec
     bool ownGroup = false;           // a process group of its own, so that Ctrl-C does not reach it
+    bool leavesGroup = false;        // with that, once it has ended: what it started goes on
     bool withoutInput = false;       // standard input is /dev/null
     bool keepIgnored = false;        // signals that are ignored here are ignored in the child, too
     int deathSignal = SIGKILL;       // the child gets it when the starting thread ends; 0: none
@@ -70,6 +71,7 @@ class ChildProcess {
   private:
     pid_t process = -1;
     bool ownGroup;
+    bool leavesGroup;
     std::optional<int> status;  // once it has ended
     std::unique_ptr<OutputLog> log;
 };

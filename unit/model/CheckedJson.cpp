@@ -72,6 +72,20 @@ double CheckedJson::Rate() const {
     return rate;
 }
 
+double CheckedJson::Number(double most) const {
+    const double number = value.is_number() ? value.get<double>() : -1;
+    if (number <= 0 || number > most) {
+        Complain("a number above 0 and up to " + std::to_string(std::llround(most)));
+    }
+    return number;
+}
+
+std::string CheckedJson::String(std::string_view expected) const {
+    auto text = Text(expected);
+    if (text.empty() || text.find('\0') != std::string::npos) Complain(expected);
+    return text;
+}
+
 std::string CheckedJson::Name() const {
     const std::string expected = "a name of 1 to " + std::to_string(kMaxDeviceName) + " bytes";
     auto name = Text(expected);

@@ -32,6 +32,10 @@ class CheckedJson {
     [[nodiscard]] std::uint32_t Unsigned(std::uint32_t least, std::uint32_t most) const;
     [[nodiscard]] std::int32_t Signed32() const;
     [[nodiscard]] double Rate() const;  // 0 to kMaxRate
+    // More than 0, and at most `most`.
+    [[nodiscard]] double Number(double most) const;
+    // 1 byte or more, none of them zero; `expected` describes it in the error.
+    [[nodiscard]] std::string String(std::string_view expected) const;
     // 1 to kMaxDeviceName bytes without a zero byte.
     [[nodiscard]] std::string Name() const;
     // `expected` describes the text in the error.

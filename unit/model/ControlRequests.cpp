@@ -103,11 +103,11 @@ void ListCalls(Unit& unit, const Json& request, Json& answer) {
 
 // The device that a host gets when it opens `device` by its name: the service opens the first
 // attached one of the type. Empty: it gets none.
-std::string DeviceThatOpens(const std::vector<DeviceSettings>& devices,
+std::string DeviceThatOpens(Unit& unit, const std::vector<DeviceSettings>& devices,
                             const DeviceSettings& device) {
     if (!IsHidType(device.type) && !IsStreamType(device.type)) return "";
     const auto first = std::ranges::find_if(devices, [&](const DeviceSettings& other) {
-        return other.attached && other.type == device.type;
+        return other.type == device.type && unit.Vexa().IsFound(other.name);
     });
     return first == devices.end() ? "" : first->name;
 }
@@ -116,12 +116,15 @@ void ReportState(Unit& unit, const Json& request, Json& answer) {
     CheckedJson(request, "").RequireKeys({});
     answer["seed"] = unit.Seed();
     answer["cable"] = ToJson(unit.StateOfCable());
-    answer["daq"] = SettingsToJson(unit.Vexa().Daq());
+    const DaqSettings daq = unit.Vexa().Daq();
+    answer["daq"] = SettingsToJson(daq);
+    if (daq.source) answer["daq"]["found"] = unit.Vexa().IsFound(daq.name);
     answer["devices"] = Json::array();
     const auto devices = unit.Vexa().Devices();
     for (const auto& device : devices) {
         Json item = SettingsToJson(device);
-        const auto opened = DeviceThatOpens(devices, device);
+        if (device.source) item["found"] = unit.Vexa().IsFound(device.name);
+        const auto opened = DeviceThatOpens(unit, devices, device);
         item["opens"] = opened.empty() ? Json(nullptr) : Json(opened);
         answer["devices"].push_back(std::move(item));
     }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <utility>
 
+#include "model/ApplicationProgram.h"
+
 namespace vexa::unit {
 
 namespace {
@@ -29,13 +31,42 @@ void Application::Change(const ApplicationSettings& settings_) {
     settings = settings_;
 }
 
-std::int32_t Application::Perform(std::uint32_t command) {
+std::int32_t Application::Perform(std::uint32_t command, const std::atomic<bool>& isCancelled) {
+    const ApplicationSettings now = Settings();
+    const auto words = now.program ? CommandFor(*now.program, command) : std::vector<std::string>();
+    if (!words.empty() && !now.responses.contains(command)) {
+        const std::int32_t response = RunProgram(words, now, isCancelled);
+        const MutexLock lock(mutex);
+        if (command == kQuery) settings.holds = response == 1;
+        if (response == 1 && command == kActivate) settings.holds = true;
+        if (response == 1 && command == kDeactivate) settings.holds = false;
+        return response;
+    }
     const MutexLock lock(mutex);
     const auto replaced = settings.responses.find(command);
     if (command == kQuery && replaced == settings.responses.end()) return settings.holds ? 1 : 0;
     const std::int32_t response = replaced == settings.responses.end() ? 1 : replaced->second;
     if (response == 1 && command == kActivate) settings.holds = true;
     if (response == 1 && command == kDeactivate) settings.holds = false;
+    return response;
+}
+
+std::int32_t Application::RunProgram(const std::vector<std::string>& words,
+                                     const ApplicationSettings& now,
+                                     const std::atomic<bool>& isCancelled) {
+    constexpr milliseconds kLook{20};  // for an end of the session, which signals nothing here
+    {
+        MutexLock lock(mutex);
+        while (isRunning && !isCancelled) released.wait_for(lock, kLook);
+        if (isCancelled) return -1;
+        isRunning = true;
+    }
+    const auto response = RunApplication(name, words, now.program->timeoutMs, isCancelled);
+    {
+        const MutexLock lock(mutex);
+        isRunning = false;
+    }
+    released.notify_all();
     return response;
 }
 
@@ -127,7 +158,7 @@ std::vector<CriSession::Answer> CriSession::RemoveDueAnswers() {
     return answers;
 }
 
-void CriSession::AddAnswer(std::uint32_t command, std::vector<Answer>& into) {
+void CriSession::AddAnswer(std::uint32_t command, std::vector<Answer>& into) const {
     const auto strays = application.Settings().strays;
     const auto addStrays = [&](StrayTime when) {
         for (const auto& stray : strays) {
@@ -135,19 +166,17 @@ void CriSession::AddAnswer(std::uint32_t command, std::vector<Answer>& into) {
         }
     };
     addStrays(StrayTime::kBeforeAnswer);
-    into.push_back({command, application.Perform(command)});
+    into.push_back({command, std::nullopt});
     addStrays(StrayTime::kAfterAnswer);
 }
 
-bool CriSession::IsStopping() {
-    const MutexLock lock(mutex);
-    return stopping;
-}
-
 void CriSession::Run() {
-    while (!IsStopping()) {
-        for (const auto& [command, response] : AwaitAnswers()) {
-            if (IsStopping()) return;
+    while (!stopping) {
+        for (const auto& [command, stray] : AwaitAnswers()) {
+            if (stopping) return;
+            // Without the mutex: a program takes its time, and the service gives more commands.
+            const std::int32_t response = stray ? *stray : application.Perform(command, stopping);
+            if (stopping) return;
             observer(application.Name(), command, response);
             callback(context, command, response);
         }

@@ -2,6 +2,7 @@
 // which the service talks to them. vexcri.cpp is its C interface.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -32,12 +33,19 @@ class Application {
     [[nodiscard]] ApplicationSettings Settings() const;
     void Change(const ApplicationSettings& settings_);
 
-    // Carries out a session command; returns the response.
-    [[nodiscard]] std::int32_t Perform(std::uint32_t command);
+    // Carries out a session command; returns the response. Where a program does it, waits for its
+    // end, and for those before it: the application runs one at a time. `isCancelled` ends it.
+    [[nodiscard]] std::int32_t Perform(std::uint32_t command, const std::atomic<bool>& isCancelled);
 
   private:
+    [[nodiscard]] std::int32_t RunProgram(const std::vector<std::string>& words,
+                                          const ApplicationSettings& now,
+                                          const std::atomic<bool>& isCancelled);
+
     const std::string name;
     mutable Mutex mutex;
+    std::condition_variable_any released;
+    bool isRunning VEXA_GUARDED_BY(mutex) = false;  // one of its programs
     ApplicationSettings settings VEXA_GUARDED_BY(mutex);
 };
 
@@ -76,20 +84,18 @@ class CriSession : public std::enable_shared_from_this<CriSession> {
     };
     struct Answer {
         std::uint32_t command;
-        std::int32_t response;
+        std::optional<std::int32_t> response;  // nothing: the application has yet to perform it
     };
 
     void Run();
     void StartIntervals() VEXA_REQUIRES(mutex);
     [[nodiscard]] TimePoint NextDue() const VEXA_REQUIRES(mutex);
-    // Waits for the next answers and returns them in the order in which they are sent; none when
+    // Waits until answers are due and returns them in the order in which they are sent; none when
     // the session is ending.
     [[nodiscard]] std::vector<Answer> AwaitAnswers();
     [[nodiscard]] std::vector<Answer> RemoveDueAnswers() VEXA_REQUIRES(mutex);
-    [[nodiscard]] bool IsStopping();
-
-    // Performs `command` and adds its answer, with the strays around it.
-    void AddAnswer(std::uint32_t command, std::vector<Answer>& into);
+    // Adds the answer to `command`, with the strays around it.
+    void AddAnswer(std::uint32_t command, std::vector<Answer>& into) const;
 
     Application& application;
     const CriCallback callback;
@@ -100,7 +106,7 @@ class CriSession : public std::enable_shared_from_this<CriSession> {
     std::condition_variable_any changed;
     std::deque<PendingAnswer> pending VEXA_GUARDED_BY(mutex);
     std::vector<PendingStray> intervals VEXA_GUARDED_BY(mutex);
-    bool stopping VEXA_GUARDED_BY(mutex) = false;
+    std::atomic<bool> stopping = false;  // set under the mutex, so that no wait misses it
     std::thread thread VEXA_GUARDED_BY(mutex);
 };
 

@@ -22,16 +22,46 @@ std::vector<std::uint8_t> Spoiled(std::span<const std::uint8_t> block, const Fau
 }  // namespace
 
 DeviceStream::DeviceStream(std::string deviceName_, std::unique_ptr<DeviceModel> model_,
-                           FaultTable& faults_, VEXA_ReadCallback callback_, void* context_)
+                           FaultTable& faults_, VEXA_ReadCallback callback_, void* context_,
+                           std::shared_ptr<SourceDevice> source_)
     : deviceName(std::move(deviceName_)),
       model(std::move(model_)),
       faults(faults_),
       callback(callback_),
-      context(context_) {}
+      context(context_),
+      source(std::move(source_)) {}
 
 void DeviceStream::Start() {
-    const MutexLock lock(mutex);
-    thread = StartQuietThread([self = shared_from_this()] { self->Run(); });
+    if (source) {
+        // The source is left in Close(), and yet may have a call under way.
+        receiver = source->Join({[self = weak_from_this()](std::span<const std::uint8_t> block) {
+                                     if (const auto stream = self.lock()) stream->Pass(block);
+                                 },
+                                 [self = weak_from_this()] {
+                                     if (const auto stream = self.lock()) stream->Unplug();
+                                 }});
+    }
+    try {
+        const MutexLock lock(mutex);
+        thread = StartQuietThread([self = shared_from_this()] { self->Run(); });
+    } catch (...) {
+        if (source) source->Leave(receiver);
+        throw;
+    }
+}
+
+void DeviceStream::Pass(std::span<const std::uint8_t> block) {
+    bool full = false;
+    {
+        const MutexLock lock(mutex);
+        full = requests.size() >= kMaxQueuedRequests;
+        if (!full) {
+            requests.push_back([bytes = std::vector(block.begin(), block.end())](
+                                   DeviceModel& device) { device.Pass(bytes, Clock::now()); });
+        }
+    }
+    if (full && !drops.exchange(true)) source->Tell("the service does not take its blocks in time");
+    changed.notify_one();
 }
 
 bool DeviceStream::Write(std::span<const std::uint8_t> bytes) {
@@ -63,6 +93,7 @@ void DeviceStream::Unplug() {
 }
 
 void DeviceStream::Close(bool sendsData) {
+    if (source) source->Leave(receiver);
     std::thread ending;
     {
         const MutexLock lock(mutex);
@@ -113,7 +144,7 @@ void DeviceStream::DeliverDueBlocks() {
 
 bool DeviceStream::SendsLastBlock() {
     const MutexLock lock(mutex);
-    return lastBlock && !unplugged;
+    return lastBlock && !unplugged && !source;
 }
 
 void DeviceStream::Run() {

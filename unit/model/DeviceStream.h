@@ -16,6 +16,7 @@
 #include "foundation/Mutex.h"
 #include "model/Devices.h"
 #include "model/Faults.h"
+#include "sources/SourceDevice.h"
 
 namespace vexa::unit {
 
@@ -31,10 +32,13 @@ struct StreamCounts {
 class DeviceStream : public std::enable_shared_from_this<DeviceStream> {
   public:
     // `faults`, which must outlive the stream, are applied to the blocks that the device sends.
+    // `source`: where the device's data comes from; null: from the model.
     DeviceStream(std::string deviceName, std::unique_ptr<DeviceModel> model, FaultTable& faults,
-                 VEXA_ReadCallback callback, void* context);
+                 VEXA_ReadCallback callback, void* context,
+                 std::shared_ptr<SourceDevice> source = nullptr);
 
-    // Starts the thread, which keeps the stream alive while it runs. Once, before all else.
+    // Starts the thread, which keeps the stream alive while it runs. Once, before all else. Throws
+    // std::system_error when there is no thread left.
     void Start();
 
     // Queues `bytes` for the device. False when the device is detached or the queue is full.
@@ -42,6 +46,9 @@ class DeviceStream : public std::enable_shared_from_this<DeviceStream> {
 
     // Lets the stream's thread change the model.
     void Change(std::function<void(DeviceModel&)> change);
+
+    // Queues a block of the device's source, or drops it when the callback does not return.
+    void Pass(std::span<const std::uint8_t> block);
 
     // The device has been detached: it sends nothing any more.
     void Unplug();
@@ -74,6 +81,9 @@ class DeviceStream : public std::enable_shared_from_this<DeviceStream> {
     FaultTable& faults;
     const VEXA_ReadCallback callback;
     void* const context;
+    const std::shared_ptr<SourceDevice> source;
+    std::uint32_t receiver = 0;       // of the source; set by Start()
+    std::atomic<bool> drops = false;  // a line has told of it
 
     Mutex mutex;
     std::condition_variable_any changed;

@@ -29,6 +29,11 @@ std::uint32_t MillisecondsBetween(TimePoint start, TimePoint now) {
         std::chrono::duration_cast<std::chrono::milliseconds>(now - start).count());
 }
 
+// A board with a source has no measurements of its own.
+double RateOf(const DaqSettings& settings) {
+    return settings.source ? 0 : settings.measurementRate;
+}
+
 // Each device has noise of its own.
 WaveSource WaveOf(const DeviceSettings& settings, std::uint32_t seed) {
     return {settings.waveform, Random(seed, settings.name)};
@@ -120,6 +125,10 @@ void DeviceModel::ChangeBlocks(std::size_t blockSize, double rate, TimePoint now
     pacer.ChangeRate(rate, now);
 }
 
+void DeviceModel::Pass(std::vector<std::uint8_t> block, TimePoint now) {
+    Answer(std::move(block), now);
+}
+
 void DeviceModel::Answer(std::vector<std::uint8_t> bytes, TimePoint due) {
     if (!answers.empty()) due = std::max(due, answers.back().due);
     answers.push_back({due, std::move(bytes)});
@@ -169,8 +178,12 @@ void HidSensor::MakeBlock(std::span<std::uint8_t> block, std::uint32_t milliseco
     StoreLe32(block, kReportTimeOffset, milliseconds);
 }
 
+void SourcedDevice::Receive(std::span<const std::uint8_t> bytes, TimePoint /*now*/) {
+    write(bytes);
+}
+
 DaqBoard::DaqBoard(const DaqSettings& settings_, TimePoint opened)
-    : DeviceModel(opened, settings_.measurementSize, settings_.measurementRate,
+    : DeviceModel(opened, settings_.measurementSize, RateOf(settings_),
                   WaveSource(Waveform::kSine, Random(kDefaultSeed, settings_.name))),
       settings(settings_) {}
 
@@ -185,9 +198,13 @@ void DaqBoard::Receive(std::span<const std::uint8_t> bytes, TimePoint now) {
     }
 }
 
+void DaqBoard::Pass(std::vector<std::uint8_t> block, TimePoint now) {
+    if (synced) Answer(std::move(block), now);
+}
+
 void DaqBoard::Change(const DaqSettings& changed, TimePoint now) {
     settings = changed;
-    ChangeBlocks(settings.measurementSize, settings.measurementRate, now);
+    ChangeBlocks(settings.measurementSize, RateOf(settings), now);
 }
 
 void DaqBoard::AnswerSync(std::uint8_t requestSequence, TimePoint now) {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -82,6 +83,9 @@ class DeviceModel {
 
     // Handles `bytes`, which arrived in one write.
     virtual void Receive(std::span<const std::uint8_t> bytes, TimePoint now) = 0;
+
+    // Handles a block that came from the device's source: by default it is sent as it is.
+    virtual void Pass(std::vector<std::uint8_t> block, TimePoint now);
 
     // When the device sends next; kNever when nothing is due unless more is written.
     [[nodiscard]] TimePoint NextDue() const;
@@ -165,6 +169,22 @@ class HidSensor : public DeviceModel {
     std::uint8_t counter = 0;
 };
 
+// A device with a source: what comes from there is sent, what is written goes there.
+class SourcedDevice : public DeviceModel {
+  public:
+    // `write` takes what is written; it does not wait.
+    SourcedDevice(std::function<void(std::span<const std::uint8_t>)> write_, TimePoint opened)
+        : DeviceModel(opened, 0, 0, WaveSource(Waveform::kSine, Random(kDefaultSeed, ""))),
+          write(std::move(write_)) {}
+
+    void Receive(std::span<const std::uint8_t> bytes, TimePoint now) override;
+
+  private:
+    void MakeBlock(std::span<std::uint8_t> /*block*/, std::uint32_t /*milliseconds*/) override {}
+
+    const std::function<void(std::span<const std::uint8_t>)> write;
+};
+
 // The acquisition board: answers the initial sync, acknowledges commands, and sends measurements
 // once it is synced. Everything that it sends shares one sequence counter.
 class DaqBoard : public DeviceModel {
@@ -172,6 +192,9 @@ class DaqBoard : public DeviceModel {
     DaqBoard(const DaqSettings& settings, TimePoint opened);
 
     void Receive(std::span<const std::uint8_t> bytes, TimePoint now) override;
+
+    // A block of samples from the board's source is a measurement.
+    void Pass(std::vector<std::uint8_t> block, TimePoint now) override;
 
     // Applies new settings; the measurement interval starts again.
     void Change(const DaqSettings& changed, TimePoint now);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "model/Faults.h"
+#include "sources/SourceSettings.h"
 
 namespace vexa::unit {
 
@@ -36,8 +37,9 @@ struct DeviceSettings {
     std::string name;
     std::uint32_t type = 8;
     bool attached = true;
-    std::uint32_t blockSize = 20;  // bytes; kHidReportSize for HID types
-    double rate = 10;              // blocks per second; 0: silent
+    std::optional<SourceSettings> source = {};  // nothing: simulated, as the rest says
+    std::uint32_t blockSize = 20;               // bytes; kHidReportSize for HID types
+    double rate = 10;                           // blocks per second; 0: silent
     Waveform waveform = Waveform::kSine;
     bool echo = true;  // sends back what is written to it
 
@@ -48,6 +50,7 @@ struct DeviceSettings {
 struct DaqSettings {
     std::string name = "Acquisition board";
     bool present = true;
+    std::optional<SourceSettings> source = {};  // of its measurements, or the board itself
     bool answersSync = true;
     std::uint32_t syncDelayMs = 20;
     double measurementRate = 10;           // packets per second once synced; 0: none
@@ -70,6 +73,18 @@ struct Stray {
     bool operator==(const Stray&) const = default;
 };
 
+// The programs that are an application: commands, each with its arguments. Where there is none the
+// command is answered as that of a simulated application.
+struct ProgramSettings {
+    std::vector<std::string> activate = {};
+    std::vector<std::string> deactivate = {};
+    std::vector<std::string> query = {};
+    std::vector<std::string> notify = {};
+    std::uint32_t timeoutMs = 10000;
+
+    bool operator==(const ProgramSettings&) const = default;
+};
+
 // One application on the unit.
 struct ApplicationSettings {
     bool holds = false;  // drives the hardware when the unit starts
@@ -79,6 +94,7 @@ struct ApplicationSettings {
     std::map<std::uint32_t, std::int32_t> responses = {};  // fixed responses, by command
     bool initFails = false;
     std::vector<Stray> strays = {};
+    std::optional<ProgramSettings> program = {};
 
     bool operator==(const ApplicationSettings&) const = default;
 };

@@ -62,6 +62,23 @@ class SchemaMaker {
     void Except(std::string_view key, std::uint32_t, std::uint32_t value, std::string_view) {
         properties[std::string(key)]["not"] = {{"const", value}};
     }
+    static void Fits(bool, std::string_view) {}
+    void Number(std::string_view key, double value, double most, std::string_view meaning) {
+        Json schema = {
+            {"type", "number"}, {"exclusiveMinimum", 0}, {"maximum", std::llround(most)}};
+        if (value > 0) schema["default"] = std::llround(value);
+        Add(key, std::move(schema), meaning);
+    }
+    void String(std::string_view key, const std::string&, std::string_view,
+                std::string_view meaning) {
+        Add(key, {{"type", "string"}, {"minLength", 1}}, meaning);
+    }
+    void Strings(std::string_view key, const std::vector<std::string>&, std::string_view,
+                 std::string_view meaning) {
+        Add(key,
+            {{"type", "array"}, {"items", {{"type", "string"}, {"minLength", 1}}}, {"minItems", 1}},
+            meaning);
+    }
     void Signed(std::string_view key, std::int32_t, std::string_view meaning, Need need) {
         Add(key, Number(INT32_MIN, INT32_MAX), meaning, need);
     }
@@ -193,6 +210,7 @@ const Json& SchemaNamed(const std::string& name) {
     if (name == "daq") return SchemaMaker::Of<DaqSettings>();
     if (name == "application") return SchemaMaker::Of<ApplicationSettings>();
     if (name == "fault") return SchemaMaker::Of<Fault>();
+    if (name == "source") return SchemaMaker::Of<SourceSettings>();
     if (name == "wait") return SchemaMaker::Of<WaitSettings>();
     return SchemaMaker::Of<CableFlapping>();
 }
@@ -223,8 +241,10 @@ std::vector<std::string_view> KeysOf() {
 }
 
 template std::vector<std::string_view> KeysOf<DeviceSettings>();
+template std::vector<std::string_view> KeysOf<SourceSettings>();
 template std::vector<std::string_view> KeysOf<DaqSettings>();
 template std::vector<std::string_view> KeysOf<Stray>();
+template std::vector<std::string_view> KeysOf<ProgramSettings>();
 template std::vector<std::string_view> KeysOf<ApplicationSettings>();
 template std::vector<std::string_view> KeysOf<CableFlapping>();
 template std::vector<std::string_view> KeysOf<CableSettings>();

@@ -51,6 +51,9 @@ class SettingsReader {
                 std::string_view expected) const {
         if (value == refused) json.Member(key).Complain(expected);
     }
+    void Fits(bool fits, std::string_view expected) const {
+        if (!fits) json.Complain(expected);
+    }
     void Signed(std::string_view key, std::int32_t& value, std::string_view, Need need) const {
         if (IsGiven(key, need)) value = json.Member(key).Signed32();
     }
@@ -60,6 +63,23 @@ class SettingsReader {
     void Name(std::string_view key, std::string& value, std::string_view,
               Need need = Need::kOptional) const {
         if (IsGiven(key, need)) value = json.Member(key).Name();
+    }
+    void Number(std::string_view key, double& value, double most, std::string_view) const {
+        if (json.Has(key)) value = json.Member(key).Number(most);
+    }
+    void String(std::string_view key, std::string& value, std::string_view expected,
+                std::string_view) const {
+        if (json.Has(key)) value = json.Member(key).String(expected);
+    }
+    void Strings(std::string_view key, std::vector<std::string>& value, std::string_view expected,
+                 std::string_view) const {
+        if (!json.Has(key)) return;
+        value.clear();
+        const CheckedJson member = json.Member(key);
+        if (!member.Value().is_array()) member.Complain(expected);
+        member.EachElement(
+            [&](const CheckedJson& text) { value.push_back(text.String("a text")); });
+        if (value.empty()) member.Complain(expected);
     }
     void Text(std::string_view key, std::string* value, std::string_view) const {
         if (value != nullptr && json.Has(key)) *value = json.Member(key).Text("a line of text");
@@ -113,7 +133,6 @@ class SettingsReader {
     }
     template <typename Section>
     void Object(std::string_view key, std::optional<Section>& section, std::string_view) const {
-        section.reset();
         if (json.Has(key)) ReadSettings(json.Member(key), section.emplace());
     }
     template <typename Section>
@@ -195,6 +214,16 @@ class SettingsWriter {
         if (value) Put(key, *value);
     }
     static void Except(std::string_view, std::uint32_t, std::uint32_t, std::string_view) {}
+    static void Fits(bool, std::string_view) {}
+    void Number(std::string_view key, double value, double, std::string_view) { Put(key, value); }
+    void String(std::string_view key, const std::string& value, std::string_view,
+                std::string_view) {
+        if (!value.empty()) Put(key, value);
+    }
+    void Strings(std::string_view key, const std::vector<std::string>& value, std::string_view,
+                 std::string_view) {
+        if (!value.empty()) Put(key, value);
+    }
     void Signed(std::string_view key, std::int32_t value, std::string_view, Need) {
         Put(key, value);
     }

@@ -25,6 +25,9 @@ struct Limits {
 inline constexpr Limits kAnyNumber = {0, kMaxUnsigned};
 inline constexpr Limits kDelay = {0, kMaxDelayMs};
 inline constexpr Limits kTime = {1, kMaxDelayMs};
+inline constexpr double kMaxSampleRate = 100000;
+inline constexpr double kMaxSpeed = 1000;
+inline constexpr std::string_view kSimulated = "a device without a source";
 
 enum class Need { kOptional, kRequired };
 
@@ -38,6 +41,16 @@ inline Words<Waveform> Waveforms() {
             {"ramp", Waveform::kRamp},
             {"square", Waveform::kSquare},
             {"noise", Waveform::kNoise}};
+}
+
+inline Words<Parity> Parities() {
+    return {{"none", Parity::kNone}, {"even", Parity::kEven}, {"odd", Parity::kOdd}};
+}
+
+inline Words<FlowControl> FlowControls() {
+    return {{"none", FlowControl::kNone},
+            {"hardware", FlowControl::kHardware},
+            {"software", FlowControl::kSoftware}};
 }
 
 inline Words<StrayTime> StrayTimes() {
@@ -84,6 +97,65 @@ inline Words<FaultAction> ActionsOf(Call call) {
 }
 
 template <typename Visitor>
+void Describe(Visitor& visit, SourceSettings& source) {
+    visit.String("iio", source.iio, "the name of an IIO device",
+                 "a sensor of the kernel (Industrial I/O): its name, label or id");
+    visit.String("hidraw", source.hidraw, "VENDOR:PRODUCT[:SERIAL] or a path",
+                 "a HID device: VENDOR:PRODUCT[:SERIAL], in hexadecimal, or its path");
+    visit.String("serial", source.serial, "the path of a serial line", "a serial line: its path");
+    visit.String("file", source.file, "the path of a .csv or .pcapng file",
+                 "samples (.csv), or a device of a recording (.pcapng)");
+    const bool iio = !source.iio.empty();
+    const bool serial = !source.serial.empty();
+    const bool samples = iio || source.file.ends_with(".csv");
+    visit.Fits(iio + serial + !source.hidraw.empty() + !source.file.empty() == 1,
+               "one of \"iio\", \"hidraw\", \"serial\" and \"file\"");
+    visit.Fits(source.file.empty() || samples || source.file.ends_with(".pcapng"),
+               "a file that ends in .csv or .pcapng");
+    if (visit.Applies("channels", samples, "\"iio\" and a .csv file")) {
+        visit.Strings("channels", source.channels, "a list of channels", "default: all");
+    }
+    if (visit.Applies("rate", samples, "\"iio\" and a .csv file") && visit.Shows(source.rate > 0)) {
+        visit.Number("rate", source.rate, kMaxSampleRate,
+                     "samples of each channel per second; default: as it is set, or recorded");
+    }
+    if (visit.Applies("trigger", iio, "\"iio\"")) {
+        visit.String("trigger", source.trigger, "the name of a trigger", "what starts each sample");
+    }
+    if (visit.Applies("scaled", iio, "\"iio\"")) {
+        visit.Bool("scaled", source.scaled, "32-bit floats in the channel's unit, not counts");
+    }
+    if (visit.Applies("baud", serial, "\"serial\"")) {
+        visit.Unsigned("baud", source.baud, kAnyNumber, "bits per second");
+        visit.Fits(IsBaudRate(source.baud),
+                   "a rate that serial lines have, such as 9600 or 115200, as \"baud\"");
+    }
+    if (visit.Applies("parity", serial, "\"serial\"")) {
+        visit.Choice("parity", source.parity, Parities(), "the parity bit");
+    }
+    if (visit.Applies("flow", serial, "\"serial\"")) {
+        visit.Choice("flow", source.flow, FlowControls(), "flow control");
+    }
+    if (visit.Applies("gapMs", serial, "\"serial\"")) {
+        visit.Unsigned("gapMs", source.gapMs, {1, 10000}, "ms without a byte that end a block");
+    }
+    if (visit.Applies("delimiter", serial, "\"serial\"")) {
+        visit.String("delimiter", source.delimiter, "one byte or more",
+                     "bytes that end a block: \"\\n\"");
+    }
+    if (visit.Applies("child", source.file.ends_with(".pcapng"), "a .pcapng file")) {
+        visit.String("child", source.child, "the name of a device",
+                     "the device as it is called in the recording; default: the same name");
+    }
+    if (visit.Applies("repeat", !source.file.empty(), "\"file\"")) {
+        visit.Bool("repeat", source.repeat, "begins again at the end");
+    }
+    if (visit.Applies("speed", !source.file.empty(), "\"file\"")) {
+        visit.Number("speed", source.speed, kMaxSpeed, "how many times as fast");
+    }
+}
+
+template <typename Visitor>
 void Describe(Visitor& visit, DeviceSettings& device) {
     visit.Name("name", device.name, "the name under which it is opened", Need::kRequired);
     visit.Unsigned("type", device.type, {0, 255},
@@ -97,18 +169,39 @@ void Describe(Visitor& visit, DeviceSettings& device) {
     const bool small = hid || Visitor::kCoversAll;
     const bool large = !hid || Visitor::kCoversAll;
     visit.Bool("attached", device.attached, "can be found and opened");
-    visit.Unsigned("blockSize", device.blockSize,
-                   {small ? kHidReportSize : kMinBlockSize, large ? kMaxBlockSize : kHidReportSize},
-                   "bytes in a block; at least 10, for HID types 8");
-    visit.Rate("rate", device.rate, "blocks per second; 0: none by itself");
-    visit.Choice("waveform", device.waveform, Waveforms(), "waveform of the samples");
-    visit.Bool("echo", device.echo, "sends back what is written to it");
+    visit.Object("source", device.source, "where its data comes from; default: it is simulated");
+    if (device.source) {
+        const bool reports = !device.source->hidraw.empty();
+        const bool either = device.source->file.ends_with(".pcapng");
+        visit.Fits(reports == hid || either, reports
+                                                 ? "a type of 2, 3 or 4 with a \"hidraw\" source"
+                                                 : "no HID type with this source, but 8, 9 or 11");
+    }
+    const bool simulated = !device.source;
+    if (visit.Applies("blockSize", simulated, kSimulated)) {
+        visit.Unsigned(
+            "blockSize", device.blockSize,
+            {small ? kHidReportSize : kMinBlockSize, large ? kMaxBlockSize : kHidReportSize},
+            "bytes in a block; at least 10, for HID types 8");
+    }
+    if (visit.Applies("rate", simulated, kSimulated)) {
+        visit.Rate("rate", device.rate, "blocks per second; 0: none by itself");
+    }
+    if (visit.Applies("waveform", simulated, kSimulated)) {
+        visit.Choice("waveform", device.waveform, Waveforms(), "waveform of the samples");
+    }
+    if (visit.Applies("echo", simulated, kSimulated)) {
+        visit.Bool("echo", device.echo, "sends back what is written to it");
+    }
 }
 
 template <typename Visitor>
 void Describe(Visitor& visit, DaqSettings& daq) {
     visit.Name("name", daq.name, "the name under which it is opened");
     visit.Bool("present", daq.present, "can be found and opened");
+    visit.Object("source", daq.source, "an ADC (iio), or a board on a line (serial)");
+    visit.Fits(!daq.source || !daq.source->iio.empty() || !daq.source->serial.empty(),
+               "\"iio\" or \"serial\" as the source of the board");
     visit.Bool("answersSync", daq.answersSync, "answers the initial sync");
     visit.Unsigned("syncDelayMs", daq.syncDelayMs, kDelay, "ms before it answers the sync");
     visit.Rate("measurementRate", daq.measurementRate,
@@ -132,6 +225,16 @@ void Describe(Visitor& visit, Stray& stray) {
 }
 
 template <typename Visitor>
+void Describe(Visitor& visit, ProgramSettings& program) {
+    constexpr std::string_view kCommand = "a program and its arguments, as a list of texts";
+    visit.Strings("activate", program.activate, kCommand, "takes the hardware");
+    visit.Strings("deactivate", program.deactivate, kCommand, "gives the hardware up");
+    visit.Strings("query", program.query, kCommand, "exits with 0 if it drives the hardware");
+    visit.Strings("notify", program.notify, kCommand, "is told of the hardware's return");
+    visit.Unsigned("timeoutMs", program.timeoutMs, kTime, "ms after which it is ended");
+}
+
+template <typename Visitor>
 void Describe(Visitor& visit, ApplicationSettings& application) {
     visit.Bool("holds", application.holds, "drives the hardware; at the start only DAQ does");
     visit.Unsigned("delayMs", application.delayMs, kDelay, "ms before each answer");
@@ -141,6 +244,7 @@ void Describe(Visitor& visit, ApplicationSettings& application) {
     visit.Responses("responses", application.responses, "fixed responses, by command: {\"3\": -1}");
     visit.Bool("initFails", application.initFails, "no session with it can be opened");
     visit.List("strays", application.strays, "answers without a request");
+    visit.Object("program", application.program, "commands to run in place of a simulation");
 }
 
 template <typename Visitor>

@@ -1,15 +1,105 @@
 #include "model/VexaLibrary.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace vexa::unit {
+
+namespace {
+
+constexpr std::chrono::seconds kLookInterval{1};
+// With the drivers of all devices, once the service has ended the library.
+constexpr std::chrono::milliseconds kLastPatience{500};
+
+}  // namespace
 
 VexaLibrary::VexaLibrary(const Scenario& scenario, FaultTable& faults_)
     : settings(scenario.library),
       seed(scenario.seed),
       faults(faults_),
       devices(scenario.devices),
-      daq(scenario.daq) {}
+      daq(scenario.daq) {
+    UpdateSources();
+}
+
+VexaLibrary::~VexaLibrary() {
+    std::thread watching;
+    {
+        const MutexLock lock(mutex);
+        ending = true;
+        watching = std::move(watcher);
+    }
+    ended.notify_all();
+    if (watching.joinable()) watching.join();
+}
+
+std::map<std::string, SourceSettings, std::less<>> VexaLibrary::WantedSources() const {
+    std::map<std::string, SourceSettings, std::less<>> wanted;
+    for (const auto& device : devices) {
+        if (device.source) wanted[device.name] = *device.source;
+    }
+    if (daq.source) wanted[daq.name] = *daq.source;
+    return wanted;
+}
+
+void VexaLibrary::UpdateSources() {
+    {
+        const MutexLock lock(mutex);
+        const auto wanted = WantedSources();
+        std::erase_if(sources, [&](const auto& item) {
+            const auto found = wanted.find(item.first);
+            return found == wanted.end() || found->second != item.second.settings;
+        });
+        for (const auto& [name, source] : wanted) {
+            if (sources.contains(name)) continue;
+            const auto make = [name = name, source = source] { return MakeSource(source, name); };
+            sources[name] = {source, std::make_shared<SourceDevice>(name, make)};
+        }
+        if (sources.empty()) return;
+        if (!watcher.joinable()) watcher = StartQuietThread([this] { WatchSources(); });
+    }
+    LookForSources();
+}
+
+void VexaLibrary::WatchSources() {
+    for (;;) {
+        {
+            MutexLock lock(mutex);
+            const TimePoint next = Clock::now() + kLookInterval;
+            while (!ending && Clock::now() < next) ended.wait_until(lock, next);
+            if (ending) return;
+        }
+        LookForSources();
+    }
+}
+
+void VexaLibrary::LookForSources() {
+    std::vector<std::pair<std::string, Sourced>> all;
+    {
+        const MutexLock lock(mutex);
+        all.assign(sources.begin(), sources.end());
+    }
+    for (const auto& [name, known] : all) {
+        const auto missing = WhatIsMissing(known.settings);
+        const MutexLock lock(mutex);
+        const auto now = sources.find(name);
+        if (now == sources.end() || now->second.source != known.source) continue;
+        const bool isNew = !std::exchange(now->second.isLookedFor, true);
+        if (isNew ? !missing : now->second.present == !missing) {
+            now->second.present = !missing;
+            continue;
+        }
+        now->second.present = !missing;
+        ++listSignature;
+        known.source->Tell(missing ? *missing : NameOf(known.settings) + " is there");
+        if (missing) UnplugStreams(name);
+    }
+}
+
+bool VexaLibrary::IsFound(std::string_view name) const {
+    const MutexLock lock(mutex);
+    return IsAttached(name);
+}
 
 std::uint32_t VexaLibrary::Init() {
     if (settings.initFails) return 0;
@@ -35,7 +125,22 @@ Status VexaLibrary::Uninit(std::uint32_t library) {
         std::erase_if(openDevices, ofLibrary);
     }
     for (const auto& stream : closing) stream->Close();
+    AwaitSources();
     return Status::kOk;
+}
+
+void VexaLibrary::AwaitSources() {
+    std::vector<std::shared_ptr<SourceDevice>> all;
+    {
+        const MutexLock lock(mutex);
+        if (!libraries.empty()) return;
+        for (const auto& [name, known] : sources) all.push_back(known.source);
+    }
+    const TimePoint end = Clock::now() + kLastPatience;
+    for (const auto& source : all) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+        if (!source->AwaitEnd(left)) source->Tell("its driver does not return at the end");
+    }
 }
 
 bool VexaLibrary::IsOpen(std::uint32_t library) const {
@@ -56,6 +161,8 @@ std::optional<std::uint32_t> VexaLibrary::TypeOf(std::string_view name) const {
 }
 
 bool VexaLibrary::IsAttached(std::string_view name) const {
+    const auto source = sources.find(name);
+    if (source != sources.end() && !source->second.present) return false;
     if (name == daq.name) return daq.present;
     const auto device = std::ranges::find(devices, name, &DeviceSettings::name);
     return device != devices.end() && device->attached;
@@ -63,16 +170,26 @@ bool VexaLibrary::IsAttached(std::string_view name) const {
 
 std::vector<std::string> VexaLibrary::AttachedNames(std::uint32_t type) const {
     std::vector<std::string> names;
-    if (type == kDaqType && daq.present) names.push_back(daq.name);
+    if (type == kDaqType && IsAttached(daq.name)) names.push_back(daq.name);
     for (const auto& device : devices) {
-        if (device.attached && device.type == type) names.push_back(device.name);
+        if (device.type == type && IsAttached(device.name)) names.push_back(device.name);
     }
     return names;
 }
 
-std::unique_ptr<DeviceModel> VexaLibrary::MakeModel(std::string_view name) const {
+std::unique_ptr<DeviceModel> VexaLibrary::MakeModel(
+    std::string_view name, const std::shared_ptr<SourceDevice>& source) const {
     const TimePoint now = Clock::now();
-    if (name == daq.name) return std::make_unique<DaqBoard>(daq, now);
+    // For an ADC the board that has it is simulated; one on a serial line is a board by itself.
+    const bool isBoard = name == daq.name && !(daq.source && daq.source->iio.empty());
+    if (isBoard) return std::make_unique<DaqBoard>(daq, now);
+    if (source) {
+        return std::make_unique<SourcedDevice>(
+            [source](std::span<const std::uint8_t> bytes) {
+                if (!source->Write(bytes)) source->Tell("a write is lost: too many are waiting");
+            },
+            now);
+    }
     const auto& device = *std::ranges::find(devices, name, &DeviceSettings::name);
     if (IsHidType(device.type)) return std::make_unique<HidSensor>(device, now, seed);
     return std::make_unique<StreamSensor>(device, now, seed);
@@ -106,8 +223,10 @@ std::uint32_t VexaLibrary::OpenStream(std::uint32_t library, std::string_view na
                                       VEXA_ReadCallback callback, void* context) {
     const MutexLock lock(mutex);
     if (!IsOpenLocked(library) || !IsAttached(name)) return 0;
-    const auto stream = std::make_shared<DeviceStream>(std::string(name), MakeModel(name), faults,
-                                                       callback, context);
+    const auto sourced = sources.find(name);
+    const auto source = sourced == sources.end() ? nullptr : sourced->second.source;
+    const auto stream = std::make_shared<DeviceStream>(std::string(name), MakeModel(name, source),
+                                                       faults, callback, context, source);
     const auto opened = streams.emplace(++lastHandle, OpenedStream{library, stream}).first;
     try {
         stream->Start();
@@ -197,6 +316,11 @@ void VexaLibrary::UnplugStreams(std::string_view deviceName) const {
 }
 
 void VexaLibrary::ChangeDevice(const DeviceSettings& device) {
+    SetDevice(device);
+    UpdateSources();
+}
+
+void VexaLibrary::SetDevice(const DeviceSettings& device) {
     const MutexLock lock(mutex);
     ++listSignature;
     const auto known = std::ranges::find(devices, device.name, &DeviceSettings::name);
@@ -209,6 +333,11 @@ void VexaLibrary::ChangeDevice(const DeviceSettings& device) {
 }
 
 void VexaLibrary::ChangeDaq(const DaqSettings& settings_) {
+    SetDaq(settings_);
+    UpdateSources();
+}
+
+void VexaLibrary::SetDaq(const DaqSettings& settings_) {
     const MutexLock lock(mutex);
     if (daq.present != settings_.present) ++listSignature;
     daq = settings_;
@@ -216,7 +345,9 @@ void VexaLibrary::ChangeDaq(const DaqSettings& settings_) {
     for (const auto& [handle, opened] : streams) {
         if (opened.stream->DeviceName() != daq.name) continue;
         opened.stream->Change([changed = daq](DeviceModel& model) {
-            static_cast<DaqBoard&>(model).Change(changed, Clock::now());
+            if (auto* const board = dynamic_cast<DaqBoard*>(&model)) {
+                board->Change(changed, Clock::now());
+            }
         });
     }
 }

@@ -2,6 +2,7 @@
 // interface.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -9,6 +10,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
 #include "VEXA.h"
@@ -54,6 +56,9 @@ class VEXA_UNIT_EXPORT VexaLibrary {
   public:
     // `faults` must outlive the library.
     VexaLibrary(const Scenario& scenario, FaultTable& faults);
+    VexaLibrary(const VexaLibrary&) = delete;
+    VexaLibrary& operator=(const VexaLibrary&) = delete;
+    ~VexaLibrary();
 
     // Handle of a library; 0 when the scenario makes it fail.
     [[nodiscard]] std::uint32_t Init();
@@ -91,6 +96,10 @@ class VEXA_UNIT_EXPORT VexaLibrary {
     [[nodiscard]] DaqSettings Daq() const;
     [[nodiscard]] std::vector<StreamState> Streams() const;
 
+    // Whether the device of that name can be found: it is attached, and its source, if it has one,
+    // is there.
+    [[nodiscard]] bool IsFound(std::string_view name) const;
+
     // Adds the device, or replaces the settings of the one with its name: whether it is attached,
     // and how it behaves on streams opened from now on. Streams to a detached device stay open.
     void ChangeDevice(const DeviceSettings& device);
@@ -111,11 +120,33 @@ class VEXA_UNIT_EXPORT VexaLibrary {
         std::string name;
     };
 
+    // What is known of a device with a source.
+    struct Sourced {
+        SourceSettings settings;
+        std::shared_ptr<SourceDevice> source;
+        bool present = false;
+        bool isLookedFor = false;
+    };
+
+    // Looks every second whether the sources are there, and unplugs the streams of those that have
+    // gone.
+    void WatchSources();
+    void LookForSources();
+    // Makes the sources of the devices, where they are not as the settings say.
+    void UpdateSources();
+    // Once no library is open: waits a little for the drivers, so that they find an end in order.
+    void AwaitSources();
+    void SetDevice(const DeviceSettings& device);
+    void SetDaq(const DaqSettings& settings);
+    [[nodiscard]] std::map<std::string, SourceSettings, std::less<>> WantedSources() const
+        VEXA_REQUIRES(mutex);
+
     [[nodiscard]] bool IsOpenLocked(std::uint32_t library) const VEXA_REQUIRES(mutex);
     [[nodiscard]] bool IsAttached(std::string_view name) const VEXA_REQUIRES(mutex);
     [[nodiscard]] std::vector<std::string> AttachedNames(std::uint32_t type) const
         VEXA_REQUIRES(mutex);
-    [[nodiscard]] std::unique_ptr<DeviceModel> MakeModel(std::string_view name) const
+    [[nodiscard]] std::unique_ptr<DeviceModel> MakeModel(
+        std::string_view name, const std::shared_ptr<SourceDevice>& source) const
         VEXA_REQUIRES(mutex);
     void UnplugStreams(std::string_view deviceName) const VEXA_REQUIRES(mutex);
 
@@ -133,6 +164,10 @@ class VEXA_UNIT_EXPORT VexaLibrary {
     std::map<std::uint32_t, OpenedList> lists VEXA_GUARDED_BY(mutex);
     std::map<std::uint32_t, OpenedStream> streams VEXA_GUARDED_BY(mutex);
     std::map<std::uint32_t, OpenedDevice> openDevices VEXA_GUARDED_BY(mutex);
+    std::map<std::string, Sourced, std::less<>> sources VEXA_GUARDED_BY(mutex);
+    std::condition_variable_any ended;
+    bool ending VEXA_GUARDED_BY(mutex) = false;
+    std::thread watcher VEXA_GUARDED_BY(mutex);  // once there is a source
 };
 
 }  // namespace vexa::unit
