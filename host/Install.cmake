@@ -37,6 +37,9 @@ if(VEXA_UNIT_KIT)
   install(TARGETS vexa-host RUNTIME COMPONENT host)
   install(DIRECTORY scripts DESTINATION ${CMAKE_INSTALL_DATADIR}/vexa-host COMPONENT host)
 endif()
+# What device files look like: that of the virtual unit, and their schema.
+install(FILES python/vexahost/devices.json python/vexahost/devices.schema.json
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/vexa-host COMPONENT host)
 # The folder of plug-ins that Wireshark reads for every user.
 install(FILES wireshark/vexa.lua
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/wireshark/plugins COMPONENT host)

@@ -51,9 +51,7 @@ void StreamTable::Add(std::size_t device, std::span<const std::uint8_t> block) {
     Row& row = rows.at(device);
     ++row.blocks;
     row.bytes += block.size();
-    const auto samples = DecodeSamples(block);
-    if (!samples) return;
-    for (const std::int16_t value : samples->values) {
+    for (const double value : SamplesOf(block)) {
         if (row.graph.size() == kGraphColumns) row.graph.pop_front();
         row.graph.push_back(value);
     }

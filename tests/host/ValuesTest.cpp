@@ -1,4 +1,4 @@
-// What vexa-host reads and shows: numbers, times, samples, figures.
+// What vexa-host reads and shows: numbers, blocks, figures.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -12,25 +12,17 @@
 namespace vexahost::tool {
 namespace {
 
-TEST(SampleFormat, FindsTheSamplesOfEachType) {
-    const Bytes block = Hex("80 ff 01 02 3f 80 00 00 00 00 80 3f cd cc cc 3d") +
-                        Hex("18 2d 44 54 fb 21 09 40 40 09 21 fb 54 44 2d 18");
-    const std::pair<const char*, std::vector<double>> cases[] = {
-        {"u8@0x2", {128, 255}},    {"i8@0x2", {-128, -1}},    {"u16le@0", {0xFF80}},
-        {"i16le@0", {-128}},       {"i16be@0", {-32513}},     {"u16be@2", {0x102}},
-        {"u32le@0", {0x0201FF80}}, {"u32be@0", {0x80FF0102}}, {"i32be@0", {-2130771710}},
-        {"f32be@4", {1}},          {"f32le@8x2", {1, 0.1}},   {"f64le@16", {M_PI}},
-        {"f64be@24", {M_PI}},      {"u16be@30x9", {0x2D18}},  {"u8@32", {}},
-        {"u16le@31", {}}};
-    for (const auto& [text, values] : cases) {
-        const auto format = ParseSampleFormat(text);
-        ASSERT_TRUE(format) << text;
-        EXPECT_EQ(DecodeChannel(*format, block), values) << text;
-    }
-    for (const char* wrong : {"", "u8", "@1", "u8@", "u8@-1", "u8@255", "u8@1x0", "u8@1x256",
-                              "u8@1x", "u64le@0", "U8@0", ":u8@0", "=u8@0", "u8@0 "}) {
-        EXPECT_FALSE(ParseSampleFormat(wrong)) << wrong;
-    }
+TEST(DeviceData, DecodesOnlyWhatIsWhole) {
+    const Bytes block = Sealed({0xA0, 12, 0, 0, 0xE8, 3, 0, 0, 0xFF, 0xFF, 0x10, 0x27});
+    EXPECT_EQ(DescribeBlock(block), "1.000 s: -1 10000");
+    Bytes wrong = block;
+    ++wrong[3];
+    EXPECT_EQ(DescribeBlock(wrong), "a0 0c 00 " + ToHex(Part(wrong, 3, 12)));
+    EXPECT_EQ(DescribeBlock(Part(block, 0, 11)), ToHex(Part(block, 0, 11)));
+    const Bytes half = Sealed({0xA0, 9, 0, 0, 0, 0, 0, 0, 1});  // too short for one sample
+    EXPECT_EQ(DescribeBlock(half), ToHex(half));
+    EXPECT_EQ(DescribeBlock(Bytes{3, 2, 0xFE, 0xFF, 1, 0, 0, 0}), "0.001 s: -2");
+    EXPECT_EQ(DescribeBlock(Bytes{0x80, 2, 0, 0, 0, 0, 0, 0}), "80 02 00 00 00 00 00 00");
 }
 
 TEST(Figures, HoldEveryNumber) {
@@ -74,19 +66,6 @@ TEST(Numbers, AreWholeAndFit) {
     for (const char* wrong : {"", "s", "-1s", "0", "3d", "3 s", "nan", "inf", "1e99", "1001h"}) {
         EXPECT_FALSE(ParseDuration(wrong)) << wrong;
     }
-}
-
-TEST(DeviceData, DecodesOnlyWhatIsWhole) {
-    const Bytes block = Sealed({0xA0, 12, 0, 0, 0xE8, 3, 0, 0, 0xFF, 0xFF, 0x10, 0x27});
-    EXPECT_EQ(DescribeBlock(block), "1.000 s: -1 10000");
-    Bytes wrong = block;
-    ++wrong[3];
-    EXPECT_EQ(DescribeBlock(wrong), "a0 0c 00 " + ToHex(Part(wrong, 3, 12)));
-    EXPECT_EQ(DescribeBlock(Part(block, 0, 11)), ToHex(Part(block, 0, 11)));
-    const Bytes half = Sealed({0xA0, 9, 0, 0, 0, 0, 0, 0, 1});  // too short for one sample
-    EXPECT_FALSE(ReadBlock({}, "A", half));
-    EXPECT_EQ(DescribeBlock(Bytes{3, 2, 0xFE, 0xFF, 1, 0, 0, 0}), "0.001 s: -2");
-    EXPECT_EQ(DescribeBlock(Bytes{0x80, 2, 0, 0, 0, 0, 0, 0}), "80 02 00 00 00 00 00 00");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@ virtual unit. With numpy, samples and times are arrays; without it, array.array.
 from __future__ import annotations
 
 import json
+import math
 import os
 import struct
 from array import array
@@ -37,6 +38,18 @@ _HID_REPORT_SIZE = 8
 HID_INIT_REQUEST = b"\x40" + bytes(_HID_REPORT_SIZE - 1)
 
 
+def _code(kind: str) -> Optional[str]:
+    """A type as struct writes it, with its byte order; None when it is no type."""
+    base = kind.replace("s", "i", 1)
+    order = "<"
+    if base.endswith(("le", "be")) and not base.endswith("8"):
+        order = ">" if base.endswith("be") else "<"
+        base = base[:-2]
+    elif base not in ("u8", "i8"):
+        return None
+    return order + _CODES[base] if base in _CODES else None
+
+
 @dataclass(frozen=True)
 class ChannelFormat:
     """Where the samples of one channel stand in a block."""
@@ -59,14 +72,7 @@ class ChannelFormat:
     @cached_property
     def code(self) -> Optional[str]:
         """The type as struct writes it, with its byte order."""
-        base = self.type.replace("s", "i", 1)
-        order = "<"
-        if base.endswith(("le", "be")) and not base.endswith("8"):
-            order = ">" if base.endswith("be") else "<"
-            base = base[:-2]
-        elif base not in ("u8", "i8"):
-            return None
-        return order + _CODES[base] if base in _CODES else None
+        return _code(self.type)
 
     def decode(self, block: bytes) -> Samples:
         code = str(self.code)
@@ -87,6 +93,43 @@ class ChannelFormat:
         return array(code[1], numbers)
 
 
+_TICKS = {"s": 1.0, "ms": 1e-3, "us": 1e-6, "ns": 1e-9}
+
+
+@dataclass(frozen=True)
+class TimeFormat:
+    """Where a block carries the device's own time."""
+
+    type: str
+    offset: int
+    unit: str  #: what 1 stands for: "s", "ms", "us", "ns"
+    since: Optional[str] = None  #: "open": it counts from the opening of the stream
+
+    def __post_init__(self) -> None:
+        if _code(self.type) is None or not 0 <= self.offset <= 254 or self.unit not in _TICKS:
+            raise InvalidArgument('"time": its type, offset or unit is none')
+        if self.since not in (None, "open"):
+            raise InvalidArgument('"time": "since" is "open" or left out')
+
+    @property
+    def tick(self) -> float:
+        """Seconds that 1 stands for."""
+        return _TICKS[self.unit]
+
+    @property
+    def wrap(self) -> float:
+        """Seconds after which it begins again at 0; 0: never."""
+        code = str(_code(self.type))[1]
+        return 0.0 if code in "fd" else self.tick * 2.0 ** (8 * _SIZES[code])
+
+    def seconds(self, block: bytes) -> Optional[float]:
+        code = str(_code(self.type))
+        if self.offset + _SIZES[code[1]] > len(block):
+            return None
+        found = float(struct.unpack_from(code, block, self.offset)[0]) * self.tick
+        return found if math.isfinite(found) else None
+
+
 @dataclass(frozen=True)
 class DeviceFormat:
     """Where the samples of a device stand in its blocks."""
@@ -94,6 +137,7 @@ class DeviceFormat:
     channels: Sequence[ChannelFormat]
     check: Optional[str] = None
     rate: Optional[float] = None  #: samples per second, until it is measured
+    time: Optional[TimeFormat] = None
 
     def has_samples(self, block: bytes) -> bool:
         if self.check == "packet":
@@ -105,9 +149,7 @@ class DeviceFormat:
 
     def device_time(self, block: bytes) -> Optional[float]:
         """Seconds since the stream was opened, by the device's own clock, where it is known."""
-        if self.check is None or len(block) < 8:
-            return None
-        return int.from_bytes(block[4:8], "little") / 1000
+        return self.time.seconds(block) if self.time else None
 
     def decode(self, block: bytes) -> Samples:
         if len(self.channels) == 1:
@@ -136,6 +178,8 @@ def load_devices(source: Optional[DeviceFile]) -> Dict[str, DeviceFormat]:
         try:
             rest = dict(entry)
             channels = [ChannelFormat(**channel) for channel in rest.pop("channels")]
+            if "time" in rest:
+                rest["time"] = TimeFormat(**rest["time"])
             formats[device] = DeviceFormat(channels, **rest)
         except (KeyError, TypeError, ValueError) as error:
             raise InvalidArgument(f"{name}: {device}: {error}") from error

@@ -1,9 +1,11 @@
-// The sinks that write lines to standard output.
+// The sinks that write a line for each block.
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <utility>
 
 #include "tool/JsonObject.h"
+#include "tool/Samples.h"
 #include "tool/stream/StreamSink.h"
 #include "vexahost/Describe.h"
 
@@ -13,129 +15,112 @@ namespace {
 
 std::string Hex(const Block& block) { return HexText(block.bytes, block.bytes.size()); }
 
+// Without digits that mean nothing.
+double Rounded(double seconds, double perSecond) {
+    return std::round(seconds * perSecond) / perSecond;
+}
+
 class TextSink final : public StreamSink {
   public:
-    explicit TextSink(PatientOutput& output_) : output(output_) {}
+    explicit TextSink(TextTarget target_) : target(std::move(target_)) {}
 
     void Add(const StreamedBlock& from) override {
         std::string line;
-        if (from.reading) {
+        if (from.samples != nullptr) {
             char time[32];
             std::snprintf(time, sizeof time,
-                          "%.3f s:", from.reading->deviceSeconds.value_or(from.seconds));
+                          "%.3f s:", from.samples->deviceSeconds.value_or(from.seconds));
             line = time;
-            for (const Channel& channel : from.reading->channels) AppendChannel(line, channel);
+            for (std::size_t i = 0; i < from.samples->values.size(); ++i) {
+                AppendChannel(line, from.format->channels[i], from.samples->values[i]);
+            }
         } else {
             line = Hex(from.block);
         }
         constexpr std::size_t kLabelColumns = 14;
         std::string label = from.label;
         label.resize(std::max(label.size(), kLabelColumns), ' ');
-        output.Add(label + ' ' + line + (from.block.checksumRight ? "\n" : " (checksum WRONG)\n"));
+        target(label + ' ' + line + (from.block.checksumRight ? "\n" : " (checksum WRONG)\n"));
     }
 
   private:
-    static void AppendChannel(std::string& line, const Channel& channel) {
-        if (channel.name != "value") line += ' ' + channel.name + '=';
-        bool isFirst = channel.name != "value";
-        for (const double value : channel.values) {
+    static void AppendChannel(std::string& line, const ChannelFormat& channel,
+                              const std::vector<double>& values) {
+        const bool isNamed = channel.name != "value";
+        if (isNamed) line += ' ' + channel.name + '=';
+        bool isFirst = isNamed;
+        for (const double value : values) {
             if (!isFirst) line += ' ';
             isFirst = false;
-            line += ValueText(value);
+            AppendValue(line, value);
         }
+        if (!channel.unit.empty()) line += ' ' + channel.unit;
     }
 
-    PatientOutput& output;
+    const TextTarget target;
 };
-
-// A field of a CSV row, in quotes where it needs them.
-std::string CsvField(const std::string& text) {
-    if (text.find_first_of(",\"\r\n") == std::string::npos) return text;
-    std::string quoted = "\"";
-    for (const char c : text) quoted += c == '"' ? std::string("\"\"") : std::string(1, c);
-    return quoted + '"';
-}
-
-class CsvSink final : public StreamSink {
-  public:
-    explicit CsvSink(PatientOutput& output_) : output(output_) {
-        output.Add("time_s,device,child,sequence,device_time_s,channel,index,value\n");
-    }
-
-    void Add(const StreamedBlock& from) override {
-        char start[64];
-        std::snprintf(start, sizeof start, "%.6f,", from.seconds);
-        std::string front = start + CsvField(from.name) + ',' +
-                            (from.child ? std::to_string(*from.child) : "") + ',' +
-                            std::to_string(from.block.sequence) + ',';
-        if (!from.reading) {
-            output.Add(front + ",bytes,0," + Hex(from.block) + '\n');
-            return;
-        }
-        if (from.reading->deviceSeconds) front += ValueText(*from.reading->deviceSeconds);
-        for (const Channel& channel : from.reading->channels) {
-            const std::string name = front + ',' + CsvField(channel.name) + ',';
-            for (std::size_t i = 0; i < channel.values.size(); ++i) {
-                output.Add(name + std::to_string(i) + ',' + ValueText(channel.values[i]) + '\n');
-            }
-        }
-    }
-
-  private:
-    PatientOutput& output;
-};
-
-// The samples under the names of their channels; those of a name that comes again join the first.
-JsonObject ChannelObject(const std::vector<Channel>& channels) {
-    JsonObject object;
-    std::vector<std::string> done;
-    for (const Channel& channel : channels) {
-        if (std::ranges::find(done, channel.name) != done.end()) continue;
-        done.push_back(channel.name);
-        std::vector<double> values;
-        for (const Channel& same : channels) {
-            if (same.name != channel.name) continue;
-            values.insert(values.end(), same.values.begin(), same.values.end());
-        }
-        object.Add(channel.name, std::span<const double>(values));
-    }
-    return object;
-}
 
 class JsonSink final : public StreamSink {
   public:
-    explicit JsonSink(PatientOutput& output_) : output(output_) {}
+    JsonSink(TextTarget target_, const TimeWriter& times_)
+        : target(std::move(target_)), times(times_) {}
 
     void Add(const StreamedBlock& from) override {
         JsonObject line;
-        line.Add("time_s", from.seconds).Add("device", from.name);
+        const double time = from.samples != nullptr ? from.samples->times.first : from.seconds;
+        line.Add("time_s", Rounded(time, 1e6))
+            .Add("epoch_s", times.Epoch(time))
+            .Add("device", from.name);
         if (from.child) line.Add("child", *from.child);
         line.Add("sequence", from.block.sequence);
-        if (from.reading) {
-            const auto& deviceSeconds = from.reading->deviceSeconds;
-            if (deviceSeconds) line.Add("device_time_s", *deviceSeconds);
-            line.Add("channels", ChannelObject(from.reading->channels));
+        if (from.samples != nullptr) {
+            AddSamples(line, *from.samples, *from.format);
         } else {
             line.Add("bytes", Hex(from.block));
         }
         if (!from.block.checksumRight) line.Add("checksum_right", false);
-        output.Add(line.Text() + '\n');
+        target(line.Text() + '\n');
+    }
+
+    void AddOutage(double lost, double back) override {
+        target(JsonObject()
+                   .Add("lost_s", Rounded(lost, 1e6))
+                   .Add("back_s", Rounded(back, 1e6))
+                   .Text() +
+               '\n');
     }
 
   private:
-    PatientOutput& output;
+    static void AddSamples(JsonObject& line, const SampleBlock& samples,
+                           const DeviceFormat& format) {
+        line.Add("step_s", Rounded(samples.times.step, 1e9));
+        if (samples.times.afterGap) line.Add("gap", true);
+        if (samples.deviceSeconds) line.Add("device_time_s", *samples.deviceSeconds);
+        JsonObject channels;
+        JsonObject units;
+        bool hasUnits = false;
+        for (std::size_t i = 0; i < samples.values.size(); ++i) {
+            const ChannelFormat& channel = format.channels[i];
+            channels.Add(channel.name, std::span<const double>(samples.values[i]));
+            if (channel.unit.empty()) continue;
+            units.Add(channel.name, channel.unit);
+            hasUnits = true;
+        }
+        line.Add("channels", channels);
+        if (hasUnits) line.Add("units", units);
+    }
+
+    const TextTarget target;
+    const TimeWriter times;
 };
 
 }  // namespace
 
-std::unique_ptr<StreamSink> MakeTextSink(PatientOutput& output) {
-    return std::make_unique<TextSink>(output);
+std::unique_ptr<StreamSink> MakeTextSink(TextTarget target) {
+    return std::make_unique<TextSink>(std::move(target));
 }
-std::unique_ptr<StreamSink> MakeCsvSink(PatientOutput& output) {
-    return std::make_unique<CsvSink>(output);
-}
-std::unique_ptr<StreamSink> MakeJsonSink(PatientOutput& output) {
-    return std::make_unique<JsonSink>(output);
+std::unique_ptr<StreamSink> MakeJsonSink(TextTarget target, const TimeWriter& times) {
+    return std::make_unique<JsonSink>(std::move(target), times);
 }
 
 }  // namespace vexahost::tool

@@ -234,27 +234,32 @@ LiveView::LiveView(std::string unit, const std::vector<std::string>& names, Loss
 void LiveView::Add(const StreamedBlock& from) {
     DeviceRows& device = devices.at(from.device);
     ++device.blocks;
-    if (!from.reading) {
+    if (from.samples == nullptr) {
         device.bytes = HexText(from.block.bytes, kViewBytesShown);
         return;
     }
-    for (const Channel& channel : from.reading->channels) AddChannel(device, channel);
+    for (std::size_t i = 0; i < from.samples->values.size(); ++i) {
+        AddChannel(device, from.format->channels[i], from.samples->values[i]);
+    }
 }
 
-void LiveView::AddChannel(DeviceRows& device, const Channel& channel) {
-    auto row = std::ranges::find(device.channels, channel.name, &ChannelRow::name);
+void LiveView::AddChannel(DeviceRows& device, const ChannelFormat& channel,
+                          const std::vector<double>& values) {
+    const std::string name =
+        channel.unit.empty() ? channel.name : channel.name + ' ' + channel.unit;
+    auto row = std::ranges::find(device.channels, name, &ChannelRow::name);
     if (row == device.channels.end()) {
-        device.channels.emplace_back().name = channel.name;
+        device.channels.emplace_back().name = name;
         row = device.channels.end() - 1;
     }
-    row->samples += channel.values.size();
-    row->last = channel.values.back();
+    row->samples += values.size();
+    row->last = values.back();
     if (pausedAt) return;
     const auto now = Clock::now();
-    for (const double value : channel.values) row->envelope.Add(value, now);
+    for (const double value : values) row->envelope.Add(value, now);
 }
 
-void LiveView::Update() {
+Expected<Done> LiveView::Update() {
     const auto now = Clock::now();
     bool isKeyTyped = false;
     while (const auto key = screen.NextKey()) {
@@ -263,6 +268,7 @@ void LiveView::Update() {
     }
     if (now - ratesAt >= kViewRates) UpdateRates(now);
     if (screen.StopIfAsked() || isKeyTyped || now - drawnAt >= kViewRedraw) Draw(now);
+    return Done{};
 }
 
 void LiveView::OnKey(char key) {

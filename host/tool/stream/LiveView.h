@@ -87,7 +87,7 @@ class LiveView final : public StreamSink {
     LiveView(std::string where, const std::vector<std::string>& names, Losses losses);
 
     void Add(const StreamedBlock& block) override;
-    void Update() override;
+    Expected<Done> Update() override;
     [[nodiscard]] bool WantsEnd() override;
 
   private:
@@ -108,7 +108,8 @@ class LiveView final : public StreamSink {
         std::vector<ChannelRow> channels;
     };
 
-    void AddChannel(DeviceRows& device, const Channel& channel);
+    void AddChannel(DeviceRows& device, const ChannelFormat& channel,
+                    const std::vector<double>& values);
     void UpdateRates(Clock::time_point now);
     void Draw(Clock::time_point now);
     void OnKey(char key);

@@ -1,16 +1,18 @@
-// Receives the blocks of a stream: prints or draws them.
+// Receives the blocks of a stream: prints, draws or sends them.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "tool/Output.h"
-#include "tool/Samples.h"
 #include "vexahost/Block.h"
+#include "vexahost/Expected.h"
+#include "vexahost/Samples.h"
 
 namespace vexahost::tool {
 
@@ -22,7 +24,8 @@ struct StreamedBlock {
     std::optional<ChildId> child;  // nothing: the DAQ
     double seconds;                // from the start of the stream to the block's arrival
     const Block& block;
-    const std::optional<Reading>& reading;
+    const SampleBlock* samples;  // null: it holds none
+    const DeviceFormat* format;  // of the samples
 };
 
 // One thread at a time.
@@ -32,24 +35,72 @@ class StreamSink {
 
     virtual void Add(const StreamedBlock& block) = 0;
 
-    // Called at least every 20 ms or so, also when nothing has come.
-    virtual void Update() {}
+    // The link was lost at one time, and all devices are open anew at the other; seconds from the
+    // start of the stream.
+    virtual void AddOutage(double /*lost*/, double /*back*/) {}
+
+    // Called at least every 20 ms or so, also when nothing has come. The error of a sink that
+    // cannot go on.
+    virtual Expected<Done> Update() { return Done{}; }
+
+    // No block comes any more.
+    virtual void Finish() {}
 
     // True once the user has asked for the end of the stream.
     [[nodiscard]] virtual bool WantsEnd() { return false; }
 };
 
+// Takes text for a reader or a file.
+using TextTarget = std::function<void(std::string_view)>;
+
+enum class TimeStyle { kSeconds, kEpoch, kIso };
+
+// Writes times for people and programs, with microseconds.
+class TimeWriter {
+  public:
+    // `start` is zero of all times, since 1970-01-01 00:00 UTC.
+    TimeWriter(TimeStyle style_, std::chrono::nanoseconds start_)
+        : style(style_), start(std::chrono::floor<std::chrono::microseconds>(start_)) {}
+
+    // "12.345678", "1764.345678" or "2026-11-22T08:15:30.345678Z".
+    void Append(std::string& text, double seconds) const;
+
+    // The start: "2026-11-22T08:15:18.000000Z".
+    [[nodiscard]] std::string Start() const;
+
+    // Seconds since 1970.
+    [[nodiscard]] double Epoch(double seconds) const;
+
+    // The name of a column with such times.
+    [[nodiscard]] const char* Column() const;
+
+  private:
+    const TimeStyle style;
+    const std::chrono::microseconds start;
+};
+
 // A line for each block: device, time (the device's own where it is known), samples or bytes.
-std::unique_ptr<StreamSink> MakeTextSink(PatientOutput& output);
+std::unique_ptr<StreamSink> MakeTextSink(TextTarget target);
 
-// A header line, then a row for each sample:
-// time_s,device,child,sequence,device_time_s,channel,index,value. A block without samples makes one
-// row: channel "bytes", index 0, its bytes in hex as the value. The DAQ has no child id.
-std::unique_ptr<StreamSink> MakeCsvSink(PatientOutput& output);
+// A JSON object for each block (docs/host-kit.md has the keys), and one for each outage.
+std::unique_ptr<StreamSink> MakeJsonSink(TextTarget target, const TimeWriter& times);
 
-// A JSON object for each block: time_s, device, child, sequence, then device_time_s where it is
-// known and channels (an array of samples under each channel's name), or bytes (hex);
-// checksum_right, false, for DAQ packets that are damaged.
-std::unique_ptr<StreamSink> MakeJsonSink(PatientOutput& output);
+// One device: a row for each sample time, a column for each channel.
+std::unique_ptr<StreamSink> MakeWideCsvSink(TextTarget target, const TimeWriter& times);
+
+// Several devices: a row for each sample of each channel.
+std::unique_ptr<StreamSink> MakeLongCsvSink(TextTarget target, const TimeWriter& times);
+
+// A file in `folder` for each device, called by its label: LABEL.csv, wide. The folder is made
+// if need be.
+std::unique_ptr<StreamSink> MakeCsvFolderSink(const std::string& folder, const TimeWriter& times);
+
+// Sends each sample to a plotter as a line of text, many lines in a datagram of UDP. "HOST:PORT" or
+// "HOST" (port 47269). kInvalidArgument when that is no address.
+Expected<std::unique_ptr<StreamSink>> MakeTeleplotSink(const std::string& address,
+                                                       const TimeWriter& times, bool namesDevice);
+
+// All of `sinks`, one after the other.
+std::unique_ptr<StreamSink> MakeTeeSink(std::vector<std::unique_ptr<StreamSink>> sinks);
 
 }  // namespace vexahost::tool
