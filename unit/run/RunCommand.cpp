@@ -25,12 +25,14 @@
 
 namespace vexa::unit {
 
-namespace {
-
 namespace fs = std::filesystem;
+
+namespace {
 
 constexpr char kService[] = "VEXADevMgr";
 constexpr char kNodeLibrary[] = "libzt-usb.so";
+constexpr char kNode[] = "/dev/zt-usb";
+constexpr char kLineBuffering[] = "line-buffered.so";
 
 // `first` in front of the current value of the variable.
 std::string Before(const std::string& first, const char* variable, char separator) {
@@ -38,12 +40,13 @@ std::string Before(const std::string& first, const char* variable, char separato
     return rest == nullptr || *rest == '\0' ? first : first + separator + rest;
 }
 
+}  // namespace
+
 fs::path ProgramFolder() {
     std::error_code error;
     return fs::read_symlink("/proc/self/exe", error).parent_path();
 }
 
-// "lib" beside the program's folder, as built, or their own folder, as installed.
 fs::path StandInFolder() {
     const auto above = ProgramFolder().parent_path();
     const std::array candidates = {above / "lib", above / VEXA_STAND_IN_FOLDER};
@@ -55,16 +58,30 @@ fs::path StandInFolder() {
                     " or " + candidates[1].string());
 }
 
+namespace {
+
 constexpr char kEnding[] = ".json";
 constexpr char kSchemaEnding[] = ".schema";  // before that
-
-fs::path ScenarioFolder() {
-    return ProgramFolder().parent_path() / "share" / "vexa-unit" / "scenarios";
-}
 
 bool Exists(const fs::path& path) {
     std::error_code error;
     return fs::exists(path, error);
+}
+
+// What is preloaded into the program: the stand-in of the node, or for a real node what makes the
+// service's lines appear at once, if it is there. The service itself never flushes them.
+std::string Preloaded(const RunOptions& options, UnitFolder& unit, const std::string& standIns) {
+    if (options.link != "usb") return standIns + "/" + kNodeLibrary;
+    const auto above = ProgramFolder().parent_path();
+    for (const auto& folder : {above / "lib", above / "lib" / "vexadevmgr"}) {
+        if (!Exists(folder / kLineBuffering)) continue;
+        return unit.Listable(folder, "line-buffering") + "/" + kLineBuffering;
+    }
+    return "";
+}
+
+fs::path ScenarioFolder() {
+    return ProgramFolder().parent_path() / "share" / "vexa-unit" / "scenarios";
 }
 
 // `name`: of the file, for messages.
@@ -252,11 +269,17 @@ int RunOnUnit(const RunOptions& options) {
     const Scenario loaded = source.empty() ? Scenario() : Load(source, scenario);
     const std::string installed = StandInFolder();
     const auto libraries = OwnLibraries(options);
+    const bool isUsb = options.link == "usb";
+    if (isUsb && !Exists(kNode)) {
+        throw UserError("there is no " + std::string(kNode) +
+                        ": vexa-usb serves it (systemctl status vexa-usb)");
+    }
 
     const sigset_t passed = PassedSignals();
     sigset_t formerMask;
     sigprocmask(SIG_BLOCK, &passed, &formerMask);
     UnitFolder folder(options.folder);
+    if (isUsb) folder.ReleaseHostSocket();
     const std::string standIns = folder.Listable(installed, "stand-ins");
     // It may be in that folder. A signal ends the wait for the reader of a FIFO, and the watcher
     // removes what is there.
@@ -276,11 +299,12 @@ int RunOnUnit(const RunOptions& options) {
     // foreground group.
     call.ownGroup = ::isatty(STDIN_FILENO) == 0;
     call.mask = &formerMask;
-    call.inherited = {folder.HostSocket().Get(), folder.ControlSocket().Get()};
+    call.inherited = {folder.ControlSocket().Get()};
+    if (!isUsb) call.inherited.push_back(folder.HostSocket().Get());
     if (copy) call.inherited.push_back(copy.Get());
     call.environment = {
         {"LD_LIBRARY_PATH", LibraryPath(folder, standIns, libraries)},
-        {"LD_PRELOAD", Before(standIns + "/" + kNodeLibrary, "LD_PRELOAD", ':')},
+        {"LD_PRELOAD", Before(Preloaded(options, folder, standIns), "LD_PRELOAD", ':')},
         {kScenarioVariable, source},
         {kCallLogVariable, options.callLog.empty() ? "" : fs::absolute(options.callLog).string()},
         {kFolderVariable, folder.Path()},
@@ -289,7 +313,8 @@ int RunOnUnit(const RunOptions& options) {
 
     testkit::ChildProcess program = Start(call);
     folder.ReleaseSockets();
-    std::fprintf(stderr, "vexa-unit: host socket %s\n", HostSocketPath(folder.Path()).c_str());
+    std::fprintf(stderr, "vexa-unit: %s %s\n", isUsb ? "serves hosts of" : "host socket",
+                 isUsb ? kNode : HostSocketPath(folder.Path()).c_str());
     return PassSignalsOn(program, call.ownGroup);
 }
 

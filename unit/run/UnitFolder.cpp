@@ -224,6 +224,11 @@ void UnitFolder::ReleaseSockets() {
     controlSocket.Close();
 }
 
+void UnitFolder::ReleaseHostSocket() {
+    hostSocket.Close();
+    RemoveSocket(HostSocketPath(path));
+}
+
 void UnitFolder::RemoveAll() const {
     for (const auto& socket : sockets) RemoveSocket(socket);
     RemoveLinks(linkFolder);

@@ -56,6 +56,8 @@ class UnitFolder {
     [[nodiscard]] const testkit::Descriptor& ControlSocket() const { return controlSocket; }
     // Closes them here, so that nobody can connect once the program has ended.
     void ReleaseSockets();
+    // For a unit that hosts reach otherwise: removes the socket as well.
+    void ReleaseHostSocket();
     // For a unit that cannot be controlled.
     void ReleaseControlSocket() { controlSocket.Close(); }
 

@@ -10,6 +10,7 @@
 #include "model/Faults.h"
 #include "model/Settings.h"
 #include "run/ControlCommand.h"
+#include "run/DevicesCommand.h"
 #include "run/PlayCommand.h"
 #include "run/RunCommand.h"
 #include "run/UserError.h"
@@ -40,6 +41,12 @@ void AddRunCommand(CLI::App& app, RunOptions& options, int& status) {
            "Folder for the unit's sockets, host.sock and control.sock (default: a temporary "
            "one)")
         ->option_text("DIR");
+    run->add_option(
+           "--link", options.link,
+           "How hosts reach the unit: socket, the stand-in of the node (default), or usb,\n"
+           "/dev/zt-usb as vexa-usb serves it")
+        ->check(CLI::IsMember({"socket", "usb"}))
+        ->option_text("socket|usb");
     run->add_option("--vexa", options.vexa,
                     "A unit's own libVEXA.so, in place of the stand-in (with the stand-in node)")
         ->option_text("FILE");
@@ -58,6 +65,7 @@ void AddRunCommand(CLI::App& app, RunOptions& options, int& status) {
         "Examples: vexa-unit run --dir build/unit\n"
         "          vexa-unit run --dir /tmp/second --scenario flaky-cable --journal calls.txt\n"
         "          vexa-unit run --vexa ./libVEXA.so --vexcri ./libvexcri.so\n"
+        "          vexa-unit run --link usb --scenario /etc/vexa/board.json\n"
         "Exit status: that of the program (128 + n if signal n ended it); 2 if an option\n"
         "cannot be used.");
     run->callback([&options, &status] { status = RunOnUnit(options); });
@@ -100,6 +108,19 @@ void AddScenariosCommand(CLI::App& app, bool& schema) {
             std::printf("%-16s  %s\n", name.c_str(), description.c_str());
         }
     });
+}
+
+void AddDevicesCommand(CLI::App& app, DevicesOptions& options, int& status) {
+    CLI::App* const devices =
+        app.add_subcommand("devices", "List what this machine has that can be a unit's device");
+    devices->add_flag("--json", options.json, "Print them as JSON");
+    devices->add_flag("--scenario", options.scenario,
+                      "Print a scenario with them instead, to start from");
+    devices->footer(
+        "Sensors of the kernel (IIO), HID devices and serial lines, with the settings that name\n"
+        "them in a scenario.\n"
+        "Example: vexa-unit devices --scenario >board.json");
+    devices->callback([&options, &status] { status = ListDevices(options); });
 }
 
 // A subcommand that sends the request `verb`.
@@ -367,10 +388,12 @@ int Main(const std::vector<std::string>& words) {
     PlayOptions play;
     ControlOptions control;
     CheckOptions check;
+    DevicesOptions devices;
     bool schema = false;
     int status = 0;
     AddRunCommand(app, run, status);
     AddScenariosCommand(app, schema);
+    AddDevicesCommand(app, devices, status);
     AddCtlCommand(app, control, status);
     AddCheckCommand(app, check, status);
     AddPlayCommand(app, play, status);

@@ -11,6 +11,7 @@
 
 #include "model/Runtime.h"
 #include "sources/IioModule.h"
+#include "sources/Inventory.h"
 #include "sources/Samples.h"
 
 namespace vexa::unit {
@@ -432,6 +433,7 @@ extern "C" VEXA_UNIT_EXPORT Source* VexaMakeIioSource(const SourceSettings& sett
 }
 
 extern "C" VEXA_UNIT_EXPORT void VexaListIioDevices(std::vector<IioDevice>& devices) {
+    if (IioEntries().empty()) return;  // libiio would complain of a kernel without them
     const Context context = OpenContext();
     for (unsigned index = 0; index < iio_context_get_devices_count(context.get()); ++index) {
         const iio_device* const device = iio_context_get_device(context.get(), index);
