@@ -41,7 +41,7 @@ std::string Read(const Bytes& stream, std::vector<std::size_t> cuts, bool awaitS
     return text;
 }
 
-const Bytes kShort = {0x98, 4, 7, 0xA3};
+const Bytes kShortPacket = {0x98, 4, 7, 0xA3};
 const Bytes kWrong = {0xA0, 6, 1, 0, 1, 2};
 constexpr const char* kShortText = "98 04 07 a3\n";
 
@@ -49,7 +49,7 @@ TEST(PacketStream, ComesOutTheSameHoweverItIsCut) {
     Bytes longest(255, 0x11);
     longest[1] = 255;
     longest[3] = static_cast<std::uint8_t>(0x11 + 255 + 0x11);  // the header's sum alone
-    const Bytes packets = kShort + longest + kWrong + kShort;
+    const Bytes packets = kShortPacket + longest + kWrong + kShortPacket;
     // Frames end inside headers, inside payloads and between packets.
     const Bytes stream = Frame(Part(packets, 0, 2)) + Frame(Part(packets, 2, 100)) +
                          Frame(Part(packets, 100, 260)) + Frame(Part(packets, 260, 269));
@@ -61,7 +61,7 @@ TEST(PacketStream, ComesOutTheSameHoweverItIsCut) {
         }
     }
     Bytes most;
-    while (most.size() < 30000) most = most + kShort;
+    while (most.size() < 30000) most = most + kShortPacket;
     EXPECT_EQ(Read(Frame(most), {}).size(), 7500 * std::string(kShortText).size());
 }
 
@@ -72,11 +72,11 @@ TEST(PacketStream, EndsAtAViolation) {
         {Hex("01000001 55303132"), "length 16777217"},
         {Hex("04000000 55303133"), "no \"U012\" at its end): 04 00 00 00 55 30 31 33"},
         {Frame({0xA0, 0, 2, 3}), "length byte 0: a0 00"},
-        {Frame(Bytes{0xA0, 3, 2, 3} + kShort), "length byte 3: a0 03"},
+        {Frame(Bytes{0xA0, 3, 2, 3} + kShortPacket), "length byte 3: a0 03"},
     };
     for (const auto& [bytes, violation] : cases) {
         // What follows is not read any more.
-        EXPECT_THAT(Read(Frame(kShort) + bytes + kShort + Frame(kShort), {}),
+        EXPECT_THAT(Read(Frame(kShortPacket) + bytes + kShortPacket + Frame(kShortPacket), {}),
                     AllOf(StartsWith("98 04 07 a3\nbad frame header"), HasSubstr(violation)));
     }
 }
@@ -85,13 +85,14 @@ TEST(PacketStream, ASyncReplyIsFoundInsideAnything) {
     const Bytes reply = SyncReply(9);
     for (const Bytes& before : {Bytes{}, Bytes{0xA0}, Bytes{0xA0, 200, 1}, Bytes{0, 0, 0, 0, 0},
                                 Bytes(40, 0xB8), kWrong, Part(reply, 0, 25)}) {
-        EXPECT_EQ(Read(Frame(before + reply + kShort), {}, true), ToHex(reply) + "\n" + kShortText);
+        EXPECT_EQ(Read(Frame(before + reply + kShortPacket), {}, true),
+                  ToHex(reply) + "\n" + kShortText);
     }
     // Only one that is right in every byte but its sequence numbers and the low bits of its type.
     for (const std::size_t at : {1U, 3U, 4U, 6U, 25U}) {
         Bytes wrong = reply;
         ++wrong[at];
-        EXPECT_EQ(Read(Frame(Bytes{0xA0, 100} + wrong + kShort), {}, true), "") << at;
+        EXPECT_EQ(Read(Frame(Bytes{0xA0, 100} + wrong + kShortPacket), {}, true), "") << at;
     }
     // In step, such bytes are data like any other.
     const Bytes data = Tunnel(1, reply, 0);

@@ -110,7 +110,7 @@ TEST_P(SampleTimesTest, StayWithTheTruth) {
     std::mt19937 random(7);
     const auto chance = [&random] { return static_cast<double>(random()) / 4294967296.0; };
     SampleClock::Options options{kOpened, wanted.stated};
-    if (wanted.hasOwnTime) options = {kOpened, wanted.stated, 0.001, 4294967.296, true};
+    if (wanted.hasOwnTime) options = {kOpened, wanted.stated, 0.001, 4294967.296};
     SampleClock clock(options);
     double last = 0;
     double sum = 0;

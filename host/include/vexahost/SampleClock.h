@@ -57,10 +57,6 @@ class TimeLine {
 // time.
 class ClockOffset {
   public:
-    // Begins anew. `zero` is the host's time at which the device's was 0, where that is known: then
-    // the least delay is not taken for a difference of the clocks.
-    void Begin(std::optional<double> zero);
-
     // A block that the device finished at `device` has arrived at `arrival`. Returns the seconds to
     // add to the device's time: it changes only slowly, except after a jump of one of the clocks.
     double Add(double device, double arrival);
@@ -71,7 +67,6 @@ class ClockOffset {
         double difference;
     };
     [[nodiscard]] double Target(double device) const;
-    [[nodiscard]] double WayOf(double difference) const;
     void UpdateTrend();
 
     static constexpr std::size_t kSlices = 12;
@@ -82,9 +77,7 @@ class ClockOffset {
     double trend = 0;        // seconds per second
     double trendAtZero = 0;  // difference at device time 0 by the trend
     double began = 0;
-    double last = 0;  // device time of the newest block
-    std::optional<double> zero;
-    double way = 0;     // the least delay, where it is known
+    double last = 0;    // device time of the newest block
     double offset = 0;  // in use
 };
 
@@ -104,10 +97,9 @@ class SampleClock {
         std::optional<double> rate = {};  // samples per second, as stated
         double tick = 0;                  // resolution of the device's time, in seconds
         double wrap = 0;                  // seconds after which it begins again at 0; 0: never
-        bool sinceOpen = false;           // it counts from the opening
     };
 
-    explicit SampleClock(const Options& options);
+    explicit SampleClock(const Options& options_) : options(options_), end(options_.opened) {}
 
     // The times of a block's samples. `device` is its own time, in seconds. A block with no samples
     // has to be given as well, for its number.
@@ -121,7 +113,6 @@ class SampleClock {
     [[nodiscard]] std::optional<double> Rate() const;
 
   private:
-    [[nodiscard]] std::optional<double> Zero(double opened) const;
     bool Unwrap(double& device);
     [[nodiscard]] double Noise() const;
     bool BridgesGap(unsigned lost, double samples, double observed);

@@ -56,8 +56,7 @@ struct ChannelFormat {
 struct TimeFormat {
     SampleType type;
     std::size_t offset = 0;
-    double tick = 0.001;     // seconds that a count of 1 stands for
-    bool sinceOpen = false;  // it counts from the opening of the device's stream
+    double tick = 0.001;  // seconds that a count of 1 stands for
 
     // Seconds after which the count begins again at 0; 0: never.
     [[nodiscard]] double Wrap() const;

@@ -126,10 +126,6 @@ TimeFormat ReadTime(const Json& json) {
                                            [&](const auto& each) { return unit == each.first; });
     if (known == std::end(kUnits)) keys.Expect("unit", "s, ms, us or ns");
     time.tick = known->second;
-    if (const Json* const since = keys.Find("since")) {
-        if (*since != "open") keys.Expect("since", "open");
-        time.sinceOpen = true;
-    }
     keys.CheckAllKnown();
     return time;
 }

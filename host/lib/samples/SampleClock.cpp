@@ -31,9 +31,8 @@ constexpr double kShiftedTrust = 0.05;
 constexpr double kSlice = 5;         // seconds of which the block with the least delay counts
 constexpr double kMostTrend = 1e-3;  // further apart no two clocks are
 constexpr double kEarly = 5;         // seconds from the beginning in which the offset moves fast
-constexpr double kEarlySlew = 0.02;
+constexpr double kEarlySlew = 0.05;
 constexpr double kSlew = 0.001;
-constexpr double kLongestWay = 0.06;  // through the unit; if it seems longer, opening took long
 
 double Median(std::vector<double> values) {
     std::ranges::sort(values);
@@ -108,11 +107,6 @@ void ClockOffset::UpdateTrend() {
     trendAtZero = Median(differences);
 }
 
-void ClockOffset::Begin(std::optional<double> zero_) {
-    *this = {};
-    zero = zero_;
-}
-
 // Of the least delays, the one at the moment.
 double ClockOffset::Target(double device) const {
     if (slices.size() >= kTrendSlices) return trendAtZero + trend * device;
@@ -121,22 +115,15 @@ double ClockOffset::Target(double device) const {
     return least;
 }
 
-// The least delay, if `difference` is the least.
-double ClockOffset::WayOf(double difference) const {
-    const double longer = zero ? difference - *zero : 0;
-    return longer > 0 && longer <= kLongestWay ? longer : 0;
-}
-
 double ClockOffset::Add(double device, double arrival) {
     const double difference = arrival - device;
     if (!current) {
         began = sliceBegan = last = device;
         current = {device, difference};
-        way = WayOf(difference);
-        return offset = difference - way;
+        return offset = difference;
     }
     if (std::fabs(difference - offset) > kJump) {
-        Begin({});
+        *this = {};
         return Add(device, arrival);
     }
     const double elapsed = device - last;
@@ -151,18 +138,9 @@ double ClockOffset::Add(double device, double arrival) {
     if (difference < current->difference) current = {device, difference};
     const bool isEarly = device - began < kEarly;
     const double target = Target(device);
-    if (isEarly) way = WayOf(target);
     const double most = elapsed * (isEarly ? kEarlySlew : kSlew);
-    offset += std::clamp(target - way - offset, -most, most);
+    offset += std::clamp(target - offset, -most, most);
     return offset;
-}
-
-SampleClock::SampleClock(const Options& options_) : options(options_), end(options.opened) {
-    clocks.Begin(Zero(end));
-}
-
-std::optional<double> SampleClock::Zero(double opened) const {
-    return options.sinceOpen ? std::optional(opened) : std::nullopt;
 }
 
 // True when the device's time was set back.
@@ -237,7 +215,7 @@ SampleTimes SampleClock::Place(std::uint8_t sequence, double arrival, std::optio
         const double age = std::max(arrival - end, kShortestStep);
         const double passed = device ? std::min(std::max(observed, kShortestStep), age) : age;
         BeginLine(passed, samples, isShifted ? kShiftedTrust : kLearnedTrust);
-        if (isBack) clocks.Begin({});
+        if (isBack) clocks = {};
     }
     const bool continues = goesOn && follows;
     line.Add(count, observed);
@@ -253,7 +231,7 @@ SampleTimes SampleClock::Place(std::uint8_t sequence, double arrival, std::optio
 void SampleClock::Reopen(double opened) {
     if (line.Blocks() >= kSureBlocks) learned = line.Step();
     line = {};
-    clocks.Begin(Zero(opened));
+    clocks = {};
     lastSequence.reset();
     lastDevice.reset();
     hasSamples = false;

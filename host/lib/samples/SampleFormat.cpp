@@ -143,18 +143,15 @@ std::optional<double> DeviceFormat::TimeOf(std::span<const std::uint8_t> block) 
 
 DeviceFormats DeviceFormats::BuiltIn() {
     constexpr SampleType kSample{SampleType::Kind::kSigned, 2, false};
-    const TimeFormat time{{SampleType::Kind::kUnsigned, 4, false}, 4, 0.001, true};
-    DeviceFormat packet{
+    const TimeFormat time{{SampleType::Kind::kUnsigned, 4, false}, 4, 0.001};
+    const DeviceFormat packet{
         {{"value", kSample, 8, 0, 0, 1, 0, ""}}, std::nullopt, BlockCheck::kPacket, time};
     const DeviceFormat report{
         {{"value", kSample, 2, 0, 1, 1, 0, ""}}, std::nullopt, BlockCheck::kReport, time};
     DeviceFormats formats;
-    for (const char* name : {"Accelerometer", "Spectrometer", "Microphone"}) {
+    for (const char* name : {"Accelerometer", "Spectrometer", "Microphone", "DAQ"}) {
         formats.entries.emplace_back(name, packet);
     }
-    // Nobody knows when the unit has opened its board: taking it over may take seconds.
-    packet.time->sinceOpen = false;
-    formats.entries.emplace_back("DAQ", packet);
     for (const char* name : {"Thermometer", "Barometer", "LightMeter"}) {
         formats.entries.emplace_back(name, report);
     }

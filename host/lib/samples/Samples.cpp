@@ -18,7 +18,6 @@ void SampleReader::Use(const DeviceFormat* found) {
         const bool isCount = format->time->type.kind != SampleType::Kind::kFloat;
         options.tick = isCount ? format->time->tick : 0;
         options.wrap = format->time->Wrap();
-        options.sinceOpen = format->time->sinceOpen;
     }
     clock.emplace(options);
     block.values.resize(format->channels.size());

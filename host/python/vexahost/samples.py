@@ -103,13 +103,10 @@ class TimeFormat:
     type: str
     offset: int
     unit: str  #: what 1 stands for: "s", "ms", "us", "ns"
-    since: Optional[str] = None  #: "open": it counts from the opening of the stream
 
     def __post_init__(self) -> None:
         if _code(self.type) is None or not 0 <= self.offset <= 254 or self.unit not in _TICKS:
             raise InvalidArgument('"time": its type, offset or unit is none')
-        if self.since not in (None, "open"):
-            raise InvalidArgument('"time": "since" is "open" or left out')
 
     @property
     def tick(self) -> float:
