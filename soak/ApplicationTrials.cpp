@@ -6,7 +6,6 @@ namespace vexa::soak {
 namespace {
 
 constexpr int kMoments = 3;
-constexpr Milliseconds kConnectPatience{3000};
 
 // A way in which an application is dead for the service.
 struct Death {

@@ -15,7 +15,6 @@ constexpr int kPulls = 40;
 constexpr int kShortPulls = 8;
 constexpr int kFlaps = 6;
 constexpr int kShortFlaps = 1;
-constexpr Milliseconds kConnectPatience{3000};
 
 // More bytes than a session has, so that some are only cut while they stream.
 constexpr std::uint32_t kMostToUnit = 500;

@@ -14,7 +14,6 @@ namespace {
 constexpr int kEnds = 24;
 constexpr int kShortEnds = 8;
 constexpr std::uint32_t kLatestEndMs = 2500;  // the session takes about as long
-constexpr std::uint32_t kStallMs = 1000;
 constexpr Milliseconds kPatience{5000};
 
 // Calls of the shut-down, and which one of them is hit.

@@ -12,10 +12,8 @@ using vexa::unit::Call;
 using vexa::unit::CallInfo;
 using vexa::unit::FaultAction;
 
-constexpr Milliseconds kConnectPatience{3000};
 constexpr Milliseconds kReachPatience{1500};  // for calls after the host has gone
 constexpr int kRounds = 3;
-constexpr std::uint32_t kStallMs = 1000;
 
 constexpr const char* kErrors[] = {"EIO", "EINTR", "EAGAIN", "ENODEV", "ESHUTDOWN", "EBADF"};
 

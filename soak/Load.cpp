@@ -24,10 +24,10 @@ constexpr double kEchoShare = 0.10;    // of all bytes from the unit
 constexpr double kTunnelHeader = 8;    // bytes before each block
 constexpr double kMeanEcho = 8 + 125;  // bytes with that header
 constexpr int kStreamsOfEach = 3;
-constexpr ChildId kController = 1;
+constexpr ChildId kControllerId = 1;
 constexpr ChildId kFirstChild = 0x101;
 
-constexpr Milliseconds kPatience{10000};
+constexpr Milliseconds kLoadPatience{10000};
 constexpr Milliseconds kPoll{10};
 constexpr Milliseconds kQueryPause{250};
 constexpr Milliseconds kQuiet{500};
@@ -225,23 +225,23 @@ void ReadUnitCounts(SoakUnit& unit, LoadResult& result) {
 }
 
 void OpenAll(Client& client, LoadChecker& checker) {
-    Need(client.OpenController(kController, false, kPatience), "open the controller");
+    Need(client.OpenController(kControllerId, false, kLoadPatience), "open the controller");
     ChildId child = kFirstChild;
     for (const auto& device : kDevices) {
         for (int stream = 0; stream < kStreamsOfEach; ++stream, ++child) {
             checker.AddChild(child, device.blockSize, device.waveform);
-            Need(client.OpenDevice(device.name, child, kPatience), device.name);
+            Need(client.OpenDevice(device.name, child, kLoadPatience), device.name);
         }
     }
 }
 
 LoadResult Measure(SoakUnit& unit, const LoadOptions& options) {
-    LoadChecker checker(kController);
+    LoadChecker checker(kControllerId);
     const vexahost::ClientOptions clientOptions{
         .queueCapacity = 1, .tap = [&](vexahost::Direction direction, auto packet) {
             if (direction == vexahost::Direction::kFromUnit) checker.Check(packet);
         }};
-    auto connected = Client::Connect(unit.Cable(), clientOptions, kPatience);
+    auto connected = Client::Connect(unit.Cable(), clientOptions, kLoadPatience);
     Need(connected, "connect");
     Client& client = **connected;
     OpenAll(client, checker);
@@ -252,7 +252,7 @@ LoadResult Measure(SoakUnit& unit, const LoadOptions& options) {
     const auto start = Clock::now();
     const auto bytesBefore = checker.Total().bytes;
     while (Clock::now() - start < options.time && !IsInterrupted() && result.failure.empty()) {
-        const auto answer = client.QueryDaqApplication(kPatience);
+        const auto answer = client.QueryDaqApplication(kLoadPatience);
         if (!answer) result.failure = answer.error().message;
         ++result.queries;
         std::this_thread::sleep_for(kQueryPause);
@@ -275,7 +275,7 @@ LoadResult Measure(SoakUnit& unit, const LoadOptions& options) {
 
 int RunLoad(const LoadOptions& options) {
     SoakUnit unit(options.unitProgram, Scenario(options.share));
-    if (!unit.AwaitStart(kPatience)) throw std::runtime_error("the unit does not start");
+    if (!unit.AwaitStart(kLoadPatience)) throw std::runtime_error("the unit does not start");
     const LoadResult result = Measure(unit, options);
     PrintLoad(result, options.json);
     return result.IsClean() ? 0 : 1;

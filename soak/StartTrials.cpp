@@ -7,8 +7,6 @@ using testkit::WaitUntil;
 
 namespace {
 
-constexpr std::uint32_t kStallMs = 1000;
-
 struct StartCall {
     const char* call;
     int uses;       // during the start

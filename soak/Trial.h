@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
@@ -12,6 +13,9 @@
 #include "soak/Support.h"
 
 namespace vexa::soak {
+
+inline constexpr Milliseconds kConnectPatience{3000};
+inline constexpr std::uint32_t kStallMs = 1000;  // how long a faulty call takes
 
 struct Settings {
     std::string unitProgram;          // "vexa-unit"

@@ -23,7 +23,7 @@ namespace {
 using testing::ElementsAre;
 
 constexpr Milliseconds kLong{20000};  // for what must come
-constexpr Milliseconds kShort{50};    // for what must not
+constexpr Milliseconds kBrief{50};    // for what must not
 
 // What went wrong, or "done".
 template <typename T>
@@ -105,8 +105,8 @@ TEST(Client, HoldsAWholeConversation) {
         EXPECT_EQ(ValueOf(client.QueryDaqApplication(kLong)), DaqApplication::kHoldsNothing);
         EXPECT_EQ(Outcome(client.SendMultiplexerCommand(6, {}, kLong)), "refused 6/48");
         EXPECT_EQ(Outcome(client.QueryDaqApplication(Milliseconds::max())), "done");
-        EXPECT_EQ(Outcome(client.TakeDaqOver(kShort)), "timeout");
-        EXPECT_EQ(Outcome(client.QueryDaqApplication(kShort)), "timeout") << "the unit is busy";
+        EXPECT_EQ(Outcome(client.TakeDaqOver(kBrief)), "timeout");
+        EXPECT_EQ(Outcome(client.QueryDaqApplication(kBrief)), "timeout") << "the unit is busy";
         EXPECT_EQ(Outcome(client.InitialSync(kLong)), "done") << "which ends the wait for it";
         EXPECT_EQ(Outcome(client.TakeDaqOver(kLong)), "refused 116/50");
         EXPECT_EQ(Outcome(client.TakeDaqOver(kLong)), "done");
@@ -168,7 +168,7 @@ TEST(Client, KeepsChildrensBlocksApartAndCountsWhatIsMissing) {
     for (const int kept : {0, 1, 2}) {
         EXPECT_THAT(ValueOf(client.Receive(10, kLong)).bytes, ElementsAre(kept, kept));
     }
-    EXPECT_EQ(Outcome(client.Receive(10, kShort)), "timeout");
+    EXPECT_EQ(Outcome(client.Receive(10, kBrief)), "timeout");
     const auto counts = client.StatisticsOf(10).value_or(ChildStatistics{});
     EXPECT_EQ(counts.blocks, 513U);
     EXPECT_EQ(counts.bytes, 1026U);
@@ -192,7 +192,7 @@ TEST(Client, FollowsWhatALateAnswerOpened) {
     EXPECT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "not open") << "no controller";
     ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
     const std::uint8_t first = client.NextSequence();
-    EXPECT_EQ(Outcome(client.OpenDevice("A", 10, kShort)), "timeout");
+    EXPECT_EQ(Outcome(client.OpenDevice("A", 10, kBrief)), "timeout");
     holds = false;
     auto waiting = Start([&] { return client.OpenDevice("B", 11, kLong); });
     service.SendFramed(Reply(1, 0x98, 0x70, first, 0) + Tunnel(10, {7}, 0));
@@ -201,7 +201,7 @@ TEST(Client, FollowsWhatALateAnswerOpened) {
     const auto received = ValueOf(client.ReceiveAny(both, true, kLong));
     EXPECT_EQ(received.child, 10U);
     holds = true;
-    EXPECT_EQ(Outcome(client.OpenDevice("C", 12, kShort)), "timeout");
+    EXPECT_EQ(Outcome(client.OpenDevice("C", 12, kBrief)), "timeout");
     EXPECT_EQ(Outcome(client.OpenController(1, false, kLong)), "done") << "ends what is executed";
     holds = false;
     EXPECT_EQ(Outcome(client.OpenDevice("C", 12, kLong)), "done");
@@ -227,8 +227,8 @@ TEST(Client, FindsItsWayBackAfterACutPacketInEitherDirection) {
     const vexa::testkit::Descriptor unit(pair[1]);
     Client client(std::make_unique<SocketTransport>(pair[0], Framing::kFrameHeaders));
     const Bytes filling(100000, 0x11);
-    ASSERT_EQ(Outcome(client.SendRaw(filling, kShort)), "done");
-    while (Outcome(client.SendRaw(filling, kShort)) == "done") continue;
+    ASSERT_EQ(Outcome(client.SendRaw(filling, kBrief)), "done");
+    while (Outcome(client.SendRaw(filling, kBrief)) == "done") continue;
     Bytes sent(100 * filling.size());
     const auto drain = [&] {
         sent.resize(std::size_t(recv(unit.Get(), sent.data(), sent.size(), MSG_DONTWAIT)));
@@ -292,22 +292,22 @@ TEST(Client, ServesSeveralThreadsReconnectsAndClosesUnderThem) {
         ASSERT_EQ(Outcome(client.InitialSync(kLong)), "done");
         if (round == 1) service.HangUp();
         EXPECT_EQ(Outcome(client.Reconnect(kLong)), "done");
-        EXPECT_EQ(Outcome(client.ReceiveDaq(kShort)), "timeout") << "packets of the DAQ are gone";
+        EXPECT_EQ(Outcome(client.ReceiveDaq(kBrief)), "timeout") << "packets of the DAQ are gone";
         EXPECT_THAT(waiting.get(), testing::AnyOf("link lost", "not open"));
-        EXPECT_EQ(Outcome(client.Receive(10, kShort)), "not open") << "children are gone";
+        EXPECT_EQ(Outcome(client.Receive(10, kBrief)), "not open") << "children are gone";
         EXPECT_FALSE(client.LinkError());
     }
     ASSERT_EQ(Outcome(client.OpenController(1, false, kLong)), "done");
     ASSERT_EQ(Outcome(client.OpenDevice("A", 10, kLong)), "done");
     silent = true;
-    EXPECT_EQ(Outcome(client.InitialSync(kShort)), "timeout");
+    EXPECT_EQ(Outcome(client.InitialSync(kBrief)), "timeout");
     threads[0] = Start([&] { return client.QueryDaqApplication(kLong); });
     threads[1] = Start([&] { return client.TakeDaqOver(kLong); });  // waits for its turn
     threads[2] = Start([&] { return client.Receive(10, kLong); });
     threads[3] = Start([&] { return client.ReceiveDaq(kLong); });
     client.Close();
     for (auto& thread : threads) EXPECT_EQ(thread.get(), "link lost");
-    EXPECT_EQ(Outcome(client.Reconnect(kShort)), "cannot connect") << "at the last attempt";
+    EXPECT_EQ(Outcome(client.Reconnect(kBrief)), "cannot connect") << "at the last attempt";
     EXPECT_EQ(Outcome(client.SendRaw(Bytes{1})), "link lost");
     beforeAttempt = [&] { client.Close(); };
     EXPECT_EQ(Outcome(client.Reconnect(kLong)), "link lost") << "Close ends a Reconnect";
@@ -366,12 +366,12 @@ TEST(Client, StaysWholeUnderTenThreads) {
         [&](ChildId id) { return Outcome(client.OpenDevice("A", id, kLong)); },
         [&](ChildId id) { return Outcome(client.Send(id, Bytes(id, 0x5A), kLong)); },
         [&](ChildId id) {
-            const auto echo = client.Receive(id, kShort);
+            const auto echo = client.Receive(id, kBrief);
             damaged += echo && echo->bytes != Bytes(id, 0x5A);
             return Outcome(echo);
         },
         [&](auto) { return Outcome(client.QueryDaqApplication(kLong)); },
-        [&](auto) { return Outcome(client.ReceiveDaq(kShort)); },
+        [&](auto) { return Outcome(client.ReceiveDaq(kBrief)); },
         [&](auto) { return Outcome(client.InitialSync(kLong)); },
         [&](ChildId id) { return Outcome(client.CloseDevice(id, kLong)); },
         [&](auto) { return ++cuts % 50 == 0 ? (client.Close(), "done") : "done"; },

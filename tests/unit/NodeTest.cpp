@@ -131,7 +131,7 @@ TEST_F(Node, WhateverBecomesOfItsNumbersOnlyItsDescriptorsAreTheNode) {
 }
 
 TEST_F(Node, WithoutDescriptorsAHostIsTurnedAwayAndTheNextOneServed) {
-#ifdef __SANITIZE_ADDRESS__
+#ifdef VEXA_UBSAN
     GTEST_SKIP() << "UBSan needs descriptors itself, to look at the exceptions that are thrown";
 #endif
     const Descriptor early(::socket(AF_UNIX, SOCK_STREAM, 0));
