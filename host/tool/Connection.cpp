@@ -7,9 +7,12 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
+#include <thread>
 
 #include "testkit/Descriptor.h"
 #include "tool/Parse.h"
@@ -79,17 +82,48 @@ std::string UnitAddress::Text() const {
     return tcp.empty() ? directory : tcp;
 }
 
-TransportFactory UnitAddress::Factory() const {
-    return [unit = *this](const ConnectLimits& limits) -> Expected<std::unique_ptr<Transport>> {
-        if (!unit.usb.empty()) {
-            const auto address = ParseUsb(unit.usb);
-            if (!address) return address.error();
-            return UsbTransport::Connect(*address);
+namespace {
+
+Expected<std::unique_ptr<Transport>> ConnectOnce(const UnitAddress& unit,
+                                                 const ConnectLimits& limits) {
+    if (!unit.usb.empty()) {
+        const auto address = ParseUsb(unit.usb);
+        if (!address) return address.error();
+        return UsbTransport::Connect(*address);
+    }
+    if (!unit.serial.empty()) return OpenSerial(unit.serial, unit.flowControl);
+    if (!unit.tcp.empty()) return SocketTransport::ConnectTcp(unit.tcp, limits);
+    return SocketTransport::ConnectUnit(unit.directory, limits);
+}
+
+// Tries until there is a unit, at the latest until `end`.
+Expected<std::unique_ptr<Transport>> AwaitUnit(const UnitAddress& unit, ConnectLimits limits,
+                                               Deadline end) {
+    constexpr Milliseconds kPause{100};
+    limits.deadline = std::max(limits.deadline, end);
+    for (bool isSaid = false;; isSaid = true) {
+        auto connected = ConnectOnce(unit, limits);
+        const bool isThere = connected || connected.error().kind != ErrorKind::kCannotConnect;
+        const auto now = std::chrono::steady_clock::now();
+        if (isThere || now >= end || limits.IsCancelled()) return connected;
+        if (!isSaid) {
+            std::fprintf(stderr, "vexa-host: waiting for the unit: %s\n",
+                         connected.error().message.c_str());
         }
-        if (!unit.serial.empty()) return OpenSerial(unit.serial, unit.flowControl);
-        if (!unit.tcp.empty()) return SocketTransport::ConnectTcp(unit.tcp, limits);
-        return SocketTransport::ConnectUnit(unit.directory, limits);
+        std::this_thread::sleep_for(kPause);
+    }
+}
+
+}  // namespace
+
+TransportFactory UnitAddress::Factory() const {
+    // Only the first connection is waited for.
+    const auto waits = std::make_shared<std::atomic<bool>>(patience.has_value());
+    TransportFactory factory = [unit = *this, waits](const ConnectLimits& limits) {
+        if (!waits->exchange(false)) return ConnectOnce(unit, limits);
+        return AwaitUnit(unit, limits, DeadlineAfter(*unit.patience));
     };
+    return recorder ? Recorded(std::move(factory), recorder) : factory;
 }
 
 std::string DefaultUnitDirectory() {
@@ -123,6 +157,10 @@ std::vector<Option> WithUnitOptions(UnitAddress& unit, std::vector<Option> more)
          .help = "a unit on the USB (1209:0001, any serial number)",
          .target = FlagWithValue{&unit.usb, UnitAddress::kAnyUsb, IsUsbAddress},
          .excludes = {"--dir", "--tcp", "--serial"}},
+        {.name = "--wait",
+         .placeholder = "TIME",
+         .help = "wait so long for a unit to appear",
+         .target = &unit.patience},
     };
     options.insert(options.end(), more.begin(), more.end());
     return options;
@@ -140,7 +178,8 @@ void Leaver::operator()(Client* client) const {
 Expected<ClientHandle> ConnectAndSync(const UnitAddress& unit, ClientOptions options) {
     CatchInterrupts();
     options.isCancelled = IsCancelled;
-    auto client = Client::Connect(unit.Factory(), std::move(options));
+    const Milliseconds timeout = Client::kDefaultTimeout + unit.patience.value_or(Milliseconds{0});
+    auto client = Client::Connect(unit.Factory(), std::move(options), timeout);
     if (!client) return client.error();
     return ClientHandle(client->release());
 }

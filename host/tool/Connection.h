@@ -9,6 +9,7 @@
 #include "tool/CommandLine.h"
 #include "tool/JsonObject.h"
 #include "vexahost/Client.h"
+#include "vexahost/SessionRecorder.h"
 
 namespace vexahost::tool {
 
@@ -29,12 +30,16 @@ struct UnitAddress {
     bool flowControl = false;                        // on the serial line
     std::string usb;                                 // kAnyUsb, or as UsbAddress::Parse reads it
 
+    std::optional<Milliseconds> patience;       // with a unit that is not there yet
+    std::shared_ptr<SessionRecorder> recorder;  // of all connections; null: none
+
     static constexpr const char* kAnyUsb = "any";
 
     // The one that is used, for a person.
     [[nodiscard]] std::string Text() const;
 
-    // Makes connections to the unit.
+    // Makes connections to the unit. The first waits for it, if it has to, as long as `patience`
+    // says, whatever its limits are.
     [[nodiscard]] TransportFactory Factory() const;
 };
 

@@ -45,13 +45,24 @@ struct DecodedPacket {
     std::string text;                     // in words, one line
 };
 
+// A device that the host has asked the unit to open.
+struct AskedDevice {
+    std::string name;
+    CaptureTime asked{};       // when
+    std::uint32_t number = 0;  // counts these requests, over all devices and connections
+};
+
 // Follows one conversation: remembers the ids that the host gave to the controller and to devices.
 // One thread at a time.
 class CaptureDecoder {
   public:
     using Sink = std::function<void(const DecodedPacket&)>;
 
-    explicit CaptureDecoder(Sink sink_) : sink(std::move(sink_)) { fromUnit.AwaitSyncReply(); }
+    // Without `inWords` packets have no text, which takes most of the time.
+    explicit CaptureDecoder(Sink sink_, bool inWords_ = true)
+        : sink(std::move(sink_)), inWords(inWords_) {
+        fromUnit.AwaitSyncReply();
+    }
 
     // Passes the packets that `frame` completes to the sink.
     void Add(const CapturedFrame& frame);
@@ -60,12 +71,15 @@ class CaptureDecoder {
     // sink. `time` is that of the last frame.
     void Finish(CaptureTime time);
 
+    // The device behind an id; null when nobody has asked for it. Valid until the next call.
+    [[nodiscard]] const AskedDevice* DeviceOf(ChildId child) const;
+
   private:
     void AddEvent(const CapturedFrame& frame);
     void AddRequests(const CapturedFrame& frame);
     void AddFrameOfUnit(const CapturedFrame& frame);
     // Remembers the ids that a request assigns.
-    void Follow(std::span<const std::uint8_t> request);
+    void Follow(CaptureTime time, std::span<const std::uint8_t> request);
     void ReportBroken(CaptureTime time, Direction direction, std::span<const std::uint8_t> bytes,
                       const std::string& text);
     [[nodiscard]] PacketKind KindOfRequest(std::span<const std::uint8_t> packet) const;
@@ -75,11 +89,17 @@ class CaptureDecoder {
     void Report(CaptureTime time, Direction direction, PacketKind kind, const PacketView& packet);
 
     const Sink sink;
+    const bool inWords;
     RequestReader toUnit;
     PacketReader fromUnit;
     bool violationReported = false;
     std::optional<ChildId> controller;
-    std::map<ChildId, std::string> names;  // of the devices that the host asked for
+    struct Asked {
+        AskedDevice device;
+        bool isClosed = false;  // the host has asked for that; another may take the id
+    };
+    std::map<ChildId, Asked> devices;
+    std::uint32_t asked = 0;
 };
 
 }  // namespace vexahost

@@ -31,18 +31,22 @@ struct CapturedFrame {
     Direction direction = Direction::kToUnit;
     std::span<const std::uint8_t> bytes;  // borrowed
     std::string comment;                  // empty: none
+    std::uint32_t unit = 0;               // of a capture of a USB bus: which device
 };
 
 // Comments of events: a host has connected, and has disconnected.
 inline constexpr char kCableIn[] = "cable in";
 inline constexpr char kCableOut[] = "cable out";
 
-// Reads the frames of a recording in either byte order and with any time resolution; skips unknown
-// blocks and options. One thread at a time.
+class BusCapture;
+
+// Reads the frames of a recording, or of a capture of a USB bus (usbmon, USBPcap): pcapng or pcap,
+// in either byte order and with any time resolution. Skips unknown blocks and options, and what
+// passes on the bus between others. One thread at a time.
 class PcapngReader {
   public:
     // `capture` is the whole file. It must outlive the reader and the frames.
-    explicit PcapngReader(std::span<const std::uint8_t> capture) : rest(capture) {}
+    explicit PcapngReader(std::span<const std::uint8_t> capture);
 
     // Reads a file as far as the frames are wanted, so that a recording can be read while it is
     // written into a pipe; "-" is standard input. kInvalidArgument when it cannot be opened.
@@ -69,14 +73,19 @@ class PcapngReader {
         std::span<const std::uint8_t> body;
     };
 
-    PcapngReader() = default;
+    PcapngReader();
 
     // Makes sure that `count` bytes are there, reading on if need be. False at the end.
     [[nodiscard]] bool Need(std::size_t count);
     [[nodiscard]] std::optional<Block> NextBlock();
     [[nodiscard]] bool ReadByteOrder();
     void ReadInterface(std::span<const std::uint8_t> body);
-    [[nodiscard]] std::optional<CapturedFrame> ReadPacket(std::span<const std::uint8_t> body);
+    // False when the file has ended, or has a fault.
+    [[nodiscard]] bool ReadRecord();
+    void ReadPacket(std::span<const std::uint8_t> body);
+    [[nodiscard]] bool ReadPcapHeader();
+    [[nodiscard]] bool ReadPcapRecord();
+    void Take(std::uint16_t linkType, CapturedFrame frame);
     // Calls `visit(code, value)` for each option. False when they do not end properly.
     template <typename Visit>
     [[nodiscard]] bool EachOption(std::span<const std::uint8_t> options, Visit visit) const;
@@ -92,6 +101,9 @@ class PcapngReader {
     std::uint64_t nextBlock = 0;
     bool bigEndian = false;
     bool inSection = false;
+    std::optional<Interface> pcap;     // of a file in the older format
+    std::optional<CapturedFrame> own;  // the newest record, if it is one of ours
+    std::shared_ptr<BusCapture> bus;
     std::vector<Interface> interfaces;  // of the section
     std::string fault;
 };

@@ -88,7 +88,7 @@ void CaptureDecoder::AddEvent(const CapturedFrame& frame) {
         fromUnit.LoseStep();
         violationReported = false;
         controller.reset();
-        names.clear();
+        devices.clear();
     }
     std::string text = frame.comment.empty() ? "no bytes" : frame.comment;
     std::ranges::replace_if(
@@ -108,7 +108,7 @@ void CaptureDecoder::AddRequests(const CapturedFrame& frame) {
     while (const auto packet = toUnit.Next(input)) {
         const PacketKind kind =
             packet->checksumRight ? KindOfRequest(packet->bytes) : PacketKind::kBroken;
-        if (packet->checksumRight) Follow(packet->bytes);
+        if (packet->checksumRight) Follow(frame.time, packet->bytes);
         if (kind == PacketKind::kInitialSync) {
             fromUnit.LoseStep();
             violationReported = false;
@@ -155,7 +155,7 @@ PacketKind CaptureDecoder::KindFromUnit(Bytes packet) const {
     if (IsTunnel(packet)) {
         // The controller answers under id 0 when its entry is gone by then.
         const ChildId id = TunnelId(packet);
-        const bool ofController = id == controller || (id == 0 && !names.contains(id));
+        const bool ofController = id == controller || (id == 0 && !devices.contains(id));
         return ofController && vexa::IsServiceReply(packet.subspan(vexa::kTunnelHeaderSize))
                    ? PacketKind::kControllerReply
                    : PacketKind::kChildData;
@@ -167,31 +167,42 @@ PacketKind CaptureDecoder::KindFromUnit(Bytes packet) const {
     return vexa::IsServiceReply(packet) ? PacketKind::kMultiplexerReply : PacketKind::kOther;
 }
 
-void CaptureDecoder::Follow(Bytes request) {
+void CaptureDecoder::Follow(CaptureTime time, Bytes request) {
     if (KindOfRequest(request) != PacketKind::kControllerCommand) return;
     const Bytes inner = request.subspan(vexa::kTunnelHeaderSize);
     if (inner.size() < vexa::kCommandNameLengthOffset) return;
     const ChildId id = vexa::LoadLe32(inner, vexa::kCommandChildIdOffset);
     if (vexa::ReopensController(inner)) {
         controller = id;
-        names.clear();
+        devices.clear();
     } else if (IsCommand(inner, vexa::ControllerCommand::kOpenChild)) {
-        names.emplace(id, DeviceNameIn(inner));  // an id already in use keeps its device
+        const auto known = devices.find(id);
+        if (known != devices.end() && !known->second.isClosed) return;  // the unit will refuse
+        devices[id] = {{DeviceNameIn(inner), time, ++asked}, false};
+    } else if (IsCommand(inner, vexa::ControllerCommand::kCloseChild)) {
+        const auto known = devices.find(id);
+        if (known != devices.end()) known->second.isClosed = true;
     }
+}
+
+const AskedDevice* CaptureDecoder::DeviceOf(ChildId child) const {
+    const auto known = devices.find(child);
+    return known == devices.end() ? nullptr : &known->second.device;
 }
 
 std::string CaptureDecoder::ChildText(Direction direction, ChildId child, std::size_t bytes) const {
     std::string text = std::to_string(bytes) + (bytes == 1 ? " byte " : " bytes ");
     text += direction == Direction::kToUnit ? "to child " : "from child ";
     text += HexId(child);
-    const auto name = names.find(child);
-    return name == names.end() ? text : text + " \"" + name->second + '"';
+    const auto* const device = DeviceOf(child);
+    return device == nullptr ? text : text + " \"" + device->name + '"';
 }
 
 void CaptureDecoder::Report(CaptureTime time, Direction direction, PacketKind kind,
                             const PacketView& packet) {
     DecodedPacket decoded{time, direction, kind, packet.checksumRight, {}, packet.bytes, {}};
     if (IsTunnel(packet.bytes)) decoded.child = TunnelId(packet.bytes);
+    if (!inWords) return sink(decoded);
     const bool known = kind != PacketKind::kControllerCommand ||
                        KnowsCommand(packet.bytes.subspan(vexa::kTunnelHeaderSize));
     if (kind == PacketKind::kChildData && packet.checksumRight) {

@@ -1,4 +1,5 @@
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -6,6 +7,7 @@
 #include "tool/Console.h"
 #include "tool/JsonObject.h"
 #include "tool/Verbs.h"
+#include "tool/recording/DecodeSamples.h"
 #include "vexahost/Decoder.h"
 #include "vexahost/Recording.h"
 
@@ -17,8 +19,8 @@ constexpr std::size_t kDecodedBytesShown = 24;
 constexpr std::size_t kAllBytes = 0xFFFF;
 
 struct DecodeOptions {
-    std::string file;
-    bool json = false;
+    DecodeSamplesOptions samples;  // the file among them
+    bool wantsSamples = false;     // with --json
     bool whole = false;
 };
 
@@ -40,7 +42,7 @@ class Printer {
     }
 
     void Print(const DecodedPacket& packet) {
-        if (options.json) {
+        if (options.samples.output.json) {
             PrintJson(packet);
         } else {
             PrintText(packet);
@@ -93,43 +95,75 @@ class Printer {
 };
 
 ExitCode RunDecode(const DecodeOptions& options) {
-    auto reader = PcapngReader::Open(options.file);
+    const OutputOptions& output = options.samples.output;
+    if (output.csv || output.wav || options.wantsSamples) return DecodeSamples(options.samples);
+    const std::string& file = options.samples.file;
+    if (!options.samples.devices.empty() || !output.folder.empty()) {
+        return ReportError({ErrorKind::kInvalidArgument,
+                            "--device and --out need --csv, --wav or --json --samples"});
+    }
+    auto reader = PcapngReader::Open(file);
     if (!reader) return ReportError(reader.error());
     Printer printer(options);
-    CaptureDecoder decoder([&](const DecodedPacket& packet) { printer.Print(packet); });
+    std::map<std::uint32_t, std::unique_ptr<CaptureDecoder>> decoders;  // of each unit on the bus
     CaptureTime last{};
     while (const auto frame = reader->Next()) {
         if (std::ferror(stdout) != 0) return kExitDone;  // what this means is said at the end
         printer.Begin(frame->time);
-        decoder.Add(*frame);
+        auto& decoder = decoders[frame->unit];
+        if (!decoder) {
+            decoder = std::make_unique<CaptureDecoder>(
+                [&](const DecodedPacket& packet) { printer.Print(packet); });
+        }
+        decoder->Add(*frame);
         last = frame->time;
     }
-    decoder.Finish(last);
+    for (const auto& [unit, decoder] : decoders) decoder->Finish(last);
     if (reader->Fault().empty()) {
         printer.PrintSummary();
         return kExitDone;
     }
-    return ReportError({ErrorKind::kInvalidArgument, options.file + ": " + reader->Fault()});
+    return ReportError({ErrorKind::kInvalidArgument, file + ": " + reader->Fault()});
 }
 
 }  // namespace
 
 Verb DecodeVerb() {
     const auto options = std::make_shared<DecodeOptions>();
+    DecodeSamplesOptions& samples = options->samples;
+    std::vector<Option> own = {
+        {"FILE", "", "a recording, or a capture of the USB bus; - for standard input",
+         &samples.file, true},
+        {"--all-bytes", "", "every byte of each packet", &options->whole}};
+    own = WithOutputOptions(samples.output, std::move(own));
+    const std::vector<Option> more = {
+        {.name = "--samples",
+         .placeholder = "",
+         .help = "with --json: the samples, an object for each block, not the packets",
+         .target = &options->wantsSamples,
+         .needs = "--json"},
+        {.name = "--wav",
+         .placeholder = "",
+         .help = "a WAV file for each channel, in the folder of --out (.)",
+         .target = &samples.output.wav,
+         .excludes = {"--csv", "--json"}},
+        {"--device", "NAME", "samples of this device only (all)", &samples.devices},
+    };
+    own.insert(own.end(), more.begin(), more.end());
     return {
         .name = "decode",
-        .summary = "Print a recording packet by packet, in words",
-        .options =
-            {{"FILE", "", "a recording (pcapng); - for standard input", &options->file, true},
-             {"--json", "",
-              "a JSON object for each packet: frame, time, direction, kind, child, checksum, "
-              "text, bytes",
-              &options->json},
-             {"--all-bytes", "", "every byte of each packet", &options->whole}},
+        .summary = "Print a recording packet by packet, in words, or turn it into samples",
+        .options = WithFormatOptions(samples.formats, std::move(own)),
         .notes =
-            "Columns: number of the frame, seconds since the first, -> to the unit or <- from it,\n"
-            "the packet in words, its bytes.\n"
+            std::string(
+                "Columns: number of the frame, seconds since the first, -> to the unit or <- from "
+                "it, the\n"
+                "packet in words, its bytes. --json: frame, time, direction, kind, child, "
+                "checksum, text, bytes.\n") +
+            kOutputNotes + kFormatNotes +
             "Examples: vexa-host decode session.pcapng | less\n"
+            "          vexa-host decode session.pcapng --csv --out samples\n"
+            "          vexa-host decode bus.pcapng --wav --device Microphone\n"
             "          vexa-host record - -- my-host-program | vexa-host decode -",
         .run = [options] { return RunDecode(*options); }};
 }

@@ -1,7 +1,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cinttypes>
+#include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -10,10 +12,12 @@
 #include "tool/Exit.h"
 #include "tool/Output.h"
 #include "tool/Verbs.h"
+#include "tool/recording/RecordingSource.h"
 #include "tool/stream/Formats.h"
 #include "tool/stream/LiveView.h"
 #include "tool/stream/StreamOutput.h"
 #include "tool/stream/StreamSource.h"
+#include "vexahost/SessionRecorder.h"
 
 namespace vexahost::tool {
 
@@ -30,11 +34,14 @@ struct StreamOptions {
     bool lines = false;                    // also on a terminal
     std::string teleplot;
     bool reconnects = false;
+    std::string recording;  // that is made
+    std::string from;       // a recording that is shown
+    std::string speed;
 };
 
 Expected<Done> CheckDevices(const StreamOptions& options) {
     const StreamedDevices& devices = options.devices;
-    if (devices.names.empty() && !devices.daq) {
+    if (devices.names.empty() && !devices.daq && options.from.empty()) {
         return Error{ErrorKind::kInvalidArgument, "NAME is required: a sensor's, or --daq"};
     }
     for (const std::string& name : devices.arm) {
@@ -60,7 +67,7 @@ Expected<std::unique_ptr<StreamSink>> MakeSinks(const StreamOptions& options,
     } else {
         isLive = true;
         sinks.push_back(std::make_unique<LiveView>(
-            options.unit.Text(), source.Labels(),
+            options.from.empty() ? options.unit.Text() : options.from, source.Labels(),
             [&source](std::size_t device) { return source.StatisticsOf(device); }));
     }
     if (!options.teleplot.empty()) {
@@ -83,8 +90,9 @@ Expected<Done> OutputEnd(const PatientOutput& output) {
 class Pump {
   public:
     Pump(StreamSource& source_, StreamSink& sink_, PatientOutput& output_,
-         const std::shared_ptr<const DeviceFormats>& formats)
-        : source(source_), sink(sink_), output(output_) {
+         const std::shared_ptr<const DeviceFormats>& formats,
+         std::function<std::optional<Error>()> failure_)
+        : source(source_), sink(sink_), output(output_), failure(std::move(failure_)) {
         for (std::size_t i = 0; i < source.Names().size(); ++i) {
             readers.emplace_back(source.Names()[i], formats, source.OpenedAt(i));
         }
@@ -96,6 +104,7 @@ class Pump {
             if (auto received = ReceiveSome(end); !received) return received;
             if (auto updated = sink.Update(); !updated) return updated;
             if (!output.Write(end)) return OutputEnd(output);
+            if (const auto error = failure ? failure() : std::nullopt) return *error;
             if (saysSilent && Clock::now() >= hintAt) {
                 saysSilent = false;
                 source.PrintSilent();
@@ -155,6 +164,7 @@ class Pump {
 
     void Pass(const SourceBlock& from) {
         SampleReader& reader = readers[from.device];
+        if (from.opened) reader.Reopen(*from.opened);
         const Block& block = from.block;
         const auto* const samples =
             reader.Read(block.bytes, block.sequence, from.seconds, block.checksumRight);
@@ -166,7 +176,8 @@ class Pump {
     StreamSource& source;
     StreamSink& sink;
     PatientOutput& output;
-    std::vector<SampleReader> readers;  // of the devices
+    const std::function<std::optional<Error>()> failure;  // of something that goes on beside
+    std::vector<SampleReader> readers;                    // of the devices
     std::vector<bool> hasSamples = std::vector<bool>(source.Names().size());
     std::vector<bool> isBytesOnly = std::vector<bool>(source.Names().size());
     bool isOver = false;
@@ -178,8 +189,8 @@ bool IsLinkLoss(const Error& error) {
 
 // Goes on after a lost link.
 Expected<Done> PumpOn(Pump& pump, UnitSource& source, StreamSink& sink, Clock::time_point end,
-                      bool isLive) {
-    for (bool saysSilent = !isLive;; saysSilent = false) {
+                      bool saysSilent) {
+    for (;; saysSilent = false) {
         const auto pumped = pump.RunUntil(end, saysSilent);
         if (pumped || !IsLinkLoss(pumped.error())) return pumped;
         const double lost = source.Now();
@@ -193,32 +204,21 @@ Expected<Done> PumpOn(Pump& pump, UnitSource& source, StreamSink& sink, Clock::t
     }
 }
 
-ExitCode RunStream(const StreamOptions& options) {
-    if (const auto right = CheckDevices(options); !right) return ReportError(right.error());
-    auto names = options.devices.names;
-    if (options.devices.daq) names.emplace_back(kDaqName);
-    const auto formats = LoadFormats(options.formats, names);
+// Passes the blocks of a source to the sinks until the end. `source` is of a unit if `unit` is.
+ExitCode Show(const StreamOptions& options, StreamSource& source, UnitSource* unit,
+              const std::function<std::optional<Error>()>& failure) {
+    const auto formats = LoadFormats(options.formats, source.Names());
     if (!formats) return ReportError(formats.error());
-    if (auto right = CheckOutput(options.output, names.size()); !right) {
-        return ReportError(right.error());
-    }
-    auto client = ConnectAndSync(options.unit);
-    if (!client) return ReportError(client.error());
-    if (const auto opened = (*client)->OpenController(kControllerId, false); !opened) {
-        return ReportError(opened.error());
-    }
-    UnitSource source(options.unit, options.devices);
-    if (const auto opened = source.Open(**client); !opened) return ReportError(opened.error());
-
-    const auto start = Clock::now();
-    const auto end = options.duration ? start + *options.duration : Clock::time_point::max();
+    const auto end = options.duration ? Clock::now() + *options.duration : Clock::time_point::max();
     PatientOutput output;
     bool isLive = false;
     auto sinks = MakeSinks(options, source, output, isLive);
     if (!sinks) return ReportError(sinks.error());
-    Pump pump(source, **sinks, output, *formats);
-    const auto pumped = options.reconnects ? PumpOn(pump, source, **sinks, end, isLive)
-                                           : pump.RunUntil(end, !isLive);
+    Pump pump(source, **sinks, output, *formats, failure);
+    const bool saysSilent = !isLive && unit != nullptr;
+    const auto pumped = options.reconnects && unit != nullptr
+                            ? PumpOn(pump, *unit, **sinks, end, saysSilent)
+                            : pump.RunUntil(end, saysSilent);
     pump.Finish();
     sinks->reset();  // the terminal is as before
     source.PrintTotals();
@@ -226,6 +226,56 @@ ExitCode RunStream(const StreamOptions& options) {
     if (pumped) return kExitDone;
     const ExitCode code = ReportError(pumped.error());
     return output.Fault().empty() ? code : kExitOutput;
+}
+
+ExitCode ShowRecording(const StreamOptions& options) {
+    const auto speed = options.speed.empty() ? 1.0 : std::strtod(options.speed.c_str(), nullptr);
+    if (!(speed > 0) || !std::isfinite(speed)) {
+        return ReportError({ErrorKind::kInvalidArgument,
+                            "--speed " + options.speed + ": expected a number above 0"});
+    }
+    auto names = options.devices.names;
+    if (options.devices.daq) names.emplace_back(kDaqName);
+    CatchInterrupts();
+    const auto source = RecordingSource::Open(options.from, names, speed);
+    if (!source) return ReportError(source.error());
+    if (const auto right = CheckOutput(options.output, (*source)->Names().size()); !right) {
+        return ReportError(right.error());
+    }
+    return Show(options, **source, nullptr, {});
+}
+
+ExitCode RunStream(StreamOptions& options) {
+    if (const auto right = CheckDevices(options); !right) return ReportError(right.error());
+    if (!options.from.empty()) return ShowRecording(options);
+    auto names = options.devices.names;
+    if (options.devices.daq) names.emplace_back(kDaqName);
+    if (const auto formats = LoadFormats(options.formats, names); !formats) {
+        return ReportError(formats.error());
+    }
+    if (const auto right = CheckOutput(options.output, names.size()); !right) {
+        return ReportError(right.error());
+    }
+    std::shared_ptr<SessionRecorder> recorder;
+    if (!options.recording.empty()) {
+        auto made = SessionRecorder::Create(options.recording);
+        if (!made) return ReportError(made.error());
+        recorder = std::move(*made);
+        options.unit.recorder = recorder;
+    }
+    auto client = ConnectWithController(options.unit);
+    if (!client) return ReportError(client.error());
+    UnitSource source(options.unit, options.devices);
+    if (const auto opened = source.Open(**client); !opened) return ReportError(opened.error());
+    const ExitCode code = Show(options, source, &source, [&] {
+        return recorder ? recorder->Failure() : std::optional<Error>{};
+    });
+    client->reset();  // the leave-taking belongs to the recording
+    if (!recorder) return code;
+    std::fprintf(stderr, "vexa-host: %" PRIu64 " frames in %s\n", recorder->Frames(),
+                 options.recording.c_str());
+    const auto failure = recorder->Failure();
+    return failure && code == kExitDone ? ReportError(*failure) : code;
 }
 
 }  // namespace
@@ -248,6 +298,17 @@ Verb StreamVerb() {
         {"--teleplot", "HOST[:PORT]", "send each sample to a plotter as well (UDP, port 47269)",
          &options->teleplot},
         {"--reconnect", "", "go on after a lost link", &options->reconnects},
+        {"--record", "FILE", "record the session as well (pcapng)", &options->recording},
+        {.name = "--from",
+         .placeholder = "FILE",
+         .help = "show a recording, or a capture of the USB bus, instead of a unit",
+         .target = &options->from,
+         .excludes = {"--record", "--reconnect"}},
+        {.name = "--speed",
+         .placeholder = "N",
+         .help = "so many times as fast as it was recorded (1)",
+         .target = &options->speed,
+         .needs = "--from"},
     };
     own.insert(own.end(), more.begin(), more.end());
     own = WithFormatOptions(options->formats, std::move(own));
@@ -261,6 +322,7 @@ Verb StreamVerb() {
             "Examples: vexa-host stream Accelerometer Microphone\n"
             "          vexa-host stream Thermometer --arm Thermometer --for 10s --csv > t.csv\n"
             "          vexa-host stream Microphone Accelerometer --csv --out samples --reconnect\n"
+            "          vexa-host stream --from session.pcapng --speed 10\n"
             "          vexa-host stream Probe --format x=f32le@0 --format y=f32le@4",
         .run = [options] { return RunStream(*options); }};
 }

@@ -30,10 +30,9 @@ std::vector<Option> WithOutputOptions(OutputOptions& output, std::vector<Option>
          .needs = "--csv"},
         {.name = "--out",
          .placeholder = "DIR",
-         .help = "a CSV file for each device, in this folder",
+         .help = "a file for each device, in this folder",
          .target = &output.folder,
-         .excludes = {"--long"},
-         .needs = "--csv"},
+         .excludes = {"--long"}},
         {.name = "--epoch",
          .placeholder = "",
          .help = "CSV times in seconds since 1970",
@@ -51,6 +50,9 @@ std::vector<Option> WithOutputOptions(OutputOptions& output, std::vector<Option>
 }
 
 Expected<Done> CheckOutput(const OutputOptions& output, std::size_t devices) {
+    if (!output.folder.empty() && !output.csv && !output.wav) {
+        return Error{ErrorKind::kInvalidArgument, "--out " + output.folder + " needs --csv"};
+    }
     if (output.wide && output.folder.empty() && devices > 1) {
         return Error{ErrorKind::kInvalidArgument,
                      "--wide: several devices have no sample times in common; --out DIR writes a "

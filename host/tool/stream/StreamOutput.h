@@ -19,6 +19,7 @@ struct OutputOptions {
     std::string folder;  // empty: standard output
     bool epoch = false;
     bool iso = false;
+    bool wav = false;  // of recordings
 };
 
 // `options`, and after them those above.

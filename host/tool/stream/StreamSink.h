@@ -95,6 +95,13 @@ std::unique_ptr<StreamSink> MakeLongCsvSink(TextTarget target, const TimeWriter&
 // if need be.
 std::unique_ptr<StreamSink> MakeCsvFolderSink(const std::string& folder, const TimeWriter& times);
 
+// Samples per second of a device, once they are known.
+using RateOf = std::function<std::optional<double>(std::size_t device)>;
+
+// A WAV file in `folder` for each channel, called LABEL.wav or LABEL.CHANNEL.wav. Gaps are filled
+// with silence, counted, and said on standard error at the end.
+std::unique_ptr<StreamSink> MakeWavSink(const std::string& folder, RateOf rateOf);
+
 // Sends each sample to a plotter as a line of text, many lines in a datagram of UDP. "HOST:PORT" or
 // "HOST" (port 47269). kInvalidArgument when that is no address.
 Expected<std::unique_ptr<StreamSink>> MakeTeleplotSink(const std::string& address,

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -18,6 +19,7 @@ struct SourceBlock {
     std::optional<ChildId> child;
     double seconds;  // from the start of the stream to its arrival
     Block block;
+    std::optional<double> opened = {};  // the device's first block since it was opened anew: then
 };
 
 // Devices whose blocks come one by one. One thread at a time.

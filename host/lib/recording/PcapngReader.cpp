@@ -1,15 +1,4 @@
-// The pcapng file format, as far as recordings of the link use it. All numbers are in the byte
-// order of the machine that wrote the section; here little-endian is written and both are read.
-//
-//   Every block                       Enhanced packet block, the body
-//  +--------------+--------------+   +-----------+-----------+----------+----------+--------+
-//  | type, 4      | length, 4    |   | interface | time high | time low | captured | length |
-//  +--------------+--------------+   +-----------+-----------+----------+----------+--------+
-//  | body, padded to 4 bytes     |   | data, padded to 4 bytes                              |
-//  +-----------------------------+   +------------------------------------------------------+
-//  | length again |                  | options: code 2, length 2, value padded to 4 bytes   |
-//  +--------------+                  +------------------------------------------------------+
-#include <fcntl.h>
+// Reads pcapng, and the older pcap, which captures of the USB bus may be in.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -23,6 +12,8 @@
 #include <memory>
 #include <utility>
 
+#include "lib/recording/BusCapture.h"
+#include "lib/recording/Pcapng.h"
 #include "vexahost/Recording.h"
 #include "vexahost/protocol/Packet.h"
 
@@ -30,34 +21,7 @@ namespace vexahost {
 
 namespace {
 
-constexpr std::uint32_t kSectionHeaderBlock = 0x0A0D0D0A;
-constexpr std::uint32_t kInterfaceBlock = 1;
-constexpr std::uint32_t kEnhancedPacketBlock = 6;
-
-constexpr std::uint32_t kByteOrderMagic = 0x1A2B3C4D;
-constexpr std::uint16_t kMajorVersion = 1;
-constexpr std::size_t kBlockOverhead = 12;      // type and both lengths
-constexpr std::size_t kSectionHeaderSize = 28;  // of a block without options
-constexpr std::size_t kInterfaceBodySize = 8;   // link type, reserved, snap length
-constexpr std::size_t kPacketBodySize = 20;     // up to the data
-constexpr std::size_t kOptionHeaderSize = 4;
-
-constexpr std::uint16_t kEndOfOptions = 0;
-constexpr std::uint16_t kCommentOption = 1;
-constexpr std::uint16_t kInterfaceNameOption = 2;
-constexpr std::uint16_t kTimeResolutionOption = 9;
-constexpr std::uint8_t kDefaultTimeResolution = 6;  // microseconds
-constexpr std::uint8_t kNanoseconds = 9;
-constexpr std::uint8_t kBinaryResolution = 0x80;  // this bit: a power of 2, not of 10
-constexpr std::uint16_t kPacketFlagsOption = 2;
-constexpr std::uint32_t kDirectionMask = 3;
-constexpr std::uint32_t kInbound = 1;  // seen from the host: from the unit
-constexpr std::uint32_t kOutbound = 2;
-
-// Set aside for private use; the dissector registers for it.
-constexpr std::uint16_t kLinkType = 147;
-
-std::size_t Padded(std::size_t size) { return (size + 3) & ~std::size_t{3}; }
+constexpr std::size_t kMostLength = 1 << 26;  // no frame comes near it
 
 // Converts a count of the interface's time units to nanoseconds, without overflow in between.
 CaptureTime TimeOf(std::uint64_t units, std::uint8_t resolution) {
@@ -82,6 +46,12 @@ CaptureTime TimeOf(std::uint64_t units, std::uint8_t resolution) {
 }
 
 }  // namespace
+
+PcapngReader::PcapngReader() : bus(std::make_shared<BusCapture>()) {}
+
+PcapngReader::PcapngReader(std::span<const std::uint8_t> capture) : PcapngReader() {
+    rest = capture;
+}
 
 Expected<PcapngReader> PcapngReader::Open(const std::string& path) {
     PcapngReader reader;
@@ -136,7 +106,6 @@ bool PcapngReader::ReadByteOrder() {
 
 std::optional<PcapngReader::Block> PcapngReader::NextBlock() {
     constexpr std::size_t kHeaderSize = 8;
-    constexpr std::size_t kMostLength = 1 << 26;  // no frame of ours comes near it
     const auto failed = [this](const std::string& what) {
         Fail(what);
         return std::nullopt;
@@ -202,10 +171,9 @@ void PcapngReader::ReadInterface(std::span<const std::uint8_t> body) {
     interfaces.push_back(interface);
 }
 
-std::optional<CapturedFrame> PcapngReader::ReadPacket(std::span<const std::uint8_t> body) {
+void PcapngReader::ReadPacket(std::span<const std::uint8_t> body) {
     if (body.size() < kPacketBodySize) {
-        Fail("a packet block is too short");
-        return std::nullopt;
+        return Fail("a packet block is too short");
     }
     const std::uint32_t number = Load32(body.data());
     const std::uint64_t time =
@@ -213,19 +181,12 @@ std::optional<CapturedFrame> PcapngReader::ReadPacket(std::span<const std::uint8
     const std::size_t captured = Load32(body.data() + 12);
     const auto data = body.subspan(kPacketBodySize);
     if (captured > data.size() || Padded(captured) > data.size()) {
-        Fail("the data of a packet block does not fit into it");
-        return std::nullopt;
+        return Fail("the data of a packet block does not fit into it");
     }
     if (number >= interfaces.size()) {
-        Fail("a packet block names an interface that is not there");
-        return std::nullopt;
+        return Fail("a packet block names an interface that is not there");
     }
     const Interface& interface = interfaces[number];
-    if (interface.linkType != kLinkType) {
-        Fail("this is a capture of something else (link type " +
-             std::to_string(interface.linkType) + ", not " + std::to_string(kLinkType) + ")");
-        return std::nullopt;
-    }
     CapturedFrame frame;
     frame.time = TimeOf(time, interface.timeResolution);
     frame.bytes = data.first(captured);
@@ -237,126 +198,90 @@ std::optional<CapturedFrame> PcapngReader::ReadPacket(std::span<const std::uint8
             frame.direction = inbound ? Direction::kFromUnit : Direction::kToUnit;
         }
     });
-    if (!good) {
-        Fail("the options of a packet block do not fit into it");
-        return std::nullopt;
+    if (!good) return Fail("the options of a packet block do not fit into it");
+    Take(interface.linkType, std::move(frame));
+}
+
+void PcapngReader::Take(std::uint16_t linkType, CapturedFrame frame) {
+    if (linkType == kLinkType) {
+        own = std::move(frame);
+        return;
     }
-    return frame;
+    const auto header = static_cast<BusHeader>(linkType);
+    if (header != BusHeader::kUsbmonShort && header != BusHeader::kUsbmonLong &&
+        header != BusHeader::kUsbPcap) {
+        return Fail("this is a capture of something else (link type " + std::to_string(linkType) +
+                    ", not " + std::to_string(kLinkType) + " or that of a USB bus)");
+    }
+    if (const auto transfer = ReadBusTransfer(header, bigEndian, frame.bytes)) {
+        bus->Add(frame.time, *transfer);
+    }
+}
+
+// The older format: a header with magic number, versions, three fields that are not used, and link
+// type; then records with seconds, fraction, captured length and length.
+bool PcapngReader::ReadPcapHeader() {
+    constexpr std::size_t kHeaderSize = 24;
+    constexpr std::uint32_t kMicroMagic = 0xA1B2C3D4;
+    constexpr std::uint32_t kNanoMagic = 0xA1B23C4D;
+    if (!Need(sizeof kMicroMagic)) return false;
+    for (const bool isBig : {false, true}) {
+        bigEndian = isBig;
+        const std::uint32_t magic = Load32(rest.data());
+        if (magic != kMicroMagic && magic != kNanoMagic) continue;
+        if (!Need(kHeaderSize)) return false;
+        pcap = Interface{Load16(rest.data() + 20),
+                         magic == kNanoMagic ? kNanoseconds : kDefaultTimeResolution};
+        rest = rest.subspan(kHeaderSize);
+        nextBlock = kHeaderSize;
+        return true;
+    }
+    return false;
+}
+
+bool PcapngReader::ReadPcapRecord() {
+    constexpr std::size_t kHeaderSize = 16;
+    blockStart = nextBlock;
+    if (!Need(kHeaderSize)) {
+        if (!rest.empty()) Fail("the capture breaks off");
+        return false;
+    }
+    const std::size_t captured = Load32(rest.data() + 8);
+    if (captured > kMostLength) {
+        Fail("a record of " + std::to_string(captured) + " bytes cannot be");
+        return false;
+    }
+    if (!Need(kHeaderSize + captured)) {
+        Fail("the capture breaks off");
+        return false;
+    }
+    const std::chrono::seconds whole(Load32(rest.data()));
+    CapturedFrame frame;
+    frame.time = whole + TimeOf(Load32(rest.data() + 4), pcap->timeResolution);
+    frame.bytes = rest.subspan(kHeaderSize, captured);
+    Take(pcap->linkType, std::move(frame));
+    if (!fault.empty()) return false;
+    rest = rest.subspan(kHeaderSize + captured);
+    nextBlock += kHeaderSize + captured;
+    return true;
+}
+
+bool PcapngReader::ReadRecord() {
+    if (pcap || (nextBlock == 0 && ReadPcapHeader())) return ReadPcapRecord();
+    const auto block = NextBlock();
+    if (!block) return false;
+    if (block->type == kInterfaceBlock) ReadInterface(block->body);
+    if (block->type == kEnhancedPacketBlock) ReadPacket(block->body);
+    return fault.empty();
 }
 
 std::optional<CapturedFrame> PcapngReader::Next() {
-    while (const auto block = NextBlock()) {
-        if (block->type == kInterfaceBlock) ReadInterface(block->body);
-        if (block->type == kEnhancedPacketBlock) return ReadPacket(block->body);
-    }
-    return std::nullopt;
-}
-
-namespace {
-
-std::span<const std::uint8_t> TextBytes(std::string_view text) {
-    return {reinterpret_cast<const std::uint8_t*>(text.data()), text.size()};
-}
-
-}  // namespace
-
-PcapngWriter::PcapngWriter(std::string path_, std::FILE* file_)
-    : path(std::move(path_)), file(file_) {}
-
-Expected<PcapngWriter> PcapngWriter::Create(const std::string& path) {
-    const bool isNamed = path != "-";
-    constexpr int kReadableByAll = 0666;  // less the process's mask
-    const int opened = isNamed ? open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kReadableByAll)
-                               : dup(STDOUT_FILENO);
-    std::FILE* const file = opened < 0 ? nullptr : fdopen(opened, "wb");
-    if (file == nullptr) {
-        return Error{ErrorKind::kInvalidArgument,
-                     "cannot write " + path + ": " + std::strerror(errno)};
-    }
-    PcapngWriter writer(path, file);
-    writer.BeginBlock(kSectionHeaderBlock);
-    writer.Append32(kByteOrderMagic);
-    writer.Append16(kMajorVersion);
-    writer.Append16(0);
-    writer.Append32(0xFFFFFFFF);  // the section's length, 64 bits: not known
-    writer.Append32(0xFFFFFFFF);
-    writer.EndBlock();
-    writer.BeginBlock(kInterfaceBlock);
-    writer.Append16(kLinkType);
-    writer.Append16(0);
-    writer.Append32(0);  // frames are never cut
-    writer.AppendOption(kInterfaceNameOption, TextBytes("host link"));
-    writer.AppendOption(kTimeResolutionOption, std::array{kNanoseconds});
-    writer.AppendOption(kEndOfOptions, {});
-    writer.EndBlock();
-    struct stat status {};
-    writer.replaces =
-        isNamed && fstat(opened, &status) == 0 && S_ISREG(status.st_mode) && status.st_size > 0;
-    if (writer.replaces) return writer;
-    if (const auto written = writer.Write(); !written) return written.error();
-    return writer;
-}
-
-Expected<Done> PcapngWriter::Add(const CapturedFrame& frame) {
-    const auto time = static_cast<std::uint64_t>(frame.time.count());
-    BeginBlock(kEnhancedPacketBlock);
-    Append32(0);  // the one interface
-    Append32(time >> 32U);
-    Append32(time & 0xFFFFFFFFU);
-    Append32(frame.bytes.size());
-    Append32(frame.bytes.size());
-    AppendPadded(frame.bytes);
-    if (!frame.comment.empty()) AppendOption(kCommentOption, TextBytes(frame.comment));
-    std::array<std::uint8_t, 4> flags{};
-    vexa::StoreLe32(flags, 0, frame.direction == Direction::kFromUnit ? kInbound : kOutbound);
-    AppendOption(kPacketFlagsOption, flags);
-    AppendOption(kEndOfOptions, {});
-    EndBlock();
-    return Write();
-}
-
-Expected<Done> PcapngWriter::Write() {
-    const bool isEmptied = !std::exchange(replaces, false) || ftruncate(fileno(file.get()), 0) == 0;
-    const bool written =
-        isEmptied && std::fwrite(pending.data(), 1, pending.size(), file.get()) == pending.size() &&
-        std::fflush(file.get()) == 0;
-    pending.clear();
-    if (written) return Done{};
-    return Error{ErrorKind::kInvalidArgument, "cannot write " + path + ": " + std::strerror(errno)};
-}
-
-void PcapngWriter::Append16(std::uint64_t value) {
-    pending.push_back(static_cast<std::uint8_t>(value));
-    pending.push_back(static_cast<std::uint8_t>(value >> 8U));
-}
-
-void PcapngWriter::Append32(std::uint64_t value) {
-    Append16(value);
-    Append16(value >> 16U);
-}
-
-void PcapngWriter::AppendPadded(std::span<const std::uint8_t> bytes) {
-    pending.insert(pending.end(), bytes.begin(), bytes.end());
-    pending.resize(pending.size() + Padded(bytes.size()) - bytes.size());
-}
-
-void PcapngWriter::AppendOption(std::uint16_t code, std::span<const std::uint8_t> value) {
-    Append16(code);
-    Append16(value.size());
-    AppendPadded(value);
-}
-
-void PcapngWriter::BeginBlock(std::uint32_t type) {
-    blockStart = pending.size();
-    Append32(type);
-    Append32(0);
-}
-
-void PcapngWriter::EndBlock() {
-    const std::size_t length = pending.size() - blockStart + sizeof(std::uint32_t);
-    Append32(length);
-    vexa::StoreLe32(pending, blockStart + sizeof(std::uint32_t),
-                    static_cast<std::uint32_t>(length));
+    own.reset();
+    do {
+        if (auto frame = bus->Next()) return frame;
+        if (!ReadRecord()) return std::nullopt;
+    } while (!own);
+    return own;
 }
 
 }  // namespace vexahost

@@ -1,0 +1,163 @@
+// A unit that is watched: stays connected, keeps the wanted devices open, turns their blocks into
+// samples, and carries out what viewers ask for.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/Mutex.h"
+#include "vexahost/Client.h"
+#include "vexahost/Samples.h"
+
+namespace vexahost::page {
+
+// Id under which the page opens the controller.
+inline constexpr ChildId kControllerId = 1;
+
+// One channel of a device. Numbers are never used twice.
+struct Channel {
+    std::uint32_t number;
+    std::string name;
+    std::string unit;
+};
+
+// Consecutive samples of a channel: at `first`, `first + step`, ... seconds since the start.
+struct ChannelSamples {
+    std::uint32_t channel;
+    bool afterGap;
+    double first;
+    double step;
+    std::vector<float> values;
+};
+
+// A device that the page has opened, or wants open.
+struct WatchedDevice {
+    ChildId child;  // 0: the DAQ
+    std::string name;
+    bool isOpen = false;
+    std::string problem;  // why it is not open
+    std::vector<Channel> channels;
+    std::optional<double> rate;  // samples per second of a channel
+    ChildStatistics statistics;
+};
+
+enum class LinkState { kConnecting, kUp };
+
+// What is known of the unit at a moment.
+struct UnitState {
+    LinkState link = LinkState::kConnecting;
+    std::string why;           // why the link is not up
+    std::uint64_t losses = 0;  // of the link
+    bool daqTaken = false;     // by this page
+    std::optional<DaqApplication> application;
+    std::optional<double> roundTripSeconds;  // of the newest request that was answered
+    std::vector<WatchedDevice> devices;
+    ClientStatistics statistics;
+    std::uint64_t bytesReceived = 0;  // of all devices and the DAQ since the start
+};
+
+// What a viewer asks for. The answer is called on the thread of orders: an empty text when it is
+// done, else why not.
+struct Order {
+    enum class Kind { kOpen, kClose, kTakeOver, kHandBack, kQuery, kSend, kArm };
+
+    Kind kind;
+    std::string name{};                // kOpen
+    ChildId child = 0;                 // kClose, kSend, kArm
+    std::vector<std::uint8_t> bytes{};  // kSend
+    std::function<void(const std::string& problem)> answer;
+};
+
+// Any thread.
+class LiveUnit {
+  public:
+    struct Options {
+        TransportFactory factory;
+        std::shared_ptr<const DeviceFormats> formats;
+        std::vector<std::string> devices{};  // to open from the start
+        std::chrono::milliseconds retry{500};  // between attempts to connect
+    };
+
+    // `wake` is called when the state has changed, on the unit's own threads.
+    LiveUnit(Options options, std::function<void()> wake);
+
+    // Closes what is open at the unit, as far as it answers.
+    ~LiveUnit();
+    LiveUnit(const LiveUnit&) = delete;
+    LiveUnit& operator=(const LiveUnit&) = delete;
+
+    // Orders are carried out one after the other.
+    void Add(Order order);
+
+    // What has come since the last call. Samples that nobody fetches for a second are dropped.
+    [[nodiscard]] std::vector<ChannelSamples> TakeSamples();
+
+    // Grows with each change of the state that is no mere count.
+    [[nodiscard]] std::uint64_t StateNumber() const;
+    [[nodiscard]] UnitState State() const;
+
+    // Zero of all times.
+    [[nodiscard]] std::chrono::system_clock::time_point Start() const { return startTime; }
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    struct Device;
+
+    // The receiving thread.
+    void Receive();
+    bool Connect();
+    void OpenWanted();
+    void ReceiveSome();
+    void Pass(const Received& received);
+    void UpdateChannels(Device& device);
+    void Pause(std::chrono::milliseconds time);
+
+    // The thread of orders.
+    void RunOrders();
+    std::string Run(const Order& order);
+    std::string Open(const std::string& name);
+    std::string Close(ChildId child);
+    std::string TakeOver();
+    std::string HandBack();
+
+    // Either of them. The unit's refusal stays in the device's `problem`.
+    Expected<Done> OpenAtUnit(const std::shared_ptr<Device>& device);
+    Expected<Done> Timed(const std::function<Expected<Done>(Client&)>& request);
+    [[nodiscard]] Client* Connected() const;
+    [[nodiscard]] std::vector<std::shared_ptr<Device>> Devices() const;
+    void SetLink(LinkState link, const std::string& why);
+    void Change(const std::function<void()>& change);
+    [[nodiscard]] double Seconds(Clock::time_point time) const;
+
+    const Options options;
+    const std::function<void()> wake;
+    const Clock::time_point start = Clock::now();
+    const std::chrono::system_clock::time_point startTime = std::chrono::system_clock::now();
+
+    mutable vexa::Mutex mutex;
+    std::condition_variable_any changed;
+    std::unique_ptr<Client> client VEXA_GUARDED_BY(mutex);  // never replaced once it is there
+    UnitState state VEXA_GUARDED_BY(mutex);                 // without devices and statistics
+    std::uint64_t stateNumber VEXA_GUARDED_BY(mutex) = 0;
+    std::vector<std::shared_ptr<Device>> devices VEXA_GUARDED_BY(mutex);
+    std::vector<ChannelSamples> samples VEXA_GUARDED_BY(mutex);
+    std::size_t sampleCount VEXA_GUARDED_BY(mutex) = 0;
+    std::deque<Order> orders VEXA_GUARDED_BY(mutex);
+    ChildId nextChild VEXA_GUARDED_BY(mutex) = 0x1001;
+    std::uint32_t nextChannel VEXA_GUARDED_BY(mutex) = 1;
+    std::atomic<bool> isEnding = false;
+
+    std::thread receiver;
+    std::thread orderer;
+};
+
+}  // namespace vexahost::page
