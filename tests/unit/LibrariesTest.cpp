@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <pty.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -137,6 +139,62 @@ TEST_F(Libraries, ApplicationsAnswerAsTheyAreTold) {
         EXPECT_EQ(criTerminate(session, 1), 1);
         EXPECT_EQ(criCommand(session, 3, 1000), 0);
     }
+}
+
+TEST_F(Libraries, ADeviceWithASourceComesAndGoesWithIt) {
+    const std::string path = folder + "/line";
+    const auto isFound = [&] { return Ask("state")["devices"].back().value("found", false); };
+    Ask("attach", R"("name": "Sourced", "type": 11, "source": {"serial": ")" + path + "\"}");
+    EXPECT_EQ(Open("Sourced"), 0U) << "it is not there";
+    for (int time = 0; time < 2; ++time) {
+        std::array<char, 256> name{};
+        int ends[2];
+        ASSERT_EQ(::openpty(&ends[0], &ends[1], name.data(), nullptr, nullptr), 0);
+        Descriptor instrument(ends[0]);
+        Descriptor held(ends[1]);
+        std::filesystem::create_symlink(name.data(), path);
+        ASSERT_TRUE(Eventually(isFound));
+        const auto before = blocks.Now().size();
+        const auto stream = Open("Sourced");
+        const auto other = Open("Sourced");
+        EXPECT_EQ(Write(stream, {'g', 'o'}), 0);
+        std::array<char, 2> heard{};
+        EXPECT_EQ(::read(ends[0], heard.data(), heard.size()), 2);
+        EXPECT_EQ(::write(ends[0], "hi\n", 3), 3);
+        EXPECT_EQ(blocks.Await(before + 2).back(), (Bytes{'h', 'i', '\n'})) << "each has them";
+        std::filesystem::remove(path);
+        held.Close();
+        instrument.Close();
+        EXPECT_TRUE(Eventually([&] { return Write(stream, {1}) != 0; }));
+        ASSERT_TRUE(Eventually([&] { return !isFound(); }));
+        EXPECT_EQ(Open("Sourced"), 0U);
+        EXPECT_EQ(VEXA_Device_Stream_Close(stream), 0) << "it stayed open";
+        EXPECT_EQ(VEXA_Device_Stream_Close(other), 0);
+    }
+}
+
+TEST_F(Libraries, ProgramsOfAnApplicationRunOneAfterTheOther) {
+    Answers answers;
+    const auto daq = Begin("DAQ", answers);
+    const auto other = Begin("DAQ", answers);
+    const std::string busy = folder + "/busy";
+    // Fails when another runs at the same time.
+    const std::string once =
+        R"(["sh", "-c", "mkdir )" + busy + " && sleep 0.05; rmdir " + busy + "\"]";
+    Ask("app", R"("name": "DAQ", "strays": [], "program": {"activate": )" + once +
+                   R"(, "query": ["false"],)"
+                   R"( "notify": ["sleep", "1000"], "timeoutMs": 600000})");
+    for (const auto session : {daq, other, daq, other}) EXPECT_EQ(criCommand(session, 1, 0), 1);
+    EXPECT_THAT(answers.Await(4), ::testing::Each(Answer(1, 1)));
+    EXPECT_EQ(criCommand(daq, 3, 0), 1);
+    EXPECT_EQ(answers.Await(5).back(), Answer(3, 0));
+    EXPECT_EQ(criCommand(daq, 2, 0), 1) << "as simulated: there is no command for it";
+    EXPECT_EQ(answers.Await(6).back(), Answer(2, 1));
+    EXPECT_EQ(criCommand(daq, 4, 0), 1);
+    EXPECT_EQ(criCommand(other, 1, 0), 1);
+    EXPECT_EQ(criTerminate(daq, 1), 1) << "does not wait for it to end by itself";
+    EXPECT_EQ(criTerminate(other, 1), 1);
+    EXPECT_LE(answers.Now().size(), 7U);
 }
 
 TEST_F(Libraries, EachCallFailsWhenAFaultSaysSo) {

@@ -106,6 +106,16 @@ TEST(Devices, TheBoardMeasuresOnceItHasAnsweredTheSync) {
     board.Change({.measurementRate = 200, .measurementSize = 30}, later);
     EXPECT_EQ(SentUntil(board, later + milliseconds(10)).at(1).size(), 30U);
 
+    DaqBoard converter({.source = SourceSettings()}, kStart);
+    Bytes samples{0xA0, 12, 77, 0, 1, 2, 3, 4, 5, 6, 7, 8};
+    converter.Pass(samples, kStart);  // not synced yet
+    converter.Receive(sync, kStart);
+    ASSERT_EQ(SentUntil(converter, later).size(), 1U) << "nothing of its own";
+    converter.Pass(samples, later);
+    samples[2] = 1;  // numbered like all that the board sends
+    SealPacket(samples);
+    EXPECT_THAT(SentUntil(converter, later), ElementsAre(samples));
+
     DaqBoard deaf({.acknowledges = false}, kStart);
     sync.back() ^= 1;
     deaf.Receive(sync, kStart);
@@ -153,6 +163,11 @@ TEST(ScenarioFile, WhatIsLeftOutIsAsInTheDefaultUnit) {
     expected.devices = {{.name = "A", .type = 2, .attached = false, .blockSize = 8},
                         {.name = "B", .type = 9, .rate = 0.25, .waveform = Waveform::kNoise}};
     expected.daq.checksumErrorEvery = 4;
+    expected.devices.push_back({.name = "C", .source = SourceSettings()});
+    expected.devices[2].source->serial = "/dev/ttyS0";
+    expected.devices[2].source->parity = Parity::kEven;
+    expected.daq.source.emplace().iio = "adc";
+    expected.applications["FGEN"].program = {.query = {"true", "1"}, .timeoutMs = 5};
     expected.applications["DAQ"].refuses = {1, 2};
     expected.applications["DAQ"].responses = {{3, -1}};
     expected.applications["SPLASH"].strays = {{StrayTime::kBeforeAnswer, 1000, 7, -1}};
@@ -166,9 +181,11 @@ TEST(ScenarioFile, WhatIsLeftOutIsAsInTheDefaultUnit) {
     expected.library = {.initFails = true, .majorVersion = 9, .minorVersion = 65535};
     EXPECT_EQ(std::get<Scenario>(LoadText(R"({
         "devices": [{"name": "A", "type": 2, "attached": false},
-                    {"name": "B", "type": 9, "rate": 0.25, "waveform": "noise"}],
-        "daq": {"checksumErrorEvery": 4},
+                    {"name": "B", "type": 9, "rate": 0.25, "waveform": "noise"},
+                    {"name": "C", "source": {"serial": "/dev/ttyS0", "parity": "even"}}],
+        "daq": {"checksumErrorEvery": 4, "source": {"iio": "adc"}},
         "applications": {"DAQ": {"refuses": [1, 2], "responses": {"3": -1}},
+                         "FGEN": {"program": {"query": ["true", "1"], "timeoutMs": 5}},
                          "SPLASH": {"strays": [{"when": "before", "command": 7, "response": -1}]}},
         "cable": {"flap": {"outMs": 5}},
         "faults": [{"call": "node.read", "action": "fail", "errno": "EINTR", "count": 2}],
@@ -190,6 +207,26 @@ TEST(ScenarioFile, WhatIsWrongIsNamedWithItsPlace) {
         {R"({"devices": [{"name": "A", "echo": 1}]})", ".echo: expected true or false, not 1"},
         {R"({"applications": {"DAQ": {"responses": {"2": 4294967295}}}})", "2: expected a 32-bit"},
         {R"({"faults": [{"call": "data", "action": "fail"}]})", "[0].action: expected \"over"},
+        {R"({"devices": [{"name": "A", "source": {"rate": 1}}]})",
+         "devices[0].source: expected one of \"iio\""},
+        {R"({"devices": [{"name": "A", "source": {"iio": "a", "serial": "b"}}]})", "one of \"iio"},
+        {R"({"devices": [{"name": "A", "source": {"file": "a.wav"}}]})", "ends in .csv or .pcapng"},
+        {R"({"devices": [{"name": "A", "source": {"serial": "/dev/ttyS0", "baud": 9601}}]})",
+         "devices[0].source: expected a rate that serial lines have"},
+        {R"({"devices": [{"name": "A", "source": {"iio": "a", "baud": 9600}}]})",
+         "source.baud: is of no use here: it goes with \"serial\""},
+        {R"({"devices": [{"name": "A", "source": {"file": "a.pcapng", "rate": 5}}]})",
+         "source.rate: is of no use here: it goes with \"iio\" and a .csv file"},
+        {R"({"devices": [{"name": "A", "source": {"iio": "a", "rate": 0}}]})", "above 0 and up to"},
+        {R"({"devices": [{"name": "A", "source": {"iio": "a", "channels": []}}]})",
+         "source.channels: expected a list of channels, not []"},
+        {R"({"devices": [{"name": "A", "type": 2, "source": {"iio": "a"}}]})", "no HID type with"},
+        {R"({"devices": [{"name": "A", "type": 8, "source": {"hidraw": "1:2"}}]})", "2, 3 or 4"},
+        {R"({"devices": [{"name": "A", "rate": 5, "source": {"iio": "a"}}]})",
+         "devices[0].rate: is of no use here: it goes with a device without a source"},
+        {R"({"daq": {"source": {"file": "a.csv"}}})", "daq: expected \"iio\" or \"serial\""},
+        {R"({"applications": {"DAQ": {"program": {"query": "systemctl"}}}})",
+         "applications.DAQ.program.query: expected a program and its arguments, as a list"},
         {R"({"library": {"version": [3]}})", "library.version: expected a list of two"},
         {R"({"faults": [{"call": "data", "action": "corrupt", "for": "A"}]})",
          R"(faults[0].for: there is no device "A"; there are "Accelerometer")"},

@@ -166,6 +166,8 @@ TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
         {"run --scenario ./none", "/none: cannot read it"},
         {"run --scenario ./file", "daq.colour: unknown key"},
         {"run --journal none/journal", "journal none/journal"},
+        {"run --link usb", "there is no /dev/zt-usb: vexa-usb serves it"},
+        {"devices --json --scenario", "either --json or --scenario"},
         {"run --dir unit -- no-such-program", "cannot run no-such-program: No such"},
         {"run --dir none/unit -- true", "cannot make the folder"},
         {"run --dir file -- true", "there is a file of that name"},
@@ -179,6 +181,14 @@ TEST_F(Tool, SaysInOneLineWhatCannotBeUsed) {
     }
     EXPECT_EQ(std::distance(fs::recursive_directory_iterator(scratch), {}), 3) << "left behind";
     EXPECT_THAT(Run("scenarios"), AllOf(HasSubstr("\nhostile-library "), Not(HasSubstr("schema"))));
+}
+
+TEST_F(Tool, ListsDevicesAsAScenarioThatCanBeUsed) {
+    EXPECT_THAT(Run("devices --json"), HasSubstr("0 {\"iio\":["));
+    EXPECT_THAT(Run("devices"), HasSubstr("serial lines (\"serial\")\n"));
+    EXPECT_THAT(Run("devices --scenario >board.json && '" VEXA_UNIT_PROGRAM
+                    "' run --scenario ./board.json -- true"),
+                HasSubstr("0 "));
 }
 
 TEST_F(Tool, SaysWhenItsOutputIsLost) {

@@ -104,11 +104,11 @@ class SerialSource final : public Source {
         if (settings.flow == FlowControl::kSoftware) mode.c_iflag |= IXON | IXOFF;
         const auto speed = std::ranges::find(kSpeeds, settings.baud, &Speed::baud);
         ::cfsetspeed(&mode, speed->code);
-        if (::tcsetattr(port.Get(), TCSANOW, &mode) != 0) Refuse(std::strerror(errno));
+        // What came before was read with other settings: it is dropped.
+        if (::tcsetattr(port.Get(), TCSAFLUSH, &mode) != 0) Refuse(std::strerror(errno));
         termios now{};
         ::tcgetattr(port.Get(), &now);
         if (::cfgetospeed(&now) != speed->code) Refuse("not at this rate");
-        ::tcflush(port.Get(), TCIFLUSH);
     }
 
     [[noreturn]] void Refuse(const std::string& why) {
