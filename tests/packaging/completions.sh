@@ -33,7 +33,7 @@ offers 'vexa-unit run -- vexa-host s' ''
 offers 'vexa-host de' decode demo devices
 offers 'vexa-host s' sync send stream shell
 offers 'vexa-host stream Microphone --c' --csv
-offers 'vexa-host ping -' --help --dir --tcp --serial --rts-cts --usb -n --size --timeout --arm --json
+offers 'vexa-host ping -' --help --dir --tcp --serial --rts-cts --usb --wait -n --size --timeout --arm --json
 vexa-unit run --dir unit$$ >/dev/null &
 unit=$!
 trap 'kill $unit; rm -rf unit$$' EXIT

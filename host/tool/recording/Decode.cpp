@@ -135,7 +135,7 @@ Verb DecodeVerb() {
         {"FILE", "", "a recording, or a capture of the USB bus; - for standard input",
          &samples.file, true},
         {"--all-bytes", "", "every byte of each packet", &options->whole}};
-    own = WithOutputOptions(samples.output, std::move(own));
+    own = WithOutputOptions(samples.output, "a JSON object for each packet", std::move(own));
     const std::vector<Option> more = {
         {.name = "--samples",
          .placeholder = "",

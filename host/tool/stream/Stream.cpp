@@ -288,7 +288,7 @@ Verb StreamVerb() {
         {"--arm", "NAME", "send this HID sensor the init request", &options->devices.arm},
         {"--for", "TIME", "how long, e.g. 3s, 500ms, 2m (until Ctrl-C)", &options->duration},
     };
-    own = WithOutputOptions(options->output, std::move(own));
+    own = WithOutputOptions(options->output, "a JSON object for each block", std::move(own));
     const std::vector<Option> more = {
         {.name = "--lines",
          .placeholder = "",

@@ -9,12 +9,13 @@ const char* const kOutputNotes =
     "device, child, sequence, device_time_s, channels {NAME: [samples]}, units, or bytes.\n"
     "docs/host-kit.md says how samples get their times.\n";
 
-std::vector<Option> WithOutputOptions(OutputOptions& output, std::vector<Option> options) {
+std::vector<Option> WithOutputOptions(OutputOptions& output, const std::string& json,
+                                      std::vector<Option> options) {
     const std::vector<Option> own = {
         {"--csv", "", "a row for each sample", &output.csv},
         {.name = "--json",
          .placeholder = "",
-         .help = "a JSON object for each block",
+         .help = json,
          .target = &output.json,
          .excludes = {"--csv"}},
         {.name = "--wide",

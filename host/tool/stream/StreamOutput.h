@@ -22,8 +22,9 @@ struct OutputOptions {
     bool wav = false;  // of recordings
 };
 
-// `options`, and after them those above.
-std::vector<Option> WithOutputOptions(OutputOptions& output, std::vector<Option> options);
+// `options`, and after them those above. `json` says what --json prints.
+std::vector<Option> WithOutputOptions(OutputOptions& output, const std::string& json,
+                                      std::vector<Option> options);
 
 // kInvalidArgument when so many devices cannot be written in this way.
 Expected<Done> CheckOutput(const OutputOptions& output, std::size_t devices);

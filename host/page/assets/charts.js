@@ -1,0 +1,264 @@
+// A chart for each channel, all over the same time.
+
+const HEIGHT = 130;
+const DRAW_MS = 1000 / 30;
+const LAG = 0.05; // seconds that the newest samples may lag, so that the line's end does not flicker
+
+const style = (name) => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
+const number = (value) => (value === null || value === undefined ? "" : Number(value.toPrecision(6)).toString());
+
+export class Charts {
+  constructor(root, trigger, onTime) {
+    Object.assign(this, { root, trigger, onTime });
+    this.charts = new Map(); // channel id -> {channel, plot, box, ...}
+    this.span = 10;
+    this.window = null; // [from, to] while the charts stand still
+    this.marks = { a: null, b: null };
+    this.hidden = new Set();
+    this.isDirty = true;
+    this.frames = 0;
+    this.drawnAt = 0;
+    this.cursor = null;
+    this.sync = uPlot.sync("unit");
+    new ResizeObserver(() => this.resize()).observe(root);
+    matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => this.recolour());
+    const draw = (now) => {
+      requestAnimationFrame(draw);
+      ++this.frames;
+      if (!this.isDirty || now - this.drawnAt < DRAW_MS - 4) return;
+      this.drawnAt = now;
+      this.isDirty = false;
+      this.draw();
+    };
+    requestAnimationFrame(draw);
+  }
+
+  get channels() {
+    return [...this.charts.values()].map((chart) => chart.channel);
+  }
+  get isPaused() {
+    return this.window !== null;
+  }
+
+  add(channel) {
+    const box = document.createElement("div");
+    box.className = "chart";
+    const title = document.createElement("h3");
+    const facts = document.createElement("small");
+    const fix = document.createElement("button");
+    fix.textContent = "fix scale";
+    fix.setAttribute("aria-pressed", "false");
+    title.append(channel.label + (channel.unit ? ` / ${channel.unit}` : ""), facts, fix);
+    box.append(title);
+    this.root.append(box);
+    const chart = { channel, box, facts, range: null };
+    fix.onclick = () => {
+      chart.range = chart.range ? null : [chart.plot.scales.y.min, chart.plot.scales.y.max];
+      fix.setAttribute("aria-pressed", String(chart.range !== null));
+      this.touch();
+    };
+    chart.plot = this.makePlot(chart, box);
+    this.charts.set(channel.id, chart);
+    this.touch();
+  }
+
+  remove(id) {
+    const chart = this.charts.get(id);
+    if (!chart) return;
+    chart.plot.destroy();
+    chart.box.remove();
+    this.charts.delete(id);
+  }
+
+  makePlot(chart, box) {
+    const axis = { stroke: () => style("--soft"), grid: { stroke: () => style("--line") }, ticks: { stroke: () => style("--line") } };
+    return new uPlot(
+      {
+        width: Math.max(200, this.root.clientWidth - 12),
+        height: HEIGHT,
+        legend: { show: false },
+        cursor: { sync: { key: "unit", scales: ["x", null] }, drag: { x: true, y: false, setScale: false }, points: { show: false } },
+        scales: { x: { time: false, auto: false }, y: { range: (_, low, high) => this.scale(chart, low, high) } },
+        axes: [axis, { ...axis, size: 64, values: (_, ticks) => ticks.map(number) }],
+        series: [{}, { stroke: () => style("--accent"), width: 1, points: { show: false } }],
+        hooks: {
+          draw: [(plot) => this.drawMarks(plot)],
+          setSelect: [(plot) => this.zoomTo(plot)],
+          setCursor: [(plot) => this.moveCursor(plot)],
+          ready: [(plot) => this.listen(plot)],
+        },
+      },
+      [[], []],
+      box,
+    );
+  }
+
+  scale(chart, low, high) {
+    if (chart.range) return chart.range;
+    if (low === null || high === null) return [-1, 1];
+    const margin = (high - low) * 0.08 || Math.abs(high) * 0.1 || 1;
+    return [low - margin, high + margin];
+  }
+
+  listen(plot) {
+    plot.over.addEventListener("click", () => {
+      if (plot.select.width < 2 && plot.cursor.left >= 0) this.onTime(plot.posToVal(plot.cursor.left, "x"));
+    });
+    plot.over.addEventListener("dblclick", () => this.live());
+    plot.over.addEventListener("wheel", (event) => {
+      event.preventDefault();
+      if (event.shiftKey) this.pan(Math.sign(event.deltaY) * 0.1);
+      else this.zoom(event.deltaY > 0 ? 1.25 : 0.8, plot.posToVal(plot.cursor.left, "x"));
+    }, { passive: false });
+  }
+
+  zoomTo(plot) {
+    if (plot.select.width < 4) return;
+    this.window = [plot.posToVal(plot.select.left, "x"), plot.posToVal(plot.select.left + plot.select.width, "x")];
+    plot.setSelect({ left: 0, width: 0, top: 0, height: 0 }, false);
+    this.touch();
+  }
+
+  moveCursor(plot) {
+    const time = plot.cursor.left >= 0 ? plot.posToVal(plot.cursor.left, "x") : null;
+    if (time === this.cursor) return;
+    this.cursor = time;
+    this.writeFacts();
+  }
+
+  // --- what is seen -----------------------------------------------------------------------------
+
+  range() {
+    if (this.window) return this.window;
+    const held = this.trigger.window(this.span);
+    if (held) return held;
+    const ends = this.channels.map((channel) => channel.end).filter(Number.isFinite);
+    const to = (ends.length ? Math.max(...ends) : 0) - LAG;
+    return [to - this.span, to];
+  }
+
+  touch() {
+    this.isDirty = true;
+  }
+  pause() {
+    this.window = this.window ? null : this.range();
+    this.touch();
+  }
+  live() {
+    this.window = null;
+    this.touch();
+  }
+  setSpan(seconds) {
+    this.span = seconds;
+    if (this.window) this.zoom(seconds / (this.window[1] - this.window[0]));
+    this.touch();
+  }
+  zoom(factor, about = null) {
+    const [from, to] = this.range();
+    const centre = about ?? (from + to) / 2;
+    this.window = [centre - (centre - from) * factor, centre + (to - centre) * factor];
+    this.touch();
+  }
+  pan(part) {
+    const [from, to] = this.range();
+    this.window = [from + (to - from) * part, to + (to - from) * part];
+    this.touch();
+  }
+  show(time) {
+    const [from, to] = this.range();
+    this.window = [time - (to - from) / 2, time + (to - from) / 2];
+    this.marks.a = time;
+    this.touch();
+  }
+  mark(name, time = this.cursor) {
+    this.marks[name] = time;
+    this.touch();
+    this.writeFacts();
+  }
+
+  draw() {
+    const [from, to] = this.range();
+    for (const { channel, plot } of this.charts.values()) {
+      const data = channel.view(from, to, Math.max(100, plot.over.clientWidth));
+      plot.batch(() => {
+        plot.setData(data, false);
+        plot.setScale("x", { min: from, max: to });
+      });
+    }
+    this.writeFacts();
+  }
+
+  drawMarks(plot) {
+    const { ctx, bbox } = plot;
+    ctx.save();
+    ctx.strokeStyle = ctx.fillStyle = style("--bad");
+    ctx.font = `${12 * devicePixelRatio}px system-ui`;
+    for (const [name, time] of Object.entries(this.marks)) {
+      if (time === null) continue;
+      const x = plot.valToPos(time, "x", true);
+      if (x < bbox.left || x > bbox.left + bbox.width) continue;
+      ctx.beginPath();
+      ctx.moveTo(x, bbox.top);
+      ctx.lineTo(x, bbox.top + bbox.height);
+      ctx.stroke();
+      ctx.fillText(name.toUpperCase(), x + 3, bbox.top + 12 * devicePixelRatio);
+    }
+    ctx.restore();
+  }
+
+  writeFacts() {
+    const { a, b } = this.marks;
+    for (const { channel, facts } of this.charts.values()) {
+      const words = [];
+      if (this.cursor !== null) words.push(`${this.cursor.toFixed(4)} s: ${number(channel.valueAt(this.cursor))}`);
+      if (a !== null) words.push(`A ${number(channel.valueAt(a))}`);
+      if (b !== null) words.push(`B ${number(channel.valueAt(b))}`);
+      if (a !== null && b !== null) words.push(`Δt ${number(b - a)} s`, `Δy ${number(channel.valueAt(b) - channel.valueAt(a))}`);
+      if (channel.gaps) words.push(channel.gaps === 1 ? "1 gap" : `${channel.gaps} gaps`);
+      const text = words.join("   ");
+      if (facts.textContent !== text) facts.textContent = text;
+    }
+  }
+
+  resize() {
+    for (const { plot } of this.charts.values()) plot.setSize({ width: Math.max(200, this.root.clientWidth - 12), height: HEIGHT });
+    this.touch();
+  }
+  recolour() {
+    for (const { plot } of this.charts.values()) plot.redraw();
+  }
+
+  // --- what is taken away -----------------------------------------------------------------------
+
+  csv() {
+    const [from, to] = this.range();
+    const lines = ["time_s,device,child,channel,value,unit"];
+    for (const channel of this.channels) {
+      channel.each(from, to, (time, value) =>
+        lines.push([time.toFixed(6), channel.device, channel.child, channel.name, value, channel.unit].join(",")));
+    }
+    return lines.join("\n") + "\n";
+  }
+
+  picture() {
+    const plots = [...this.charts.values()];
+    const first = plots[0]?.plot.ctx.canvas;
+    if (!first) return null;
+    const line = 18 * devicePixelRatio;
+    const canvas = document.createElement("canvas");
+    canvas.width = first.width;
+    canvas.height = plots.reduce((sum, { plot }) => sum + plot.ctx.canvas.height + line, 0);
+    const context = canvas.getContext("2d");
+    context.fillStyle = style("--back");
+    context.fillRect(0, 0, canvas.width, canvas.height);
+    context.fillStyle = style("--front");
+    context.font = `${13 * devicePixelRatio}px system-ui`;
+    let top = 0;
+    for (const { channel, plot } of plots) {
+      context.fillText(channel.label, 4, top + line * 0.75);
+      context.drawImage(plot.ctx.canvas, 0, top + line);
+      top += line + plot.ctx.canvas.height;
+    }
+    return canvas;
+  }
+}

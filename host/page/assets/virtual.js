@@ -1,0 +1,78 @@
+// The controls that only a virtual unit has.
+
+const $ = (id) => document.getElementById(id);
+
+const BEHAVIOURS = {
+  "answers at once": { delayMs: 0, silent: false, refuses: [] },
+  "answers after 3 s": { delayMs: 3000, silent: false },
+  "is silent": { silent: true },
+  "refuses to let go": { silent: false, refuses: ["deactivate"] },
+};
+
+// `ask(body, what)` sends a request to the unit's control socket.
+export function setUpVirtualUnit(ask) {
+  let isIn = true;
+  $("app-how").replaceChildren(...Object.keys(BEHAVIOURS).map((name) => new Option(name)));
+  const submit = (id, handler) =>
+    ($(id).onsubmit = (event) => {
+      event.preventDefault();
+      handler();
+    });
+  const tell = async (body, what) => {
+    const { problem, body: answer } = await ask(body, what);
+    if (problem || answer?.ok === false) return;
+    const item = document.createElement("li");
+    item.textContent = `${new Date().toLocaleTimeString()} ${what}`;
+    $("events").prepend(item);
+  };
+  $("cable").onclick = () => tell({ request: "cable", in: !isIn }, isIn ? "cable out" : "cable in");
+  $("clear-faults").onclick = () => tell({ request: "fault.clear" }, "no faults");
+  submit("sensor", () => {
+    const [name, key, text] = [$("sensor-name").value, $("sensor-key").value, $("sensor-value").value];
+    const value = text !== "" && Number.isFinite(Number(text)) ? Number(text) : text;
+    tell({ request: "attach", name, [key]: value }, `${name}: ${key} ${text}`);
+  });
+  submit("app", () => {
+    const [name, how] = [$("app-name").value, $("app-how").value];
+    tell({ request: "app", name, ...BEHAVIOURS[how] }, `${name} ${how}`);
+  });
+  submit("fault", () => {
+    const [call, action] = [$("fault-call").value, $("fault-action").value];
+    const time = action === "fail" ? {} : { ms: 1000 };
+    const times = Number($("fault-times").value);
+    tell({ request: "fault.set", call, action, times, ...time }, `${call} will ${action === "late" ? "be late" : action}, ${times} times`);
+  });
+
+  const sensorItem = (device, mayControl) => {
+    const item = document.createElement("li");
+    const name = document.createElement("b");
+    name.textContent = device.name;
+    const button = document.createElement("button");
+    button.textContent = device.attached ? "Detach" : "Attach";
+    button.disabled = !mayControl;
+    button.onclick = () => tell({ request: device.attached ? "detach" : "attach", name: device.name }, `${device.name} ${device.attached ? "detached" : "attached"}`);
+    const facts = document.createElement("small");
+    facts.textContent = `type ${device.type}, ${device.rate} blocks/s of ${device.blockSize} bytes, ${device.waveform ?? device.source ?? ""}`;
+    item.append(name, button, facts);
+    return item;
+  };
+
+  return {
+    // `unit` is the state that the control socket tells.
+    show(unit, hello) {
+      $("virtual").hidden = !hello?.virtual;
+      if (!unit?.devices) return;
+      isIn = unit.cable.in;
+      $("cable").textContent = isIn ? "Pull the cable" : "Put the cable in";
+      const keys = JSON.stringify(unit.devices);
+      if ($("sensors").dataset.keys === keys) return;
+      $("sensors").dataset.keys = keys;
+      $("sensors").replaceChildren(...unit.devices.map((device) => sensorItem(device, hello.control)));
+      const chosen = $("sensor-name").value;
+      $("sensor-name").replaceChildren(...unit.devices.map(({ name }) => new Option(name)));
+      if (chosen) $("sensor-name").value = chosen;
+      $("attached").replaceChildren(...unit.devices.filter(({ attached }) => attached).map(({ name }) => new Option(name)));
+      $("calls").replaceChildren(...Object.keys(unit.calls).map((name) => new Option(name)));
+    },
+  };
+}
