@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <fstream>
 #include <random>
+#include <sstream>
 
 #include "host/FakeService.h"
 #include "vexahost/DeviceFile.h"
@@ -84,6 +86,47 @@ TEST(DeviceFile, SaysWhereItIsWrong) {
         ASSERT_FALSE(wrong) << text;
         EXPECT_THAT(wrong.error().message, HasSubstr(fault));
     }
+}
+
+// "-" is nothing.
+std::optional<double> Number(const std::string& text) {
+    return text == "-" ? std::nullopt : std::optional(std::stod(text));
+}
+
+// The table is the Python module's as well.
+TEST(SampleClock, GivesTheTimesOfTheTable) {
+    std::ifstream table(VEXA_SAMPLE_TIMES);
+    std::optional<SampleClock> clock;
+    std::string name;
+    int blocks = 0;
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string word;
+        fields >> word;
+        if (word == "#") continue;
+        if (word == "clock") {
+            std::string opened, rate, type;
+            fields >> name >> opened >> rate >> type;
+            SampleClock::Options options{std::stod(opened), Number(rate)};
+            if (type != "-") {
+                const TimeFormat format{*SampleType::Parse(type), 0, 0.001};
+                options.tick = format.tick;
+                options.wrap = format.Wrap();
+            }
+            clock.emplace(options);
+            continue;
+        }
+        std::string arrival, device, count, first, step;
+        fields >> arrival >> device >> count >> first >> step;
+        auto own = Number(device);
+        if (own) *own *= 0.001;
+        const auto times = clock->Place(static_cast<std::uint8_t>(std::stoi(word)),
+                                        std::stod(arrival), own, std::stoul(count));
+        ASSERT_NEAR(times.first, std::stod(first), 2e-9) << name << ": " << line;
+        ASSERT_NEAR(times.step, std::stod(step), 1e-11) << name << ": " << line;
+        ++blocks;
+    }
+    EXPECT_GT(blocks, 800);
 }
 
 // Ten minutes of 50 blocks of 32 samples a second. The unit sends what it has every 30.3 ms, one

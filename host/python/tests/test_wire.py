@@ -1,6 +1,6 @@
 """Recordings, samples and times, and what a faulty link does to a conversation."""
 
-import random
+import subprocess
 from pathlib import Path
 from typing import Any, List, Type
 
@@ -82,20 +82,38 @@ def test_samples(monkeypatch: Any, entry: Any, block: str, values: Any, with_num
     assert [list(row) if len(entry["channels"]) > 1 else row for row in found] == values
 
 
-@pytest.mark.parametrize("stated", [None, 100.0])  # samples per second: unknown, far off
-def test_sample_times_follow_the_truth(stated: Any) -> None:
-    chance, timing = random.Random(1), samples.Timing(10.0, stated)
-    worst, last, number = 0.0, 10.0, 0
-    for index in range(3000):  # a minute of 50 blocks of 32 samples
-        truth = 10.0 + (index + 1) * 0.02 + (2.0 if index > 1500 else 0.0)  # a pause of 2 s
-        number += 2 if index == 1501 else 1
-        arrival = truth + chance.choice([0.001, 0.01, 0.02, 0.03])
-        begin, step = timing.place(RawBlock(b"", arrival, number & 0xFF, True), 32)
-        assert begin > last and step > 0
-        last = begin + 31 * step
-        if index > 500:
-            worst = max(worst, abs(last - truth))
-    assert worst < 0.04 and timing.rate == pytest.approx(1600, rel=0.005)
+def test_sample_times_are_those_of_the_library() -> None:
+    timing, form, blocks = samples.Timing(0, None), None, 0
+    for line in (CAPTURES / "sample-times.txt").read_text().splitlines():
+        words = [None if word == "-" else word for word in line.split()]
+        if words[0] == "clock":
+            form = samples.TimeFormat(words[4], 0, "ms") if words[4] else None
+            timing = samples.Timing(float(words[2]), words[3] and float(words[3]), form)
+        elif words[0] != "#":
+            raw = RawBlock(b"", float(words[1]), int(words[0]), True)
+            device = float(words[2]) * form.tick if form and words[2] else None
+            begin, step = timing.place(raw, int(words[3]), device)
+            assert begin == pytest.approx(float(words[4]), abs=2e-9), line
+            assert step == pytest.approx(float(words[5]), abs=1e-11), line
+            blocks += 1
+    assert blocks > 800 and timing.rate == pytest.approx(5, rel=1e-3)
+
+
+def test_samples_of_recordings_are_those_of_the_tool(tmp_path: Path) -> None:
+    recording = CAPTURES / "faults.pcapng"
+    program = Path(vexahost.virtual_unit.find_vexa_unit()).with_name("vexa-host")
+    command = [str(program), "decode", str(recording), "--csv", "--out", str(tmp_path)]
+    assert subprocess.run(command, stderr=subprocess.DEVNULL).returncode == 0
+    for device in ("Microphone", "DAQ"):
+        rows = [
+            f"{time:.6f},{value}"
+            for _, _, block in vexahost.recording_samples(recording, device)
+            for time, value in zip(block.times, block.values)
+        ]
+        file = tmp_path / f"{device}.csv"
+        lines = file.read_text().splitlines() if file.exists() else []
+        assert rows == [line for line in lines[2:] if not line.startswith("#")], device
+    assert rows or lines
 
 
 def broken_by(data: bytes) -> Any:

@@ -25,6 +25,7 @@ from .errors import (
     Timeout,
 )
 from .inbox import LinkStats, Stats
+from .recorded_samples import RecordedBlock, recording_samples
 from .recording import RecordedPacket, read_recording
 from .samples import ChannelFormat, DeviceFormat, load_devices
 from .source import Block
@@ -48,6 +49,7 @@ __all__ = [
     "LinkStats",
     "NotOpen",
     "ProtocolViolation",
+    "RecordedBlock",
     "RecordedPacket",
     "Refused",
     "Stats",
@@ -58,4 +60,5 @@ __all__ = [
     "connect",
     "load_devices",
     "read_recording",
+    "recording_samples",
 ]

@@ -126,6 +126,7 @@ class Engine(Link):
             raise InvalidArgument("a device of this name would open the controller anew")
         if child is None:
             child = self.reserve_id()
+        asked = time.monotonic()
         try:
             arguments = packets.open_arguments(child, name)
             what = f"open {name}"
@@ -135,6 +136,7 @@ class Engine(Link):
         channel = self.children.get(child)
         if channel is None:
             raise NotOpen(f"{name} was closed while it was opened")
+        channel.opened = asked  # blocks may have been on their way before the reply
         return channel
 
     def close_device(self, child: int, deadline: float) -> Operation[None]:

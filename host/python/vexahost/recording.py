@@ -5,7 +5,7 @@ from __future__ import annotations
 import os
 import struct
 from dataclasses import dataclass
-from typing import BinaryIO, Dict, Iterator, List, NamedTuple, Optional, Tuple, Union
+from typing import BinaryIO, Dict, Iterator, List, NamedTuple, Optional, Set, Tuple, Union
 
 from . import packets
 from .errors import InvalidArgument
@@ -170,6 +170,14 @@ class _Pcapng:
         return Frame(_time_ns(high << 32 | low, resolution), direction, data, comment)
 
 
+class AskedDevice(NamedTuple):
+    """A device that the host has asked the unit to open."""
+
+    name: str
+    time_ns: int  #: when
+    number: int  #: counts these requests
+
+
 class Decoder:
     """Follows one conversation: remembers the ids of the controller and of the devices."""
 
@@ -181,7 +189,9 @@ class Decoder:
         self._replies.await_sync_reply()
         self._violation_reported = False
         self._controller: Optional[int] = None
-        self._names: Dict[int, str] = {}
+        self._devices: Dict[int, AskedDevice] = {}
+        self._closed: Set[int] = set()  # ids whose device the host has asked to close
+        self._asked = 0
 
     def add(self, frame: Frame) -> Iterator[RecordedPacket]:
         """The packets that `frame` completes."""
@@ -211,7 +221,7 @@ class Decoder:
             self._replies.lose_step()
             self._violation_reported = False
             self._controller = None
-            self._names.clear()
+            self._devices.clear()
         words = "".join(c if c >= " " else "?" for c in frame.comment) or "no bytes"
         yield RecordedPacket(
             self._frame, self._time, frame.direction, "event", True, None, b"", words
@@ -259,7 +269,7 @@ class Decoder:
         if packets.is_tunnel(packet):
             # The controller answers under id 0 when its entry is gone by then.
             child = packets.tunnel_id(packet)
-            of_controller = child == self._controller or (child == 0 and 0 not in self._names)
+            of_controller = child == self._controller or (child == 0 and 0 not in self._devices)
             reply = packets.is_service_reply(packet[packets.TUNNEL_HEADER_SIZE :])
             return "controller-reply" if of_controller and reply else "child-data"
         if packets.is_initial_sync_reply(packet):
@@ -275,10 +285,19 @@ class Decoder:
         child = int.from_bytes(inner[5:9], "little")
         if packets.reopens_controller(inner):
             self._controller = child
-            self._names.clear()
+            self._devices.clear()
         elif inner[4] == packets.OPEN_CHILD:
-            # An id already in use keeps its device.
-            self._names.setdefault(child, packets.device_name_in(inner))
+            if child not in self._devices or child in self._closed:  # else the unit will refuse
+                self._asked += 1
+                name = packets.device_name_in(inner)
+                self._devices[child] = AskedDevice(name, self._time, self._asked)
+                self._closed.discard(child)
+        elif inner[4] == packets.CLOSE_CHILD:
+            self._closed.add(child)
+
+    def device(self, child: int) -> Optional[AskedDevice]:
+        """The device behind an id; None when nobody has asked for it."""
+        return self._devices.get(child)
 
     def _words(self, direction: str, kind: str, packet: Packet) -> str:
         data = packet.data
@@ -287,8 +306,8 @@ class Decoder:
             child = packets.tunnel_id(data)
             way = "to" if direction == TO_UNIT else "from"
             text = f"{packets.count_bytes(len(inner))} {way} child 0x{child:X}"
-            name = self._names.get(child)
-            return text if name is None else f'{text} "{name}"'
+            device = self._devices.get(child)
+            return text if device is None else f'{text} "{device.name}"'
         if kind == "controller-command" and not (
             len(inner) > 4 and packets.is_controller_command(inner[4])
         ):
@@ -310,13 +329,17 @@ class Decoder:
         )
 
 
+def read_frames(path: Union[str, os.PathLike[str]]) -> Iterator[Frame]:
+    with open(path, "rb") as file:
+        yield from _Pcapng(file, os.fspath(path)).frames()
+
+
 def read_recording(path: Union[str, os.PathLike[str]]) -> Iterator[RecordedPacket]:
     """Yields the packets of a recording, read as far as they are wanted.
 
     InvalidArgument, after the packets before it, at a fault in the file.
     """
-    with open(path, "rb") as file:
-        decoder = Decoder()
-        for frame in _Pcapng(file, os.fspath(path)).frames():
-            yield from decoder.add(frame)
-        yield from decoder.finish()
+    decoder = Decoder()
+    for frame in read_frames(path):
+        yield from decoder.add(frame)
+    yield from decoder.finish()

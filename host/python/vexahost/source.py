@@ -62,6 +62,42 @@ class Block:
         return Block(values, self._raw, self._zero, span, self._format)
 
 
+class SampleReader:
+    """Turns the blocks of one device into samples with times."""
+
+    def __init__(
+        self, name: str, devices: Mapping[str, DeviceFormat], opened: float, zero: float
+    ) -> None:
+        self._name = name
+        self._devices = devices
+        self._opened = opened
+        self._zero = zero  # of all times
+        self.form = devices.get(name)
+        self._timing = self._make_timing()
+
+    def _make_timing(self) -> samples.Timing:
+        form = self.form or DeviceFormat(())
+        return samples.Timing(self._opened, form.rate, form.time)
+
+    @property
+    def rate(self) -> Optional[float]:
+        return self._timing.rate
+
+    def read(self, raw: RawBlock) -> Block:
+        if self.form is None:
+            guessed = samples.format_for(self._devices, self._name, raw.data)
+            self.form = guessed if guessed.channels else None
+            self._timing = self._make_timing()
+        form = self.form
+        if form is None or not raw.checksum_right or not form.has_samples(raw.data):
+            begin, step = self._timing.place(raw, 0)
+            return Block(samples.NONE, raw, self._zero, Span(begin - self._zero, step, 0), None)
+        values = form.decode(raw.data)
+        count = samples.sample_count(values, len(form.channels))
+        begin, step = self._timing.place(raw, count, form.device_time(raw.data))
+        return Block(values, raw, self._zero, Span(begin - self._zero, step, count), form)
+
+
 class Source:
     """What a device and the DAQ have in common."""
 
@@ -74,12 +110,8 @@ class Source:
         channel: Callable[[], Channel],
     ) -> None:
         self._engine = engine
-        self._devices = devices
-        self._start = start  # zero of all times, time.monotonic()
         self._channel = channel
-        self._format = devices.get(name)
-        stated = self._format.rate if self._format else None
-        self._timing = samples.Timing(channel().opened, stated)
+        self._reader = SampleReader(name, devices, channel().opened, start)
         self._pending: Deque[Block] = deque()  # received, not all given out
         self._held = 0  # samples in these
         self._spans: List[Span] = []  # of the last read
@@ -93,7 +125,7 @@ class Source:
     @property
     def rate(self) -> Optional[float]:
         """Samples per second of each channel: stated until it is measured; None before."""
-        return self._timing.rate
+        return self._reader.rate
 
     @property
     def times(self) -> Samples:
@@ -103,20 +135,11 @@ class Source:
     @property
     def channels(self) -> List[str]:
         """Names of the channels, in the order of the rows of `values`."""
-        return [channel.name for channel in self._format.channels] if self._format else []
+        form = self._reader.form
+        return [channel.name for channel in form.channels] if form else []
 
     def _decode(self, raw: RawBlock) -> Block:
-        if self._format is None:
-            guessed = samples.format_for(self._devices, self.name, raw.data)
-            self._format = guessed if guessed.channels else None
-        form = self._format
-        if form is None or not raw.checksum_right or not form.has_samples(raw.data):
-            begin, step = self._timing.place(raw, 0)
-            return Block(samples.NONE, raw, self._start, Span(begin - self._start, step, 0), None)
-        values = form.decode(raw.data)
-        count = samples.sample_count(values, len(form.channels))
-        begin, step = self._timing.place(raw, count)
-        return Block(values, raw, self._start, Span(begin - self._start, step, count), form)
+        return self._reader.read(raw)
 
     def _take_pending(self) -> Block:
         block = self._pending.popleft()
