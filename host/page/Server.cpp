@@ -435,9 +435,10 @@ int PageServer::SendMore(lws* wsi, Session* session) {
 // --- viewers ------------------------------------------------------------------------------------
 
 void PageServer::Begin(lws* wsi, Session* session) {
-    auto viewer = std::make_unique<Viewer>(nextViewer++);
+    const std::uint64_t number = nextViewer++;
+    auto viewer = std::make_unique<Viewer>(number);
     session->viewer = viewer.get();
-    viewers.emplace(viewer->number, Known{wsi, std::move(viewer)});
+    viewers.emplace(number, Known{wsi, std::move(viewer)});
     lws_set_timer_usecs(wsi, kHelloTimeout);
 }
 

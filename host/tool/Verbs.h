@@ -17,6 +17,7 @@ Verb ShellVerb();
 Verb RecordVerb();
 Verb DecodeVerb();
 Verb ReplayVerb();
+Verb ServeVerb();
 Verb DemoVerb();
 Verb DevicesVerb();
 

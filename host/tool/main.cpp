@@ -28,7 +28,7 @@ int main(int argc, char** argv) {
              "interrupted.",
              {DevicesVerb(), SyncVerb(), QueryVerb(), TakeoverVerb(), OpenVerb(), CloseVerb(),
               SendVerb(), StreamVerb(), PingVerb(), ShellVerb(), RecordVerb(), DecodeVerb(),
-              ReplayVerb(), DemoVerb()}},
+              ReplayVerb(), ServeVerb(), DemoVerb()}},
             {argv + 1, argv + argc});
         return vexa::testkit::CheckOutput("vexa-host", code, kExitOutput);
     } catch (const std::exception& error) {  // the system is out of memory or threads

@@ -66,6 +66,36 @@ TEST(Captures, AreDecodedAndDissectedAsTheirTextsSayAlsoWhenWrittenAnew) {
     if (!dissected) GTEST_SKIP() << kNotDissected;
 }
 
+TEST(Captures, OfTheUsbBusAreDecodedAsTheirTextsSay) {
+    const std::pair<const char*, const char*> buses[] = {{"bus-session", "bus-session"},
+                                                         {"bus-split-usbmon", "bus-split"},
+                                                         {"bus-split-usbpcap", "bus-split"}};
+    const bool converts = std::system("editcap --version >/dev/null 2>&1") == 0;
+    const std::string copy = testing::TempDir() + "bus.pcapng";
+    for (const auto& [capture, text] : buses) {
+        const std::string file = PathOf(capture) + ".pcap";
+        const std::string decode = VEXA_HOST_PROGRAM " decode ";
+        EXPECT_EQ(Difference(decode + file, std::string(text) + ".decoded.txt"), "") << capture;
+        if (!converts) continue;
+        const std::string command = "editcap -F pcapng " + file + " " + copy;
+        EXPECT_EQ(vexa::testkit::RunShell(command).status, 0);
+        EXPECT_EQ(Difference(decode + copy, std::string(text) + ".decoded.txt"), "") << capture;
+    }
+    std::filesystem::remove(copy);
+    const auto samples = vexa::testkit::RunShell(
+        VEXA_HOST_PROGRAM " decode " + PathOf("bus-split-usbmon.pcap") +
+        " --csv --device Microphone --format x=u8@0x2 2>/dev/null | tail -n2");
+    EXPECT_EQ(samples.output, "0.030024,97\n0.031512,98\n");
+}
+
+TEST(Captures, BecomeSoundWithSilenceWhereBlocksAreMissing) {
+    const std::string folder = testing::TempDir() + "vexa-sound";
+    const auto ran = vexa::testkit::RunShell(VEXA_HOST_PROGRAM " decode --wav --out " + folder +
+                                             " " + PathOf("faults.pcapng"));
+    EXPECT_THAT(ran.output, testing::HasSubstr("samples, 3 gaps filled with "));
+    std::filesystem::remove_all(folder);
+}
+
 // The first is of a real bus from the unit's arrival on, so that its id is enough. The others, one
 // sequence in two formats, are made by hand: two units at once whose arrival nobody saw, frames and
 // packets that end in a later transfer, a new configuration in the middle of both, a bad frame

@@ -87,6 +87,8 @@ TEST(Tool, PrintsWhatHappenedAndExitsAccordingly) {
          ",T,4097,bytes,,05 02 10 ff e8 03 00 00\n"},
         {"stream T --format u8@8 --csv --for 300ms", 0, "time_s\nT: 1 blocks"},
         {"stream T U --csv --wide", 2, "several devices have no sample times in common"},
+        {"stream T --devices /none", 2, "cannot read /none: No such file"},
+        {"stream T --epoch", 2, "--epoch requires --csv"},
         {"send --to T 01 02 --for 300ms --json", 3, "nothing came back", FakeService::Obey},
         {"send --seal 40 05 09 00 1a --for 300ms", 0, "  initial-sync reply (request 9)"},
         {"open A B --for 100ms --json", 1, R"({"child":4097,"device":"A","opened":true})"},

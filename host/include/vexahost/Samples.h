@@ -35,8 +35,8 @@ class SampleReader {
     SampleReader(std::string device, std::shared_ptr<const DeviceFormats> formats, double opened);
 
     // The samples of a block with this sequence number, which arrived at `arrival`. Null for a
-    // block that holds none; it has to be given all the same, for its number. Valid until the next
-    // call.
+    // block that holds none; it has to be given all the same, for its number. A damaged one is a
+    // gap. Valid until the next call.
     const SampleBlock* Read(std::span<const std::uint8_t> bytes, std::uint8_t sequence,
                             double arrival, bool checksumRight = true);
 

@@ -8,11 +8,12 @@ namespace vexahost {
 
 namespace {
 
-constexpr double kMemory = 1000;      // blocks that the line goes by
-constexpr double kFullNoise = 5;      // times the usual noise: further off, a block counts less
-constexpr double kShiftedNoise = 25;  // times the usual noise: a block that is off
-constexpr int kShiftedBlocks = 16;    // in a row that are off: the device has moved
-constexpr double kJump = 0.5;         // seconds, and at least three blocks, from the line
+constexpr double kMemory = 1000;       // blocks that the line goes by
+constexpr double kFullNoise = 5;       // times the usual noise: further off, a block counts less
+constexpr double kShiftedNoise = 25;   // times the usual noise: a block that is off
+constexpr int kShiftedBlocks = 16;     // in a row that are off: the device has moved
+constexpr double kJump = 0.5;          // seconds, and at least three blocks, from the line
+constexpr std::size_t kFewBlocks = 2;  // with which a line has a slope at all
 constexpr std::size_t kSureBlocks = 8;
 constexpr double kBridgedBlocks = 2;  // that the end of a gap may be from where it should be
 constexpr double kLeastPart = 0.2;    // of its usual time that a block spans at least
@@ -166,7 +167,8 @@ void SampleClock::BeginLine(double observed, std::size_t samples, double trust) 
     } else if (options.rate) {
         line.Begin(1 / *options.rate, kStatedTrust, noise);
     } else {
-        line.Begin(observed / count, kGuessedTrust, noise);
+        const bool hasSlope = line.Blocks() >= kFewBlocks;
+        line.Begin(hasSlope ? line.Step() : observed / count, kGuessedTrust, noise);
     }
     off = 0;
 }
@@ -174,7 +176,7 @@ void SampleClock::BeginLine(double observed, std::size_t samples, double trust) 
 // Where blocks are missing whose number and usual size fit the time that has passed, the line goes
 // on; else it begins anew.
 bool SampleClock::BridgesGap(unsigned lost, double samples, double observed) {
-    if (line.Blocks() < kSureBlocks) return false;
+    if (line.Blocks() < kFewBlocks) return false;
     const double missing = lost * samples;
     const double most = std::max(kShiftedNoise * Noise(), kBridgedBlocks * line.Step() * samples);
     if (std::fabs(line.Distance(missing + samples, observed)) > most) return false;
@@ -243,7 +245,8 @@ void SampleClock::Reopen(double opened) {
 std::optional<double> SampleClock::Rate() const {
     if (line.Blocks() >= kSureBlocks) return 1 / line.Step();
     if (learned) return 1 / *learned;
-    return options.rate;
+    if (options.rate || line.Blocks() < kFewBlocks) return options.rate;
+    return 1 / line.Step();
 }
 
 }  // namespace vexahost

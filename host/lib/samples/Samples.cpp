@@ -30,8 +30,10 @@ const SampleBlock* SampleReader::Read(std::span<const std::uint8_t> bytes, std::
         if (guessed == nullptr) return nullptr;
         Use(guessed);
     }
+    // The number of a damaged block may be wrong, and its samples are missing: a gap.
+    if (!checksumRight) return nullptr;
     std::size_t count = 0;
-    if (checksumRight && format->HasSamples(bytes)) {
+    if (format->HasSamples(bytes)) {
         for (std::size_t i = 0; i < block.values.size(); ++i) {
             block.values[i].clear();
             format->channels[i].Decode(bytes, block.values[i]);

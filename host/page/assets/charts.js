@@ -33,12 +33,8 @@ export class Charts {
     requestAnimationFrame(draw);
   }
 
-  get channels() {
-    return [...this.charts.values()].map((chart) => chart.channel);
-  }
-  get isPaused() {
-    return this.window !== null;
-  }
+  get channels() { return [...this.charts.values()].map((chart) => chart.channel); }
+  get isPaused() { return this.window !== null; }
 
   add(channel) {
     const box = document.createElement("div");
@@ -79,7 +75,7 @@ export class Charts {
         legend: { show: false },
         cursor: { sync: { key: "unit", scales: ["x", null] }, drag: { x: true, y: false, setScale: false }, points: { show: false } },
         scales: { x: { time: false, auto: false }, y: { range: (_, low, high) => this.scale(chart, low, high) } },
-        axes: [axis, { ...axis, size: 64, values: (_, ticks) => ticks.map(number) }],
+        axes: [axis, { ...axis, size: 64, space: 24, values: (_, ticks) => ticks.map(number) }],
         series: [{}, { stroke: () => style("--accent"), width: 1, points: { show: false } }],
         hooks: {
           draw: [(plot) => this.drawMarks(plot)],
@@ -137,9 +133,7 @@ export class Charts {
     return [to - this.span, to];
   }
 
-  touch() {
-    this.isDirty = true;
-  }
+  touch() { this.isDirty = true; }
   pause() {
     this.window = this.window ? null : this.range();
     this.touch();
@@ -224,9 +218,7 @@ export class Charts {
     for (const { plot } of this.charts.values()) plot.setSize({ width: Math.max(200, this.root.clientWidth - 12), height: HEIGHT });
     this.touch();
   }
-  recolour() {
-    for (const { plot } of this.charts.values()) plot.redraw();
-  }
+  recolour() { for (const { plot } of this.charts.values()) plot.redraw(); }
 
   // --- what is taken away -----------------------------------------------------------------------
 

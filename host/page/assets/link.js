@@ -52,9 +52,7 @@ export class Link {
     }
   }
 
-  tell(request, members = {}) {
-    if (this.isKnown) this.socket.send(JSON.stringify({ request, ...members }));
-  }
+  tell(request, members = {}) { if (this.isKnown) this.socket.send(JSON.stringify({ request, ...members })); }
 
   // Resolves to the answer, whose `problem` is empty when it is done.
   ask(request, members = {}) {

@@ -7,9 +7,7 @@ const SAME = 0.05; // of a step, within which a piece goes on where the last one
 // Minimum and maximum in slices of `width` seconds, at multiples of it: a slice looks the same wherever the
 // window begins.
 class Buckets {
-  constructor(width, first) {
-    Object.assign(this, { width, first, low: [], high: [] });
-  }
+  constructor(width, first) { Object.assign(this, { width, first, low: [], high: [] }); }
 
   add(time, value) {
     const place = Math.floor(time / this.width) - this.first;
@@ -42,12 +40,8 @@ export class Channel {
     this.gaps = 0;
   }
 
-  get label() {
-    return this.name === "value" ? this.device : `${this.device} ${this.name}`;
-  }
-  get last() {
-    return this.pieces[this.pieces.length - 1];
-  }
+  get label() { return this.name === "value" ? this.device : `${this.device} ${this.name}`; }
+  get last() { return this.pieces[this.pieces.length - 1]; }
   get end() {
     const last = this.last;
     return last ? last.first + last.step * (last.count - 1) : -Infinity;

@@ -6,7 +6,7 @@ const BEHAVIOURS = {
   "answers at once": { delayMs: 0, silent: false, refuses: [] },
   "answers after 3 s": { delayMs: 3000, silent: false },
   "is silent": { silent: true },
-  "refuses to let go": { silent: false, refuses: ["deactivate"] },
+  "refuses to let go": { silent: false, refuses: [2] },
 };
 
 // `ask(body, what)` sends a request to the unit's control socket.

@@ -406,6 +406,7 @@ _FULL_NOISE = 5.0  # times the usual noise: further off, a block counts less
 _SHIFTED_NOISE = 25.0  # times the usual noise: a block that is off
 _SHIFTED_BLOCKS = 16  # in a row that are off: the device has moved
 _JUMP = 0.5  # seconds
+_FEW_BLOCKS = 2  # with which a line has a slope at all
 _SURE_BLOCKS = 8
 _BRIDGED_BLOCKS = 2  # that the end of a gap may be from where it should be
 _LEAST_PART = 0.2  # of its usual time that a block spans at least
@@ -450,7 +451,11 @@ class Timing:
         """Samples per second; None before it is known."""
         if self._line.blocks >= _SURE_BLOCKS:
             return 1 / self._line.step
-        return 1 / self._learned if self._learned else self._stated
+        if self._learned is not None:
+            return 1 / self._learned
+        if self._stated is not None or self._line.blocks < _FEW_BLOCKS:
+            return self._stated
+        return 1 / self._line.step
 
     def _unwrap(self, device: float) -> Tuple[float, bool]:
         """The device's time without wraps, and whether it was set back."""
@@ -477,13 +482,15 @@ class Timing:
         elif self._stated is not None:
             self._line.begin(1 / self._stated, _STATED_TRUST, self._noise)
         else:
-            self._line.begin(passed / count, _GUESSED_TRUST, self._noise)
+            has_slope = self._line.blocks >= _FEW_BLOCKS
+            step = self._line.step if has_slope else passed / count
+            self._line.begin(step, _GUESSED_TRUST, self._noise)
         self._off = 0
 
     def _bridges(self, lost: int, count: int, observed: float) -> bool:
         """Whether blocks are missing whose number and usual size fit the time that has passed."""
         line = self._line
-        if line.blocks < _SURE_BLOCKS:
+        if line.blocks < _FEW_BLOCKS:
             return False
         most = max(_SHIFTED_NOISE * self._noise, _BRIDGED_BLOCKS * line.step * count)
         if abs(line.distance(lost * count + count, observed)) > most:

@@ -89,7 +89,9 @@ class SampleReader:
             self.form = guessed if guessed.channels else None
             self._timing = self._make_timing()
         form = self.form
-        if form is None or not raw.checksum_right or not form.has_samples(raw.data):
+        if not raw.checksum_right:  # its number may be wrong, and its samples are missing: a gap
+            return Block(samples.NONE, raw, self._zero, Span(raw.received - self._zero, 0, 0), None)
+        if form is None or not form.has_samples(raw.data):
             begin, step = self._timing.place(raw, 0)
             return Block(samples.NONE, raw, self._zero, Span(begin - self._zero, step, 0), None)
         values = form.decode(raw.data)

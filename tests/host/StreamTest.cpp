@@ -1,0 +1,105 @@
+// vexa-host stream and decode: where samples go, and what a lost link leaves.
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "host/FakeService.h"
+#include "testkit/ChildProcess.h"
+
+namespace vexahost::tool {
+namespace {
+
+class Stream : public testing::Test {
+  protected:
+    Stream() {
+        std::filesystem::create_directories(folder);
+        std::ofstream(folder + "/devices.json") << R"({"T": {"check": "report", "channels": [
+                {"name": "t", "type": "i16le", "offset": 2, "count": 1, "scale": 0.5, "unit": "C"}]}})";
+    }
+    ~Stream() override { std::filesystem::remove_all(folder); }
+
+    // What a script in the folder prints; $host is the program. Times, which begin with a digit and
+    // have six decimals, become T, and what looks like 2026-11-22T08:15:18.000000Z becomes UTC.
+    std::string Run(const std::string& script) const {
+        return vexa::testkit::RunShell(
+                   "cd " + folder + "; host=" VEXA_HOST_PROGRAM "; export VEXA_UNIT_DIR=.; (" +
+                   script + ") | sed -E 's/[0-9-]{10}T[0-9:.]*Z/UTC/g;s/[0-9]+[.][0-9]{6}/T/g'")
+            .output;
+    }
+
+    // A report of -240 as soon as a device is opened.
+    static void Report(FakeService& self, const Bytes& packet) {
+        FakeService::Obey(self, packet);
+        if (CommandOf(packet) != 0x70) return;
+        self.SendFramed(Tunnel(0x1001, {0x05, 2, 0x10, 0xFF, 0xE8, 3, 0, 0}, 1));
+    }
+
+    const std::string folder = testing::TempDir() + "vexa-stream-" + std::to_string(getpid());
+};
+
+TEST_F(Stream, GoesOnAfterALostLinkInTheSameFile) {
+    std::atomic<int> reports{0};
+    const auto hangUpOnce = [&](FakeService& self, const Bytes& packet) {
+        Report(self, packet);
+        if (CommandOf(packet) == 0x70 && ++reports == 1) self.HangUp();
+    };
+    const FakeService service(hangUpOnce, folder + "/host.sock");
+    EXPECT_EQ(Run("$host stream T --csv --out . --reconnect --for 3s 2>log; cat T.csv; "
+                  "grep -c 'connecting again' log"),
+              "# start UTC, device T, child 4097\ntime_s,value\nT,-240\n"
+              "# link lost at T, back at T\nT,-240\n1\n");
+    EXPECT_EQ(reports, 2);
+}
+
+TEST_F(Stream, RecordsWhatItShowsAndShowsWhatWasRecorded) {
+    const FakeService service(Report, folder + "/host.sock");
+    const std::string columns = "# start UTC, device T, child 4097\n";
+    EXPECT_EQ(Run("$host stream T --csv --record r --for 300ms --devices devices.json 2>&-"),
+              columns + "time_s,t [C]\nT,-120\n");
+    for (const char* again : {"$host decode r --csv --iso 2>&-",
+                              "cat r | $host decode - --csv --iso "
+                              "--device T 2>&-",
+                              "$host stream --from r --csv --iso 2>&-"}) {
+        EXPECT_EQ(Run(again), columns + "time_utc,value\nUTC,-240\n") << again;
+    }
+    EXPECT_EQ(Run("$host decode r --wav 2>&-; od -An -tx1 -j20 T.wav; "
+                  "$host decode r --wav --devices devices.json 2>&-; od -An -tf4 -j44 T.t.wav"),
+              " 01 00 01 00 01 00 00 00 02 00 00 00 02 00 10 00\n 64 61 74 61 02 00 00 00 10 ff\n"
+              "            -120\n");
+    EXPECT_EQ(Run("$host decode r --csv --device U 2>&1"),
+              "vexa-host: U has sent nothing in this recording; what has: T\n");
+}
+
+TEST_F(Stream, FeedsAPlotter) {
+    const FakeService service(Report, folder + "/host.sock");
+    const vexa::testkit::Descriptor plotter(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    ASSERT_EQ(bind(plotter.Get(), generic, size), 0);
+    ASSERT_EQ(getsockname(plotter.Get(), generic, &size), 0);
+    Run("$host stream T --for 300ms --devices devices.json --teleplot 127.0.0.1:" +
+        std::to_string(ntohs(address.sin_port)));
+    std::array<char, 100> text{};
+    ASSERT_GT(recv(plotter.Get(), text.data(), text.size(), MSG_DONTWAIT), 0);
+    EXPECT_THAT(text.data(), testing::MatchesRegex("t:[0-9]+[.][0-9]+:-120§C[|]g\n"));
+}
+
+TEST_F(Stream, WaitsForAUnit) {
+    vexa::testkit::ProcessCall call;
+    call.command = {VEXA_HOST_PROGRAM, "sync", "--dir", folder, "--wait", "20s"};
+    vexa::testkit::ChildProcess host(call);
+    ASSERT_TRUE(host.Log().WaitFor("waiting for the unit", std::chrono::seconds(20)));
+    const FakeService service(FakeService::Obey, folder + "/host.sock");
+    EXPECT_EQ(host.Wait(std::chrono::seconds(20)), 0);
+    EXPECT_THAT(host.Log().Text(), testing::HasSubstr("in step with the unit"));
+}
+
+}  // namespace
+}  // namespace vexahost::tool
