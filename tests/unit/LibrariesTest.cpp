@@ -175,8 +175,6 @@ TEST_F(Libraries, ADeviceWithASourceComesAndGoesWithIt) {
 
 TEST_F(Libraries, ProgramsOfAnApplicationRunOneAfterTheOther) {
     Answers answers;
-    const auto daq = Begin("DAQ", answers);
-    const auto other = Begin("DAQ", answers);
     const std::string busy = folder + "/busy";
     // Fails when another runs at the same time.
     const std::string once =
@@ -184,6 +182,8 @@ TEST_F(Libraries, ProgramsOfAnApplicationRunOneAfterTheOther) {
     Ask("app", R"("name": "DAQ", "strays": [], "program": {"activate": )" + once +
                    R"(, "query": ["false"],)"
                    R"( "notify": ["sleep", "1000"], "timeoutMs": 600000})");
+    const auto daq = Begin("DAQ", answers);
+    const auto other = Begin("DAQ", answers);
     for (const auto session : {daq, other, daq, other}) EXPECT_EQ(criCommand(session, 1, 0), 1);
     EXPECT_THAT(answers.Await(4), ::testing::Each(Answer(1, 1)));
     EXPECT_EQ(criCommand(daq, 3, 0), 1);
