@@ -175,8 +175,10 @@ void LiveUnit::ReceiveSome() {
         from = client.get();
         for (const auto& device : devices) {
             if (!device->isOpen) continue;
-            if (device->child == 0) withDaq = true;
-            else children.push_back(device->child);
+            if (device->child == 0)
+                withDaq = true;
+            else
+                children.push_back(device->child);
         }
         // With nothing to wait for at the unit, a change is waited for.
         if (children.empty() && !withDaq) changed.wait_for(lock, kReceiveWait);
@@ -212,8 +214,8 @@ void LiveUnit::Pass(const Received& received) {
         device->reader.Reopen(device->readerOpened);
     }
     const Block& block = received.block;
-    const auto* const read = device->reader.Read(
-        block.bytes, block.sequence, Seconds(block.receivedAt), block.checksumRight);
+    const auto* const read = device->reader.Read(block.bytes, block.sequence,
+                                                 Seconds(block.receivedAt), block.checksumRight);
     UpdateChannels(*device);
     const vexa::MutexLock lock(mutex);
     state.bytesReceived += block.bytes.size();
@@ -309,8 +311,7 @@ Expected<Done> LiveUnit::Timed(const std::function<Expected<Done>(Client&)>& req
 
 Expected<Done> LiveUnit::OpenAtUnit(const std::shared_ptr<Device>& device) {
     device->opened = Seconds(Clock::now());
-    auto opened =
-        Timed([&](Client& unit) { return unit.OpenDevice(device->name, device->child); });
+    auto opened = Timed([&](Client& unit) { return unit.OpenDevice(device->name, device->child); });
     Change([&]() VEXA_REQUIRES(mutex) {
         device->isOpen = opened.has_value();
         device->problem = opened ? "" : opened.error().message;
@@ -353,9 +354,8 @@ std::string LiveUnit::TakeOver() {
     Change([&]() VEXA_REQUIRES(mutex) {
         state.daqTaken = true;
         state.application.reset();
-        const bool isThere = std::ranges::any_of(devices, [](const auto& device) {
-            return device->child == 0;
-        });
+        const bool isThere =
+            std::ranges::any_of(devices, [](const auto& device) { return device->child == 0; });
         if (isThere) return;
         auto daq = std::make_shared<Device>(kDaq, 0, options.formats);
         daq->isOpen = true;
@@ -400,8 +400,13 @@ UnitState LiveUnit::State() const {
     UnitState copy = state;
     if (client) copy.statistics = client->Statistics();
     for (const auto& device : devices) {
-        WatchedDevice watched{device->child, device->name, device->isOpen, device->problem,
-                              device->channels, device->rate, {}};
+        WatchedDevice watched{device->child,
+                              device->name,
+                              device->isOpen,
+                              device->problem,
+                              device->channels,
+                              device->rate,
+                              {}};
         if (device->child == 0) {
             watched.statistics = {copy.statistics.daqPackets, copy.statistics.daqBytes,
                                   copy.statistics.daqSequenceGaps, copy.statistics.daqDropped};

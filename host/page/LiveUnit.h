@@ -71,8 +71,8 @@ struct Order {
     enum class Kind { kOpen, kClose, kTakeOver, kHandBack, kQuery, kSend, kArm };
 
     Kind kind;
-    std::string name{};                // kOpen
-    ChildId child = 0;                 // kClose, kSend, kArm
+    std::string name{};                 // kOpen
+    ChildId child = 0;                  // kClose, kSend, kArm
     std::vector<std::uint8_t> bytes{};  // kSend
     std::function<void(const std::string& problem)> answer;
 };
@@ -83,7 +83,7 @@ class LiveUnit {
     struct Options {
         TransportFactory factory;
         std::shared_ptr<const DeviceFormats> formats;
-        std::vector<std::string> devices{};  // to open from the start
+        std::vector<std::string> devices{};    // to open from the start
         std::chrono::milliseconds retry{500};  // between attempts to connect
     };
 

@@ -110,8 +110,7 @@ ViewerRequest RequestOf(const Json& json) {
     if (what == "hello") {
         request.token = TextOf(json, "token");
     } else if (what == "filter" || what == "log") {
-        request.kind =
-            what == "log" ? ViewerRequest::Kind::kLog : ViewerRequest::Kind::kFilter;
+        request.kind = what == "log" ? ViewerRequest::Kind::kLog : ViewerRequest::Kind::kFilter;
         request.filter = FilterOf(json);
         request.follows = FlagOf(json, "follow", true);
         request.before = NumberOf(json, "before", UINT64_MAX);
@@ -185,19 +184,19 @@ std::string StateText(const UnitState& state, std::string_view attached, double 
                            {"dropped", device.statistics.dropped},
                            {"channels", std::move(channels)}});
     }
-    Json json = {{"type", "state"},
-                 {"now", now},
-                 {"link", state.link == LinkState::kUp ? "up" : "down"},
-                 {"why", state.why},
-                 {"losses", state.losses},
-                 {"daq", state.daqTaken ? "taken" : Name(state.application)},
-                 {"roundTrip", state.roundTripSeconds ? Json(*state.roundTripSeconds) : Json()},
-                 {"bytes", state.bytesReceived},
-                 {"resynchronised", state.statistics.resynchronisations},
-                 {"wrongChecksums",
-                  state.statistics.wrongChecksums + state.statistics.daqWrongChecksums},
-                 {"viewers", viewers},
-                 {"devices", std::move(devices)}};
+    Json json = {
+        {"type", "state"},
+        {"now", now},
+        {"link", state.link == LinkState::kUp ? "up" : "down"},
+        {"why", state.why},
+        {"losses", state.losses},
+        {"daq", state.daqTaken ? "taken" : Name(state.application)},
+        {"roundTrip", state.roundTripSeconds ? Json(*state.roundTripSeconds) : Json()},
+        {"bytes", state.bytesReceived},
+        {"resynchronised", state.statistics.resynchronisations},
+        {"wrongChecksums", state.statistics.wrongChecksums + state.statistics.daqWrongChecksums},
+        {"viewers", viewers},
+        {"devices", std::move(devices)}};
     if (!attached.empty()) {
         Json unit = Json::parse(attached, nullptr, false);
         if (!unit.is_discarded()) json["unit"] = std::move(unit);
@@ -214,9 +213,9 @@ std::string PacketsText(const LogPage& page, CaptureTime start,
         std::string hex = HexText(std::span(packet.head).first(head));
         if (packet.size > head) hex += " ..";
         lines.push_back({line.number, Seconds(packet.time - start),
-                         packet.kind == PacketKind::kEvent           ? ""
+                         packet.kind == PacketKind::kEvent        ? ""
                          : packet.direction == Direction::kToUnit ? "to"
-                                                                     : "from",
+                                                                  : "from",
                          packet.child ? Json(*packet.child) : Json(nullptr), *packet.text, hex,
                          packet.isError});
     }
@@ -264,8 +263,8 @@ std::string MetricsText(const UnitState& state, std::size_t viewers, std::uint64
     single("vexa_resynchronisations_total", "counter", "Times that the unit had cut packets",
            static_cast<double>(state.statistics.resynchronisations));
     single("vexa_viewers", "gauge", "Pages that look", static_cast<double>(viewers));
-    single("vexa_viewer_dropped_frames_total", "counter", "Sample frames that viewers were too slow for",
-           static_cast<double>(droppedFrames));
+    single("vexa_viewer_dropped_frames_total", "counter",
+           "Sample frames that viewers were too slow for", static_cast<double>(droppedFrames));
     const auto each = [&](const std::string& name, const char* type, const char* help,
                           const std::function<double(const WatchedDevice&)>& value) {
         family(name, type, help);
@@ -294,8 +293,8 @@ std::vector<std::uint8_t> SamplesMessage(std::span<const ChannelSamples> samples
     Append(bytes, static_cast<std::uint32_t>(samples.size()));
     for (const ChannelSamples& piece : samples) {
         Append(bytes, piece.channel);
-        Append(bytes, static_cast<std::uint32_t>(piece.values.size()) |
-                          (piece.afterGap ? kAfterGap : 0));
+        Append(bytes,
+               static_cast<std::uint32_t>(piece.values.size()) | (piece.afterGap ? kAfterGap : 0));
         Append(bytes, piece.first);
         Append(bytes, piece.step);
         for (const float value : piece.values) Append(bytes, value);

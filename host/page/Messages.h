@@ -1,5 +1,5 @@
-// What server and viewers say to each other (docs/host-kit.md, "The page's messages"). One thread at
-// a time.
+// What server and viewers say to each other (docs/host-kit.md, "The page's messages"). One thread
+// at a time.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +29,7 @@ struct ViewerRequest {
     std::string token{};
     std::optional<Order> order{};
     LogFilter filter{};
-    bool follows = true;                  // kFilter: new lines are wanted
+    bool follows = true;                    // kFilter: new lines are wanted
     std::optional<std::uint64_t> before{};  // kLog: the number of a line; nothing: the end
     std::optional<double> at{};             // kLog: a time, in seconds since the start
     std::string unitRequest{};              // kUnit: one line of JSON

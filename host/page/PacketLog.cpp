@@ -17,7 +17,7 @@ bool Contains(const std::string& text, const std::string& sought) {
     const auto same = [](char one, char other) {
         return std::tolower(static_cast<unsigned char>(one)) == other;
     };
-    return std::ranges::search(text, sought, same).begin() != text.end();
+    return std::search(text.begin(), text.end(), sought.begin(), sought.end(), same) != text.end();
 }
 
 }  // namespace

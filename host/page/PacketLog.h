@@ -25,7 +25,7 @@ struct LoggedPacket {
     CaptureTime time{};
     std::shared_ptr<const std::string> text;
     std::optional<ChildId> child;
-    std::uint16_t size = 0;             // of the packet, in bytes
+    std::uint16_t size = 0;                  // of the packet, in bytes
     std::array<std::uint8_t, kHead> head{};  // its first bytes
     Direction direction = Direction::kToUnit;
     PacketKind kind = PacketKind::kOther;

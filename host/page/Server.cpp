@@ -43,7 +43,8 @@ constexpr const char* kPolicy =
 
 std::string NewToken() {
     std::array<std::uint8_t, 16> random{};
-    if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) return "";
+    if (getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size()))
+        return "";
     std::string token;
     for (const std::uint8_t byte : random) {
         std::array<char, 3> digits{};
@@ -183,7 +184,8 @@ int Callback(lws* wsi, lws_callback_reasons reason, void* session, void* in, std
 // --- the beginning and the end ------------------------------------------------------------------
 
 Expected<Done> PageServer::Run(const Announcement& announce) {
-    if (token.empty()) return Error{ErrorKind::kInvalidArgument, "the system has no random numbers"};
+    if (token.empty())
+        return Error{ErrorKind::kInvalidArgument, "the system has no random numbers"};
     auto unitOptions = options.unit;
     unitOptions.factory = Tapped(std::move(unitOptions.factory), log);
     if (!options.recording.empty()) {
@@ -224,8 +226,8 @@ Expected<Done> PageServer::Listen() {
     info.port = options.port;
     info.iface = options.address.c_str();
     info.protocols = kProtocols;
-    info.gid = static_cast<gid_t>(-1);
-    info.uid = static_cast<uid_t>(-1);
+    info.gid = -1;
+    info.uid = -1;
     info.user = this;
     info.timeout_secs = 5;  // for heads
     info.keepalive_timeout = 30;
@@ -238,9 +240,10 @@ Expected<Done> PageServer::Listen() {
     lws_vhost* const host = context == nullptr ? nullptr : lws_create_vhost(context, &info);
     if (host == nullptr) {
         if (context != nullptr) lws_context_destroy(context);
-        return Error{ErrorKind::kCannotConnect, "cannot listen on " + options.address + " port " +
-                                                    std::to_string(options.port) +
-                                                    ": it is in use, or no address of this machine"};
+        return Error{ErrorKind::kCannotConnect,
+                     "cannot listen on " + options.address + " port " +
+                         std::to_string(options.port) +
+                         ": it is in use, or no address of this machine"};
     }
     AllowHosts(lws_get_vhost_listen_port(host));
     return Done{};
@@ -334,15 +337,14 @@ int PageServer::Answer(lws* wsi, Session* session, std::string_view path) {
     }
     if (path == "/session.pcapng") return AnswerRecording(wsi, session);
     const auto assets = Assets();
-    const auto asset =
-        std::ranges::find(assets, path == "/" ? "/index.html" : path, &Asset::path);
+    const auto asset = std::ranges::find(assets, path == "/" ? "/index.html" : path, &Asset::path);
     if (asset == assets.end()) {
         return AnswerText(wsi, session, HTTP_STATUS_NOT_FOUND, "There is no such page.\n");
     }
     auto download = std::make_unique<Download>();
     if (HeaderOf(wsi, WSI_TOKEN_HTTP_IF_NONE_MATCH) == asset->tag) {
-        return AnswerWith(wsi, session, HTTP_STATUS_NOT_MODIFIED, asset->type,
-                          std::move(download), asset->tag);
+        return AnswerWith(wsi, session, HTTP_STATUS_NOT_MODIFIED, asset->type, std::move(download),
+                          asset->tag);
     }
     download->bytes = asset->bytes;
     return AnswerWith(wsi, session, HTTP_STATUS_OK, asset->type, std::move(download), asset->tag);
@@ -382,10 +384,9 @@ int PageServer::AnswerWith(lws* wsi, Session* session, unsigned status, std::str
                             : static_cast<off_t>(download->Bytes().size()));
     if (download->file >= 0) ::lseek(download->file, 0, SEEK_SET);
     const auto add = [&](const char* name, std::string_view value) {
-        return lws_add_http_header_by_name(
-                   wsi, reinterpret_cast<const unsigned char*>(name),
-                   reinterpret_cast<const unsigned char*>(value.data()),
-                   static_cast<int>(value.size()), &place, end) == 0;
+        return lws_add_http_header_by_name(wsi, reinterpret_cast<const unsigned char*>(name),
+                                           reinterpret_cast<const unsigned char*>(value.data()),
+                                           static_cast<int>(value.size()), &place, end) == 0;
     };
     bool fits = lws_add_http_common_headers(wsi, status, std::string(type).c_str(), size, &place,
                                             end) == 0 &&
@@ -469,12 +470,12 @@ int PageServer::Take(lws* wsi, Viewer& viewer, std::string_view piece, bool isLa
 bool PageServer::Obey(lws* wsi, Viewer& viewer, ViewerRequest request) {
     if (!viewer.isKnown) return Greet(wsi, viewer, request);
     if (request.filter.text.size() > kMostFilterText) request.filter.text.resize(kMostFilterText);
-    const auto answer = [this, number = viewer.number, id = request.id](
-                            const std::string& problem, const std::string& body) {
+    const auto answer = [this, number = viewer.number, id = request.id](const std::string& problem,
+                                                                        const std::string& body) {
         Post(number, page::AnswerText(id, problem, body));
     };
-    const bool controls = request.kind == ViewerRequest::Kind::kOrder ||
-                          request.kind == ViewerRequest::Kind::kUnit;
+    const bool controls =
+        request.kind == ViewerRequest::Kind::kOrder || request.kind == ViewerRequest::Kind::kUnit;
     if (controls && !options.mayControl) {
         answer("this page may look, and change nothing", "");
         return true;
@@ -492,8 +493,10 @@ bool PageServer::Obey(lws* wsi, Viewer& viewer, ViewerRequest request) {
             lws_callback_on_writable(wsi);
             break;
         case ViewerRequest::Kind::kUnit:
-            if (control) control->Ask(std::move(request.unitRequest), answer);
-            else answer("this unit is not a virtual one", "");
+            if (control)
+                control->Ask(std::move(request.unitRequest), answer);
+            else
+                answer("this unit is not a virtual one", "");
             break;
         case ViewerRequest::Kind::kOrder:
             request.order->answer = [answer](const std::string& problem) { answer(problem, ""); };
@@ -514,9 +517,8 @@ bool PageServer::Greet(lws* wsi, Viewer& viewer, const ViewerRequest& request) {
     if (control) control->Watch(true);
     stateAt = 0;
     lws_callback_on_writable(wsi);
-    Schedule(tick.list, 1, [](lws_sorted_usec_list_t* list) {
-        reinterpret_cast<Timer*>(list)->server->Tick();
-    });
+    Schedule(tick.list, 1,
+             [](lws_sorted_usec_list_t* list) { reinterpret_cast<Timer*>(list)->server->Tick(); });
     return true;
 }
 
@@ -525,8 +527,8 @@ void PageServer::SendLog(Viewer& viewer, const ViewerRequest& request) {
     std::uint64_t end = request.before.value_or(UINT64_MAX);
     if (request.at) {
         const auto from = std::chrono::duration<double>(*request.at);
-        end = log.NumberAt(start + std::chrono::duration_cast<CaptureTime>(from)) +
-              kMostLogLines / 2;
+        end =
+            log.NumberAt(start + std::chrono::duration_cast<CaptureTime>(from)) + kMostLogLines / 2;
     }
     const auto found = log.Before(end, request.filter, kMostLogLines);
     viewer.Add(Message::Text(PacketsText(found, start, request.id)));
@@ -570,8 +572,8 @@ void PageServer::SendState() {
     stateNumber = current;
     stateAt = lws_now_usecs();
     const auto now = std::chrono::system_clock::now() - unit->Start();
-    const auto message = Message::Text(StateText(unit->State(), control ? control->State() : "",
-                                                 SecondsOf(now), viewers.size()));
+    const auto message = Message::Text(
+        StateText(unit->State(), control ? control->State() : "", SecondsOf(now), viewers.size()));
     for (auto& [number, known] : viewers) {
         if (known.viewer->isKnown) AddTo(number, message);
     }

@@ -13,9 +13,9 @@ namespace vexahost::page {
 
 struct ServerOptions {
     LiveUnit::Options unit;
-    std::string unitText;       // where the unit is, for a person
-    std::string version;        // of vexa-host
-    std::string controlSocket;  // of a virtual unit; empty: none
+    std::string unitText;               // where the unit is, for a person
+    std::string version;                // of vexa-host
+    std::string controlSocket;          // of a virtual unit; empty: none
     std::string address = "127.0.0.1";  // to listen on
     int port = 8138;                    // 0: any
     std::vector<std::string> hosts{};   // more names under which viewers may reach the page

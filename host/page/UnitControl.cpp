@@ -59,8 +59,10 @@ void UnitControl::Run() {
         {
             vexa::MutexLock lock(mutex);
             if (questions.empty() && !isEnding) {
-                if (isWatched) changed.wait_for(lock, kPeriod);
-                else changed.wait(lock);
+                if (isWatched)
+                    changed.wait_for(lock, kPeriod);
+                else
+                    changed.wait(lock);
             }
             if (isEnding) return;
             updates = isWatched;

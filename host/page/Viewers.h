@@ -29,16 +29,17 @@ struct Message {
 
 class Viewer {
   public:
-    static constexpr std::size_t kMostQueued = 1'000'000;  // bytes, beyond which samples are dropped
+    static constexpr std::size_t kMostQueued =
+        1'000'000;  // bytes, beyond which samples are dropped
     static constexpr std::size_t kLongestRequest = 65536;  // bytes
 
     explicit Viewer(std::uint64_t number_) : number(number_) {}
 
     const std::uint64_t number;
-    bool isKnown = false;     // has shown the token
-    std::string incoming{};   // a request that has come in part
-    LogFilter filter{};       // of the packets that it is sent as they come
-    bool follows = true;      // it wants them
+    bool isKnown = false;      // has shown the token
+    std::string incoming{};    // a request that has come in part
+    LogFilter filter{};        // of the packets that it is sent as they come
+    bool follows = true;       // it wants them
     std::uint64_t logEnd = 0;  // number of the next packet to look at
 
     // False when the viewer is hopelessly slow, and should be dropped.

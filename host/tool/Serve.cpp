@@ -94,7 +94,8 @@ ExitCode RunServe(const ServeOptions& options) {
 #else
 
 ExitCode RunServe(const ServeOptions&) {
-    std::fprintf(stderr, "vexa-host: the live page is not in this build, which was made without %s\n",
+    std::fprintf(stderr,
+                 "vexa-host: the live page is not in this build, which was made without %s\n",
                  VEXA_PAGE_MISSING);
     return kExitUsage;
 }
@@ -125,10 +126,11 @@ Verb ServeVerb() {
     return {.name = "serve",
             .summary = "Show the unit live in a browser: charts, packets, state, controls",
             .options = WithUnitOptions(options->unit, std::move(own)),
-            .notes = "Prints the page's address, which holds a token: who has it may use the page. "
-                     "Serves until Ctrl-C, and connects again whenever the unit goes.\n"
-                     "Beyond this machine the page may only look, unless --allow-control is given.\n"
-                     "Example: vexa-host serve Accelerometer Microphone --open",
+            .notes =
+                "Prints the page's address, which holds a token: who has it may use the page. "
+                "Serves until Ctrl-C, and connects again whenever the unit goes.\n"
+                "Beyond this machine the page may only look, unless --allow-control is given.\n"
+                "Example: vexa-host serve Accelerometer Microphone --open",
             .run = [options] { return RunServe(*options); }};
 }
 

@@ -54,10 +54,11 @@ std::int32_t Application::Perform(std::uint32_t command, const std::atomic<bool>
 std::int32_t Application::RunProgram(const std::vector<std::string>& words,
                                      const ApplicationSettings& now,
                                      const std::atomic<bool>& isCancelled) {
-    constexpr milliseconds kLook{20};  // for an end of the session, which signals nothing here
+    constexpr milliseconds kSessionLook{
+        20};  // for an end of the session, which signals nothing here
     {
         MutexLock lock(mutex);
-        while (isRunning && !isCancelled) released.wait_for(lock, kLook);
+        while (isRunning && !isCancelled) released.wait_for(lock, kSessionLook);
         if (isCancelled) return -1;
         isRunning = true;
     }

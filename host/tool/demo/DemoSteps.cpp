@@ -150,9 +150,9 @@ void Demo::EndUnit() {
     if (status) Note("exit status " + std::to_string(*status));
 }
 
-using Clock = std::chrono::steady_clock;
-
 namespace {
+
+using Clock = std::chrono::steady_clock;
 
 constexpr Milliseconds kReadFor{3000};
 constexpr Milliseconds kPause{20};
