@@ -4,11 +4,13 @@
 // before it was finished, so that the one with the least delay tells better. The sensor's waveform,
 // a ramp of 100 samples, shows that no sample is missing or taken for another.
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -126,6 +128,8 @@ void Run(Client& client, OpeningWatch& watch, double seconds) {
     std::vector<float> errors[2];
     double least = 1e9;  // delay of a block, if the sensor was opened when the unit told so
     double number = 0;
+    std::deque<double> behind;  // the unit's own clock, less the time that its samples take
+    double slip = 0;
     for (double at = 0; at < seconds;) {
         const Block block = Must(client.Receive(kSensor, kPatience));
         at = since(block.receivedAt);
@@ -140,6 +144,11 @@ void Run(Client& client, OpeningWatch& watch, double seconds) {
                 errors[k].push_back(static_cast<float>((blocks[k]->TimeOf(i) - truth) * 1000));
             }
         }
+        // A unit that was not run for a second gives its schedule up.
+        const double late = *blocks[0]->deviceSeconds - number / kRate;
+        behind.push_back(late);
+        if (behind.size() > 50) behind.pop_front();
+        slip = behind.size() < 50 ? 0 : std::max(slip, *std::ranges::min_element(behind));
         least = std::min(least, at - (opened + number / kRate));
     }
     // Both tell no moment before the opening: the earlier one is nearer to it.
@@ -152,6 +161,10 @@ void Run(Client& client, OpeningWatch& watch, double seconds) {
                 "drift in the run");
     Print("of the device", errors[0], -early * 1000, seconds);
     Print("of arrival", errors[1], -early * 1000, seconds);
+    if (slip > 0.005) {
+        std::printf("\nThe unit itself fell %.0f ms behind: the machine is too busy for this.\n",
+                    slip * 1000);
+    }
     std::printf("\nrate: %.4f by the device's clock, %.4f by arrival\n", *byDevice.Rate(),
                 *byArrival.Rate());
 }

@@ -127,7 +127,8 @@ class SampleClock {
     bool hasSamples = false;           // since the opening
     double wrapped = 0;                // seconds that wraps of the device's time have added
     double end;                        // time of the last sample
-    int off = 0;  // blocks in a row that were far from the line, negative: before it
+    int off = 0;          // blocks in a row that were far from the line, negative: before it
+    double offSince = 0;  // the first of them
 };
 
 }  // namespace vexahost

@@ -205,14 +205,15 @@ SampleTimes SampleClock::Place(std::uint8_t sequence, double arrival, std::optio
     const bool isBridged = !follows && BridgesGap(lost, count, observed);
     const double distance = line.Distance(count, observed);
     const bool isSure = line.Blocks() >= kSureBlocks;
-    const bool isJump = isSure && std::fabs(distance) > std::max(kJump, 3 * line.Step() * count);
+    // What was held up comes at once, and late: only what stays off has moved.
     if (!isSure || std::fabs(distance) <= kShiftedNoise * Noise()) {
         off = 0;
     } else {
         off = distance > 0 ? std::max(off, 0) + 1 : std::min(off, 0) - 1;
+        if (std::abs(off) == 1) offSince = observed;
     }
-    const bool isShifted = std::abs(off) >= kShiftedBlocks;
-    const bool goesOn = line.Blocks() > 0 && !isJump && !isBack && !isShifted;
+    const bool isShifted = std::abs(off) >= kShiftedBlocks && observed - offSince >= kJump;
+    const bool goesOn = line.Blocks() > 0 && !isBack && !isShifted;
     if (!goesOn || (!follows && !isBridged)) {
         const double age = std::max(arrival - end, kShortestStep);
         const double passed = device ? std::min(std::max(observed, kShortestStep), age) : age;

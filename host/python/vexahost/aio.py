@@ -8,7 +8,7 @@ from __future__ import annotations
 
 import asyncio
 import threading
-from typing import Any, AsyncIterator, Generator, Mapping, Optional, Sequence, Tuple, TypeVar
+from typing import Any, AsyncIterator, Generator, Optional, Sequence, Tuple, TypeVar
 
 from . import samples
 from .client import (
@@ -24,10 +24,9 @@ from .client import (
 )
 from .engine import Engine
 from .errors import Error
-from .inbox import Channel
 from .link import Blocking, Operation, deadline_after, time_left
-from .samples import DeviceFile, DeviceFormat, Samples
-from .source import Block, Source
+from .samples import DeviceFile, Samples
+from .source import Block, DeviceSource, Source
 
 _Result = TypeVar("_Result")
 _Source = TypeVar("_Source", bound=Source)
@@ -133,21 +132,8 @@ class Daq(AsyncSource):
     """The acquisition board's packets. They come while the DAQ link is open."""
 
 
-class Device(AsyncSource):
+class Device(DeviceSource, AsyncSource):
     """An open device. Closed at the end of an `async with` block."""
-
-    id: int  #: its id at the unit
-
-    def __init__(
-        self,
-        engine: Engine,
-        devices: Mapping[str, DeviceFormat],
-        start: float,
-        name: str,
-        channel: Channel,
-    ) -> None:
-        super().__init__(engine, devices, start, name, lambda: channel)
-        self.id = channel.number
 
     async def write(self, data: bytes, timeout: Optional[float] = DEFAULT_TIMEOUT) -> None:
         """Sends bytes, at most 247, to the device. The unit does not answer."""

@@ -8,7 +8,7 @@ import sys
 import time
 import weakref
 from types import TracebackType
-from typing import Dict, Iterator, Mapping, Optional, Sequence, Tuple, Type, TypeVar
+from typing import Dict, Iterator, Optional, Sequence, Tuple, Type, TypeVar
 
 from . import samples
 from .engine import Engine
@@ -16,7 +16,7 @@ from .errors import Error, InvalidArgument
 from .inbox import Channel, LinkStats, again
 from .link import Operation, deadline_after
 from .samples import DeviceFile, DeviceFormat, Samples
-from .source import Block, Source
+from .source import Block, DeviceSource, Source
 from .transports import default_address, parse_address
 
 _Result = TypeVar("_Result")
@@ -54,21 +54,8 @@ class Daq(SyncSource):
     """The acquisition board's packets. They come while the DAQ link is open."""
 
 
-class Device(SyncSource):
+class Device(DeviceSource, SyncSource):
     """An open device. Closed at the end of a `with` block."""
-
-    id: int  #: its id at the unit
-
-    def __init__(
-        self,
-        engine: Engine,
-        devices: Mapping[str, DeviceFormat],
-        start: float,
-        name: str,
-        channel: Channel,
-    ) -> None:
-        super().__init__(engine, devices, start, name, lambda: channel)
-        self.id = channel.number
 
     def write(self, data: bytes, timeout: Optional[float] = DEFAULT_TIMEOUT) -> None:
         """Sends bytes, at most 247, to the device. The unit does not answer."""

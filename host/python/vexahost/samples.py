@@ -405,7 +405,7 @@ _MEMORY = 1000  # blocks that the line goes by
 _FULL_NOISE = 5.0  # times the usual noise: further off, a block counts less
 _SHIFTED_NOISE = 25.0  # times the usual noise: a block that is off
 _SHIFTED_BLOCKS = 16  # in a row that are off: the device has moved
-_JUMP = 0.5  # seconds
+_JUMP = 0.5  # seconds: for so long, or so far
 _FEW_BLOCKS = 2  # with which a line has a slope at all
 _SURE_BLOCKS = 8
 _BRIDGED_BLOCKS = 2  # that the end of a gap may be from where it should be
@@ -445,6 +445,7 @@ class Timing:
         self._wrapped = 0.0  # seconds that wraps of the device's time have added
         self._end = opened  # time of the last sample
         self._off = 0  # blocks in a row that were far from the line, negative: before it
+        self._off_since = 0.0  # the first of them
 
     @property
     def rate(self) -> Optional[float]:
@@ -522,13 +523,15 @@ class Timing:
         is_bridged = not follows and self._bridges(lost, count, observed)
         distance = line.distance(count, observed)
         is_sure = line.blocks >= _SURE_BLOCKS
-        is_jump = is_sure and abs(distance) > max(_JUMP, 3 * line.step * count)
+        # What was held up comes at once, and late: only what stays off has moved.
         if not is_sure or abs(distance) <= _SHIFTED_NOISE * self._noise:
             self._off = 0
         else:
             self._off = max(self._off, 0) + 1 if distance > 0 else min(self._off, 0) - 1
-        is_shifted = abs(self._off) >= _SHIFTED_BLOCKS
-        goes_on = line.blocks > 0 and not (is_jump or is_back or is_shifted)
+            if abs(self._off) == 1:
+                self._off_since = observed
+        is_shifted = abs(self._off) >= _SHIFTED_BLOCKS and observed - self._off_since >= _JUMP
+        goes_on = line.blocks > 0 and not (is_back or is_shifted)
         if not goes_on or not (follows or is_bridged):
             passed = max(arrival - self._end, _SHORTEST_STEP)
             if device is not None:

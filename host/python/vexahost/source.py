@@ -180,3 +180,20 @@ class Source:
             taken.append(block)
         self._spans = [block._span for block in taken]
         return samples.join([block.values for block in taken], len(self.channels))
+
+
+class DeviceSource(Source):
+    """What the open devices of `Unit` and of `aio.Unit` have in common."""
+
+    id: int  #: its id at the unit
+
+    def __init__(
+        self,
+        engine: Engine,
+        devices: Mapping[str, DeviceFormat],
+        start: float,
+        name: str,
+        channel: Channel,
+    ) -> None:
+        super().__init__(engine, devices, start, name, lambda: channel)
+        self.id = channel.number

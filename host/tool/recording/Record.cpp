@@ -20,7 +20,7 @@
 #include "tool/Exit.h"
 #include "tool/Verbs.h"
 #include "tool/recording/Relay.h"
-#include "vexahost/Recording.h"
+#include "vexahost/SessionRecorder.h"
 
 namespace vexahost::tool {
 
@@ -148,21 +148,21 @@ ExitCode RunRecord(const RecordOptions& options) {
     if (const auto started = program.Start(directory.Path()); !started) {
         return ReportError(started.error());
     }
-    auto writer = PcapngWriter::Create(options.file);
-    if (!writer) return ReportError(writer.error());
+    const auto recorder = SessionRecorder::Create(options.file);
+    if (!recorder) return ReportError(recorder.error());
     if (options.program.empty()) {
         std::fprintf(stderr, "vexa-host: recording hosts that connect to --dir %s\n",
                      directory.Path().c_str());
     }
-    const auto served = relay.Serve(std::move(*writer), [&] { return program.IsOver(); });
+    const auto served = relay.Serve(**recorder, [&] { return program.IsOver(); });
     const auto status = program.Finish();
     const bool isReaderGone = options.file == kStandardOutput && vexa::testkit::HasReaderLeft();
     if (!served && !isReaderGone) return ReportError(served.error());
-    if (relay.FrameCount() == 0) {
+    if ((*recorder)->Frames() == 0) {
         std::fprintf(stderr, "vexa-host: no frames were recorded\n");
     } else {
         std::fprintf(stderr, "vexa-host: %llu frames in %s\n",
-                     static_cast<unsigned long long>(relay.FrameCount()),
+                     static_cast<unsigned long long>((*recorder)->Frames()),
                      options.file == kStandardOutput ? "standard output" : options.file.c_str());
     }
     return status ? static_cast<ExitCode>(*status) : kExitDone;

@@ -22,7 +22,6 @@ namespace vexahost::tool {
 
 namespace {
 
-using vexa::MutexLock;
 using vexa::testkit::Descriptor;
 using Clock = std::chrono::steady_clock;
 
@@ -87,13 +86,10 @@ Expected<Done> Relay::Listen(const std::string& directory) {
     return Done{};
 }
 
-Expected<Done> Relay::Serve(PcapngWriter recording, const std::function<bool()>& isOver) {
-    {
-        const MutexLock lock(mutex);
-        writer.emplace(std::move(recording));
-    }
+Expected<Done> Relay::Serve(SessionRecorder& recording, const std::function<bool()>& isOver) {
+    recorder = &recording;
     for (;;) {
-        if (auto error = Failure()) return *error;
+        if (auto error = recorder->Failure()) return *error;
         if (!isOver() && CanRead(listener.Get())) {
             const Descriptor host(accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
             if (host) ServeHost(host.Get(), isOver);
@@ -109,18 +105,18 @@ void Relay::ServeHost(int host, const std::function<bool()>& isOver) {
         std::fprintf(stderr, "vexa-host: %s\n", unit.error().message.c_str());
         return;
     }
-    Record(Direction::kToUnit, {}, kCableIn);
+    recorder->Add(Direction::kToUnit, {}, kCableIn);
     std::thread forwarder([this, &unit, host] { Forward(**unit, host); });
     ForwardRequests(**unit, host, isOver);
     (*unit)->Close();
     shutdown(host, SHUT_RDWR);
     forwarder.join();
-    Record(Direction::kToUnit, {}, kCableOut);
+    recorder->Add(Direction::kToUnit, {}, kCableOut);
 }
 
 void Relay::Forward(Transport& unit, int host) {
     FrameCutter frames(unit.UnitFraming(), [this](std::span<const std::uint8_t> frame) {
-        Record(Direction::kFromUnit, frame);
+        recorder->Add(Direction::kFromUnit, frame);
     });
     // Hosts of this socket expect frame headers, also when the unit's own link has none.
     FrameCutter wrapper(Framing::kNone,
@@ -144,7 +140,7 @@ void Relay::ForwardRequests(Transport& unit, int host, const std::function<bool(
     constexpr std::chrono::seconds kDrain{1};
     std::array<std::uint8_t, kRelayReadSize> buffer;
     std::optional<Clock::time_point> drained;
-    while (!Failure()) {
+    while (!recorder->Failure()) {
         if (!drained && isOver()) drained = Clock::now() + kDrain;
         const bool canRead = CanRead(host);
         if (drained && (!canRead || Clock::now() >= *drained)) return;
@@ -155,7 +151,7 @@ void Relay::ForwardRequests(Transport& unit, int host, const std::function<bool(
         if (count <= 0) return;
         const auto piece =
             std::span<const std::uint8_t>(buffer).first(static_cast<std::size_t>(count));
-        Record(Direction::kToUnit, piece);
+        recorder->Add(Direction::kToUnit, piece);
         if (!unit.WriteAll(piece, DeadlineAfter(kRelayWriteTimeout))) return;
     }
 }
@@ -169,28 +165,6 @@ void Relay::TurnNewcomersAway() {
     SendAll(host.Get(), vexa::kBusyHeader);
     shutdown(host.Get(), SHUT_WR);
     refused = std::move(host);
-}
-
-void Relay::Record(Direction direction, std::span<const std::uint8_t> bytes, const char* event) {
-    const auto time = std::chrono::system_clock::now().time_since_epoch();
-    const MutexLock lock(mutex);
-    if (failure) return;
-    const auto added = writer->Add({time, direction, bytes, event});
-    if (!added) {
-        failure = added.error();
-    } else if (!bytes.empty()) {
-        ++frameCount;
-    }
-}
-
-std::optional<Error> Relay::Failure() {
-    const MutexLock lock(mutex);
-    return failure;
-}
-
-std::uint64_t Relay::FrameCount() {
-    const MutexLock lock(mutex);
-    return frameCount;
 }
 
 }  // namespace vexahost::tool

@@ -7,9 +7,9 @@
 #include <span>
 #include <string>
 
-#include "foundation/Mutex.h"
 #include "testkit/Descriptor.h"
 #include "vexahost/Recording.h"
+#include "vexahost/SessionRecorder.h"
 #include "vexahost/Transport.h"
 
 namespace vexahost::tool {
@@ -31,13 +31,10 @@ class Relay {
     // then passes on for up to a second what the host has still to send. When the unit cannot be
     // reached, reports that on standard error and disconnects the host. kInvalidArgument when the
     // recording cannot be written.
-    Expected<Done> Serve(PcapngWriter recording, const std::function<bool()>& isOver);
+    Expected<Done> Serve(SessionRecorder& recording, const std::function<bool()>& isOver);
 
     // The host socket, once it is made.
     [[nodiscard]] const std::string& SocketPath() const { return socketPath; }
-
-    // Any thread.
-    [[nodiscard]] std::uint64_t FrameCount();
 
   private:
     void ServeHost(int host, const std::function<bool()>& isOver);
@@ -46,9 +43,6 @@ class Relay {
     // From the host to the unit, until either link has ended or `isOver`.
     void ForwardRequests(Transport& unit, int host, const std::function<bool()>& isOver);
     void TurnNewcomersAway();
-    void Record(Direction direction, std::span<const std::uint8_t> bytes, const char* event = "");
-    // Why the recording cannot be written any more.
-    [[nodiscard]] std::optional<Error> Failure();
 
     const TransportFactory connect;
     std::string socketPath;
@@ -56,11 +50,7 @@ class Relay {
     // The host that was turned away last. Closed at once, it could lose the answer with what it had
     // sent.
     vexa::testkit::Descriptor refused;
-
-    vexa::Mutex mutex;
-    std::optional<PcapngWriter> writer VEXA_GUARDED_BY(mutex);
-    std::uint64_t frameCount VEXA_GUARDED_BY(mutex) = 0;
-    std::optional<Error> failure VEXA_GUARDED_BY(mutex);  // of the recording
+    SessionRecorder* recorder = nullptr;  // while hosts are served
 };
 
 }  // namespace vexahost::tool
