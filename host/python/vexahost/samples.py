@@ -121,11 +121,14 @@ class TimeFormat:
         code = str(_code(self.type))[1]
         return 0.0 if code in "fd" else self.tick * 2.0 ** (8 * _SIZES[code])
 
+    @cached_property
+    def _number(self) -> struct.Struct:
+        return struct.Struct(str(_code(self.type)))
+
     def seconds(self, block: bytes) -> Optional[float]:
-        code = str(_code(self.type))
-        if self.offset + _SIZES[code[1]] > len(block):
+        if self.offset + self._number.size > len(block):
             return None
-        found = float(struct.unpack_from(code, block, self.offset)[0]) * self.tick
+        found = float(self._number.unpack_from(block, self.offset)[0]) * self.tick
         return found if math.isfinite(found) else None
 
 
