@@ -2,11 +2,12 @@
 
 import subprocess
 from pathlib import Path
-from typing import Any, List, Type
+from typing import Any, List, Optional, Type
 
 import pytest
 
 import vexahost
+import vexahost.recording
 from fake_unit import FakeUnit, acknowledgement, frame, sync_reply, wait_until
 from vexahost import packets, samples
 from vexahost.inbox import RawBlock
@@ -82,16 +83,21 @@ def test_samples(monkeypatch: Any, entry: Any, block: str, values: Any, with_num
     assert [list(row) if len(entry["channels"]) > 1 else row for row in found] == values
 
 
+def number(word: str) -> Optional[float]:
+    return None if word == "-" else float(word)
+
+
 def test_sample_times_are_those_of_the_library() -> None:
     timing, form, blocks = samples.Timing(0, None), None, 0
     for line in (CAPTURES / "sample-times.txt").read_text().splitlines():
-        words = [None if word == "-" else word for word in line.split()]
+        words = line.split()
         if words[0] == "clock":
-            form = samples.TimeFormat(words[4], 0, "ms") if words[4] else None
-            timing = samples.Timing(float(words[2]), words[3] and float(words[3]), form)
+            form = None if words[4] == "-" else samples.TimeFormat(words[4], 0, "ms")
+            timing = samples.Timing(float(words[2]), number(words[3]), form)
         elif words[0] != "#":
             raw = RawBlock(b"", float(words[1]), int(words[0]), True)
-            device = float(words[2]) * form.tick if form and words[2] else None
+            device = number(words[2])
+            device = device * form.tick if form and device is not None else None
             begin, step = timing.place(raw, int(words[3]), device)
             assert begin == pytest.approx(float(words[4]), abs=2e-9), line
             assert step == pytest.approx(float(words[5]), abs=1e-11), line
@@ -114,6 +120,25 @@ def test_samples_of_recordings_are_those_of_the_tool(tmp_path: Path) -> None:
         lines = file.read_text().splitlines() if file.exists() else []
         assert rows == [line for line in lines[2:] if not line.startswith("#")], device
     assert rows or lines
+
+
+def test_an_id_in_use_keeps_its_device_until_it_is_closed() -> None:
+    decoder = vexahost.recording.Decoder()
+
+    def send(command: int, arguments: bytes) -> None:
+        packet = packets.build_tunnel(1, 0, packets.build(0x40, 0, bytes([command]) + arguments))
+        list(decoder.add(vexahost.recording.Frame(0, "to-unit", packet, "")))
+
+    names = []
+    send(packets.OPEN_CONTROLLER, (1).to_bytes(4, "little") + b"\0")
+    for name in ("A", "B", None, "C"):
+        if name is None:
+            send(packets.CLOSE_CHILD, (17).to_bytes(4, "little"))
+        else:
+            send(packets.OPEN_CHILD, packets.open_arguments(17, name))
+        device = decoder.device(17)
+        names.append(device and device.name)
+    assert names == ["A", "A", "A", "C"]
 
 
 def broken_by(data: bytes) -> Any:
