@@ -1,4 +1,4 @@
-// The same as in the Python module (samples.py): a table of blocks and times holds them together.
+// The same as in the Python module (timing.py): a table of blocks and times holds them together.
 #include "vexahost/SampleClock.h"
 
 #include <algorithm>

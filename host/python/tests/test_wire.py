@@ -12,6 +12,7 @@ from fake_unit import FakeUnit, acknowledgement, frame, sync_reply, wait_until
 from vexahost import packets, samples
 from vexahost.inbox import RawBlock
 from vexahost.readers import PacketReader
+from vexahost.timing import Timing
 
 CAPTURES = Path(__file__).parents[3] / "tests" / "captures"
 
@@ -88,12 +89,12 @@ def number(word: str) -> Optional[float]:
 
 
 def test_sample_times_are_those_of_the_library() -> None:
-    timing, form, blocks = samples.Timing(0, None), None, 0
+    timing, form, blocks = Timing(0, None), None, 0
     for line in (CAPTURES / "sample-times.txt").read_text().splitlines():
         words = line.split()
         if words[0] == "clock":
             form = None if words[4] == "-" else samples.TimeFormat(words[4], 0, "ms")
-            timing = samples.Timing(float(words[2]), number(words[3]), form)
+            timing = Timing(float(words[2]), number(words[3]), form)
         elif words[0] != "#":
             raw = RawBlock(b"", float(words[1]), int(words[0]), True)
             device = number(words[2])

@@ -12,6 +12,7 @@ from .errors import InvalidArgument
 from .inbox import Channel, RawBlock, Stats
 from .link import Operation
 from .samples import DeviceFormat, Samples, Span
+from .timing import Timing
 
 
 class Block:
@@ -75,9 +76,9 @@ class SampleReader:
         self.form = devices.get(name)
         self._timing = self._make_timing()
 
-    def _make_timing(self) -> samples.Timing:
+    def _make_timing(self) -> Timing:
         form = self.form or DeviceFormat(())
-        return samples.Timing(self._opened, form.rate, form.time)
+        return Timing(self._opened, form.rate, form.time)
 
     @property
     def rate(self) -> Optional[float]:
