@@ -33,7 +33,7 @@ struct LiveUnit::Device {
     // Guarded by LiveUnit::mutex.
     bool isOpen = false;
     std::string problem{};
-    std::vector<Channel> channels{};
+    std::vector<Channel> channels{};  // changed by the receiving thread alone
     std::optional<double> rate{};
     ChildStatistics former{};  // of the openings before this one
 };
@@ -97,8 +97,26 @@ void LiveUnit::SetLink(LinkState link, const std::string& why) {
         state.daqTaken = false;
         state.application.reset();
         std::erase_if(devices, [](const auto& device) { return device->child == 0; });
-        for (const auto& device : devices) device->isOpen = false;
+        for (const auto& device : devices) CloseHere(*device);
     });
+}
+
+// The device is no longer open at the unit; what was counted stays.
+void LiveUnit::CloseHere(Device& device) {
+    if (!device.isOpen) return;
+    device.isOpen = false;
+    device.former = StatisticsOf(device);
+}
+
+ChildStatistics LiveUnit::StatisticsOf(const Device& device) const {
+    ChildStatistics sum = device.former;
+    if (!client || !device.isOpen) return sum;
+    const auto now = client->StatisticsOf(device.child).value_or(ChildStatistics{});
+    sum.blocks += now.blocks;
+    sum.bytes += now.bytes;
+    sum.sequenceGaps += now.sequenceGaps;
+    sum.dropped += now.dropped;
+    return sum;
 }
 
 // --- the receiving thread -----------------------------------------------------------------------
@@ -204,22 +222,27 @@ void LiveUnit::ReceiveSome() {
 
 void LiveUnit::Pass(const Received& received) {
     const ChildId child = received.child.value_or(0);
+    const Block& block = received.block;
     std::shared_ptr<Device> device;
-    for (const auto& each : Devices()) {
-        if (each->child == child) device = each;
+    {
+        const vexa::MutexLock lock(mutex);
+        state.bytesReceived += block.bytes.size();
+        const auto found =
+            std::ranges::find(devices, child, [](const auto& each) { return each->child; });
+        if (found == devices.end()) return;
+        device = *found;
     }
-    if (!device) return;
     if (device->readerOpened != device->opened) {
         device->readerOpened = device->opened;
         device->reader.Reopen(device->readerOpened);
     }
-    const Block& block = received.block;
     const auto* const read = device->reader.Read(block.bytes, block.sequence,
                                                  Seconds(block.receivedAt), block.checksumRight);
-    UpdateChannels(*device);
-    const vexa::MutexLock lock(mutex);
-    state.bytesReceived += block.bytes.size();
+    if (device->channels.empty()) NameChannels(*device);
     if (read == nullptr) return;
+    const auto rate = device->reader.Rate();
+    const vexa::MutexLock lock(mutex);
+    device->rate = rate;
     if (sampleCount > kMostSamples) {
         samples.clear();
         sampleCount = 0;
@@ -232,14 +255,10 @@ void LiveUnit::Pass(const Received& received) {
     }
 }
 
-void LiveUnit::UpdateChannels(Device& device) {
+// The first block with samples says which channels there are.
+void LiveUnit::NameChannels(Device& device) {
     const DeviceFormat* const format = device.reader.Format();
-    const auto rate = device.reader.Rate();
-    {
-        const vexa::MutexLock lock(mutex);
-        device.rate = rate;
-        if (format == nullptr || !device.channels.empty()) return;
-    }
+    if (format == nullptr) return;
     Change([&]() VEXA_REQUIRES(mutex) {
         for (const ChannelFormat& channel : format->channels) {
             device.channels.push_back({nextChannel++, channel.name, channel.unit});
@@ -370,7 +389,7 @@ std::string LiveUnit::HandBack() {
     Change([&]() VEXA_REQUIRES(mutex) {
         state.daqTaken = false;
         std::erase_if(devices, [](const auto& device) { return device->child == 0; });
-        for (const auto& device : devices) device->isOpen = false;
+        for (const auto& device : devices) CloseHere(*device);
     });
     const auto done = Timed([](Client& unit) -> Expected<Done> {
         if (auto closed = unit.CloseController(); !closed) return closed;
@@ -410,8 +429,8 @@ UnitState LiveUnit::State() const {
         if (device->child == 0) {
             watched.statistics = {copy.statistics.daqPackets, copy.statistics.daqBytes,
                                   copy.statistics.daqSequenceGaps, copy.statistics.daqDropped};
-        } else if (client) {
-            watched.statistics = client->StatisticsOf(device->child).value_or(ChildStatistics{});
+        } else {
+            watched.statistics = StatisticsOf(*device);
         }
         copy.devices.push_back(std::move(watched));
     }

@@ -118,7 +118,7 @@ class LiveUnit {
     void OpenWanted();
     void ReceiveSome();
     void Pass(const Received& received);
-    void UpdateChannels(Device& device);
+    void NameChannels(Device& device);
     void Pause(std::chrono::milliseconds time);
 
     // The thread of orders.
@@ -135,6 +135,8 @@ class LiveUnit {
     [[nodiscard]] Client* Connected() const;
     [[nodiscard]] std::vector<std::shared_ptr<Device>> Devices() const;
     void SetLink(LinkState link, const std::string& why);
+    void CloseHere(Device& device) VEXA_REQUIRES(mutex);
+    [[nodiscard]] ChildStatistics StatisticsOf(const Device& device) const VEXA_REQUIRES(mutex);
     void Change(const std::function<void()>& change);
     [[nodiscard]] double Seconds(Clock::time_point time) const;
 

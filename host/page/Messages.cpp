@@ -288,7 +288,10 @@ std::vector<std::uint8_t> SamplesMessage(std::span<const ChannelSamples> samples
     static_assert(std::endian::native == std::endian::little);
     constexpr std::uint32_t kSamples = 1;
     constexpr std::uint32_t kAfterGap = 0x80000000;
+    std::size_t size = 8;
+    for (const ChannelSamples& piece : samples) size += 28 + piece.values.size() * sizeof(float);
     std::vector<std::uint8_t> bytes;
+    bytes.reserve(size);
     Append(bytes, kSamples);
     Append(bytes, static_cast<std::uint32_t>(samples.size()));
     for (const ChannelSamples& piece : samples) {
@@ -297,7 +300,8 @@ std::vector<std::uint8_t> SamplesMessage(std::span<const ChannelSamples> samples
                static_cast<std::uint32_t>(piece.values.size()) | (piece.afterGap ? kAfterGap : 0));
         Append(bytes, piece.first);
         Append(bytes, piece.step);
-        for (const float value : piece.values) Append(bytes, value);
+        const auto* const values = reinterpret_cast<const std::uint8_t*>(piece.values.data());
+        bytes.insert(bytes.end(), values, values + piece.values.size() * sizeof(float));
         if (piece.values.size() % 2 != 0) Append(bytes, 0.0F);
     }
     return bytes;
