@@ -15,7 +15,8 @@ void* Load(const std::string& folder) {
     void* const module =
         ::dlopen((folder.empty() ? kModule : folder + "/" + kModule).c_str(), RTLD_NOW);
     if (module == nullptr) {
-        throw SourceError(std::string("IIO devices need libiio (package vexa-board): ") + ::dlerror());
+        throw SourceError(std::string("IIO devices need libiio (package vexa-board): ") +
+                          ::dlerror());
     }
     return module;
 }
