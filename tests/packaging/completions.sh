@@ -21,7 +21,7 @@ offers() {
     [[ $offered == "$expected" ]] || { failed=1; diff <(echo "$expected") <(echo "$offered") | sed "s/^/$line: /"; }
 }
 
-offers 'vexa-unit ' run scenarios ctl check play
+offers 'vexa-unit ' run scenarios devices ctl check play
 offers 'vexa-unit ctl fault s' set
 offers 'vexa-unit ctl --dir somewhere cable ' in out flap
 offers 'vexa-unit ctl d' detach daq
@@ -31,7 +31,7 @@ offers 'vexa-unit run --scenario d' default daq-in-use dead-daq
 offers 'vexa-unit run --journal x' ''
 offers 'vexa-unit run -- vexa-host s' ''
 offers 'vexa-host de' decode demo devices
-offers 'vexa-host s' sync send stream shell
+offers 'vexa-host s' sync send stream shell serve
 offers 'vexa-host stream Microphone --c' --csv
 offers 'vexa-host ping -' --help --dir --tcp --serial --rts-cts --usb --wait -n --size --timeout --arm --json
 vexa-unit run --dir unit$$ >/dev/null &
