@@ -143,7 +143,12 @@ TEST_F(Libraries, ApplicationsAnswerAsTheyAreTold) {
 
 TEST_F(Libraries, ADeviceWithASourceComesAndGoesWithIt) {
     const std::string path = folder + "/line";
-    const auto isFound = [&] { return Ask("state")["devices"].back().value("found", false); };
+    const auto isFound = [&] {
+        const auto state = Ask("state");
+        return std::ranges::any_of(state["devices"], [](const auto& device) {
+            return device["name"] == "Sourced" && device["found"] == true;
+        });
+    };
     Ask("attach", R"("name": "Sourced", "type": 11, "source": {"serial": ")" + path + "\"}");
     EXPECT_EQ(Open("Sourced"), 0U) << "it is not there";
     for (int time = 0; time < 2; ++time) {
