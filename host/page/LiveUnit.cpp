@@ -9,6 +9,8 @@ namespace {
 
 constexpr const char* kDaq = "DAQ";
 constexpr Milliseconds kReceiveWait{100};
+// Between two looks at what has come: a wake-up for each block would cost more than its samples.
+constexpr Milliseconds kCollect{15};
 constexpr Milliseconds kConnectTimeout{3000};
 constexpr Milliseconds kLeaveTimeout{1000};
 constexpr int kMostAtOnce = 200;                 // blocks between two looks at what is open
@@ -211,7 +213,10 @@ void LiveUnit::ReceiveSome() {
                 continue;
             }
             if (received.error().kind == ErrorKind::kNotOpen) break;  // closed by an order
-            if (received.error().kind == ErrorKind::kTimeout) break;
+            if (received.error().kind == ErrorKind::kTimeout) {
+                if (i > 0) Pause(kCollect);
+                break;
+            }
             if (received.error().kind == ErrorKind::kCancelled) return;
             lost = received.error();
             break;

@@ -535,12 +535,15 @@ void PageServer::SendLog(Viewer& viewer, const ViewerRequest& request) {
 }
 
 int PageServer::Send(lws* wsi, Viewer& viewer) {
-    const auto message = viewer.Next();
-    if (!message) return 0;
-    const auto how = message->isText ? LWS_WRITE_TEXT : LWS_WRITE_BINARY;
-    if (lws_write(wsi, message->Bytes(), message->size, how) < static_cast<int>(message->size)) {
-        return -1;
-    }
+    do {
+        const auto message = viewer.Next();
+        if (!message) return 0;
+        const auto how = message->isText ? LWS_WRITE_TEXT : LWS_WRITE_BINARY;
+        if (lws_write(wsi, message->Bytes(), message->size, how) <
+            static_cast<int>(message->size)) {
+            return -1;
+        }
+    } while (lws_send_pipe_choked(wsi) == 0);
     if (viewer.HasMore()) lws_callback_on_writable(wsi);
     return 0;
 }

@@ -4,7 +4,12 @@ const HEIGHT = 130;
 const DRAW_MS = 1000 / 30;
 const LAG = 0.05; // seconds that the newest samples may lag, so that the line's end does not flicker
 
-const style = (name) => getComputedStyle(document.documentElement).getPropertyValue(name).trim();
+// The page's colours; asking for them is dear.
+const colours = new Map();
+const style = (name) => {
+  if (!colours.has(name)) colours.set(name, getComputedStyle(document.documentElement).getPropertyValue(name).trim());
+  return colours.get(name);
+};
 const number = (value) => (value === null || value === undefined ? "" : Number(value.toPrecision(6)).toString());
 
 export class Charts {
@@ -218,7 +223,10 @@ export class Charts {
     for (const { plot } of this.charts.values()) plot.setSize({ width: Math.max(200, this.root.clientWidth - 12), height: HEIGHT });
     this.touch();
   }
-  recolour() { for (const { plot } of this.charts.values()) plot.redraw(); }
+  recolour() {
+    colours.clear();
+    for (const { plot } of this.charts.values()) plot.redraw();
+  }
 
   // --- what is taken away -----------------------------------------------------------------------
 
