@@ -134,17 +134,17 @@ TEST_F(Sources, WhatCannotBeReadIsSaid) {
     noColumn.channels = {"c"};
     const std::pair<SourceSettings, const char*> cases[] = {
         {recording, "none.pcapng is no recording of a session"},
-        {noLine, "none.pcapng is no serial line"},
+        {noLine, "none.pcapng is not a serial line"},
         {noFile, "none: No such file or directory"},
         {noPad, "Device: no HID device ffff:ffff; there "},
-        {odd, "/dev/null is no HID device"},
+        {odd, "/dev/null is not a HID device"},
         {noSensor, "Device: no IIO device no-such-sensor; there "},
         {noColumn, "no column \"c\"; there are a, b"},
     };
     for (const auto& [settings, complaint] : cases) {
         EXPECT_THAT(Reader(settings).Failure(), HasSubstr(complaint));
     }
-    EXPECT_THAT(Reader(Table("a\n1\nx\n")).Failure(), HasSubstr("line 3, column 1 is no number"));
+    EXPECT_THAT(Reader(Table("a\n1\nx\n")).Failure(), HasSubstr("line 3, column 1 is not a number"));
     EXPECT_THAT(Reader(Table("a\nx\n")).Failure(), HasSubstr("no column of numbers"));
 }
 

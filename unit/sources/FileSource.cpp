@@ -25,7 +25,8 @@ class Pace {
 
     // Waits until `time` after the first moment; false when the source is to end.
     [[nodiscard]] bool Await(Seconds time) {
-        const TimePoint due = start + std::chrono::duration_cast<Clock::duration>(time / speed);
+        const Seconds after = std::min(time / speed, kLongest);
+        const TimePoint due = start + std::chrono::duration_cast<Clock::duration>(after);
         while (!line.IsEnding()) {
             (void)line.TakeWrites();  // a file takes none
             const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
@@ -42,6 +43,8 @@ class Pace {
     }
 
   private:
+    static constexpr Seconds kLongest{1e9};  // the clock cannot count to any number
+
     SourceLine& line;
     const double speed;
     const TimePoint start = Clock::now();
@@ -149,14 +152,19 @@ class TableSource final : public Source {
                     format = SampleFormat::kFloat32;
                 }
             }
-            if (timeColumn) {
+            if (IsTimed()) {
                 const double time = SampleAt(*timeColumn);
+                if (!std::isfinite(time)) Refuse(Place() + ": the time is not finite");
+                if (rows > 0 && time < lastTime) Refuse(Place() + ": the time goes back");
                 if (rows == 0) firstTime = time;
                 lastTime = time;
             }
             ++rows;
         }
     }
+
+    [[nodiscard]] bool IsTimed() const { return timeColumn && settings.rate <= 0; }
+    [[nodiscard]] std::string Place() const { return "line " + std::to_string(lineNumber); }
 
     [[nodiscard]] double MomentsPerSecond() const {
         if (settings.rate > 0) return settings.rate;
@@ -170,9 +178,8 @@ class TableSource final : public Source {
         const Seconds step(1 / MomentsPerSecond());
         Seconds time{};
         for (std::size_t row = 0; ReadRow(); ++row) {
-            const bool isTimed = timeColumn && settings.rate <= 0;
-            time = isTimed ? Seconds(SampleAt(*timeColumn) - firstTime)
-                           : step * static_cast<double>(row);
+            time = IsTimed() ? Seconds(SampleAt(*timeColumn) - firstTime)
+                             : step * static_cast<double>(row);
             if (!pace.Await(past + time)) return std::nullopt;
             for (const std::size_t column : columns) {
                 const double value = SampleAt(column);
@@ -203,8 +210,7 @@ class TableSource final : public Source {
     [[nodiscard]] double SampleAt(std::size_t index) const {
         const auto number = FieldAt(index);
         if (!number) {
-            Refuse("line " + std::to_string(lineNumber) + ", column " + std::to_string(index + 1) +
-                   " is no number");
+            Refuse(Place() + ", column " + std::to_string(index + 1) + " is not a number");
         }
         return *number;
     }
@@ -236,7 +242,7 @@ class RecordingSource final : public Source {
             Seconds time{};
             while (const auto block = recording.Next()) {
                 if (!first) first = block->time;
-                time = block->time - *first;
+                time = std::max<Seconds>(time, block->time - *first);  // the clock may be set
                 if (!pace.Await(past + time)) return;
                 line.Pass(
                     std::span(block->bytes).first(std::min(block->bytes.size(), kMaxSourceBlock)));

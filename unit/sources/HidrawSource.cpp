@@ -41,7 +41,7 @@ class HidrawSource final : public Source {
         hidraw_report_descriptor descriptor{};
         int size = 0;
         if (::ioctl(device.Get(), HIDIOCGRDESCSIZE, &size) < 0) {
-            throw SourceError(path + " is no HID device");
+            throw SourceError(path + " is not a HID device");
         }
         descriptor.size = static_cast<std::uint32_t>(size);
         if (::ioctl(device.Get(), HIDIOCGRDESC, &descriptor) < 0) {

@@ -45,10 +45,16 @@ std::string NumberText(double number) {
     return text.data();
 }
 
+// One value of at most 64 bits. Some channels have several, such as a rotation's four.
+bool IsOneCount(const iio_data_format& format) {
+    return format.length > 0 && format.length <= 64 && format.repeat <= 1;
+}
+
 // What a channel is good for: with a place in the buffer, or with a value that can be read.
 bool IsBuffered(const iio_channel* channel) {
     return !iio_channel_is_output(channel) && iio_channel_is_scan_element(channel) &&
-           iio_channel_get_type(channel) != IIO_TIMESTAMP;
+           iio_channel_get_type(channel) != IIO_TIMESTAMP &&
+           IsOneCount(*iio_channel_get_data_format(channel));
 }
 const char* ValueAttribute(const iio_channel* channel) {
     if (iio_channel_is_output(channel)) return nullptr;
@@ -106,7 +112,7 @@ int WriteAttribute(const iio_device* device, const char* name, const std::string
     return result;
 }
 
-// The value of a channel in a moment of the buffer.
+// The value of a channel with IsOneCount in a moment of the buffer.
 std::int64_t CountAt(const iio_channel* channel, const void* place) {
     const iio_data_format& format = *iio_channel_get_data_format(channel);
     std::uint64_t value = 0;  // the first bytes of it, as this machine's order is little-endian
@@ -127,13 +133,15 @@ class IioSource final : public Source {
         ChooseChannels();
         SetTrigger();
         SetRate(line);
-        ChooseFormat();
         for (const iio_channel* channel : channels) {
             scales.push_back(Attribute(channel, "scale", 1));
             offsets.push_back(Attribute(channel, "offset", 0));
         }
         const Buffer buffer = OpenBuffer(line);
-        Describe(line, buffer != nullptr);
+        hasBuffer = buffer != nullptr;
+        ChooseFormat();
+        CheckSize();
+        Describe(line);
         SampleBlocks blocks(line, format, channels.size(), rate);
         if (buffer) {
             Capture(line, blocks, buffer.get());
@@ -189,8 +197,9 @@ class IioSource final : public Source {
 
     [[noreturn]] void Refuse(const std::string& what, int error) const {
         const bool forbidden = error == -EACCES || error == -EPERM;
-        throw SourceError(settings.iio + ": " + what + " cannot be set: " + std::strerror(-error) +
-                          (forbidden ? "; /sys is for root, or for whom a udev rule lets in" : ""));
+        throw SourceError(
+            settings.iio + ": " + what + " cannot be set: " + std::strerror(-error) +
+            (forbidden ? "; only root, or a group that a udev rule names, may write to /sys" : ""));
     }
 
     // The rate that the hardware has that is nearest to the one that is wanted.
@@ -205,9 +214,9 @@ class IioSource final : public Source {
         const double least = *std::ranges::min_element(rates);
         const double most = isRange ? rates.back() : *std::ranges::max_element(rates);
         if (settings.rate < least || settings.rate > most) {
-            throw SourceError(settings.iio + ": a rate of " + NumberText(settings.rate) +
-                              " is out of its range, " + NumberText(least) + " to " +
-                              NumberText(most));
+            throw SourceError(settings.iio + ": rate " + NumberText(settings.rate) +
+                              " is out of range (" + NumberText(least) + " to " + NumberText(most) +
+                              ")");
         }
         if (isRange) return settings.rate;
         return *std::ranges::min_element(
@@ -227,8 +236,8 @@ class IioSource final : public Source {
             const double nearest = timed == device ? NearestRate() : settings.rate;
             const int result = WriteAttribute(timed, kRate, NumberText(nearest));
             if (result == -EINVAL || result == -ERANGE) {
-                throw SourceError(settings.iio + ": a rate of " + NumberText(nearest) +
-                                  " is out of its range");
+                throw SourceError(settings.iio + ": rate " + NumberText(nearest) +
+                                  " is out of range");
             }
             if (result < 0) Refuse("the rate", result);
         }
@@ -258,12 +267,21 @@ class IioSource final : public Source {
         }
     }
 
+    void CheckSize() const {
+        if (channels.size() <= SampleBlocks::MaxChannels(format)) return;
+        throw SourceError(settings.iio + ": " + std::to_string(channels.size()) +
+                          " channels do not fit into a block of " +
+                          std::to_string(kMaxSourceBlock) +
+                          " bytes; choose some with \"channels\"");
+    }
+
     // Null where each value has to be read by itself.
     [[nodiscard]] Buffer OpenBuffer(SourceLine& line) {
         if (!hasBuffer) return nullptr;
         for (unsigned index = 0; index < iio_device_get_channels_count(device); ++index) {
             iio_channel* const channel = iio_device_get_channel(device, index);
-            const bool isTime = iio_channel_get_type(channel) == IIO_TIMESTAMP;
+            const bool isTime = iio_channel_get_type(channel) == IIO_TIMESTAMP &&
+                                IsOneCount(*iio_channel_get_data_format(channel));
             const bool isWanted = std::ranges::find(channels, channel) != channels.end();
             if (isTime) timestamp = channel;
             if (isTime || isWanted) {
@@ -297,7 +315,7 @@ class IioSource final : public Source {
         throw SourceError(WhyNotOpened("/dev/" + Text(iio_device_get_id(device)), error));
     }
 
-    void Describe(SourceLine& line, bool isBuffered) const {
+    void Describe(SourceLine& line) const {
         std::string text = settings.iio + ",";
         for (const iio_channel* channel : channels) text += " " + Text(iio_channel_get_id(channel));
         text += format == SampleFormat::kInt16   ? ", 16-bit counts"
@@ -305,7 +323,7 @@ class IioSource final : public Source {
                                                  : ", 32-bit floats";
         if (format != SampleFormat::kFloat32) text += ", scale " + NumberText(scales.front());
         line.Tell(text + ", rate " + NumberText(rate) +
-                  (isBuffered ? ", buffered" : ", read one by one"));
+                  (hasBuffer ? ", buffered" : ", read one by one"));
     }
 
     void Add(SampleBlocks& blocks, std::size_t index, std::int64_t count) const {

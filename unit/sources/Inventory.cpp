@@ -168,8 +168,8 @@ std::string WhyNotOpened(const std::string& path, int error) {
     ::getgrgid_r(status.st_gid, &entry, names.data(), names.size(), &found);
     const bool forGroup = (status.st_mode & (S_IRGRP | S_IWGRP)) == (S_IRGRP | S_IWGRP);
     const bool named = forGroup && found != nullptr && status.st_gid != 0;
-    return text + (named ? "; it is for the group " + std::string(entry.gr_name)
-                         : "; it is for root alone: a udev rule can give it to a group");
+    return text + (named ? "; only group " + std::string(entry.gr_name) + " may open it"
+                         : "; only root may open it: a udev rule can give it to a group");
 }
 
 std::string NameOf(const SourceSettings& source) {

@@ -74,8 +74,11 @@ class SerialSource final : public Source {
         Open();
         BlockCutter cutter(line, settings.delimiter);
         while (!line.IsEnding()) {
-            for (auto& bytes : line.TakeWrites()) pending.push_back(std::move(bytes));
+            // What the line does not accept stays in the queue, which has a limit.
+            const bool takes = pending.empty();
+            if (takes) Take(line);
             Send();
+            if (pending.empty() && !takes) continue;  // there may be more, already signalled
             const auto events = static_cast<short>(pending.empty() ? POLLIN : POLLIN | POLLOUT);
             const short happened = line.Wait(port.Get(), events, LeftOfPause(cutter));
             if ((happened & (POLLIN | POLLHUP | POLLERR | POLLNVAL)) != 0) {
@@ -94,7 +97,7 @@ class SerialSource final : public Source {
             testkit::Descriptor(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
         if (!port) throw SourceError(WhyNotOpened(path, errno));
         termios mode{};
-        if (::tcgetattr(port.Get(), &mode) != 0) throw SourceError(path + " is no serial line");
+        if (::tcgetattr(port.Get(), &mode) != 0) throw SourceError(path + " is not a serial line");
         ::cfmakeraw(&mode);
         mode.c_cflag |= CLOCAL | CREAD;
         mode.c_cflag &= ~static_cast<tcflag_t>(PARENB | PARODD | CSTOPB | CRTSCTS);
@@ -124,11 +127,17 @@ class SerialSource final : public Source {
         return static_cast<int>(std::max<std::int64_t>(left.count(), 0));
     }
 
+    void Take(SourceLine& line) {
+        for (auto& bytes : line.TakeWrites()) {
+            if (!bytes.empty()) pending.push_back(std::move(bytes));
+        }
+    }
+
     void Send() {
         while (!pending.empty()) {
             auto& bytes = pending.front();
             const ssize_t went = ::write(port.Get(), bytes.data(), bytes.size());
-            if (went < 0 && errno == EAGAIN) return;
+            if (went == 0 || (went < 0 && errno == EAGAIN)) return;
             if (went < 0 && errno != EINTR) throw SourceError(settings.serial + " has gone");
             if (went > 0) bytes.erase(bytes.begin(), bytes.begin() + went);
             if (bytes.empty()) pending.pop_front();

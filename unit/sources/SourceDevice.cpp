@@ -79,13 +79,12 @@ std::uint32_t SourceDevice::Join(SourceReceiver receiver) {
 }
 
 void SourceDevice::Leave(std::uint32_t receiver) {
-    std::shared_ptr<Use> ending;
     {
         const MutexLock lock(mutex);
         receivers.erase(receiver);
-        if (receivers.empty()) ending = std::exchange(use, nullptr);
+        // Under the lock, so that a use that is about to wait for an earlier one sees it.
+        if (receivers.empty() && use) std::exchange(use, nullptr)->End();
     }
-    if (ending) ending->End();
     released.notify_all();
 }
 
@@ -120,7 +119,7 @@ bool SourceDevice::Acquire(const std::shared_ptr<Use>& wanting) {
             released.wait(lock);
         } else if (released.wait_until(lock, patience) == std::cv_status::timeout) {
             told = true;
-            Tell("its driver has not come back from the last use; waiting for it");
+            Tell("still busy in its driver since the last use; waiting");
         }
     }
     if (wanting->IsEnding()) return false;
