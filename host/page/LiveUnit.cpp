@@ -15,6 +15,8 @@ constexpr Milliseconds kConnectTimeout{3000};
 constexpr Milliseconds kLeaveTimeout{1000};
 constexpr int kMostAtOnce = 200;                 // blocks between two looks at what is open
 constexpr std::size_t kMostSamples = 2'000'000;  // that wait to be fetched
+constexpr std::chrono::seconds kKept{1};         // how long they wait
+constexpr std::size_t kMostOrders = 64;
 
 // The request that arms a HID sensor.
 constexpr std::uint8_t kHidInit[8] = {0x40};
@@ -57,6 +59,12 @@ LiveUnit::~LiveUnit() {
     changed.notify_all();
     receiver.join();
     orderer.join();
+    // The unit is left in order: one that does not answer is left alone.
+    isLeaving = true;
+    if (Client* const left = Connected()) {
+        static_cast<void>(left->CloseController(kLeaveTimeout));
+        left->Close();
+    }
     const vexa::MutexLock lock(mutex);
     client.reset();
 }
@@ -106,8 +114,8 @@ void LiveUnit::SetLink(LinkState link, const std::string& why) {
 // The device is no longer open at the unit; what was counted stays.
 void LiveUnit::CloseHere(Device& device) {
     if (!device.isOpen) return;
-    device.isOpen = false;
     device.former = StatisticsOf(device);
+    device.isOpen = false;
 }
 
 ChildStatistics LiveUnit::StatisticsOf(const Device& device) const {
@@ -136,12 +144,6 @@ void LiveUnit::Receive() {
             ReceiveSome();
         }
     }
-    // The unit is left in order: one that does not answer is left alone.
-    Client* const left = Connected();
-    if (left != nullptr) {
-        static_cast<void>(left->CloseController(kLeaveTimeout));
-        left->Close();
-    }
 }
 
 bool LiveUnit::Connect() {
@@ -155,7 +157,7 @@ bool LiveUnit::Connect() {
         if (const auto again = known->Reconnect(kConnectTimeout); !again) problem = again.error();
     } else {
         ClientOptions settings;
-        settings.isCancelled = [this] { return isEnding.load(); };
+        settings.isCancelled = [this] { return isEnding.load() && !isLeaving.load(); };
         auto made = Client::Connect(options.factory, settings, kConnectTimeout);
         if (made) {
             const vexa::MutexLock lock(mutex);
@@ -175,15 +177,8 @@ bool LiveUnit::Connect() {
         return false;
     }
     SetLink(LinkState::kUp, "");
-    OpenWanted();
-    static_cast<void>(Run({.kind = Order::Kind::kQuery, .answer = {}}));
+    Add({.kind = Order::Kind::kReopen, .answer = {}});
     return true;
-}
-
-void LiveUnit::OpenWanted() {
-    for (const auto& device : Devices()) {
-        if (device->child != 0) static_cast<void>(OpenAtUnit(device));
-    }
 }
 
 void LiveUnit::ReceiveSome() {
@@ -231,7 +226,6 @@ void LiveUnit::Pass(const Received& received) {
     std::shared_ptr<Device> device;
     {
         const vexa::MutexLock lock(mutex);
-        state.bytesReceived += block.bytes.size();
         const auto found =
             std::ranges::find(devices, child, [](const auto& each) { return each->child; });
         if (found == devices.end()) return;
@@ -248,7 +242,7 @@ void LiveUnit::Pass(const Received& received) {
     const auto rate = device->reader.Rate();
     const vexa::MutexLock lock(mutex);
     device->rate = rate;
-    if (sampleCount > kMostSamples) {
+    if (sampleCount > kMostSamples || Clock::now() - takenAt > kKept) {
         samples.clear();
         sampleCount = 0;
     }
@@ -276,9 +270,13 @@ void LiveUnit::NameChannels(Device& device) {
 void LiveUnit::Add(Order order) {
     {
         const vexa::MutexLock lock(mutex);
-        orders.push_back(std::move(order));
+        if (orders.size() < kMostOrders) {
+            orders.push_back(std::move(order));
+            changed.notify_all();
+            return;
+        }
     }
-    changed.notify_all();
+    if (order.answer) order.answer("too many requests wait already");
 }
 
 void LiveUnit::RunOrders() {
@@ -311,6 +309,9 @@ std::string LiveUnit::Run(const Order& order) {
             return text(Timed([&](Client& unit) { return unit.Send(order.child, order.bytes); }));
         case Order::Kind::kArm:
             return text(Timed([&](Client& unit) { return unit.Send(order.child, kHidInit); }));
+        case Order::Kind::kReopen:
+            OpenWanted();
+            return Run({.kind = Order::Kind::kQuery, .answer = {}});
         case Order::Kind::kQuery:
             return text(Timed([&](Client& unit) -> Expected<Done> {
                 const auto application = unit.QueryDaqApplication();
@@ -343,33 +344,49 @@ Expected<Done> LiveUnit::OpenAtUnit(const std::shared_ptr<Device>& device) {
     return opened;
 }
 
+// A device of that name that could not be opened before is tried again.
 std::string LiveUnit::Open(const std::string& name) {
     std::shared_ptr<Device> device;
+    bool isNew = false;
     {
         const vexa::MutexLock lock(mutex);
-        device = std::make_shared<Device>(name, nextChild++, options.formats);
-        devices.push_back(device);
+        const auto known = std::ranges::find_if(devices, [&](const auto& each) {
+            return each->child != 0 && each->name == name && !each->isOpen;
+        });
+        isNew = known == devices.end();
+        device = isNew ? std::make_shared<Device>(name, nextChild++, options.formats) : *known;
+        if (isNew) devices.push_back(device);
     }
     const auto opened = OpenAtUnit(device);
     if (opened) return "";
-    Change([&]() VEXA_REQUIRES(mutex) { std::erase(devices, device); });
+    if (isNew) Change([&]() VEXA_REQUIRES(mutex) { std::erase(devices, device); });
     return opened.error().message;
 }
 
+// A device whose close was not answered stays in the list, so that it can be closed again.
 std::string LiveUnit::Close(ChildId child) {
-    bool wasOpen = false;
-    std::size_t erased = 0;
-    Change([&]() VEXA_REQUIRES(mutex) {
-        erased = std::erase_if(devices, [&](const auto& device) {
-            if (device->child != child) return false;
-            wasOpen = device->isOpen;
-            return true;
-        });
-    });
-    if (erased == 0) return "no such device is open";
-    if (!wasOpen) return "";
-    const auto closed = Timed([&](Client& unit) { return unit.CloseDevice(child); });
-    return closed ? "" : closed.error().message;
+    std::shared_ptr<Device> device;
+    for (const auto& each : Devices()) {
+        if (each->child == child) device = each;
+    }
+    if (!device) return "no such device is open";
+    bool isOpen = false;
+    {
+        const vexa::MutexLock lock(mutex);
+        isOpen = device->isOpen;
+    }
+    if (isOpen) {
+        const auto closed = Timed([&](Client& unit) { return unit.CloseDevice(child); });
+        if (!closed && closed.error().kind != ErrorKind::kNotOpen) return closed.error().message;
+    }
+    Change([&]() VEXA_REQUIRES(mutex) { std::erase(devices, device); });
+    return "";
+}
+
+void LiveUnit::OpenWanted() {
+    for (const auto& device : Devices()) {
+        if (device->child != 0) static_cast<void>(OpenAtUnit(device));
+    }
 }
 
 std::string LiveUnit::TakeOver() {
@@ -396,14 +413,19 @@ std::string LiveUnit::HandBack() {
         std::erase_if(devices, [](const auto& device) { return device->child == 0; });
         for (const auto& device : devices) CloseHere(*device);
     });
-    const auto done = Timed([](Client& unit) -> Expected<Done> {
-        if (auto closed = unit.CloseController(); !closed) return closed;
-        return unit.OpenController(kControllerId, false);
+    Expected<Done> closed = Done{};
+    const auto opened = Timed([&closed](Client& unit) {
+        closed = unit.CloseController();
+        return unit.OpenController(kControllerId, false);  // also after a late answer
     });
-    if (!done) return done.error().message;
+    if (!opened) {
+        // What is open at the unit is unknown: everything begins anew.
+        if (Client* const unit = Connected()) unit->Close();
+        return opened.error().message;
+    }
     OpenWanted();
     static_cast<void>(Run({.kind = Order::Kind::kQuery, .answer = {}}));
-    return "";
+    return closed ? "" : closed.error().message;
 }
 
 // --- what viewers see ---------------------------------------------------------------------------
@@ -411,6 +433,7 @@ std::string LiveUnit::HandBack() {
 std::vector<ChannelSamples> LiveUnit::TakeSamples() {
     const vexa::MutexLock lock(mutex);
     sampleCount = 0;
+    takenAt = Clock::now();
     return std::exchange(samples, {});
 }
 

@@ -62,13 +62,13 @@ struct UnitState {
     std::optional<double> roundTripSeconds;  // of the newest request that was answered
     std::vector<WatchedDevice> devices;
     ClientStatistics statistics;
-    std::uint64_t bytesReceived = 0;  // of all devices and the DAQ since the start
+    std::uint64_t bytesReceived = 0;  // on the link; filled in by who watches it
 };
 
-// What a viewer asks for. The answer is called on the thread of orders: an empty text when it is
-// done, else why not.
+// What a viewer asks for; kReopen is the unit's own, after a connection. The answer is called on
+// the thread of orders: an empty text when it is done, else why not.
 struct Order {
-    enum class Kind { kOpen, kClose, kTakeOver, kHandBack, kQuery, kSend, kArm };
+    enum class Kind { kOpen, kClose, kTakeOver, kHandBack, kQuery, kSend, kArm, kReopen };
 
     Kind kind;
     std::string name{};                 // kOpen
@@ -115,7 +115,6 @@ class LiveUnit {
     // The receiving thread.
     void Receive();
     bool Connect();
-    void OpenWanted();
     void ReceiveSome();
     void Pass(const Received& received);
     void NameChannels(Device& device);
@@ -124,6 +123,7 @@ class LiveUnit {
     // The thread of orders.
     void RunOrders();
     std::string Run(const Order& order);
+    void OpenWanted();
     std::string Open(const std::string& name);
     std::string Close(ChildId child);
     std::string TakeOver();
@@ -156,7 +156,9 @@ class LiveUnit {
     std::deque<Order> orders VEXA_GUARDED_BY(mutex);
     ChildId nextChild VEXA_GUARDED_BY(mutex) = 0x1001;
     std::uint32_t nextChannel VEXA_GUARDED_BY(mutex) = 1;
+    Clock::time_point takenAt VEXA_GUARDED_BY(mutex) = Clock::now();  // TakeSamples
     std::atomic<bool> isEnding = false;
+    std::atomic<bool> isLeaving = false;
 
     std::thread receiver;
     std::thread orderer;

@@ -116,6 +116,7 @@ ViewerRequest RequestOf(const Json& json) {
         request.before = NumberOf(json, "before", UINT64_MAX);
         if (const auto at = json.find("at"); at != json.end() && at->is_number()) {
             request.at = at->get<double>();
+            if (!(std::fabs(*request.at) < 1e9)) throw Wrong{"\"at\" is out of range"};
         }
     } else if (what == "unit") {
         request.kind = ViewerRequest::Kind::kUnit;
@@ -146,8 +147,13 @@ void Append(std::vector<std::uint8_t>& bytes, Number number) {
 
 Expected<ViewerRequest> ParseRequest(std::string_view text) {
     try {
-        const Json json = Json::parse(text, nullptr, false);
-        if (json.is_discarded()) throw Wrong{"this is no JSON"};
+        constexpr int kDeepest = 16;  // what is deeper would be taken apart recursively
+        const auto isShallow = [](int depth, Json::parse_event_t, Json&) {
+            if (depth > kDeepest) throw Wrong{"this is nested too deep"};
+            return true;
+        };
+        const Json json = Json::parse(text, isShallow, false);
+        if (json.is_discarded()) throw Wrong{"this is not JSON"};
         return RequestOf(json);
     } catch (const Wrong& wrong) {
         return Error{ErrorKind::kInvalidArgument, wrong.why};

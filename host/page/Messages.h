@@ -1,4 +1,4 @@
-// What server and viewers say to each other (docs/host-kit.md, "The page's messages"). One thread
+// What server and viewers say to each other (docs/page.md, "The page's messages"). One thread
 // at a time.
 #pragma once
 

@@ -34,6 +34,7 @@ PacketLog::PacketLog()
     : decoder([this](const DecodedPacket& packet) VEXA_REQUIRES(mutex) { Add(packet); }) {}
 
 void PacketLog::Show(const CapturedFrame& frame) {
+    if (frame.direction == Direction::kFromUnit) received += frame.bytes.size();
     const vexa::MutexLock lock(mutex);
     decoder.Add(frame);
 }

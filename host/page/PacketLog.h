@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -62,6 +63,9 @@ class PacketLog final : public LinkTap {
 
     void Show(const CapturedFrame& frame) override;
 
+    // Bytes that units have sent over the link, frame headers included.
+    [[nodiscard]] std::uint64_t Received() const { return received; }
+
     // Number of the next packet.
     [[nodiscard]] std::uint64_t End() const;
 
@@ -80,6 +84,7 @@ class PacketLog final : public LinkTap {
     void Add(const DecodedPacket& packet) VEXA_REQUIRES(mutex);
     std::shared_ptr<const std::string> Shared(std::string_view text) VEXA_REQUIRES(mutex);
 
+    std::atomic<std::uint64_t> received = 0;
     mutable vexa::Mutex mutex;
     CaptureDecoder decoder VEXA_GUARDED_BY(mutex);
     std::deque<LoggedPacket> packets VEXA_GUARDED_BY(mutex);

@@ -78,6 +78,7 @@ struct Download {
     std::span<const std::uint8_t> bytes;  // borrowed
     std::string text;                     // or this, when `bytes` is empty
     int file = -1;                        // or this
+    std::size_t size = 0;                 // of all of it
     std::size_t sent = 0;
 
     Download() = default;
@@ -331,8 +332,9 @@ int PageServer::Answer(lws* wsi, Session* session, std::string_view path) {
     if (path == "/metrics") {
         std::uint64_t dropped = formerDropped;
         for (const auto& [number, known] : viewers) dropped += known.viewer->DroppedFrames();
-        return AnswerText(wsi, session, HTTP_STATUS_OK,
-                          MetricsText(unit->State(), viewers.size(), dropped),
+        UnitState state = unit->State();
+        state.bytesReceived = log.Received();
+        return AnswerText(wsi, session, HTTP_STATUS_OK, MetricsText(state, viewers.size(), dropped),
                           "text/plain; version=0.0.4; charset=utf-8");
     }
     if (path == "/session.pcapng") return AnswerRecording(wsi, session);
@@ -400,6 +402,7 @@ int PageServer::AnswerWith(lws* wsi, Session* session, unsigned status, std::str
         if (status == HTTP_STATUS_OK) fits = fits && add("content-encoding:", "gzip");
     }
     if (!fits || lws_finalize_write_http_header(wsi, begin, &place, end) != 0) return 1;
+    download->size = static_cast<std::size_t>(size);
     if (size == 0) return lws_http_transaction_completed(wsi) != 0 ? -1 : 0;
     delete std::exchange(session->download, download.release());
     lws_callback_on_writable(wsi);
@@ -414,9 +417,12 @@ int PageServer::SendMore(lws* wsi, Session* session) {
     std::size_t count = 0;
     bool isLast = false;
     if (download->file >= 0) {
-        const ssize_t got = ::read(download->file, begin, kChunk);
-        count = got > 0 ? static_cast<std::size_t>(got) : 0;
-        isLast = count < kChunk;
+        // The recording may have grown since its size was told.
+        const ssize_t got =
+            ::read(download->file, begin, std::min(kChunk, download->size - download->sent));
+        if (got <= 0) return -1;
+        count = static_cast<std::size_t>(got);
+        isLast = download->sent + count == download->size;
     } else {
         const auto rest = download->Bytes().subspan(download->sent);
         count = std::min(rest.size(), kChunk);
@@ -508,12 +514,14 @@ bool PageServer::Obey(lws* wsi, Viewer& viewer, ViewerRequest request) {
 
 bool PageServer::Greet(lws* wsi, Viewer& viewer, const ViewerRequest& request) {
     if (request.kind != ViewerRequest::Kind::kHello || !IsSame(request.token, token)) return false;
+    const bool isFirst = std::ranges::none_of(
+        viewers, [](const auto& entry) { return entry.second.viewer->isKnown; });
     viewer.isKnown = true;
     viewer.logEnd = log.End();
     const double start = SecondsOf(unit->Start().time_since_epoch());
     viewer.Add(Message::Text(HelloText({options.unitText, options.version, options.mayControl,
                                         control != nullptr, !options.recording.empty(), start})));
-    static_cast<void>(unit->TakeSamples());  // the first viewer sees none from before its time
+    if (isFirst) static_cast<void>(unit->TakeSamples());  // none from before its time
     if (control) control->Watch(true);
     stateAt = 0;
     lws_callback_on_writable(wsi);
@@ -531,7 +539,7 @@ void PageServer::SendLog(Viewer& viewer, const ViewerRequest& request) {
             log.NumberAt(start + std::chrono::duration_cast<CaptureTime>(from)) + kMostLogLines / 2;
     }
     const auto found = log.Before(end, request.filter, kMostLogLines);
-    viewer.Add(Message::Text(PacketsText(found, start, request.id)));
+    AddTo(viewer.number, Message::Text(PacketsText(found, start, request.id)));
 }
 
 int PageServer::Send(lws* wsi, Viewer& viewer) {
@@ -575,8 +583,10 @@ void PageServer::SendState() {
     stateNumber = current;
     stateAt = lws_now_usecs();
     const auto now = std::chrono::system_clock::now() - unit->Start();
+    UnitState state = unit->State();
+    state.bytesReceived = log.Received();
     const auto message = Message::Text(
-        StateText(unit->State(), control ? control->State() : "", SecondsOf(now), viewers.size()));
+        StateText(state, control ? control->State() : "", SecondsOf(now), viewers.size()));
     for (auto& [number, known] : viewers) {
         if (known.viewer->isKnown) AddTo(number, message);
     }

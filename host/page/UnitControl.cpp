@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPatience{2000};
 constexpr std::chrono::milliseconds kPeriod{1000};
+constexpr std::size_t kMostQuestions = 64;
 constexpr std::size_t kLongestAnswer = 1 << 20;
 
 }  // namespace
@@ -33,9 +34,13 @@ UnitControl::~UnitControl() {
 void UnitControl::Ask(std::string request, Answer answer) {
     {
         const vexa::MutexLock lock(mutex);
-        questions.push_back({std::move(request), std::move(answer)});
+        if (questions.size() < kMostQuestions) {
+            questions.push_back({std::move(request), std::move(answer)});
+            changed.notify_all();
+            return;
+        }
     }
-    changed.notify_all();
+    answer("too many requests wait already", "");
 }
 
 void UnitControl::Watch(bool wanted) {

@@ -35,7 +35,7 @@ std::uint8_t* Message::Bytes() { return buffer.data() + LWS_PRE; }
 bool Viewer::Add(std::shared_ptr<Message> message) {
     queued += message->size;
     queue.push_back(std::move(message));
-    return queued <= 4 * kMostQueued;
+    return queued <= 2 * kMostQueued;
 }
 
 void Viewer::AddSamples(const std::shared_ptr<Message>& message) {

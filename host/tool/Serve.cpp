@@ -1,6 +1,11 @@
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 
+#include "testkit/Descriptor.h"
 #include "tool/Connection.h"
 #include "tool/Exit.h"
 #include "tool/Parse.h"
@@ -61,6 +66,20 @@ void WarnOfTheNetwork(const page::ServerOptions& server) {
                  server.mayControl ? ", and can take the token and steer the unit" : "");
 }
 
+// Everybody on the machine can read command lines, and the address holds the token: the browser is
+// given a file that leads there, which only this user can read.
+bool OpenBrowser(const std::string& url) {
+    const char* const folder = std::getenv("XDG_RUNTIME_DIR");
+    std::string path = std::string(folder != nullptr ? folder : "/tmp") + "/vexa-page-XXXXXX.html";
+    const vexa::testkit::Descriptor file(::mkostemps(path.data(), 5, O_CLOEXEC));
+    if (!file) return false;
+    const std::string text = "<meta http-equiv=\"refresh\" content=\"0;url=" + url + "\">\n";
+    if (::write(file.Get(), text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
+        return false;
+    }
+    return std::system(("xdg-open '" + path + "' >/dev/null 2>&1").c_str()) == 0;
+}
+
 ExitCode RunServe(const ServeOptions& options) {
     page::ServerOptions server;
     if (const auto right = ParseListen(options.listen, server); !right) {
@@ -82,8 +101,7 @@ ExitCode RunServe(const ServeOptions& options) {
         std::printf("%s\n", url.c_str());
         std::fflush(stdout);
         if (!options.open) return;
-        const std::string command = "xdg-open '" + url + "' >/dev/null 2>&1 &";
-        if (std::system(command.c_str()) != 0) {
+        if (!OpenBrowser(url)) {
             std::fprintf(stderr, "vexa-host: no browser could be started (xdg-open)\n");
         }
     };

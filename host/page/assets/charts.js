@@ -169,7 +169,8 @@ export class Charts {
     this.marks.a = time;
     this.touch();
   }
-  mark(name, time = this.cursor) {
+  // Where the mouse is; without one in the middle.
+  mark(name, time = this.cursor ?? (this.range()[0] + this.range()[1]) / 2) {
     this.marks[name] = time;
     this.touch();
     this.writeFacts();
@@ -212,7 +213,10 @@ export class Charts {
       if (this.cursor !== null) words.push(`${this.cursor.toFixed(4)} s: ${number(channel.valueAt(this.cursor))}`);
       if (a !== null) words.push(`A ${number(channel.valueAt(a))}`);
       if (b !== null) words.push(`B ${number(channel.valueAt(b))}`);
-      if (a !== null && b !== null) words.push(`Δt ${number(b - a)} s`, `Δy ${number(channel.valueAt(b) - channel.valueAt(a))}`);
+      if (a !== null && b !== null) {
+        const [from, to] = [channel.valueAt(a), channel.valueAt(b)];
+        words.push(`Δt ${number(b - a)} s`, from === null || to === null ? "" : `Δy ${number(to - from)}`);
+      }
       if (channel.gaps) words.push(channel.gaps === 1 ? "1 gap" : `${channel.gaps} gaps`);
       const text = words.join("   ");
       if (facts.textContent !== text) facts.textContent = text;
@@ -232,10 +236,12 @@ export class Charts {
 
   csv() {
     const [from, to] = this.range();
+    // Quoted where need be, and no formula for a spreadsheet.
+    const cell = (text) => (/^[=+@-]|[",\r\n]/.test(text) ? `"${text.replace(/^[=+@-]/, "'$&").replaceAll('"', '""')}"` : text);
     const lines = ["time_s,device,child,channel,value,unit"];
     for (const channel of this.channels) {
       channel.each(from, to, (time, value) =>
-        lines.push([time.toFixed(6), channel.device, channel.child, channel.name, value, channel.unit].join(",")));
+        lines.push([time.toFixed(6), cell(channel.device), channel.child, cell(channel.name), value, cell(channel.unit)].join(",")));
     }
     return lines.join("\n") + "\n";
   }

@@ -69,7 +69,7 @@ export class Log {
     const arrow = direction === "to" ? "→" : direction === "from" ? "←" : "·";
     const raw = document.createElement("i");
     raw.textContent = bytes;
-    line.append(`${time.toFixed(4).padStart(11)} ${arrow} ${text}  `, raw);
+    line.append(`${time.toFixed(4).padStart(11)} ${arrow} ${isError ? "! " : ""}${text}  `, raw);
     return line;
   }
 
@@ -101,7 +101,9 @@ export class Log {
   setDevices(devices) {
     const select = field("filter-child");
     const options = devices.filter(({ child }) => child).map(({ child, name }) => new Option(name, child));
-    if (select.length === options.length + 1) return;
+    const keys = options.map(({ value, text }) => value + text).join();
+    if (select.dataset.keys === keys) return;
+    select.dataset.keys = keys;
     const chosen = select.value;
     select.replaceChildren(new Option("all", ""), ...options);
     select.value = chosen;

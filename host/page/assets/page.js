@@ -52,10 +52,9 @@ const link = new Link({
   samples(id, piece) {
     const channel = channels.get(id);
     if (!channel) return;
-    channel.add(piece);
-    trigger.look(id, piece, charts.span);
-    if (trigger.state === "done") $("trigger-state").textContent = "triggered";
-    charts.touch();
+    trigger.look(id, { ...piece, gap: channel.add(piece) }, charts.span);
+    showTrigger();
+    if (!charts.isPaused) charts.touch();
   },
   packets: (packets) => log.add(packets),
   dropped({ frames }) {
@@ -71,6 +70,11 @@ const link = new Link({
 const charts = new Charts($("charts"), trigger, (time) => log.showTime(time));
 const log = new Log(link, (time) => charts.show(time));
 const virtual = setUpVirtualUnit((body, what) => ask("unit", { body }, what));
+
+function showTrigger() {
+  const text = { armed: "armed", done: "triggered", edge: "triggered", shown: "triggered" }[trigger.state] ?? "";
+  if ($("trigger-state").textContent !== text) $("trigger-state").textContent = text;
+}
 
 function figure(name, value) {
   return node("div", {}, node("dt", { textContent: name }), node("dd", { textContent: value }));
@@ -92,7 +96,8 @@ function showLink(state) {
     figure("load", `${(page.rate / 1000).toFixed(1)} of 330 kB/s (${Math.round((100 * page.rate) / LINK_LIMIT)} %)`),
     figure("DAQ", daq[state.daq] ?? "unknown"),
     figure("gaps", sum("gaps")),
-    figure("dropped", sum("dropped") + page.dropped),
+    figure("blocks dropped", sum("dropped")),
+    figure("frames dropped", page.dropped),
     figure("wrong checksums", state.wrongChecksums),
     figure("resynchronised", state.resynchronised),
     figure("links lost", state.losses),
@@ -120,7 +125,7 @@ function showDevices({ devices }) {
   $("empty").hidden = channels.size > 0;
   const options = [...channels.values()].map((channel) => [channel.id, channel.label]);
   fill($("trigger-channel"), options);
-  if (!trigger.channel && options.length) trigger.set({ channel: Number($("trigger-channel").value) });
+  if (!channels.has(trigger.channel) && options.length) trigger.set({ channel: Number($("trigger-channel").value) });
   fill($("send-child"), devices.filter(({ child }) => child).map(({ child, name }) => [child, `${name} 0x${child.toString(16)}`]));
   log.setDevices(devices);
   const list = $("devices");
@@ -204,7 +209,7 @@ function setTrigger() {
     level: Number($("trigger-level").value) || 0,
     before: Math.min(100, Math.max(0, Number($("trigger-before").value))) / 100,
   });
-  $("trigger-state").textContent = trigger.mode ? "armed" : "";
+  showTrigger();
   charts.live();
   showPause();
 }
@@ -254,6 +259,7 @@ document.addEventListener("keydown", (event) => {
   const { target, key } = event;
   if (key === "Escape" && target.matches("input, select")) return target.blur();
   if (event.ctrlKey || event.metaKey || event.altKey || target.matches("input, select, textarea") || $("sheet").open) return;
+  if (target.closest("#lines") && /^(Arrow|End)/.test(key)) return;
   if (key === " " && target.matches("button")) return;
   const entry = KEYS.find(([name]) => name === key);
   if (!entry) return;

@@ -12,6 +12,13 @@ class Buckets {
   add(time, value) {
     const place = Math.floor(time / this.width) - this.first;
     if (place < 0) return;
+    if (place - this.low.length > MOST_BUCKETS) {
+      // After a long silence the slices before it are not worth their room.
+      this.first += place;
+      this.low = [value];
+      this.high = [value];
+      return;
+    }
     while (this.low.length <= place) {
       this.low.push(NaN);
       this.high.push(NaN);
@@ -47,11 +54,14 @@ export class Channel {
     return last ? last.first + last.step * (last.count - 1) : -Infinity;
   }
 
+  // Returns whether samples are missing before these.
   add({ first, step, values, gap }) {
     if (this.total + values.length > this.values.length && this.values.length < CAPACITY) this.grow(values.length);
     const last = this.last;
     for (let i = 0; i < values.length; ++i) this.values[(this.total + i) % this.values.length] = values[i];
     const expected = last && last.first + last.step * last.count;
+    // Also after a lost link, and after frames that this page was too slow for.
+    gap ||= last !== undefined && first - expected > step;
     if (last && !gap && Math.abs(first - expected) < SAME * step && Math.abs(step - last.step) * (last.count + values.length) < SAME * step) {
       last.count += values.length;
     } else {
@@ -60,9 +70,10 @@ export class Channel {
     }
     this.total += values.length;
     while (this.pieces[0].begin + this.pieces[0].count <= this.total - this.values.length) this.pieces.shift();
-    if (!this.buckets) return;
+    if (!this.buckets) return gap;
     for (let i = 0; i < values.length; ++i) this.buckets.add(first + step * i, values[i]);
     this.buckets.trim();
+    return gap;
   }
 
   grow(count) {

@@ -4,9 +4,9 @@ const $ = (id) => document.getElementById(id);
 
 const BEHAVIOURS = {
   "answers at once": { delayMs: 0, silent: false, refuses: [] },
-  "answers after 3 s": { delayMs: 3000, silent: false },
-  "is silent": { silent: true },
-  "refuses to let go": { silent: false, refuses: [2] },
+  "answers after 3 s": { delayMs: 3000, silent: false, refuses: [] },
+  "is silent": { delayMs: 0, silent: true, refuses: [] },
+  "refuses to let go": { delayMs: 0, silent: false, refuses: [2] },
 };
 
 // `ask(body, what)` sends a request to the unit's control socket.
