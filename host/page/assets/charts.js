@@ -19,12 +19,10 @@ export class Charts {
     this.span = 10;
     this.window = null; // [from, to] while the charts stand still
     this.marks = { a: null, b: null };
-    this.hidden = new Set();
     this.isDirty = true;
     this.frames = 0;
     this.drawnAt = 0;
     this.cursor = null;
-    this.sync = uPlot.sync("unit");
     new ResizeObserver(() => this.resize()).observe(root);
     matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => this.recolour());
     const draw = (now) => {

@@ -1,19 +1,19 @@
 // The packets in words. Ring and filter are the server's; here are the lines that are seen.
 
-const MOST_LINES = 1000;
+import { $ } from "./dom.js";
 
-const field = (id) => document.getElementById(id);
+const MOST_LINES = 1000;
 
 export class Log {
   constructor(link, onTime) {
     this.link = link;
-    this.lines = field("lines");
+    this.lines = $("lines");
     this.isFollowing = true;
     this.skipped = 0;
-    for (const id of ["filter-direction", "filter-child", "filter-errors", "filter-data"]) field(id).onchange = () => this.refill();
-    field("filter-text").oninput = () => this.refill();
-    field("filter").onsubmit = (event) => event.preventDefault();
-    field("follow").onclick = () => this.follow(!this.isFollowing);
+    for (const id of ["filter-direction", "filter-child", "filter-errors", "filter-data"]) $(id).onchange = () => this.refill();
+    $("filter-text").oninput = () => this.refill();
+    $("filter").onsubmit = (event) => event.preventDefault();
+    $("follow").onclick = () => this.follow(!this.isFollowing);
     this.lines.onscroll = () => this.scrolled();
     this.lines.onclick = (event) => {
       const line = event.target.closest("[data-time]");
@@ -22,12 +22,12 @@ export class Log {
   }
 
   get filter() {
-    const child = field("filter-child").value;
+    const child = $("filter-child").value;
     return {
-      text: field("filter-text").value,
-      direction: field("filter-direction").value,
-      errors: field("filter-errors").checked,
-      data: field("filter-data").checked,
+      text: $("filter-text").value,
+      direction: $("filter-direction").value,
+      errors: $("filter-errors").checked,
+      data: $("filter-data").checked,
       ...(child ? { child: Number(child) } : {}),
     };
   }
@@ -39,14 +39,14 @@ export class Log {
     if (!lines) return;
     this.lines.replaceChildren(...lines.map((line) => this.element(line)));
     this.skipped = 0;
-    field("skipped").textContent = "";
+    $("skipped").textContent = "";
     this.lines.scrollTop = this.lines.scrollHeight;
   }
 
   follow(on) {
     if (on === this.isFollowing) return;
     this.isFollowing = on;
-    field("follow").setAttribute("aria-pressed", String(on));
+    $("follow").setAttribute("aria-pressed", String(on));
     if (on) this.refill();
     else this.link.tell("filter", { ...this.filter, follow: false });
   }
@@ -57,7 +57,7 @@ export class Log {
     this.lines.append(...lines.map((line) => this.element(line)));
     while (this.lines.childElementCount > MOST_LINES) this.lines.firstChild.remove();
     this.skipped += skipped;
-    if (this.skipped) field("skipped").textContent = `${this.skipped} more, too fast to show`;
+    if (this.skipped) $("skipped").textContent = `${this.skipped} more, too fast to show`;
     this.lines.scrollTop = this.lines.scrollHeight;
   }
 
@@ -99,7 +99,7 @@ export class Log {
   }
 
   setDevices(devices) {
-    const select = field("filter-child");
+    const select = $("filter-child");
     const options = devices.filter(({ child }) => child).map(({ child, name }) => new Option(name, child));
     const keys = options.map(({ value, text }) => value + text).join();
     if (select.dataset.keys === keys) return;

@@ -1,5 +1,6 @@
 // The page: puts link, charts, log and controls together.
 
+import { $, node, submit } from "./dom.js";
 import { Link } from "./link.js";
 import { Channel } from "./store.js";
 import { Charts } from "./charts.js";
@@ -9,12 +10,6 @@ import { setUpVirtualUnit } from "./virtual.js";
 
 const LINK_LIMIT = 330000; // bytes per second that the link carries
 
-const $ = (id) => document.getElementById(id);
-const node = (tag, members = {}, ...children) => {
-  const element = Object.assign(document.createElement(tag), members);
-  element.append(...children);
-  return element;
-};
 
 const trigger = new Trigger();
 const channels = new Map(); // id -> Channel
@@ -213,12 +208,6 @@ function setTrigger() {
   charts.live();
   showPause();
 }
-
-const submit = (id, handler) =>
-  ($(id).onsubmit = (event) => {
-    event.preventDefault();
-    handler();
-  });
 
 $("pause").onclick = pause;
 $("csv").onclick = saveCsv;

@@ -1,6 +1,6 @@
 // The controls that only a virtual unit has.
 
-const $ = (id) => document.getElementById(id);
+import { $, node, submit } from "./dom.js";
 
 const BEHAVIOURS = {
   "answers at once": { delayMs: 0, silent: false, refuses: [] },
@@ -13,17 +13,10 @@ const BEHAVIOURS = {
 export function setUpVirtualUnit(ask) {
   let isIn = true;
   $("app-how").replaceChildren(...Object.keys(BEHAVIOURS).map((name) => new Option(name)));
-  const submit = (id, handler) =>
-    ($(id).onsubmit = (event) => {
-      event.preventDefault();
-      handler();
-    });
   const tell = async (body, what) => {
     const { problem, body: answer } = await ask(body, what);
     if (problem || answer?.ok === false) return;
-    const item = document.createElement("li");
-    item.textContent = `${new Date().toLocaleTimeString()} ${what}`;
-    $("events").prepend(item);
+    $("events").prepend(node("li", { textContent: `${new Date().toLocaleTimeString()} ${what}` }));
   };
   $("cable").onclick = () => tell({ request: "cable", in: !isIn }, isIn ? "cable out" : "cable in");
   $("clear-faults").onclick = () => tell({ request: "fault.clear" }, "no faults");
@@ -44,17 +37,11 @@ export function setUpVirtualUnit(ask) {
   });
 
   const sensorItem = (device, mayControl) => {
-    const item = document.createElement("li");
-    const name = document.createElement("b");
-    name.textContent = device.name;
-    const button = document.createElement("button");
-    button.textContent = device.attached ? "Detach" : "Attach";
-    button.disabled = !mayControl;
-    button.onclick = () => tell({ request: device.attached ? "detach" : "attach", name: device.name }, `${device.name} ${device.attached ? "detached" : "attached"}`);
-    const facts = document.createElement("small");
-    facts.textContent = `type ${device.type}, ${device.rate} blocks/s of ${device.blockSize} bytes, ${device.waveform ?? device.source ?? ""}`;
-    item.append(name, button, facts);
-    return item;
+    const { name, type, attached, rate, blockSize } = device;
+    const button = node("button", { textContent: attached ? "Detach" : "Attach", disabled: !mayControl });
+    button.onclick = () => tell({ request: attached ? "detach" : "attach", name }, `${name} ${attached ? "detached" : "attached"}`);
+    const comes = device.source ? `from ${Object.keys(device.source).join(", ")}` : `${rate} blocks/s of ${blockSize} bytes, ${device.waveform}`;
+    return node("li", {}, node("b", { textContent: name }), button, node("small", { textContent: `type ${type}, ${comes}` }));
   };
 
   return {
