@@ -82,7 +82,8 @@ std::vector<Sample> SamplesOf(const Bytes& block) {
 }
 
 TEST_F(Sources, ATablePlaysItsColumnsInBlocks) {
-    auto whole = Table("time_s,\"x, left\",note,y\r\n5,1,a,-2\r\n5.001,-32767,b,4\r\n\r\n");
+    auto whole = Table(
+        "# start\r\nepoch_s,\"x, left\",note,y\r\n5,1,a,-2\r\n# gap\r\n5.001,-32767,b,4\r\n\r\n");
     whole.rate = 0;
     Reader reader(whole);
     const auto blocks = reader.blocks.Await(1);
@@ -144,8 +145,12 @@ TEST_F(Sources, WhatCannotBeReadIsSaid) {
     for (const auto& [settings, complaint] : cases) {
         EXPECT_THAT(Reader(settings).Failure(), HasSubstr(complaint));
     }
-    EXPECT_THAT(Reader(Table("a\n1\nx\n")).Failure(), HasSubstr("line 3, column 1 is not a number"));
+    EXPECT_THAT(Reader(Table("a\n1\nx\n")).Failure(),
+                HasSubstr("line 3, column 1 is not a number"));
     EXPECT_THAT(Reader(Table("a\nx\n")).Failure(), HasSubstr("no column of numbers"));
+    auto timed = Table("time_s,a\n5,1\n6,1\n5,1\n");
+    timed.rate = 0;
+    EXPECT_THAT(Reader(timed).Failure(), HasSubstr("line 4: the time goes back"));
 }
 
 // Both ends of a serial line.

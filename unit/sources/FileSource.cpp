@@ -108,8 +108,8 @@ class TableSource final : public Source {
         file = std::ifstream(settings.file);
         if (!file) throw SourceError(WhyNotOpened(settings.file, errno));
         lineNumber = 0;
-        std::getline(file, text);
-        ++lineNumber;
+        text.clear();
+        (void)NextLine();
     }
 
     void ReadHeader() {
@@ -119,8 +119,9 @@ class TableSource final : public Source {
         std::string names;
         for (std::size_t index = 0; index < header.size(); ++index) {
             const std::string& name = header[index];
-            if (!timeColumn && (name == "time_s" || (index == 0 && name.starts_with("time"))) &&
-                FieldAt(index)) {
+            const bool isTime =
+                name == "time_s" || name == "epoch_s" || (index == 0 && name.starts_with("time"));
+            if (!timeColumn && isTime && FieldAt(index)) {
                 timeColumn = index;
                 continue;
             }
@@ -194,15 +195,18 @@ class TableSource final : public Source {
         return time + step;
     }
 
-    // Reads the next line that has anything in it.
-    [[nodiscard]] bool ReadRow() {
+    // Reads the next line that has anything in it, and is not a comment.
+    [[nodiscard]] bool NextLine() {
         while (std::getline(file, text)) {
             ++lineNumber;
-            if (text.empty() || text == "\r") continue;
-            fields = FieldsOf(text);
-            return true;
+            if (!text.empty() && text != "\r" && text[0] != '#') return true;
         }
         return false;
+    }
+    [[nodiscard]] bool ReadRow() {
+        if (!NextLine()) return false;
+        fields = FieldsOf(text);
+        return true;
     }
     [[nodiscard]] std::optional<double> FieldAt(std::size_t index) const {
         return index < fields.size() ? NumberIn(fields[index]) : std::nullopt;
