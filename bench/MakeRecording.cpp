@@ -71,7 +71,7 @@ Bytes Copy(const Packet& packet) { return {packet.Bytes().begin(), packet.Bytes(
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int Make(int argc, char** argv) {
     const double seconds = argc > 2 ? std::atof(argv[2]) : 600;
     auto writer = PcapngWriter::Create(argc > 1 ? argv[1] : "");
     if (!writer || !(seconds > 0)) {
@@ -114,4 +114,14 @@ int main(int argc, char** argv) {
     recorder.Add(std::chrono::duration_cast<std::chrono::nanoseconds>(
                      std::chrono::duration<double>(seconds)),
                  Direction::kToUnit, {}, kCableOut);
+    return 0;
+}
+
+int main(int argc, char** argv) {
+    try {
+        return Make(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vexa-make-recording: %s\n", error.what());
+        return 1;
+    }
 }

@@ -169,14 +169,7 @@ void Run(Client& client, OpeningWatch& watch, double seconds) {
                 *byArrival.Rate());
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    double seconds = 60;
-    CLI::App parser("Compares the times of samples with the truth", "vexa-times");
-    parser.add_option("--seconds", seconds, "how long (60)")->check(CLI::Range(1, 86400));
-    CLI11_PARSE(parser, argc, argv);
-
+void Compare(double seconds) {
     const auto programs = std::filesystem::read_symlink("/proc/self/exe").parent_path();
     std::string folder = std::filesystem::temp_directory_path() / "vexa-times-XXXXXX";
     if (mkdtemp(folder.data()) == nullptr) Fail("cannot make " + folder);
@@ -201,4 +194,19 @@ int main(int argc, char** argv) {
     }
     unit.Stop(kPatience);
     std::filesystem::remove_all(folder);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        double seconds = 60;
+        CLI::App parser("Compares the times of samples with the truth", "vexa-times");
+        parser.add_option("--seconds", seconds, "how long (60)")->check(CLI::Range(1, 86400));
+        CLI11_PARSE(parser, argc, argv);
+        Compare(seconds);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "vexa-times: %s\n", error.what());
+        return 1;
+    }
 }

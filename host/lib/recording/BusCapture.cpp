@@ -44,7 +44,7 @@ std::optional<BusTransfer> ReadUsbmon(std::size_t headerSize, bool bigEndian, By
         return BusTransfer{device, false, true,
                            record.subspan(kUsbmonRequest, kControlRequestSize)};
     }
-    if (kind != kBulk || type != (toUnit ? 'S' : 'C')) return std::nullopt;
+    if (kind != kBulk || type != static_cast<std::uint8_t>(toUnit ? 'S' : 'C')) return std::nullopt;
     return BusTransfer{device, true, toUnit, record.subspan(headerSize)};
 }
 
