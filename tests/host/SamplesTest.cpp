@@ -64,6 +64,7 @@ TEST(DeviceFile, SaysWhereItIsWrong) {
     const std::pair<std::string, const char*> cases[] = {
         {"{", "file: line 1 is no JSON"},
         {"[]", "file: expected an object"},
+        {R"({"A": {"rate": 1e999}})", "file: number overflow"},
         {R"({"A": 5})", "file: A: expected an object"},
         {R"({"A": {}})", "file: A: \"channels\" is missing"},
         {R"({"A": {"channels": []}})", "file: A: \"channels\": expected a list of at least one"},
@@ -141,6 +142,8 @@ struct ClockCase {
     double mostError;  // after the first half minute
     double bias;       // in every minute after it; by how much it drifts is less
 };
+
+void PrintTo(const ClockCase& each, std::ostream* out) { *out << each.name; }
 
 class SampleTimesTest : public testing::TestWithParam<ClockCase> {};
 

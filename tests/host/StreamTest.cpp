@@ -70,8 +70,21 @@ TEST_F(Stream, RecordsWhatItShowsAndShowsWhatWasRecorded) {
                   "$host decode r --wav --devices devices.json 2>&-; od -An -tf4 -j44 T.t.wav"),
               " 01 00 01 00 01 00 00 00 02 00 00 00 02 00 10 00\n 64 61 74 61 02 00 00 00 10 ff\n"
               "            -120\n");
-    EXPECT_EQ(Run("$host decode r --csv --device U 2>&1"),
-              "vexa-host: U has sent nothing in this recording; what has: T\n");
+    const std::pair<const char*, std::string> ends[] = {
+        {"$host decode r --csv --device U 2>&1",
+         "vexa-host: U has sent nothing in this recording; what has: T\n"},
+        {"mkdir o; ln -s /dev/full o/T.csv; $host decode r --csv --out o 2>&1 | tail -n1",
+         "vexa-host: cannot write o/T.csv: No space left on device\n"},
+        {"$host stream --from r --csv --out o 2>&1 | tail -n1",
+         "vexa-host: cannot write o/T.csv: No space left on device\n"},
+        // What stands before a fault is shown.
+        {"(cat r; echo) >s; $host decode s --csv 2>&1 | sed 's/ at byte.*//'",
+         columns + "time_s,value\nT,-240\nT: 1 blocks, 1 samples, 0 gaps in the sequence\n"
+                   "vexa-host: s: the capture breaks off,\n"},
+        {"$host stream --from s --csv 2>&1 >o/s | tail -n1 | sed 's/ at byte.*//'; cat o/s",
+         "vexa-host: s: the capture breaks off,\n" + columns + "time_s,value\nT,-240\n"},
+    };
+    for (const auto& [script, output] : ends) EXPECT_EQ(Run(script), output) << script;
 }
 
 TEST_F(Stream, FeedsAPlotter) {

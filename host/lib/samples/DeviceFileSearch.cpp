@@ -1,10 +1,11 @@
 #include <sys/stat.h>
 
+#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <iterator>
+#include <memory>
 
 #include "vexahost/DeviceFile.h"
 
@@ -23,13 +24,19 @@ std::string ConfigFolder() {
 }  // namespace
 
 Expected<DeviceFormats> ReadDeviceFile(const std::string& path) {
-    std::ifstream file(path);
-    std::string text(std::istreambuf_iterator<char>(file), {});
-    // A directory can be opened, but not read.
-    if (!file.is_open() || file.bad()) {
+    const auto failed = [&path] {
         return Error{ErrorKind::kInvalidArgument,
                      "cannot read " + path + ": " + std::strerror(errno)};
+    };
+    const auto close = [](std::FILE* open) { std::fclose(open); };
+    const std::unique_ptr<std::FILE, decltype(close)> file(std::fopen(path.c_str(), "re"), close);
+    if (!file) return failed();
+    std::string text;
+    std::array<char, 4096> piece;
+    while (const std::size_t got = std::fread(piece.data(), 1, piece.size(), file.get())) {
+        text.append(piece.data(), got);
     }
+    if (std::ferror(file.get()) != 0) return failed();  // a directory can be opened, but not read
     return ParseDeviceFile(text, path);
 }
 

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <limits>
 #include <memory>
 #include <optional>
 
@@ -11,14 +12,17 @@ namespace vexahost::tool {
 
 namespace {
 
-// Reads the samples of the devices that are wanted.
+// Reads the samples of the devices that are wanted. The form of the output is that for so many
+// devices; of those in the recording only the first `known_` are looked at.
 class SampleDecoding {
   public:
     SampleDecoding(const DecodeSamplesOptions& options_,
-                   std::shared_ptr<const DeviceFormats> formats_, std::size_t devices_)
+                   std::shared_ptr<const DeviceFormats> formats_, std::size_t devices_,
+                   std::size_t known_)
         : options(options_),
           formats(std::move(formats_)),
           deviceCount(devices_),
+          known(known_),
           blocks([this](const RecordedBlock& from) { Pass(from); }) {}
 
     // The sink is made once the first frame has told the start.
@@ -28,11 +32,11 @@ class SampleDecoding {
         return sink->Update();
     }
 
-    void Finish() {
+    Expected<Done> Finish() {
         if (!sink) MakeSink();
         sink->Finish();
         std::fflush(stdout);
-        for (std::size_t i = 0; i < blocks.Devices().size(); ++i) {
+        for (std::size_t i = 0; i < std::min(blocks.Devices().size(), known); ++i) {
             const RecordedDevice& device = blocks.Devices()[i];
             if (!IsWanted(device)) continue;
             std::fprintf(stderr, "%s: %llu blocks, %llu samples, %llu gaps in the sequence\n",
@@ -41,6 +45,7 @@ class SampleDecoding {
                          static_cast<unsigned long long>(i < samples.size() ? samples[i] : 0),
                          static_cast<unsigned long long>(device.statistics.sequenceGaps));
         }
+        return sink->Update();
     }
 
   private:
@@ -67,7 +72,7 @@ class SampleDecoding {
 
     void Pass(const RecordedBlock& from) {
         const RecordedDevice& device = blocks.Devices()[from.device];
-        if (!IsWanted(device)) return;
+        if (from.device >= known || !IsWanted(device)) return;
         if (!sink) MakeSink();
         if (from.device >= readers.size()) {
             readers.resize(from.device + 1);
@@ -92,6 +97,7 @@ class SampleDecoding {
     const DecodeSamplesOptions& options;
     const std::shared_ptr<const DeviceFormats> formats;
     const std::size_t deviceCount;
+    const std::size_t known;
     RecordedBlocks blocks;
     std::vector<std::unique_ptr<SampleReader>> readers;  // of the recording's devices
     std::vector<std::uint64_t> samples;
@@ -107,12 +113,14 @@ ExitCode DecodeSamples(const DecodeSamplesOptions& options) {
     // How many devices there are decides the form, and a wrong name is told before all else. What
     // comes from a pipe can be read only once.
     std::size_t devices = names.size() == 1 ? 1 : kSeveral;
-    if (options.file != "-") {
+    std::size_t known = std::numeric_limits<std::size_t>::max();
+    if (!IsReadOnce(options.file)) {
         const auto contents = SurveyRecording(options.file);
         if (!contents) return ReportError(contents.error());
         const auto chosen = ChooseDevices(*contents, names);
         if (!chosen) return ReportError(chosen.error());
         devices = chosen->size();
+        known = contents->devices.size();  // the file may grow meanwhile
         names.clear();
         for (const std::size_t device : *chosen) names.push_back(contents->devices[device].name);
     } else if (names.empty() && !options.formats.formats.empty()) {
@@ -125,12 +133,12 @@ ExitCode DecodeSamples(const DecodeSamplesOptions& options) {
     }
     auto reader = PcapngReader::Open(options.file);
     if (!reader) return ReportError(reader.error());
-    SampleDecoding decoding(options, *formats, devices);
+    SampleDecoding decoding(options, *formats, devices, known);
     while (const auto frame = reader->Next()) {
         if (std::ferror(stdout) != 0) return kExitDone;  // what this means is said at the end
         if (const auto added = decoding.Add(*frame); !added) return ReportError(added.error());
     }
-    decoding.Finish();
+    if (const auto finished = decoding.Finish(); !finished) return ReportError(finished.error());
     if (reader->Fault().empty()) return kExitDone;
     return ReportError({ErrorKind::kInvalidArgument, options.file + ": " + reader->Fault()});
 }

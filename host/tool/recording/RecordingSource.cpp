@@ -1,5 +1,7 @@
 #include "tool/recording/RecordingSource.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
@@ -14,6 +16,12 @@ using Clock = std::chrono::steady_clock;
 
 }  // namespace
 
+bool IsReadOnce(const std::string& path) {
+    struct stat status {};
+    return path == "-" || (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) &&
+                           !S_ISDIR(status.st_mode));
+}
+
 Expected<RecordingContents> SurveyRecording(const std::string& path) {
     auto reader = PcapngReader::Open(path);
     if (!reader) return reader.error();
@@ -22,7 +30,7 @@ Expected<RecordingContents> SurveyRecording(const std::string& path) {
         if (IsInterrupted()) return Error{ErrorKind::kCancelled, "interrupted"};
         blocks.Add(*frame);
     }
-    if (!reader->Fault().empty()) {
+    if (!reader->Fault().empty() && blocks.Devices().empty()) {
         return Error{ErrorKind::kInvalidArgument, path + ": " + reader->Fault()};
     }
     return RecordingContents{blocks.Devices(), blocks.Start()};
@@ -66,17 +74,21 @@ Expected<std::unique_ptr<RecordingSource>> RecordingSource::Open(
     auto reader = PcapngReader::Open(path);
     if (!reader) return reader.error();
     return std::unique_ptr<RecordingSource>(
-        new RecordingSource(std::move(*reader), std::move(*contents), *chosen, speed));
+        new RecordingSource(path, std::move(*reader), std::move(*contents), *chosen, speed));
 }
 
-RecordingSource::RecordingSource(PcapngReader reader_, RecordingContents contents_,
+RecordingSource::RecordingSource(const std::string& path_, PcapngReader reader_,
+                                 RecordingContents contents_,
                                  const std::vector<std::size_t>& chosen, double speed_)
-    : reader(std::move(reader_)),
+    : path(path_),
+      reader(std::move(reader_)),
       contents(std::move(contents_)),
       speed(speed_),
       placeOf(contents.devices.size()),
       deviceOf(chosen),
       blocks([this](const RecordedBlock& from) {
+          // A recording that is still being made may have grown by a device.
+          if (from.device >= placeOf.size()) return;
           const auto place = placeOf[from.device];
           if (!place) return;
           Block block{
@@ -95,6 +107,9 @@ Expected<std::optional<SourceBlock>> RecordingSource::Receive(Milliseconds wait)
     const auto until = DeadlineAfter(wait);
     while (ready.empty()) {
         const auto frame = reader.Next();
+        if (!frame && !reader.Fault().empty()) {
+            return Error{ErrorKind::kInvalidArgument, path + ": " + reader.Fault()};
+        }
         if (!frame) return std::optional<SourceBlock>{};
         blocks.Add(*frame);
     }

@@ -17,7 +17,11 @@ struct RecordingContents {
     CaptureTime start{};
 };
 
-// Reads the whole of a recording. kInvalidArgument when it cannot be read or has a fault.
+// True of standard input ("-") and of pipes: what comes from them can be read only once.
+bool IsReadOnce(const std::string& path);
+
+// Reads the whole of a recording, or what is there before a fault. kInvalidArgument when it cannot
+// be read, or no device has sent anything before the fault.
 Expected<RecordingContents> SurveyRecording(const std::string& path);
 
 // Indices of the devices with one of these names, or all without names. kInvalidArgument, with the
@@ -41,9 +45,10 @@ class RecordingSource final : public StreamSource {
     void PrintTotals() const override;
 
   private:
-    RecordingSource(PcapngReader reader_, RecordingContents contents_,
+    RecordingSource(const std::string& path_, PcapngReader reader_, RecordingContents contents_,
                     const std::vector<std::size_t>& chosen, double speed_);
 
+    const std::string path;
     PcapngReader reader;
     const RecordingContents contents;
     const double speed;

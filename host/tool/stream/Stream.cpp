@@ -50,6 +50,16 @@ Expected<Done> CheckDevices(const StreamOptions& options) {
                          "--arm " + name + ": not among the devices to stream"};
         }
     }
+    if (IsReadOnce(options.from)) {
+        return Error{ErrorKind::kInvalidArgument,
+                     "--from " + options.from +
+                         ": a recording is read twice here, and this can be read only once; give "
+                         "a file, or use vexa-host decode"};
+    }
+    if (options.recording == "-") {
+        return Error{ErrorKind::kInvalidArgument,
+                     "--record -: standard output takes the stream; give a file"};
+    }
     return Done{};
 }
 
@@ -119,14 +129,16 @@ class Pump {
         sink.AddOutage(lost, back);
     }
 
-    // Writes what can be written yet, and says what was not.
-    void Finish() {
+    // Writes what can be written yet, and says what was not. The error of a sink that could not
+    // write all of it.
+    Expected<Done> Finish() {
         sink.Finish();
         const std::size_t unwritten = output.Finish();
         if (unwritten > 0 && output.IsOpen()) {
             std::fprintf(stderr, "vexa-host: the last %zu bytes were not read in time\n",
                          unwritten);
         }
+        return sink.Update();
     }
 
     void PrintUnread() const {
@@ -191,13 +203,17 @@ bool IsLinkLoss(const Error& error) {
 Expected<Done> PumpOn(Pump& pump, UnitSource& source, StreamSink& sink, Clock::time_point end,
                       bool saysSilent) {
     for (;; saysSilent = false) {
-        const auto pumped = pump.RunUntil(end, saysSilent);
+        auto pumped = pump.RunUntil(end, saysSilent);
         if (pumped || !IsLinkLoss(pumped.error())) return pumped;
         const double lost = source.Now();
         std::fprintf(stderr, "vexa-host: %s; connecting again\n", pumped.error().message.c_str());
-        const auto idle = [&sink] { return sink.Update() && !sink.WantsEnd(); };
+        Expected<Done> updated = Done{};
+        const auto idle = [&] {
+            updated = sink.Update();
+            return updated && !sink.WantsEnd();
+        };
         const auto reopened = source.Reopen(end, idle);
-        if (!reopened) return Done{};  // interrupted, or the time is over
+        if (!reopened) return updated;  // of a sink, or: interrupted, or the time is over
         const double back = source.Now();
         std::fprintf(stderr, "vexa-host: connected again after %.1f s\n", back - lost);
         pump.Reopen(lost, back);
@@ -216,10 +232,11 @@ ExitCode Show(const StreamOptions& options, StreamSource& source, UnitSource* un
     if (!sinks) return ReportError(sinks.error());
     Pump pump(source, **sinks, output, *formats, failure);
     const bool saysSilent = !isLive && unit != nullptr;
-    const auto pumped = options.reconnects && unit != nullptr
-                            ? PumpOn(pump, *unit, **sinks, end, saysSilent)
-                            : pump.RunUntil(end, saysSilent);
-    pump.Finish();
+    auto pumped = options.reconnects && unit != nullptr
+                      ? PumpOn(pump, *unit, **sinks, end, saysSilent)
+                      : pump.RunUntil(end, saysSilent);
+    const auto finished = pump.Finish();
+    if (pumped) pumped = finished;
     sinks->reset();  // the terminal is as before
     source.PrintTotals();
     if (options.output.csv) pump.PrintUnread();

@@ -43,7 +43,7 @@ class StreamSink {
     // cannot go on.
     virtual Expected<Done> Update() { return Done{}; }
 
-    // No block comes any more.
+    // No block comes any more. Update() then tells what could not be written.
     virtual void Finish() {}
 
     // True once the user has asked for the end of the stream.

@@ -99,6 +99,7 @@ class UnitSource final : public StreamSource {
     const UnitAddress& unit;
     const StreamedDevices& devices;
     Client* client = nullptr;
+    bool isAway = false;  // the link is lost: `former` has what the client still counts
     std::vector<std::string> names;
     std::vector<std::string> labels;
     std::vector<ChildId> ids;             // of the sensors

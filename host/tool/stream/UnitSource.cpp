@@ -83,12 +83,14 @@ Expected<Done> UnitSource::Reopen(Clock::time_point end, const std::function<boo
         former[i] = StatisticsOf(i);
         if (i == ids.size()) former[i] = {};  // the client goes on counting the DAQ's packets
     }
+    isAway = true;
     std::set<std::string> said;  // each reason once
     while (!IsInterrupted() && Clock::now() < end && idle()) {
         const auto left = std::chrono::ceil<Milliseconds>(end - Clock::now());
         auto done = client->Reconnect(std::min(left, kAttempt));
         if (done) done = client->OpenController(kControllerId, false);
         if (done) done = OpenAll();
+        if (done) isAway = false;
         if (done) return done;
         if (done.error().kind == ErrorKind::kCancelled) return done;
         if (said.insert(done.error().message).second) {
@@ -120,7 +122,8 @@ ChildStatistics UnitSource::OfConnection(std::size_t device) const {
 }
 
 ChildStatistics UnitSource::StatisticsOf(std::size_t device) const {
-    const auto now = OfConnection(device);
+    const bool isCounted = isAway && device < ids.size();
+    const auto now = isCounted ? ChildStatistics{} : OfConnection(device);
     const auto& before = former[device];
     return {before.blocks + now.blocks, before.bytes + now.bytes,
             before.sequenceGaps + now.sequenceGaps, before.dropped + now.dropped};
