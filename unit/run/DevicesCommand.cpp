@@ -1,5 +1,6 @@
 #include "run/DevicesCommand.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <map>
@@ -36,6 +37,10 @@ Inventory TakeInventory() {
         all.iioProblem = error.what();
     }
     return all;
+}
+
+const std::string& NameInScenario(const IioDevice& device) {
+    return !device.label.empty() ? device.label : !device.name.empty() ? device.name : device.id;
 }
 
 std::string IdOf(const HidrawEntry& entry) { return entry.vendor + ":" + entry.product; }
@@ -78,9 +83,12 @@ std::string ScenarioOf(const Inventory& all) {
         devices.push_back(std::move(device));
     };
     for (const auto& device : all.iio) {
+        const std::string& known = NameInScenario(device);
         SourceSettings source;
-        source.iio = device.label.empty() ? device.name : device.label;
-        add(source.iio, false, source);
+        // A name that two have finds the first of them.
+        const bool isUnique = std::ranges::count(all.iio, known, NameInScenario) == 1;
+        source.iio = isUnique ? known : device.id;
+        add(known, false, source);
     }
     for (const auto& path : all.serial) {
         SourceSettings source;

@@ -46,6 +46,13 @@ Bytes OptionIn(Bytes options, std::uint16_t wanted) {
     return {};
 }
 
+// The unit of the time stamps, in ns, by its code: a power of 10, or of 2 with the top bit set.
+double TickOf(std::uint8_t resolution) {
+    constexpr unsigned kBinary = 0x80;
+    const bool isBinary = (resolution & kBinary) != 0;
+    return 1e9 / std::pow(isBinary ? 2 : 10, resolution & ~kBinary);
+}
+
 }  // namespace
 
 RecordedBlocks::RecordedBlocks(const std::string& path_, std::string child_)
@@ -93,11 +100,14 @@ bool RecordedBlocks::ReadRecord() {
             throw SourceError(path + " is a capture of something else than a session's link");
         }
         const Bytes resolution = OptionIn(body.subspan(kInterfaceHead), kResolutionOption);
-        tick = resolution.empty() ? 1e3 : 1e9 / std::pow(10, resolution[0]);
+        tick = resolution.empty() ? 1e3 : TickOf(resolution[0]);
     }
     if (type != kPacket || body.size() < kPacketHead) return true;
     const std::size_t captured = LoadLe32(body, 12);
-    if (kPacketHead + Padded(captured) > body.size()) throw SourceError(path + " is damaged");
+    // First without the padding, which may not be counted where a size has 32 bits.
+    if (captured > body.size() - kPacketHead || kPacketHead + Padded(captured) > body.size()) {
+        throw SourceError(path + " is damaged");
+    }
     const Bytes flags = OptionIn(body.subspan(kPacketHead + Padded(captured)), kFlagsOption);
     const std::uint64_t ticks =
         std::uint64_t{LoadLe32(body, 4)} << 32U | std::uint64_t{LoadLe32(body, 8)};
