@@ -35,7 +35,8 @@ class Stream : public testing::Test {
     static void Report(FakeService& self, const Bytes& packet) {
         FakeService::Obey(self, packet);
         if (CommandOf(packet) != 0x70) return;
-        self.SendFramed(Tunnel(0x1001, {0x05, 2, 0x10, 0xFF, 0xE8, 3, 0, 0}, 1));
+        self.SendFramed(
+            Tunnel(vexa::LoadLe32(packet, 13), {0x05, 2, 0x10, 0xFF, 0xE8, 3, 0, 0}, 1));
     }
 
     const std::string folder = testing::TempDir() + "vexa-stream-" + std::to_string(getpid());
@@ -77,6 +78,8 @@ TEST_F(Stream, RecordsWhatItShowsAndShowsWhatWasRecorded) {
          "vexa-host: cannot write o/T.csv: No space left on device\n"},
         {"$host stream --from r --csv --out o 2>&1 | tail -n1",
          "vexa-host: cannot write o/T.csv: No space left on device\n"},
+        {"$host stream a/b a_b --csv --out n --for 300ms 2>&-; grep -h start n/a_b.csv n/a_b-2.csv",
+         "# start UTC, device a/b, child 4097\n# start UTC, device a_b, child 4098\n"},
         // What stands before a fault is shown.
         {"(cat r; echo) >s; $host decode s --csv 2>&1 | sed 's/ at byte.*//'",
          columns + "time_s,value\nT,-240\nT: 1 blocks, 1 samples, 0 gaps in the sequence\n"

@@ -230,7 +230,8 @@ bool PcapngReader::ReadPcapHeader() {
         const std::uint32_t magic = Load32(rest.data());
         if (magic != kMicroMagic && magic != kNanoMagic) continue;
         if (!Need(kHeaderSize)) return false;
-        pcap = Interface{Load16(rest.data() + 20),
+        // The upper half of the field is for flags.
+        pcap = Interface{static_cast<std::uint16_t>(Load32(rest.data() + 20)),
                          magic == kNanoMagic ? kNanoseconds : kDefaultTimeResolution};
         rest = rest.subspan(kHeaderSize);
         nextBlock = kHeaderSize;

@@ -159,7 +159,9 @@ class CsvFolderSink final : public StreamSink {
     }
 
     void AddOutage(double lost, double back) override {
-        for (auto& [device, file] : files) file.sink->AddOutage(lost, back);
+        for (auto& [device, file] : files) {
+            if (file.sink) file.sink->AddOutage(lost, back);
+        }
     }
 
     Expected<Done> Update() override {
@@ -184,11 +186,7 @@ class CsvFolderSink final : public StreamSink {
     };
 
     void Open(File& file, const std::string& label) {
-        std::string name = label;
-        for (char& c : name) {
-            if (c == '/' || static_cast<unsigned char>(c) < ' ') c = '_';
-        }
-        file.path = folder + "/" + name + ".csv";
+        file.path = folder + "/" + names.Take(label) + ".csv";
         file.file.reset(std::fopen(file.path.c_str(), "we"));
         if (!file.file) return NoteFault(file.path);
         const auto write = [this, &file](std::string_view text) {
@@ -205,6 +203,7 @@ class CsvFolderSink final : public StreamSink {
 
     const std::string folder;
     const TimeWriter times;
+    FileNames names;
     std::map<std::size_t, File> files;  // by device
     std::string fault;
 };

@@ -72,6 +72,15 @@ const char* TimeWriter::Column() const {
     return "";
 }
 
+std::string FileNames::Take(std::string wanted) {
+    for (char& c : wanted) {
+        if (c == '/' || static_cast<unsigned char>(c) < ' ') c = '_';
+    }
+    std::string name = wanted;
+    for (int i = 2; !taken.insert(name).second; ++i) name = wanted + '-' + std::to_string(i);
+    return name;
+}
+
 namespace {
 
 class TeeSink final : public StreamSink {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -48,6 +49,16 @@ class StreamSink {
 
     // True once the user has asked for the end of the stream.
     [[nodiscard]] virtual bool WantsEnd() { return false; }
+};
+
+// Names for the files of a sink, no two alike.
+class FileNames {
+  public:
+    // `wanted` without what no file name has; with "-2" and so on after it if that is taken.
+    std::string Take(std::string wanted);
+
+  private:
+    std::set<std::string> taken;
 };
 
 // Takes text for a reader or a file.
@@ -98,8 +109,8 @@ std::unique_ptr<StreamSink> MakeCsvFolderSink(const std::string& folder, const T
 // Samples per second of a device, once they are known.
 using RateOf = std::function<std::optional<double>(std::size_t device)>;
 
-// A WAV file in `folder` for each channel, called LABEL.wav or LABEL.CHANNEL.wav. Gaps are filled
-// with silence, counted, and said on standard error at the end.
+// A WAV file in `folder` for each channel, called LABEL.wav or LABEL.CHANNEL.wav. Gaps of up to an
+// hour are filled with silence; all are counted, and said on standard error at the end.
 std::unique_ptr<StreamSink> MakeWavSink(const std::string& folder, RateOf rateOf);
 
 // Sends each sample to a plotter as a line of text, many lines in a datagram of UDP. "HOST:PORT" or

@@ -18,6 +18,7 @@ namespace vexahost::tool {
 namespace {
 
 constexpr std::size_t kHeaderSize = 44;
+constexpr double kMostSilence = 3600;  // seconds; a longer gap is the step of a clock
 constexpr std::uint64_t kMostBytes = 0xFFFFFFFF - kHeaderSize;
 
 // One file. Nothing is written any more after a fault.
@@ -134,18 +135,25 @@ class WavSink final : public StreamSink {
 
     void Finish() override {
         for (auto& [index, device] : devices) {
-            const double measured = rateOf(index).value_or(1);
-            const auto rate = static_cast<std::uint32_t>(std::max(std::lround(measured), 1L));
+            const auto measured = rateOf(index);
+            const auto rate =
+                static_cast<std::uint32_t>(std::max(std::lround(measured.value_or(1)), 1L));
+            char known[40] = "(rate unknown)";
+            if (measured) std::snprintf(known, sizeof known, "(measured %.3f)", *measured);
             for (WavFile& file : device.files) {
                 file.Finish(rate);
                 std::fprintf(stderr,
-                             "%s: %u samples/s (measured %.3f), %llu samples, %llu gaps filled "
+                             "%s: %u samples/s %s, %llu samples, %llu gaps filled "
                              "with %llu samples of silence\n",
-                             file.Path().c_str(), rate, measured,
+                             file.Path().c_str(), rate, known,
                              static_cast<unsigned long long>(device.samples),
                              static_cast<unsigned long long>(device.gaps),
                              static_cast<unsigned long long>(device.silence));
             }
+            if (device.longGaps == 0) continue;
+            std::fprintf(stderr, "vexa-host: %llu gaps of more than an hour are not filled: %s\n",
+                         static_cast<unsigned long long>(device.longGaps),
+                         device.files.front().Path().c_str());
         }
     }
 
@@ -156,6 +164,7 @@ class WavSink final : public StreamSink {
         double step = 0;
         std::uint64_t samples = 0;
         std::uint64_t gaps = 0;
+        std::uint64_t longGaps = 0;  // not among them
         std::uint64_t silence = 0;
     };
 
@@ -165,19 +174,21 @@ class WavSink final : public StreamSink {
             if (from.format->channels.size() > 1 || channel.name != "value") {
                 name += "." + channel.name;
             }
-            for (char& c : name) {
-                if (c == '/' || static_cast<unsigned char>(c) < ' ') c = '_';
-            }
             const bool isWhole = channel.type.kind == SampleType::Kind::kSigned &&
                                  channel.type.size == 2 && channel.IsPlain();
-            device.files.emplace_back(folder + "/" + name + ".wav", isWhole);
+            device.files.emplace_back(folder + "/" + names.Take(name) + ".wav", isWhole);
         }
     }
 
     // What is shorter than half a block may be the clocks.
     static void FillGap(Device& device, const SampleBlock& samples) {
         if (!device.next || device.step <= 0) return;
-        const double missing = (samples.times.first - *device.next) / device.step;
+        const double seconds = samples.times.first - *device.next;
+        if (seconds > kMostSilence) {
+            ++device.longGaps;
+            return;
+        }
+        const double missing = seconds / device.step;
         if (missing < std::max(static_cast<double>(samples.Count()) / 2, 1.0)) return;
         const auto count = static_cast<std::uint64_t>(std::llround(missing));
         for (WavFile& file : device.files) {
@@ -190,6 +201,7 @@ class WavSink final : public StreamSink {
 
     const std::string folder;
     const RateOf rateOf;
+    FileNames names;
     std::map<std::size_t, Device> devices;
     std::string fault;
 };
