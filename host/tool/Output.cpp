@@ -17,7 +17,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr milliseconds kSlice{50};  // how often a wait looks for an interrupt
+constexpr milliseconds kWriteSlice{50};  // how often a wait looks for an interrupt
 
 }  // namespace
 
@@ -41,7 +41,7 @@ bool PatientOutput::Write(Clock::time_point deadline) {
     while (isOpen && !pending.empty() && !IsInterrupted()) {
         const auto now = Clock::now();
         const auto left = std::chrono::ceil<milliseconds>(deadline - now);
-        if (!WriteSome(std::clamp(left, milliseconds{0}, kSlice))) break;
+        if (!WriteSome(std::clamp(left, milliseconds{0}, kWriteSlice))) break;
         if (now >= deadline) break;
     }
     return isOpen;
@@ -51,7 +51,7 @@ std::size_t PatientOutput::Finish() {
     constexpr std::chrono::seconds kPatience{1};
     const auto end = Clock::now() + kPatience;
     while (isOpen && !pending.empty() && Clock::now() < end) {
-        if (!WriteSome(kSlice)) break;
+        if (!WriteSome(kWriteSlice)) break;
     }
     return pending.size();
 }

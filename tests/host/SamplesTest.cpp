@@ -62,7 +62,7 @@ TEST(DeviceFile, SaysWhereItIsWrong) {
     EXPECT_EQ(Decoded(format.channels[0], Hex("00 01 00 00 ff fe 00")),
               (std::vector<double>{2, -4}));
     const std::pair<std::string, const char*> cases[] = {
-        {"{", "file: line 1 is no JSON"},
+        {"{", "file: line 1 is not JSON"},
         {"[]", "file: expected an object"},
         {R"({"A": {"rate": 1e999}})", "file: number overflow"},
         {R"({"A": 5})", "file: A: expected an object"},

@@ -53,7 +53,7 @@ TEST(Tool, PrintsWhatHappenedAndExitsAccordingly) {
         {"sync --dir /" + std::string(200, 'x'), 2, "the path is too long for a socket"},
         {"stream A --for soon", 2, "--for soon: expected a time such as 3s"},
         {"stream", 2, "NAME is required"},
-        {"stream A --format u9@1", 2, "--format u9@1: \"u9\" is no type"},
+        {"stream A --format u9@1", 2, "--format u9@1: \"u9\" is not a type"},
         {"stream A --arm B", 2, "--arm B: not among the devices"},
         {"send 4", 2, "expected bytes in hex"},
         {"close 5", 2, "\"5\": only the controller can be closed"},

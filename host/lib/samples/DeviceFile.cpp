@@ -181,7 +181,7 @@ Expected<DeviceFormats> ParseDeviceFile(std::string_view text, const std::string
         std::size_t line = 1;
         for (const char c : text.substr(0, error.byte)) line += c == '\n' ? 1 : 0;
         return Error{ErrorKind::kInvalidArgument,
-                     where + "line " + std::to_string(line) + " is no JSON: " + error.what()};
+                     where + "line " + std::to_string(line) + " is not JSON: " + error.what()};
     } catch (const Json::exception& error) {  // such as a number beyond all that are known
         const std::string what = error.what();
         const std::size_t front = what.find("] ");  // of the parser's own name for it

@@ -205,9 +205,10 @@ Expected<std::pair<std::string, ChannelFormat>> ParseChannelFormat(const std::st
     if (!typeName) return WrongFormat(text, "expected [NAME:][CHANNEL=]TYPE@OFFSET[xCOUNT]");
     const auto type = SampleType::Parse(*typeName);
     if (!type) {
-        return WrongFormat(text, "\"" + *typeName +
-                                     "\" is no type: u8 i8, or u16 i16 u32 i32 f32 f64 with le or "
-                                     "be at the end");
+        return WrongFormat(text,
+                           "\"" + *typeName +
+                               "\" is not a type: u8 i8, or u16 i16 u32 i32 f32 f64 with le or "
+                               "be at the end");
     }
     const auto offsetText = CutOff(rest, 'x');
     const auto offset = ParseCount(offsetText ? *offsetText : rest, 0, kMostBytes - 1);

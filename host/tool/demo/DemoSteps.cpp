@@ -155,7 +155,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr Milliseconds kReadFor{3000};
-constexpr Milliseconds kPause{20};
+constexpr Milliseconds kPaceWait{20};
 constexpr int kEchoes = 20;
 constexpr ChildId kUnknownChild = 0x2A2A;
 constexpr int kMostChildren = 10;  // the controller included
@@ -210,7 +210,7 @@ void Demo::ReadSensors() {
 
     const auto takeAll = [&](auto&& use) {
         for (std::size_t i = 0; i < children.size(); ++i) {
-            const Milliseconds wait = i == 0 ? kPause : Milliseconds{0};
+            const Milliseconds wait = i == 0 ? kPaceWait : Milliseconds{0};
             while (const auto block = client->Receive(children[i].second, wait)) {
                 use(i, block->bytes);
                 if (i == 0) break;  // the first one sets the pace

@@ -73,7 +73,7 @@ Expected<Done> Relay::Listen(const std::string& directory) {
     if (SomebodyListens(address)) return failed("something listens there already");
     struct stat status {};
     if (lstat(path.c_str(), &status) == 0) {
-        if (!S_ISSOCK(status.st_mode)) return failed("a file of this name is no socket");
+        if (!S_ISSOCK(status.st_mode)) return failed("a file of this name is not a socket");
         unlink(path.c_str());
     }
     Descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));

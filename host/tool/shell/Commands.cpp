@@ -30,7 +30,7 @@ Outcome Said(const Expected<T>& result, std::string text) {
 }
 
 Outcome WrongId(const std::string& text) {
-    return Outcome::Wrong(text + ": no device with this name is open, and it is no id");
+    return Outcome::Wrong(text + ": no device with this name is open, and it is not an id");
 }
 
 Outcome WrongHex() { return Outcome::Wrong("expected bytes in hex, two digits each: 40 05 01 46"); }

@@ -55,9 +55,9 @@ std::string HistoryFile() {
     return error ? "" : (folder / "history").string();
 }
 
-termios before;  // former terminal settings; read by a signal handler
+termios terminalBefore;  // former terminal settings; read by a signal handler
 
-void RestoreTerminal() { tcsetattr(STDIN_FILENO, TCSANOW, &before); }
+void RestoreTerminal() { tcsetattr(STDIN_FILENO, TCSANOW, &terminalBefore); }
 
 char* NextCandidate(const char* text, int state) {
     if (state == 0) editing.next = 0;
@@ -88,7 +88,7 @@ void OnLine(char* line) {
 
 Prompt::Prompt(Complete complete) {
     editing.complete = std::move(complete);
-    tcgetattr(STDIN_FILENO, &before);
+    tcgetattr(STDIN_FILENO, &terminalBefore);
     restoring.emplace(RestoreTerminal);
     rl_readline_name = "vexa-host";
     rl_attempted_completion_function = CompleteWord;
