@@ -105,7 +105,10 @@ print('ready', flush=True)""",
 @pytest.mark.parametrize("name", PROGRAMS)
 def test_nothing_keeps_a_program(name: str, virtual_unit: vexahost.VirtualUnit) -> None:
     text = (
-        "import os, sys, vexahost\nunit = vexahost.connect(sys.argv[1])\nunit.open_controller()\n"
+        "import os, signal, sys, vexahost\n"
+        # A shell that starts the tests in the background has it ignored.
+        "signal.signal(signal.SIGINT, signal.default_int_handler)\n"
+        "unit = vexahost.connect(sys.argv[1])\nunit.open_controller()\n"
         "d = unit.open('Microphone')\n" + PROGRAMS[name]
     )
     command = [sys.executable, "-c", text, virtual_unit.folder]
@@ -113,7 +116,10 @@ def test_nothing_keeps_a_program(name: str, virtual_unit: vexahost.VirtualUnit) 
         assert program.stdout is not None and program.stdout.readline() == b"ready\n"
         if name == "ctrl-c":
             program.send_signal(signal.SIGINT)
-        assert program.wait(20) == (-signal.SIGINT if name == "ctrl-c" else 0)
+        try:
+            assert program.wait(20) == (-signal.SIGINT if name == "ctrl-c" else 0)
+        finally:
+            program.kill()
 
 
 def test_asyncio_leaves_no_thread_behind(virtual_unit: vexahost.VirtualUnit) -> None:
