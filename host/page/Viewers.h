@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <optional>
 #include <span>
@@ -11,6 +12,8 @@
 #include <vector>
 
 #include "page/PacketLog.h"
+
+struct lws;
 
 namespace vexahost::page {
 
@@ -60,6 +63,49 @@ class Viewer {
     std::size_t queued = 0;  // bytes
     std::uint64_t dropped = 0;
     std::uint64_t droppedUntold = 0;
+};
+
+// All that are connected, by their numbers.
+class Viewers {
+  public:
+    // A connection begins; it has to show the token soon.
+    Viewer& Begin(lws* wsi);
+    void End(Viewer& viewer);
+
+    [[nodiscard]] bool IsEmpty() const { return viewers.empty(); }
+    [[nodiscard]] std::size_t Count() const { return viewers.size(); }
+    [[nodiscard]] bool HasKnown() const;
+    // Of those that have left as well.
+    [[nodiscard]] std::uint64_t DroppedFrames() const;
+
+    // Calls visit(viewer) for those that have shown the token.
+    template <typename Visit>
+    void ForEach(Visit visit) {
+        for (auto& [number, known] : viewers) {
+            if (known.viewer->isKnown) visit(*known.viewer);
+        }
+    }
+
+    // For one viewer, if it is still there, or for all that have shown the token. Who takes no
+    // text either is dropped.
+    void Add(std::uint64_t viewer, const std::shared_ptr<Message>& message);
+    void AddToAll(const std::shared_ptr<Message>& message);
+
+    // Has the library call for what waits.
+    void AskToSend();
+    // Sends what the connection takes. The result is that of the library's callback.
+    static int Send(lws* wsi, Viewer& viewer);
+
+  private:
+    struct Connected {
+        lws* wsi;
+        std::unique_ptr<Viewer> viewer;
+    };
+    static void Add(Connected& to, const std::shared_ptr<Message>& message);
+
+    std::map<std::uint64_t, Connected> viewers;
+    std::uint64_t nextViewer = 1;
+    std::uint64_t formerDropped = 0;  // of viewers that have left
 };
 
 }  // namespace vexahost::page

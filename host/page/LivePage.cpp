@@ -1,0 +1,204 @@
+#include "page/LivePage.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "vexahost/SessionRecorder.h"
+
+namespace vexahost::page {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::milliseconds kStatePeriod{250};  // of the counts
+constexpr std::size_t kMostPackets = 50;                // a tick
+constexpr std::size_t kMostLogLines = 500;
+constexpr std::size_t kMostFilterText = 200;
+
+double SecondsOf(std::chrono::nanoseconds time) {
+    return std::chrono::duration<double>(time).count();
+}
+
+CaptureTime StartOf(const LiveUnit& unit) {
+    return std::chrono::duration_cast<CaptureTime>(unit.Start().time_since_epoch());
+}
+
+}  // namespace
+
+LivePage::LivePage(const ServerOptions& options_, const Access& access_,
+                   std::function<void()> wake_)
+    : options(options_), access(access_), wake(std::move(wake_)) {}
+
+Expected<Done> LivePage::Start() {
+    auto unitOptions = options.unit;
+    unitOptions.factory = Tapped(std::move(unitOptions.factory), log);
+    if (!options.recording.empty()) {
+        auto recorder = SessionRecorder::Create(options.recording);
+        if (!recorder) return recorder.error();
+        unitOptions.factory = Recorded(std::move(unitOptions.factory), *recorder);
+    }
+    const auto tell = [this] {
+        if (!hasNews.exchange(true)) wake();
+    };
+    if (!options.controlSocket.empty()) {
+        control = std::make_unique<UnitControl>(options.controlSocket, tell);
+    }
+    unit = std::make_unique<LiveUnit>(std::move(unitOptions), tell);
+    return Done{};
+}
+
+void LivePage::Stop() {
+    unit.reset();
+    control.reset();
+}
+
+void LivePage::End(Viewer& viewer) {
+    viewers.End(viewer);
+    if (viewers.IsEmpty() && control) control->Watch(false);
+}
+
+bool LivePage::Take(Viewer& viewer, std::string_view piece, bool isLast) {
+    if (viewer.incoming.size() + piece.size() > Viewer::kLongestRequest) return false;
+    viewer.incoming += piece;
+    if (!isLast) return true;
+    const std::string text = std::exchange(viewer.incoming, {});
+    auto request = ParseRequest(text);
+    if (!request) {
+        if (!viewer.isKnown) return false;
+        viewers.Add(viewer.number, Message::Text(AnswerText(0, request.error().message)));
+        return true;
+    }
+    return Obey(viewer, std::move(*request));
+}
+
+// False when the viewer has to go.
+bool LivePage::Obey(Viewer& viewer, ViewerRequest request) {
+    if (!viewer.isKnown) return Greet(viewer, request);
+    if (request.filter.text.size() > kMostFilterText) request.filter.text.resize(kMostFilterText);
+    const auto answer = [this, number = viewer.number, id = request.id](const std::string& problem,
+                                                                        const std::string& body) {
+        Post(number, AnswerText(id, problem, body));
+    };
+    const bool controls =
+        request.kind == ViewerRequest::Kind::kOrder || request.kind == ViewerRequest::Kind::kUnit;
+    if (controls && !options.mayControl) {
+        answer("this page may look, and change nothing", "");
+        return true;
+    }
+    switch (request.kind) {
+        case ViewerRequest::Kind::kHello:
+            break;
+        case ViewerRequest::Kind::kFilter:
+            viewer.filter = request.filter;
+            viewer.follows = request.follows;
+            viewer.logEnd = log.End();
+            break;
+        case ViewerRequest::Kind::kLog:
+            SendLog(viewer, request);
+            break;
+        case ViewerRequest::Kind::kUnit:
+            if (control)
+                control->Ask(std::move(request.unitRequest), answer);
+            else
+                answer("this unit is not a virtual one", "");
+            break;
+        case ViewerRequest::Kind::kOrder:
+            request.order->answer = [answer](const std::string& problem) { answer(problem, ""); };
+            unit->Add(std::move(*request.order));
+            break;
+    }
+    return true;
+}
+
+bool LivePage::Greet(Viewer& viewer, const ViewerRequest& request) {
+    if (request.kind != ViewerRequest::Kind::kHello || !access.IsToken(request.token)) return false;
+    const bool isFirst = !viewers.HasKnown();
+    viewer.isKnown = true;
+    viewer.logEnd = log.End();
+    const double start = SecondsOf(unit->Start().time_since_epoch());
+    viewer.Add(Message::Text(HelloText({options.unitText, options.version, options.mayControl,
+                                        control != nullptr, !options.recording.empty(), start})));
+    if (isFirst) static_cast<void>(unit->TakeSamples());  // none from before its time
+    if (control) control->Watch(true);
+    stateAt = {};
+    return true;
+}
+
+void LivePage::SendLog(Viewer& viewer, const ViewerRequest& request) {
+    const CaptureTime start = StartOf(*unit);
+    std::uint64_t end = request.before.value_or(UINT64_MAX);
+    if (request.at) {
+        const auto from = std::chrono::duration<double>(*request.at);
+        end =
+            log.NumberAt(start + std::chrono::duration_cast<CaptureTime>(from)) + kMostLogLines / 2;
+    }
+    const auto found = log.Before(end, request.filter, kMostLogLines);
+    viewers.Add(viewer.number, Message::Text(PacketsText(found, start, request.id)));
+}
+
+void LivePage::Tick() {
+    const auto samples = unit->TakeSamples();
+    if (!samples.empty()) {
+        const auto message = Message::Samples(SamplesMessage(samples));
+        viewers.ForEach([&](Viewer& viewer) { viewer.AddSamples(message); });
+    }
+    SendState();
+    SendPackets();
+    viewers.AskToSend();
+}
+
+void LivePage::SendState() {
+    const std::uint64_t current = unit->StateNumber();
+    const bool isDue = Clock::now() - stateAt > kStatePeriod;
+    if (current == stateNumber && !isDue) return;
+    stateNumber = current;
+    stateAt = Clock::now();
+    const auto now = std::chrono::system_clock::now() - unit->Start();
+    UnitState state = unit->State();
+    state.bytesReceived = log.Received();
+    viewers.AddToAll(Message::Text(
+        StateText(state, control ? control->State() : "", SecondsOf(now), viewers.Count())));
+}
+
+void LivePage::SendPackets() {
+    const CaptureTime start = StartOf(*unit);
+    viewers.ForEach([&](Viewer& viewer) {
+        if (!viewer.follows) return;
+        const auto page = log.Since(viewer.logEnd, viewer.filter, kMostPackets);
+        if (page.lines.empty()) return;
+        viewers.Add(viewer.number, Message::Text(PacketsText(page, start, std::nullopt)));
+    });
+}
+
+// Any thread.
+void LivePage::Post(std::uint64_t viewer, std::string text) {
+    {
+        const vexa::MutexLock lock(mutex);
+        posted.push_back({viewer, std::move(text)});
+    }
+    wake();
+}
+
+void LivePage::SendNews() {
+    std::vector<Posted> waiting;
+    {
+        const vexa::MutexLock lock(mutex);
+        waiting = std::exchange(posted, {});
+    }
+    for (Posted& each : waiting) viewers.Add(each.viewer, Message::Text(each.text));
+    if (hasNews.exchange(false)) {
+        stateNumber = 0;
+        SendState();
+    }
+    viewers.AskToSend();
+}
+
+std::string LivePage::Metrics() {
+    UnitState state = unit->State();
+    state.bytesReceived = log.Received();
+    return MetricsText(state, viewers.Count(), viewers.DroppedFrames());
+}
+
+}  // namespace vexahost::page

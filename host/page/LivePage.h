@@ -1,0 +1,78 @@
+// What viewers see of the unit, and what they ask for.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "foundation/Mutex.h"
+#include "page/Access.h"
+#include "page/Messages.h"
+#include "page/PacketLog.h"
+#include "page/Server.h"
+#include "page/UnitControl.h"
+#include "page/Viewers.h"
+
+namespace vexahost::page {
+
+// Event loop's thread only.
+class LivePage {
+  public:
+    // `wake` makes the loop call SendNews; any thread calls it. All arguments must outlive the
+    // page.
+    LivePage(const ServerOptions& options, const Access& access, std::function<void()> wake);
+
+    // Begins to watch the unit. kInvalidArgument when the recording cannot be made.
+    Expected<Done> Start();
+    // Ends that: nothing calls `wake` any more.
+    void Stop();
+
+    [[nodiscard]] bool HasViewers() const { return !viewers.IsEmpty(); }
+    Viewer& Begin(lws* wsi) { return viewers.Begin(wsi); }
+    void End(Viewer& viewer);
+
+    // A piece of a request, and whether it is the last. False when the viewer has to go.
+    bool Take(Viewer& viewer, std::string_view piece, bool isLast);
+
+    // Thirty times a second while there are viewers.
+    void Tick();
+    // After `wake`.
+    void SendNews();
+
+    [[nodiscard]] std::string Metrics();
+
+  private:
+    bool Obey(Viewer& viewer, ViewerRequest request);
+    bool Greet(Viewer& viewer, const ViewerRequest& request);
+    void SendLog(Viewer& viewer, const ViewerRequest& request);
+    void SendState();
+    void SendPackets();
+    void Post(std::uint64_t viewer, std::string text);
+
+    const ServerOptions& options;
+    const Access& access;
+    const std::function<void()> wake;
+    PacketLog log;
+    Viewers viewers;
+    std::uint64_t stateNumber = 0;
+    std::chrono::steady_clock::time_point stateAt{};
+
+    struct Posted {
+        std::uint64_t viewer;
+        std::string text;
+    };
+    vexa::Mutex mutex;
+    std::vector<Posted> posted VEXA_GUARDED_BY(mutex);  // by other threads
+    std::atomic<bool> hasNews = false;
+
+    // Their threads post.
+    std::unique_ptr<UnitControl> control;
+    std::unique_ptr<LiveUnit> unit;
+};
+
+}  // namespace vexahost::page
