@@ -102,11 +102,12 @@ class Channel:
         self._expected = expected
 
     def add(self, block: RawBlock) -> None:
+        data, _, sequence, checksum_right = block
         stats = self.stats
         stats.blocks += 1
-        stats.bytes += len(block.data)
-        if block.checksum_right:
-            self.count_sequence(block.sequence)
+        stats.bytes += len(data)
+        if checksum_right:
+            self.count_sequence(sequence)
         else:
             stats.wrong_checksums += 1
             self._expected = None  # its number may be what is wrong

@@ -10,6 +10,7 @@ from __future__ import annotations
 
 import struct
 from typing import Optional
+from zlib import adler32
 
 HEADER_SIZE = 4
 MAX_SIZE = 255
@@ -63,10 +64,10 @@ _ERRORS = {
 def checksum(packet: bytes) -> int:
     """The checksum that belongs into byte 3. Payloads of 250 and 251 bytes do not count."""
     length = packet[1]
-    total = packet[0] + length + packet[2]
-    if 5 <= length <= 253:
-        total += sum(packet[4:length])
-    return total & 0xFF
+    if not 5 <= length <= 253:
+        return (packet[0] + length + packet[2]) & 0xFF
+    # The lower half of this sum, which zlib has, is 1 and all bytes: they are too few to overflow it.
+    return (adler32(packet[:length]) - 1 - packet[3]) & 0xFF
 
 
 def has_right_checksum(packet: bytes) -> bool:

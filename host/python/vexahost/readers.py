@@ -124,7 +124,7 @@ class PacketReader:
 
     def next(self) -> Optional[Packet]:
         """The next packet; None when the input is used up, or after a violation."""
-        while self.has_input and not self.is_violated:
+        while self._at < len(self._input) and not self.is_violated:
             if not self.in_step or self.awaits_sync_reply:
                 packet = self._add_byte(self._input[self._at])
             elif self._partial:

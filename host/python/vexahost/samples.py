@@ -13,7 +13,7 @@ import struct
 from array import array
 from dataclasses import dataclass, fields
 from functools import cached_property
-from typing import Any, Dict, List, Mapping, NamedTuple, Optional, Sequence, Union
+from typing import Any, Dict, List, Mapping, NamedTuple, Optional, Sequence, Tuple, Union
 
 from . import packets
 from .errors import InvalidArgument
@@ -73,17 +73,26 @@ class ChannelFormat:
         """The type as struct writes it, with its byte order."""
         return _code(self.type)
 
-    def decode(self, block: bytes) -> Samples:
+    @cached_property
+    def _layout(self) -> Tuple[str, int, int, bool, Any, Any]:
+        """Code, size, stride, whether it is scaled; numpy's types in the block and as samples."""
         code = str(self.code)
         size = _SIZES[code[1]]
-        stride = self.stride or size
-        fit = max(0, (len(block) - self.offset - size) // stride + 1)
-        count = fit if self.count is None else min(fit, self.count)
         scaled = self.scale != 1.0 or self.bias != 0.0
+        kinds = (None, None) if numpy is None else (numpy.dtype(code), numpy.dtype(code[1]))
+        return (code, size, self.stride or size, scaled, *kinds)
+
+    def decode(self, block: bytes) -> Samples:
+        code, size, stride, scaled, read, kept = self._layout
+        count = (len(block) - self.offset - size) // stride + 1
+        if count <= 0:
+            count = 0
+        elif self.count is not None and count > self.count:
+            count = self.count
         if numpy is not None:
             place = self.offset if count > 0 else 0  # also in a block that is too short
-            view: Any = numpy.ndarray((count,), code, block, place, (stride,))
-            found = view.astype(code[1])  # a copy that can be written to
+            view: Any = numpy.ndarray((count,), read, block, place, (stride,))
+            found = view.astype(kept)  # a copy that can be written to
             return found * self.scale + self.bias if scaled else found
         places = range(self.offset, self.offset + count * stride, stride)
         numbers = [struct.unpack_from(code, block, place)[0] for place in places]
@@ -119,13 +128,16 @@ class TimeFormat:
         return 0.0 if code in "fd" else self.tick * 2.0 ** (8 * _SIZES[code])
 
     @cached_property
-    def _number(self) -> struct.Struct:
-        return struct.Struct(str(_code(self.type)))
+    def _layout(self) -> Tuple[struct.Struct, int, float]:
+        """What reads it, the least size of a block that has it, and its tick."""
+        number = struct.Struct(str(_code(self.type)))
+        return number, self.offset + number.size, self.tick
 
     def seconds(self, block: bytes) -> Optional[float]:
-        if self.offset + self._number.size > len(block):
+        number, least, tick = self._layout
+        if least > len(block):
             return None
-        found = float(self._number.unpack_from(block, self.offset)[0]) * self.tick
+        found: float = number.unpack_from(block, self.offset)[0] * tick
         return found if math.isfinite(found) else None
 
 

@@ -35,6 +35,8 @@ class Block:
         self.received = raw.received - zero
         #: False for a damaged packet of the DAQ, whose samples are left out.
         self.checksum_right = raw.checksum_right
+        #: Samples of each channel.
+        self.count = span[2]
         self._raw = raw
         self._zero = zero
         self._span = span
@@ -49,11 +51,6 @@ class Block:
     def device_time(self) -> Optional[float]:
         """Seconds since its stream was opened, by the device's own clock, where it is known."""
         return self._format.device_time(self.bytes) if self._format else None
-
-    @property
-    def count(self) -> int:
-        """Samples of each channel."""
-        return self._span.length
 
     def _part(self, begin: int, end: int) -> Block:
         first, step, _ = self._span
@@ -97,7 +94,8 @@ class SampleReader:
             return Block(samples.NONE, raw, self._zero, Span(begin - self._zero, step, 0), None)
         values = form.decode(raw.data)
         count = samples.sample_count(values, len(form.channels))
-        begin, step = self._timing.place(raw, count, form.device_time(raw.data))
+        device = form.time.seconds(raw.data) if form.time else None
+        begin, step = self._timing.place(raw, count, device)
         return Block(values, raw, self._zero, Span(begin - self._zero, step, count), form)
 
 
@@ -162,7 +160,7 @@ class Source:
         channel = self._channel()
         while True:
             while channel.blocks and self._held < count:
-                block = self._decode(channel.blocks.popleft())
+                block = self._reader.read(channel.blocks.popleft())
                 if block.count > 0:
                     self._pending.append(block)
                     self._held += block.count

@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 from collections import deque
+from math import inf
 from statistics import median
 from typing import TYPE_CHECKING, Deque, Optional, Tuple
 
@@ -11,7 +12,7 @@ from .inbox import RawBlock
 if TYPE_CHECKING:
     from .samples import TimeFormat
 
-_MEMORY = 1000  # blocks that the line goes by
+_KEPT = 1 - 1 / 1000  # of a block's weight at the next one: the line goes by about 1,000 blocks
 _FULL_NOISE = 5.0  # times the usual noise: further off, a block counts less
 _SHIFTED_NOISE = 25.0  # times the usual noise: a block that is off
 _SHIFTED_BLOCKS = 16  # in a row that are off: the device has moved
@@ -71,28 +72,30 @@ class _Line:
             return 0.0
         return time - (self._origin + self.step * samples + self._offset)
 
-    def add(self, samples: float, time: float) -> None:
-        distance = abs(self.distance(samples, time))
+    def add(self, samples: float, time: float, distance: float) -> None:
+        """`distance`: that of the block."""
+        weight = 1.0
         if self.blocks == 0:
             self._origin = time
         else:
             self.skip(samples)
-            kept = 1 - 1 / _MEMORY
-            self._sum *= kept
-            self._x *= kept
-            self._xx *= kept
-            self._t *= kept
-            self._xt *= kept
+            self._sum *= _KEPT
+            self._x *= _KEPT
+            self._xx *= _KEPT
+            self._t *= _KEPT
+            self._xt *= _KEPT
+            if self.blocks >= _SURE_BLOCKS and not -self._limit <= distance <= self._limit:
+                weight = self._limit / abs(distance)
         self.blocks += 1
-        is_far = self.blocks > _SURE_BLOCKS and distance > self._limit
-        weight = self._limit / distance if is_far else 1.0
-        self._sum += weight
-        self._t += weight * (time - self._origin)
+        self._sum = total = self._sum + weight
+        self._t = moved = self._t + weight * (time - self._origin)
+        x = self._x
         spread = self._xx + self._known_weight
         product = self._xt + self._known_weight * self._known_step
-        determinant = self._sum * spread - self._x * self._x
-        self._offset = (self._t * spread - self._x * product) / determinant
-        self.step = max((self._sum * product - self._x * self._t) / determinant, _SHORTEST_STEP)
+        determinant = total * spread - x * x
+        self._offset = (moved * spread - x * product) / determinant
+        step = (total * product - x * moved) / determinant
+        self.step = step if step > _SHORTEST_STEP else _SHORTEST_STEP
 
 
 class _ClockOffset:
@@ -102,6 +105,7 @@ class _ClockOffset:
         self._slices: Deque[Tuple[float, float]] = deque(maxlen=12)  # device time, difference
         self._current: Optional[Tuple[float, float]] = None
         self._slice_began = self._began = self._last = 0.0
+        self._least = inf  # difference of the slices
         self._trend = self._at_zero = 0.0  # seconds a second; difference at device time 0
         self._offset = 0.0
 
@@ -115,11 +119,6 @@ class _ClockOffset:
         self._trend = min(max(median(slopes), -_MOST_TREND), _MOST_TREND)
         self._at_zero = median([difference - self._trend * at for at, difference in points])
 
-    def _target(self, device: float, least: float) -> float:
-        if len(self._slices) >= _TREND_SLICES:
-            return self._at_zero + self._trend * device
-        return min([least] + [difference for _, difference in self._slices])
-
     def add(self, device: float, arrival: float) -> float:
         """Seconds to add to the device's time: they change only slowly, but for a jump."""
         difference = arrival - device
@@ -130,20 +129,27 @@ class _ClockOffset:
             self._current = (device, difference)
             self._offset = difference
             return difference
-        elapsed = device - self._last
+        # A new block can move the line's end back.
+        elapsed = device - self._last if device > self._last else 0.0
         self._last = device
         if device - self._slice_began >= _SLICE:
             self._slices.append(self._current)
+            self._least = min(slice_least for _, slice_least in self._slices)
             self._current = (device, difference)
             self._slice_began = device
             if len(self._slices) >= _TREND_SLICES:
                 self._update_trend()
-        if difference < self._current[1]:
+        least = self._current[1]
+        if difference < least:
             self._current = (device, difference)
-        slew = _EARLY_SLEW if device - self._began < _EARLY else _SLEW
-        most = elapsed * slew
-        target = self._target(device, self._current[1])
-        self._offset += min(max(target - self._offset, -most), most)
+            least = difference
+        if len(self._slices) >= _TREND_SLICES:
+            target = self._at_zero + self._trend * device
+        else:
+            target = least if least < self._least else self._least
+        most = elapsed * (_EARLY_SLEW if device - self._began < _EARLY else _SLEW)
+        change = target - self._offset
+        self._offset += change if -most <= change <= most else most if change > 0 else -most
         return self._offset
 
 
@@ -170,6 +176,7 @@ class Timing:
         self._sequence: Optional[int] = None
         self._device: Optional[float] = None  # the newest, as it stands in the block
         self._wrapped = 0.0  # seconds that wraps of the device's time have added
+        self._noise = _ARRIVAL_NOISE  # of the times that samples follow
         self._end = opened  # time of the last sample
         self._off = 0  # blocks in a row that were far from the line, negative: before it
         self._off_since = 0.0  # the first of them
@@ -185,24 +192,20 @@ class Timing:
             return self._stated
         return 1 / self._line.step
 
-    def _unwrap(self, device: float) -> Tuple[float, bool]:
-        """The device's time without wraps, and whether it was set back."""
-        back = device if self._device is None else self._device
-        back -= device
+    def _begin_device(self, device: float) -> None:
+        """The first block with the device's own time."""
         self._device = device
+        self._noise = max(_TICK_NOISE * self._tick, _LEAST_NOISE)
+
+    def _set_back(self, back: float) -> bool:
+        """The device's time went back: False when it has wrapped, or by so little that it went on."""
         is_wrap = self._wrap > 0 and back > self._wrap / 2
         is_back = not is_wrap and back > _JUMP
         if is_wrap:
             self._wrapped += self._wrap
         elif is_back:
             self._wrapped = 0.0
-        return device + self._wrapped, is_back
-
-    @property
-    def _noise(self) -> float:
-        if self._device is None:
-            return _ARRIVAL_NOISE
-        return max(_TICK_NOISE * self._tick, _LEAST_NOISE)
+        return is_back
 
     def _begin(self, passed: float, count: int, trust: float) -> None:
         if self._learned is not None:
@@ -245,33 +248,44 @@ class Timing:
             return arrival, 0.0
         observed, is_back = arrival, False
         if device is not None:
-            observed, is_back = self._unwrap(device)
-            observed += self._tick / 2  # a count of whole ticks: the middle of one
+            before = self._device
+            if before is None:
+                self._begin_device(device)
+            else:
+                is_back = device < before and self._set_back(before - device)
+                self._device = device
+            # A count of whole ticks: the middle of one.
+            observed = device + self._wrapped + self._tick / 2
         is_bridged = not follows and self._bridges(lost, count, observed)
         distance = line.distance(count, observed)
         is_sure = line.blocks >= _SURE_BLOCKS
         # What was held up comes at once, and late: only what stays off has moved.
         if not is_sure or abs(distance) <= _SHIFTED_NOISE * self._noise:
-            self._off = 0
+            self._off, is_shifted = 0, False
         else:
             self._off = max(self._off, 0) + 1 if distance > 0 else min(self._off, 0) - 1
             if abs(self._off) == 1:
                 self._off_since = observed
-        is_shifted = abs(self._off) >= _SHIFTED_BLOCKS and observed - self._off_since >= _JUMP
+            is_long = observed - self._off_since >= _JUMP
+            is_shifted = is_long and abs(self._off) >= _SHIFTED_BLOCKS
         goes_on = line.blocks > 0 and not (is_back or is_shifted)
         if not goes_on or not (follows or is_bridged):
             passed = max(arrival - self._end, _SHORTEST_STEP)
             if device is not None:
                 passed = min(max(observed, _SHORTEST_STEP), passed)
             self._begin(passed, count, _SHIFTED_TRUST if is_shifted else _LEARNED_TRUST)
+            distance = 0.0
             if is_back:
                 self._clocks = _ClockOffset()
-        line.add(count, observed)
+        line.add(count, observed, distance)
         usual = line.step * count
         end = line.end
         if device is not None:
             end += self._clocks.add(end, arrival)
-        begin = self._end if goes_on and follows else max(self._end, end - usual)
-        self._end = max(end, begin + _LEAST_PART * usual)
-        step = (self._end - begin) / count
+        begin = self._end
+        if not (goes_on and follows) and end - usual > begin:
+            begin = end - usual
+        least = begin + _LEAST_PART * usual
+        self._end = end = end if end > least else least
+        step = (end - begin) / count
         return begin + step, step
