@@ -123,6 +123,7 @@ bool LivePage::Greet(Viewer& viewer, const ViewerRequest& request) {
     if (isFirst) static_cast<void>(unit->TakeSamples());  // none from before its time
     if (control) control->Watch(true);
     stateAt = {};
+    sentUnit.clear();
     return true;
 }
 
@@ -158,17 +159,36 @@ void LivePage::SendState() {
     const auto now = std::chrono::system_clock::now() - unit->Start();
     UnitState state = unit->State();
     state.bytesReceived = log.Received();
-    viewers.AddToAll(Message::Text(
-        StateText(state, control ? control->State() : "", SecondsOf(now), viewers.Count())));
+    std::string attached = control ? control->State() : "";
+    const bool isNew = std::exchange(sentUnit, attached) != attached;
+    if (!isNew) attached.clear();
+    viewers.AddToAll(Message::Text(StateText(state, attached, SecondsOf(now), viewers.Count())));
 }
 
 void LivePage::SendPackets() {
+    // Viewers that want the same lines share their message.
+    struct Made {
+        LogFilter filter;
+        std::uint64_t begin;
+        std::shared_ptr<Message> message;
+    };
+    std::vector<Made> made;
     const CaptureTime start = StartOf(*unit);
+    const std::uint64_t end = log.End();
     viewers.ForEach([&](Viewer& viewer) {
-        if (!viewer.follows) return;
-        const auto page = log.Since(viewer.logEnd, viewer.filter, kMostPackets);
-        if (page.lines.empty()) return;
-        viewers.Add(viewer.number, Message::Text(PacketsText(page, start, std::nullopt)));
+        if (!viewer.follows || viewer.logEnd == end) return;
+        const std::uint64_t begin = std::exchange(viewer.logEnd, end);
+        auto same = std::ranges::find_if(made, [&](const Made& each) {
+            return each.begin == begin && each.filter == viewer.filter;
+        });
+        if (same == made.end()) {
+            const auto found = log.Between(begin, end, viewer.filter, kMostPackets);
+            const auto message = found.lines.empty()
+                                     ? nullptr
+                                     : Message::Text(PacketsText(found, start, std::nullopt));
+            same = made.insert(made.end(), {viewer.filter, begin, message});
+        }
+        if (same->message) viewers.Add(viewer.number, same->message);
     });
 }
 

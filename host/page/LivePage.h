@@ -61,6 +61,7 @@ class LivePage {
     Viewers viewers;
     std::uint64_t stateNumber = 0;
     std::chrono::steady_clock::time_point stateAt{};
+    std::string sentUnit{};  // the newest state of a virtual unit that all viewers know
 
     struct Posted {
         std::uint64_t viewer;

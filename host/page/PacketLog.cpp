@@ -71,10 +71,11 @@ std::uint64_t PacketLog::End() const {
     return first + packets.size();
 }
 
-LogPage PacketLog::Since(std::uint64_t& begin, const LogFilter& filter, std::size_t most) const {
+LogPage PacketLog::Between(std::uint64_t begin, std::uint64_t end, const LogFilter& filter,
+                           std::size_t most) const {
     const vexa::MutexLock lock(mutex);
     LogPage page;
-    const std::uint64_t end = first + packets.size();
+    end = std::min(end, first + packets.size());
     for (std::uint64_t number = end; number > std::max(begin, first); --number) {
         const LoggedPacket& packet = packets[number - 1 - first];
         if (!filter.Passes(packet)) continue;
@@ -85,7 +86,6 @@ LogPage PacketLog::Since(std::uint64_t& begin, const LogFilter& filter, std::siz
         }
     }
     std::ranges::reverse(page.lines);
-    begin = end;
     return page;
 }
 

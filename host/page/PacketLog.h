@@ -42,6 +42,7 @@ struct LogFilter {
     bool withData = false;  // also the blocks of devices and of the DAQ
 
     [[nodiscard]] bool Passes(const LoggedPacket& packet) const;
+    bool operator==(const LogFilter&) const = default;
 };
 
 // Numbered lines: the first packet since the start has number 0.
@@ -69,9 +70,10 @@ class PacketLog final : public LinkTap {
     // Number of the next packet.
     [[nodiscard]] std::uint64_t End() const;
 
-    // Of the lines from `begin` on those that pass: the newest `most`, and how many passed beside
-    // them. `begin` becomes the end of the log.
-    LogPage Since(std::uint64_t& begin, const LogFilter& filter, std::size_t most) const;
+    // Of the lines from `begin` to before `end` those that pass: the newest `most`, and how many
+    // passed beside them.
+    [[nodiscard]] LogPage Between(std::uint64_t begin, std::uint64_t end, const LogFilter& filter,
+                                  std::size_t most) const;
 
     // The last `most` lines before `end` that pass.
     [[nodiscard]] LogPage Before(std::uint64_t end, const LogFilter& filter,
