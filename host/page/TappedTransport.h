@@ -1,22 +1,17 @@
-// A transport that shows what passes it.
+// Shows the packet log what passes over the link.
 #pragma once
 
-#include <memory>
-
-#include "vexahost/Recording.h"
-#include "vexahost/Transport.h"
+#include "vexahost/SessionRecorder.h"
 
 namespace vexahost::page {
 
-// Is shown what passes the connections of one unit, frame by frame, and each beginning and end of
-// one. Any thread; the frame's bytes are borrowed.
-class LinkTap {
-  public:
-    virtual ~LinkTap() = default;
-    virtual void Show(const CapturedFrame& frame) = 0;
-};
+using vexahost::LinkTap;
 
-// Makes connections as `factory` does, and shows `tap` what passes them. `tap` must outlive them.
+// Makes connections as `factory` does, and shows `tap` what passes over them. `tap` must outlive
+// them.
 TransportFactory Tapped(TransportFactory factory, LinkTap& tap);
+
+// The same, and records it.
+TransportFactory Recorded(TransportFactory factory, std::shared_ptr<SessionRecorder> recorder);
 
 }  // namespace vexahost::page

@@ -123,7 +123,7 @@ TransportFactory UnitAddress::Factory() const {
         if (!waits->exchange(false)) return ConnectOnce(unit, limits);
         return AwaitUnit(unit, limits, DeadlineAfter(*unit.patience));
     };
-    return recorder ? Recorded(std::move(factory), recorder) : factory;
+    return recorder ? Tapped(std::move(factory), recorder) : factory;
 }
 
 std::string DefaultUnitDirectory() {

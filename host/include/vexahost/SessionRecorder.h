@@ -1,4 +1,4 @@
-// Records a session while it goes on.
+// Shows what passes over the link while a session goes on, and records it.
 #pragma once
 
 #include <cstdint>
@@ -11,18 +11,36 @@
 
 namespace vexahost {
 
-// Any thread.
-class SessionRecorder {
+// Is shown what passes over the connections of a unit, frame by frame, and each beginning and end
+// of one (kCableIn, kCableOut). Any thread.
+class LinkTap {
+  public:
+    LinkTap() = default;
+    virtual ~LinkTap() = default;
+    LinkTap(const LinkTap&) = delete;
+    LinkTap& operator=(const LinkTap&) = delete;
+
+    // With the time of the call; the bytes are borrowed. What is sent is shown before it goes out,
+    // so that no answer comes before its request.
+    virtual void Show(const CapturedFrame& frame) = 0;
+};
+
+// Makes connections as `connect` does, and shows `tap` what passes over them.
+[[nodiscard]] TransportFactory Tapped(TransportFactory connect, std::shared_ptr<LinkTap> tap);
+
+// Writes what it is shown to a file. Any thread.
+class SessionRecorder final : public LinkTap {
   public:
     // Creates the file, as PcapngWriter::Create does.
     static Expected<std::shared_ptr<SessionRecorder>> Create(const std::string& path);
 
     explicit SessionRecorder(PcapngWriter writer);
-    ~SessionRecorder();
-    SessionRecorder(const SessionRecorder&) = delete;
-    SessionRecorder& operator=(const SessionRecorder&) = delete;
+    ~SessionRecorder() override;
 
-    // Appends a frame with the time of the call. After a failure nothing is written any more.
+    // Appends the frame. After a failure nothing is written any more.
+    void Show(const CapturedFrame& frame) override;
+
+    // Appends a frame, or the event that `comment` names, with the time of the call.
     void Add(Direction direction, std::span<const std::uint8_t> bytes,
              const std::string& comment = "");
 
@@ -36,9 +54,5 @@ class SessionRecorder {
     class Implementation;
     const std::unique_ptr<Implementation> implementation;
 };
-
-// Makes connections as `connect` does, and records what passes over them.
-[[nodiscard]] TransportFactory Recorded(TransportFactory connect,
-                                        std::shared_ptr<SessionRecorder> recorder);
 
 }  // namespace vexahost

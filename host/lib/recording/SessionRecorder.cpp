@@ -7,6 +7,15 @@
 
 namespace vexahost {
 
+namespace {
+
+CaptureTime Now() {
+    return std::chrono::duration_cast<CaptureTime>(
+        std::chrono::system_clock::now().time_since_epoch());
+}
+
+}  // namespace
+
 class SessionRecorder::Implementation {
   public:
     explicit Implementation(PcapngWriter writer_) : writer(std::move(writer_)) {}
@@ -28,17 +37,20 @@ SessionRecorder::SessionRecorder(PcapngWriter writer)
 
 SessionRecorder::~SessionRecorder() = default;
 
-void SessionRecorder::Add(Direction direction, std::span<const std::uint8_t> bytes,
-                          const std::string& comment) {
-    const auto time = std::chrono::system_clock::now().time_since_epoch();
+void SessionRecorder::Show(const CapturedFrame& frame) {
     const vexa::MutexLock lock(implementation->mutex);
     if (implementation->failure) return;
-    const auto added = implementation->writer.Add({time, direction, bytes, comment});
+    const auto added = implementation->writer.Add(frame);
     if (!added) {
         implementation->failure = added.error();
-    } else if (!bytes.empty()) {
+    } else if (!frame.bytes.empty()) {
         ++implementation->frames;
     }
+}
+
+void SessionRecorder::Add(Direction direction, std::span<const std::uint8_t> bytes,
+                          const std::string& comment) {
+    Show({Now(), direction, bytes, comment});
 }
 
 std::optional<Error> SessionRecorder::Failure() const {
@@ -53,19 +65,19 @@ std::uint64_t SessionRecorder::Frames() const {
 
 namespace {
 
-class RecordedTransport final : public Transport {
+class TappedTransport final : public Transport {
   public:
-    RecordedTransport(std::unique_ptr<Transport> link_, std::shared_ptr<SessionRecorder> recorder_)
+    TappedTransport(std::unique_ptr<Transport> link_, std::shared_ptr<LinkTap> tap_)
         : link(std::move(link_)),
-          recorder(std::move(recorder_)),
+          tap(std::move(tap_)),
           frames(link->UnitFraming(), [this](std::span<const std::uint8_t> frame) {
-              recorder->Add(Direction::kFromUnit, frame);
+              tap->Show({Now(), Direction::kFromUnit, frame, {}});
           }) {
-        recorder->Add(Direction::kToUnit, {}, kCableIn);
+        tap->Show({Now(), Direction::kToUnit, {}, kCableIn});
     }
-    ~RecordedTransport() override {
+    ~TappedTransport() override {
         frames.Finish();
-        recorder->Add(Direction::kToUnit, {}, kCableOut);
+        tap->Show({Now(), Direction::kToUnit, {}, kCableOut});
     }
 
     Expected<std::size_t> Read(std::span<std::uint8_t> buffer,
@@ -75,10 +87,9 @@ class RecordedTransport final : public Transport {
         return count;
     }
     Expected<std::size_t> Write(std::span<const std::uint8_t> bytes, Deadline deadline) override {
-        // Before it is sent: the answer must not stand before it. What could not be sent at once
-        // comes again.
+        // What could not be sent at once comes again, and was shown.
         if (bytes.data() != unsent.data() || bytes.size() != unsent.size()) {
-            recorder->Add(Direction::kToUnit, bytes);
+            tap->Show({Now(), Direction::kToUnit, bytes, {}});
         }
         auto count = link->Write(bytes, deadline);
         unsent = count ? bytes.subspan(*count) : std::span<const std::uint8_t>{};
@@ -89,20 +100,19 @@ class RecordedTransport final : public Transport {
 
   private:
     const std::unique_ptr<Transport> link;
-    const std::shared_ptr<SessionRecorder> recorder;
+    const std::shared_ptr<LinkTap> tap;
     FrameCutter frames;                    // of the reading thread
     std::span<const std::uint8_t> unsent;  // of the writing thread: only compared
 };
 
 }  // namespace
 
-TransportFactory Recorded(TransportFactory connect, std::shared_ptr<SessionRecorder> recorder) {
-    return [connect = std::move(connect), recorder = std::move(recorder)](
+TransportFactory Tapped(TransportFactory connect, std::shared_ptr<LinkTap> tap) {
+    return [connect = std::move(connect), tap = std::move(tap)](
                const ConnectLimits& limits) -> Expected<std::unique_ptr<Transport>> {
         auto link = connect(limits);
         if (!link) return link;
-        return std::unique_ptr<Transport>(
-            std::make_unique<RecordedTransport>(std::move(*link), recorder));
+        return std::unique_ptr<Transport>(std::make_unique<TappedTransport>(std::move(*link), tap));
     };
 }
 
