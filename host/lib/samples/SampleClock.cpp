@@ -127,7 +127,8 @@ double ClockOffset::Add(double device, double arrival) {
         *this = {};
         return Add(device, arrival);
     }
-    const double elapsed = device - last;
+    // A new block can move the line's end back.
+    const double elapsed = std::max(device - last, 0.0);
     last = device;
     if (device - sliceBegan >= kSlice) {
         if (slices.size() == kSlices) slices.erase(slices.begin());

@@ -66,7 +66,7 @@ def checksum(packet: bytes) -> int:
     length = packet[1]
     if not 5 <= length <= 253:
         return (packet[0] + length + packet[2]) & 0xFF
-    # The lower half of this sum, which zlib has, is 1 and all bytes: they are too few to overflow it.
+    # The lower half of zlib's sum is 1 and all bytes, which are too few to overflow it.
     return (adler32(packet[:length]) - 1 - packet[3]) & 0xFF
 
 

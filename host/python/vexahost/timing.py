@@ -198,7 +198,7 @@ class Timing:
         self._noise = max(_TICK_NOISE * self._tick, _LEAST_NOISE)
 
     def _set_back(self, back: float) -> bool:
-        """The device's time went back: False when it has wrapped, or by so little that it went on."""
+        """The device's time went back. False when it has wrapped, or gone back by little."""
         is_wrap = self._wrap > 0 and back > self._wrap / 2
         is_back = not is_wrap and back > _JUMP
         if is_wrap:
