@@ -4,8 +4,6 @@
 #include <optional>
 #include <utility>
 
-#include "vexahost/SessionRecorder.h"
-
 namespace vexahost::page {
 
 namespace {
@@ -35,9 +33,10 @@ Expected<Done> LivePage::Start() {
     auto unitOptions = options.unit;
     unitOptions.factory = Tapped(std::move(unitOptions.factory), log);
     if (!options.recording.empty()) {
-        auto recorder = SessionRecorder::Create(options.recording);
-        if (!recorder) return recorder.error();
-        unitOptions.factory = Recorded(std::move(unitOptions.factory), *recorder);
+        auto created = SessionRecorder::Create(options.recording);
+        if (!created) return created.error();
+        recorder = *created;
+        unitOptions.factory = Recorded(std::move(unitOptions.factory), recorder);
     }
     const auto tell = [this] {
         if (!hasNews.exchange(true)) wake();
@@ -46,10 +45,21 @@ Expected<Done> LivePage::Start() {
         control = std::make_unique<UnitControl>(options.controlSocket, tell);
     }
     unit = std::make_unique<LiveUnit>(std::move(unitOptions), tell);
+    if (control) {
+        events =
+            std::make_unique<UnitEvents>(options.controlSocket, [this](const std::string& line) {
+                const auto happened = HappeningOf(line);
+                if (!happened) return;
+                const auto now = std::chrono::system_clock::now() - unit->Start();
+                timeline.Add(SecondsOf(now), happened->text, happened->isProblem);
+                control->Refresh();
+            });
+    }
     return Done{};
 }
 
 void LivePage::Stop() {
+    events.reset();
     unit.reset();
     control.reset();
 }
@@ -115,11 +125,14 @@ bool LivePage::Obey(Viewer& viewer, ViewerRequest request) {
 bool LivePage::Greet(Viewer& viewer, const ViewerRequest& request) {
     if (request.kind != ViewerRequest::Kind::kHello || !access.IsToken(request.token)) return false;
     const bool isFirst = !viewers.HasKnown();
+    SendTimeline();
     viewer.isKnown = true;
     viewer.logEnd = log.End();
     const double start = SecondsOf(unit->Start().time_since_epoch());
     viewer.Add(Message::Text(HelloText({options.unitText, options.version, options.mayControl,
                                         control != nullptr, !options.recording.empty(), start})));
+    std::uint64_t none = 0;
+    if (control) viewer.Add(Message::Text(TimelineText(timeline.Since(none))));
     if (isFirst) static_cast<void>(unit->TakeSamples());  // none from before its time
     if (control) control->Watch(true);
     stateAt = {};
@@ -147,6 +160,7 @@ void LivePage::Tick() {
     }
     SendState();
     SendPackets();
+    SendTimeline();
     viewers.AskToSend();
 }
 
@@ -162,7 +176,8 @@ void LivePage::SendState() {
     std::string attached = control ? control->State() : "";
     const bool isNew = std::exchange(sentUnit, attached) != attached;
     if (!isNew) attached.clear();
-    viewers.AddToAll(Message::Text(StateText(state, attached, SecondsOf(now), viewers.Count())));
+    viewers.AddToAll(Message::Text(
+        StateText(state, attached, SecondsOf(now), viewers.Count(), RecordingFailure())));
 }
 
 void LivePage::SendPackets() {
@@ -190,6 +205,22 @@ void LivePage::SendPackets() {
         }
         if (same->message) viewers.Add(viewer.number, same->message);
     });
+}
+
+void LivePage::SendTimeline() {
+    const auto entries = timeline.Since(sentTimeline);
+    if (!entries.empty()) viewers.AddToAll(Message::Text(TimelineText(entries)));
+}
+
+void LivePage::Look() {
+    if (isFailureTold || RecordingFailure().empty()) return;
+    isFailureTold = true;
+    options.warn("the recording has stopped: " + RecordingFailure());
+}
+
+std::string LivePage::RecordingFailure() const {
+    const auto failure = recorder ? recorder->Failure() : std::nullopt;
+    return failure ? failure->message : "";
 }
 
 // Any thread.

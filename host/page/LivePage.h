@@ -15,8 +15,10 @@
 #include "page/Messages.h"
 #include "page/PacketLog.h"
 #include "page/Server.h"
+#include "page/Timeline.h"
 #include "page/UnitControl.h"
 #include "page/Viewers.h"
+#include "vexahost/SessionRecorder.h"
 
 namespace vexahost::page {
 
@@ -41,6 +43,8 @@ class LivePage {
 
     // Thirty times a second while there are viewers.
     void Tick();
+    // At least ten times a second.
+    void Look();
     // After `wake`.
     void SendNews();
 
@@ -52,13 +56,20 @@ class LivePage {
     void SendLog(Viewer& viewer, const ViewerRequest& request);
     void SendState();
     void SendPackets();
+    void SendTimeline();
+    // Why the recording has stopped; empty while it goes on.
+    [[nodiscard]] std::string RecordingFailure() const;
     void Post(std::uint64_t viewer, std::string text);
 
     const ServerOptions& options;
     const Access& access;
     const std::function<void()> wake;
     PacketLog log;
+    Timeline timeline;
+    std::shared_ptr<SessionRecorder> recorder;  // null: the session is not recorded
+    bool isFailureTold = false;
     Viewers viewers;
+    std::uint64_t sentTimeline = 0;  // the newest change that all viewers know
     std::uint64_t stateNumber = 0;
     std::chrono::steady_clock::time_point stateAt{};
     std::string sentUnit{};  // the newest state of a virtual unit that all viewers know
@@ -73,6 +84,7 @@ class LivePage {
 
     // Their threads post.
     std::unique_ptr<UnitControl> control;
+    std::unique_ptr<UnitEvents> events;
     std::unique_ptr<LiveUnit> unit;
 };
 

@@ -4,7 +4,6 @@
 #include <bit>
 #include <cmath>
 #include <cstring>
-#include <functional>
 #include <nlohmann/json.hpp>
 
 namespace vexahost::page {
@@ -137,6 +136,62 @@ const char* Name(const std::optional<DaqApplication>& application) {
     return *application == DaqApplication::kHoldsHardware ? "holds" : "free";
 }
 
+// The words for an application's commands.
+const char* CommandWords(int command) {
+    static constexpr const char* kWords[] = {"take the hardware", "give the hardware up",
+                                             "tell whether it has the hardware",
+                                             "note that the host has the hardware"};
+    return command >= 1 && command <= 4 ? kWords[command - 1] : "carry out an unknown command";
+}
+
+std::optional<Happening> CallWords(const Json& event) {
+    const std::string call = event.at("call");
+    const std::string target = event.value("for", "");
+    const bool isDone = event.at("result") != 0;
+    if (event.contains("faults"))
+        return Happening{"fault: " + event.at("line").get<std::string>(), true};
+    if (call == "VEXA_Init") return Happening{"the service begins", false};
+    if (call == "VEXA_Uninit") return Happening{"the service ends", false};
+    if (call == "VEXA_Device_Stream_Open") {
+        return isDone ? Happening{target + " is opened", false}
+                      : Happening{target + " cannot be opened", true};
+    }
+    if (call == "VEXA_Device_Stream_Close") {
+        const std::string whole = event.at("line");
+        const auto facts = whole.rfind(": ");
+        return Happening{
+            "a stream is closed" + (facts == std::string::npos ? "" : whole.substr(facts)), false};
+    }
+    return std::nullopt;
+}
+
+// What a person wants to know of an event; most calls of a library are not.
+std::optional<Happening> WordsOf(const Json& event) {
+    const std::string kind = event.value("event", "");
+    if (kind == "call") return CallWords(event);
+    if (kind == "cable") {
+        return Happening{event.at("in") ? "a host is connected" : "no host is connected", false};
+    }
+    if (kind == "answer") {
+        const int response = event.at("response");
+        const std::string application = event.at("application");
+        const std::string asked = application + ", asked to " + CommandWords(event.at("command"));
+        if (response < 0) return Happening{asked + ", does not answer", true};
+        return Happening{asked + ", answers " + std::to_string(response), false};
+    }
+    if (kind == "change") {
+        std::string words = "change: " + event.at("request").value("request", "");
+        for (const auto& [key, value] : event.at("request").items()) {
+            if (key == "request") continue;
+            words += key == "name" ? " " : ", " + key + " ";
+            words += value.is_string() ? value.get<std::string>() : value.dump();
+        }
+        return Happening{words, false};
+    }
+    return event.value("ok", false) ? std::optional(Happening{"the unit is there", false})
+                                    : std::nullopt;
+}
+
 template <typename Number>
 void Append(std::vector<std::uint8_t>& bytes, Number number) {
     const auto raw = std::bit_cast<std::array<std::uint8_t, sizeof number>>(number);
@@ -171,7 +226,7 @@ std::string HelloText(const Hello& hello) {
 }
 
 std::string StateText(const UnitState& state, std::string_view attached, double now,
-                      std::size_t viewers) {
+                      std::size_t viewers, std::string_view recordingFailure) {
     Json devices = Json::array();
     for (const WatchedDevice& device : state.devices) {
         Json channels = Json::array();
@@ -202,6 +257,7 @@ std::string StateText(const UnitState& state, std::string_view attached, double 
         {"resynchronised", state.statistics.resynchronisations},
         {"wrongChecksums", state.statistics.wrongChecksums + state.statistics.daqWrongChecksums},
         {"viewers", viewers},
+        {"recording", recordingFailure},
         {"devices", std::move(devices)}};
     if (!attached.empty()) {
         Json unit = Json::parse(attached, nullptr, false);
@@ -243,51 +299,23 @@ std::string DroppedText(std::uint64_t frames) {
     return Dump({{"type", "dropped"}, {"frames", frames}});
 }
 
-std::string MetricsText(const UnitState& state, std::size_t viewers, std::uint64_t droppedFrames) {
-    std::string text;
-    const auto number = [](double value) {
-        return std::isnan(value) ? std::string("NaN") : Json(value).dump();
-    };
-    const auto family = [&text](const std::string& name, const char* type, const char* help) {
-        text += "# HELP " + name + ' ' + help + "\n# TYPE " + name + ' ' + type + '\n';
-    };
-    const auto single = [&](const std::string& name, const char* type, const char* help,
-                            double value) {
-        family(name, type, help);
-        text += name + ' ' + number(value) + '\n';
-    };
-    single("vexa_link_up", "gauge", "1 while the unit is connected",
-           state.link == LinkState::kUp ? 1 : 0);
-    single("vexa_link_losses_total", "counter", "Times that the link was lost",
-           static_cast<double>(state.losses));
-    single("vexa_daq_taken", "gauge", "1 while this host has the acquisition hardware",
-           state.daqTaken ? 1 : 0);
-    single("vexa_round_trip_seconds", "gauge", "Of the newest request that the unit answered",
-           state.roundTripSeconds.value_or(NAN));
-    single("vexa_received_bytes_total", "counter", "From devices and the DAQ",
-           static_cast<double>(state.bytesReceived));
-    single("vexa_resynchronisations_total", "counter", "Times that the unit had cut packets",
-           static_cast<double>(state.statistics.resynchronisations));
-    single("vexa_viewers", "gauge", "Pages that look", static_cast<double>(viewers));
-    single("vexa_viewer_dropped_frames_total", "counter",
-           "Sample frames that viewers were too slow for", static_cast<double>(droppedFrames));
-    const auto each = [&](const std::string& name, const char* type, const char* help,
-                          const std::function<double(const WatchedDevice&)>& value) {
-        family(name, type, help);
-        for (const WatchedDevice& device : state.devices) {
-            text += name + "{device=" + Json(device.name).dump() + ",child=\"" +
-                    std::to_string(device.child) + "\"} " + number(value(device)) + '\n';
-        }
-    };
-    each("vexa_device_blocks_total", "counter", "Blocks of the device",
-         [](const auto& device) { return static_cast<double>(device.statistics.blocks); });
-    each("vexa_device_gaps_total", "counter", "Gaps in the sequence numbers",
-         [](const auto& device) { return static_cast<double>(device.statistics.sequenceGaps); });
-    each("vexa_device_dropped_total", "counter", "Blocks that were dropped from a full queue",
-         [](const auto& device) { return static_cast<double>(device.statistics.dropped); });
-    each("vexa_device_samples_per_second", "gauge", "Measured rate of a channel",
-         [](const auto& device) { return device.rate.value_or(0); });
-    return text;
+std::string TimelineText(std::span<const TimelineEntry> entries) {
+    Json lines = Json::array();
+    for (const TimelineEntry& entry : entries) {
+        lines.push_back({entry.number, entry.time, entry.text, entry.isProblem, entry.times});
+    }
+    return Dump({{"type", "timeline"}, {"lines", std::move(lines)}});
+}
+
+std::optional<Happening> HappeningOf(std::string_view line) {
+    if (line.empty()) return Happening{"the unit has ended", true};
+    const Json event = Json::parse(line, nullptr, false);
+    if (!event.is_object()) return std::nullopt;
+    try {
+        return WordsOf(event);
+    } catch (const Json::exception&) {  // from a unit of another version
+        return Happening{std::string(line), false};
+    }
 }
 
 std::vector<std::uint8_t> SamplesMessage(std::span<const ChannelSamples> samples) {

@@ -1,5 +1,4 @@
-// What server and viewers say to each other (docs/page.md, "The page's messages"). One thread
-// at a time.
+// What server and viewers say to each other (docs/page.md, "The page's messages"). Any thread.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +10,7 @@
 
 #include "page/LiveUnit.h"
 #include "page/PacketLog.h"
+#include "page/Timeline.h"
 
 namespace vexahost::page {
 
@@ -38,6 +38,16 @@ struct ViewerRequest {
 // Nothing, and why, when `text` is no request.
 Expected<ViewerRequest> ParseRequest(std::string_view text);
 
+// What has happened at a virtual unit, in words.
+struct Happening {
+    std::string text;
+    bool isProblem;
+};
+
+// Of an event as the control socket tells it; of an empty line: the unit has ended. Nothing when no
+// person wants to know it.
+std::optional<Happening> HappeningOf(std::string_view line);
+
 // The facts that stay the same.
 struct Hello {
     std::string unit;     // where it is
@@ -50,10 +60,11 @@ struct Hello {
 
 std::string HelloText(const Hello& hello);
 std::string StateText(const UnitState& state, std::string_view attached, double now,
-                      std::size_t viewers);
+                      std::size_t viewers, std::string_view recordingFailure);
 std::string PacketsText(const LogPage& page, CaptureTime start,
                         std::optional<std::uint64_t> answered);
 std::string AnswerText(std::uint64_t id, std::string_view problem, std::string_view json = {});
+std::string TimelineText(std::span<const TimelineEntry> entries);
 std::string DroppedText(std::uint64_t frames);
 
 // The metrics in Prometheus' text format.

@@ -146,7 +146,9 @@ void PageServer::SetTick(bool hasViewers) {
 
 void PageServer::Tick() {
     std::uint64_t count = 0;
-    if (::read(timer, &count, sizeof count) > 0 && page.HasViewers()) page.Tick();
+    if (::read(timer, &count, sizeof count) <= 0) return;
+    page.Look();
+    if (page.HasViewers()) page.Tick();
 }
 
 int PageServer::Call(lws* wsi, lws_callback_reasons reason, Session* session, void* in,

@@ -21,6 +21,7 @@ struct ServerOptions {
     std::vector<std::string> hosts{};   // more names under which viewers may reach the page
     bool mayControl = true;
     std::string recording{};  // file that the session is recorded to; empty: none
+    std::function<void(const std::string& what)> warn{};  // what the operator has to know
 };
 
 // The page's address with its token. Called once, when the page can be reached.

@@ -14,6 +14,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kPatience{2000};
 constexpr std::chrono::milliseconds kPeriod{1000};
+constexpr std::chrono::milliseconds kSoon{50};  // a few things may happen at once
 constexpr std::size_t kMostQuestions = 64;
 constexpr std::size_t kLongestAnswer = 1 << 20;
 
@@ -48,6 +49,17 @@ void UnitControl::Watch(bool wanted) {
         const vexa::MutexLock lock(mutex);
         if (isWatched == wanted) return;
         isWatched = wanted;
+        due = {};
+    }
+    changed.notify_all();
+}
+
+void UnitControl::Refresh() {
+    {
+        const vexa::MutexLock lock(mutex);
+        const auto soon = std::chrono::steady_clock::now() + kSoon;
+        if (due <= soon) return;
+        due = soon;
     }
     changed.notify_all();
 }
@@ -63,14 +75,17 @@ void UnitControl::Run() {
         bool updates = false;
         {
             vexa::MutexLock lock(mutex);
-            if (questions.empty() && !isEnding) {
+            const auto isDue = [this]() VEXA_REQUIRES(mutex) {
+                return isWatched && std::chrono::steady_clock::now() >= due;
+            };
+            while (questions.empty() && !isEnding && !isDue()) {
                 if (isWatched)
-                    changed.wait_for(lock, kPeriod);
+                    changed.wait_until(lock, due);
                 else
                     changed.wait(lock);
             }
+            updates = isDue();
             if (isEnding) return;
-            updates = isWatched;
             if (!questions.empty()) {
                 question = std::move(questions.front());
                 questions.pop_front();
@@ -85,6 +100,10 @@ void UnitControl::Run() {
 }
 
 void UnitControl::UpdateState() {
+    {
+        const vexa::MutexLock lock(mutex);
+        due = std::chrono::steady_clock::now() + kPeriod;
+    }
     std::string now = Exchange(R"({"request": "state"})");
     {
         const vexa::MutexLock lock(mutex);

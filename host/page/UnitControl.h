@@ -1,6 +1,7 @@
 // The control socket of a virtual unit (docs/virtual-unit.md).
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <filesystem>
@@ -30,6 +31,10 @@ class UnitControl {
     // Asks for the unit's state every second from now on, or no longer.
     void Watch(bool wanted);
 
+    // Something has happened at the unit: its state is asked for soon. No-op while it is not
+    // watched.
+    void Refresh();
+
     // The newest state as the unit told it; empty while there is none.
     [[nodiscard]] std::string State() const;
 
@@ -51,6 +56,7 @@ class UnitControl {
     std::deque<Question> questions VEXA_GUARDED_BY(mutex);
     std::string state VEXA_GUARDED_BY(mutex);
     bool isWatched VEXA_GUARDED_BY(mutex) = false;
+    std::chrono::steady_clock::time_point due VEXA_GUARDED_BY(mutex){};  // the state, then
     bool isEnding VEXA_GUARDED_BY(mutex) = false;
     std::thread thread;
 };

@@ -95,6 +95,9 @@ ExitCode RunServe(const ServeOptions& options) {
     server.recording = options.record;
     server.mayControl =
         !options.readOnly && (page::IsLoopback(server.address) || options.allowControl);
+    server.warn = [](const std::string& what) {
+        std::fprintf(stderr, "vexa-host: %s\n", what.c_str());
+    };
     WarnOfTheNetwork(server);
     CatchInterrupts();
     const auto announce = [&](const std::string& url) {

@@ -10,6 +10,7 @@ import io
 import json
 import os
 import pathlib
+import resource
 import signal
 import subprocess
 import sys
@@ -30,10 +31,16 @@ SCENARIO = {"devices": [
     {"name": "Warm", "type": 2, "rate": 20}]}
 
 
+def fill_disk(after):
+    """No file of the process grows beyond so many bytes."""
+    signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+    resource.setrlimit(resource.RLIMIT_FSIZE, (after, after))
+
+
 class Bench:
     """A virtual unit and a server of its page. Everything ends with it."""
 
-    def __init__(self, *options, scenario=SCENARIO):
+    def __init__(self, *options, scenario=SCENARIO, disk=None):
         self.folder = tempfile.TemporaryDirectory(prefix="vexa-page-")
         self.unit_folder = f"{self.folder.name}/unit"
         self.recording = f"{self.folder.name}/session.pcapng"
@@ -41,7 +48,8 @@ class Bench:
         self.start_unit()
         self.server = subprocess.Popen(
             [BIN / "vexa-host", "serve", "Ramp", "Noise", "--dir", self.unit_folder, "--listen", "0",
-             "--record", self.recording, *options], stdout=subprocess.PIPE, text=True)
+             "--record", self.recording, *options], stdout=subprocess.PIPE, text=True,
+            stderr=None if disk is None else subprocess.PIPE, preexec_fn=disk and (lambda: fill_disk(disk)))
         self.url = self.server.stdout.readline().strip()
         self.port = int(self.url.split(":")[2].split("/")[0])
         self.token = self.url.split("#")[1]
@@ -61,7 +69,8 @@ class Bench:
     def __exit__(self, *_):
         self.server.terminate()
         self.server_status = self.server.wait(10)
-        self.server.stdout.close()
+        for output in filter(None, (self.server.stdout, self.server.stderr)):
+            output.close()
         if self.unit.poll() is None:
             self.kill_unit()
         self.folder.cleanup()
@@ -145,6 +154,23 @@ class InABrowser(unittest.TestCase):
             page.wait("document.getElementById('link').className === 'up'")
             self.grows("Ramp")
 
+        with self.subTest("a timeline of what happens, also without this page"):
+            subprocess.run([BIN / "vexa-unit", "ctl", "--dir", self.bench.unit_folder, "detach", "Warm"], check=True,
+                           stdout=subprocess.DEVNULL)
+            page.wait("document.getElementById('events').firstChild.textContent.includes('detach Warm')")
+            late = self.bench.viewer()
+            self.addCleanup(late.close)
+            known = [text for _, _, text, _, _ in late.wait("timeline")["lines"]]
+            steps = ["the unit is there", "Ramp is opened", "Warm is opened", "no host is connected",
+                     "change: cable, in false", "change: cable, in true", "a host is connected", "change: detach Warm"]
+            places = [known.index(steps[0])]
+            for step in steps[1:]:
+                places.append(known.index(step, places[-1]))  # raises ValueError without it
+            shown = page.run("[...document.querySelectorAll('#events div')].map((line) => line.textContent)")
+            self.assertEqual(len(shown), len(known))
+            for line, text in zip(reversed(shown), known):
+                self.assertIn(text, line)
+
         with self.subTest("packets in words"):
             page.wait("document.getElementById('lines').textContent.includes('open child')")
             self.assertNotIn("bytes from child", page.run("document.getElementById('lines').textContent"))
@@ -154,6 +180,29 @@ class InABrowser(unittest.TestCase):
             page.wait("[...document.querySelectorAll('#lines div')].every((line) => /warm/i.test(line.textContent))"
                       " && document.querySelectorAll('#lines div').length > 0")
             self.fill("filter-text", "")
+
+        with self.subTest("a moment in the charts is one in the packets, and the other way round"):
+            x, y = page.run(f"(() => {{ const box = vexa.charts.charts.get({self.channel('Ramp')}.id).plot.over.getBoundingClientRect();"
+                            "return [box.left + box.width * 0.9, box.top + box.height / 2]; })()")
+            for kind in ("mouseMoved", "mousePressed", "mouseReleased"):
+                page.call("Input.dispatchMouseEvent", type=kind, x=x, y=y, button="left", clickCount=1)
+            times = "[vexa.charts.marks.p, Number(document.querySelector('#lines .at')?.dataset.time)," \
+                    "Number(document.querySelector('#lines .at')?.previousElementSibling?.dataset.time)]"
+            moment, line, before = page.wait(f"document.querySelector('#lines .at')?.previousElementSibling && {times}")
+            self.assertTrue(before < moment <= line, (before, moment, line))
+            page.press("m")
+            page.wait("document.activeElement.matches('#lines .at')")
+            page.press("ArrowUp")
+            page.press("Enter")
+            chosen = page.run("Number(document.activeElement.dataset.time)")
+            self.assertEqual(page.wait("vexa.charts.isPaused && vexa.charts.marks.p"), chosen)
+            begin, end = page.run("vexa.charts.range()")
+            self.assertAlmostEqual((begin + end) / 2, chosen, places=6)
+            page.press("c")
+            page.run("document.activeElement.blur()")
+            page.press("End")
+            page.wait("!vexa.charts.isPaused && vexa.charts.marks.p === null")
+            page.press("f")
 
         with self.subTest("what is saved is what was sent"):
             self.grows("Noise", 300)
@@ -273,6 +322,17 @@ class Server(unittest.TestCase):
             quick.ask(id=7, request="query")
             self.assertEqual(quick.wait("answer")["problem"], "")
             self.assertGreater(slow.wait("dropped")["frames"], 0)
+
+    def test_a_full_disk_ends_the_recording_alone(self):
+        with Bench(disk=3000) as bench:
+            viewer = bench.viewer()
+            self.addCleanup(viewer.close)
+            while not viewer.wait("state")["recording"].endswith("File too large"):
+                pass
+            self.assertIn("the recording has stopped", bench.server.stderr.readline())
+            for _ in range(10):
+                while isinstance(viewer.next(), dict):
+                    pass
 
     def test_who_may_only_look(self):
         with Bench("--read-only") as bench:

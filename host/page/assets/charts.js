@@ -1,5 +1,7 @@
 // A chart for each channel, all over the same time.
 
+import { node, write } from "./dom.js";
+
 const HEIGHT = 130;
 const DRAW_MS = 1000 / 30;
 const LAG = 0.05; // seconds that the newest samples may lag, so that the line's end does not flicker
@@ -13,12 +15,12 @@ const style = (name) => {
 const number = (value) => (value === null || value === undefined ? "" : Number(value.toPrecision(6)).toString());
 
 export class Charts {
-  constructor(root, trigger, onTime) {
-    Object.assign(this, { root, trigger, onTime });
+  constructor(root, trigger, onTime, onPause) {
+    Object.assign(this, { root, trigger, onTime, onPause });
     this.charts = new Map(); // channel id -> {channel, plot, box, ...}
     this.span = 10;
     this.window = null; // [from, to] while the charts stand still
-    this.marks = { a: null, b: null };
+    this.clearMarks();
     this.isDirty = true;
     this.frames = 0;
     this.drawnAt = 0;
@@ -40,20 +42,15 @@ export class Charts {
   get isPaused() { return this.window !== null; }
 
   add(channel) {
-    const box = document.createElement("div");
-    box.className = "chart";
-    const title = document.createElement("h3");
-    const facts = document.createElement("small");
-    const fix = document.createElement("button");
-    fix.textContent = "fix scale";
-    fix.setAttribute("aria-pressed", "false");
-    title.append(channel.label + (channel.unit ? ` / ${channel.unit}` : ""), facts, fix);
-    box.append(title);
+    const facts = node("small");
+    const fix = node("button", { textContent: "fix scale", ariaPressed: "false" });
+    const title = node("h3", {}, channel.label + (channel.unit ? ` / ${channel.unit}` : ""), facts, fix);
+    const box = node("div", { className: "chart" }, title);
     this.root.append(box);
     const chart = { channel, box, facts, range: null };
     fix.onclick = () => {
       chart.range = chart.range ? null : [chart.plot.scales.y.min, chart.plot.scales.y.max];
-      fix.setAttribute("aria-pressed", String(chart.range !== null));
+      fix.ariaPressed = String(chart.range !== null);
       this.touch();
     };
     chart.plot = this.makePlot(chart, box);
@@ -113,9 +110,8 @@ export class Charts {
 
   zoomTo(plot) {
     if (plot.select.width < 4) return;
-    this.window = [plot.posToVal(plot.select.left, "x"), plot.posToVal(plot.select.left + plot.select.width, "x")];
+    this.look([plot.posToVal(plot.select.left, "x"), plot.posToVal(plot.select.left + plot.select.width, "x")]);
     plot.setSelect({ left: 0, width: 0, top: 0, height: 0 }, false);
-    this.touch();
   }
 
   moveCursor(plot) {
@@ -137,14 +133,14 @@ export class Charts {
   }
 
   touch() { this.isDirty = true; }
-  pause() {
-    this.window = this.window ? null : this.range();
+  // Stands still over a window, or shows the newest samples.
+  look(window) {
+    this.window = window;
+    this.onPause(this.isPaused);
     this.touch();
   }
-  live() {
-    this.window = null;
-    this.touch();
-  }
+  pause() { this.look(this.window ? null : this.range()); }
+  live() { this.look(null); }
   setSpan(seconds) {
     this.span = seconds;
     if (this.window) this.zoom(seconds / (this.window[1] - this.window[0]));
@@ -153,25 +149,25 @@ export class Charts {
   zoom(factor, about = null) {
     const [from, to] = this.range();
     const centre = about ?? (from + to) / 2;
-    this.window = [centre - (centre - from) * factor, centre + (to - centre) * factor];
-    this.touch();
+    this.look([centre - (centre - from) * factor, centre + (to - centre) * factor]);
   }
   pan(part) {
     const [from, to] = this.range();
-    this.window = [from + (to - from) * part, to + (to - from) * part];
-    this.touch();
+    this.look([from + (to - from) * part, to + (to - from) * part]);
   }
   show(time) {
     const [from, to] = this.range();
-    this.window = [time - (to - from) / 2, time + (to - from) / 2];
-    this.marks.a = time;
+    this.look([time - (to - from) / 2, time + (to - from) / 2]);
+    this.mark("p", time);
+  }
+  clearMarks() {
+    this.marks = { a: null, b: null, p: null }; // p: of the packets that are shown
     this.touch();
   }
   // Where the mouse is; without one in the middle.
   mark(name, time = this.cursor ?? (this.range()[0] + this.range()[1]) / 2) {
     this.marks[name] = time;
     this.touch();
-    this.writeFacts();
   }
 
   draw() {
@@ -216,8 +212,7 @@ export class Charts {
         words.push(`Δt ${number(b - a)} s`, from === null || to === null ? "" : `Δy ${number(to - from)}`);
       }
       if (channel.gaps) words.push(channel.gaps === 1 ? "1 gap" : `${channel.gaps} gaps`);
-      const text = words.join("   ");
-      if (facts.textContent !== text) facts.textContent = text;
+      write(facts, words.join("   "));
     }
   }
 
@@ -249,9 +244,8 @@ export class Charts {
     const first = plots[0]?.plot.ctx.canvas;
     if (!first) return null;
     const line = 18 * devicePixelRatio;
-    const canvas = document.createElement("canvas");
-    canvas.width = first.width;
-    canvas.height = plots.reduce((sum, { plot }) => sum + plot.ctx.canvas.height + line, 0);
+    const height = plots.reduce((sum, { plot }) => sum + plot.ctx.canvas.height + line, 0);
+    const canvas = node("canvas", { width: first.width, height });
     const context = canvas.getContext("2d");
     context.fillStyle = style("--back");
     context.fillRect(0, 0, canvas.width, canvas.height);

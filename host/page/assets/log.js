@@ -1,6 +1,6 @@
 // The packets in words. Ring and filter are the server's; here are the lines that are seen.
 
-import { $ } from "./dom.js";
+import { $, fill, node, setUpMoments } from "./dom.js";
 
 const MOST_LINES = 1000;
 
@@ -15,10 +15,8 @@ export class Log {
     $("filter").onsubmit = (event) => event.preventDefault();
     $("follow").onclick = () => this.follow(!this.isFollowing);
     this.lines.onscroll = () => this.scrolled();
-    this.lines.onclick = (event) => {
-      const line = event.target.closest("[data-time]");
-      if (line) onTime(Number(line.dataset.time));
-    };
+    this.lines.addEventListener("focusin", ({ target }) => target !== this.lines && this.follow(false));
+    setUpMoments(this.lines, onTime);
   }
 
   get filter() {
@@ -62,14 +60,10 @@ export class Log {
   }
 
   element([number, time, direction, child, text, bytes, isError]) {
-    const line = document.createElement("div");
-    line.dataset.number = number;
-    line.dataset.time = time;
-    if (isError) line.className = "bad";
-    const arrow = direction === "to" ? "→" : direction === "from" ? "←" : "·";
-    const raw = document.createElement("i");
-    raw.textContent = bytes;
-    line.append(`${time.toFixed(4).padStart(11)} ${arrow} ${isError ? "! " : ""}${text}  `, raw);
+    const arrow = { to: "→", from: "←" }[direction] ?? "·";
+    const words = `${time.toFixed(4).padStart(11)} ${arrow} ${isError ? "! " : ""}${text}  `;
+    const line = node("div", { tabIndex: -1, className: isError ? "bad" : "" }, words, node("i", { textContent: bytes }));
+    Object.assign(line.dataset, { number, time });
     return line;
   }
 
@@ -87,7 +81,7 @@ export class Log {
     this.lines.scrollTop = first.offsetTop - this.lines.offsetTop;
   }
 
-  // Shows the packets around a moment.
+  // Shows the packets around a moment; the result is the first line from it on.
   async showTime(time) {
     this.follow(false);
     const { lines } = await this.link.ask("log", { ...this.filter, at: time });
@@ -96,17 +90,10 @@ export class Log {
     const after = [...this.lines.children].find((line) => Number(line.dataset.time) >= time) ?? this.lines.lastElementChild;
     after?.classList.add("at");
     after?.scrollIntoView({ block: "center" });
+    return after;
   }
 
   setDevices(devices) {
-    const select = $("filter-child");
-    const options = devices.filter(({ child }) => child).map(({ child, name }) => new Option(name, child));
-    const keys = options.map(({ value, text }) => value + text).join();
-    if (select.dataset.keys === keys) return;
-    select.dataset.keys = keys;
-    const chosen = select.value;
-    select.replaceChildren(new Option("all", ""), ...options);
-    select.value = chosen;
-    if (select.selectedIndex < 0) select.value = "";
+    fill($("filter-child"), [["", "all"], ...devices.filter(({ child }) => child).map(({ child, name }) => [child, name])]);
   }
 }

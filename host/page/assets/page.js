@@ -1,6 +1,6 @@
 // The page: puts link, charts, log and controls together.
 
-import { $, node, submit } from "./dom.js";
+import { $, fill, node, submit, write } from "./dom.js";
 import { Link } from "./link.js";
 import { Channel } from "./store.js";
 import { Charts } from "./charts.js";
@@ -9,7 +9,6 @@ import { Log } from "./log.js";
 import { setUpVirtualUnit } from "./virtual.js";
 
 const LINK_LIMIT = 330000; // bytes per second that the link carries
-
 
 const trigger = new Trigger();
 const channels = new Map(); // id -> Channel
@@ -35,6 +34,7 @@ const link = new Link({
     page.hello = hello;
     $("unit").textContent = document.title = hello.unit;
     $("session").hidden = !hello.saves;
+    $("events").replaceChildren();
     for (const control of document.querySelectorAll("aside button, aside input, aside select")) control.disabled = !hello.control;
     log.refill();
   },
@@ -52,6 +52,7 @@ const link = new Link({
     if (!charts.isPaused) charts.touch();
   },
   packets: (packets) => log.add(packets),
+  timeline: ({ lines }) => virtual.addEvents(lines),
   dropped({ frames }) {
     page.dropped += frames;
     notice(`this page was too slow for ${frames} frames of samples: there is a gap`);
@@ -62,24 +63,31 @@ const link = new Link({
     $("link").textContent = wasKnown ? "vexa-host has ended; waiting for it" : "vexa-host cannot be reached, or the address has the wrong token";
   },
 });
-const charts = new Charts($("charts"), trigger, (time) => log.showTime(time));
+const charts = new Charts($("charts"), trigger, (time) => showPackets(time), (isPaused) => ($("pause").ariaPressed = String(isPaused)));
 const log = new Log(link, (time) => charts.show(time));
-const virtual = setUpVirtualUnit((body, what) => ask("unit", { body }, what));
+const virtual = setUpVirtualUnit((body, what) => ask("unit", { body }, what), (time) => {
+  charts.show(time);
+  log.showTime(time);
+});
+
+// The packets of a moment in the charts; without one of where the cursor is.
+function showPackets(time) {
+  charts.mark("p", time);
+  return log.showTime(charts.marks.p);
+}
 
 function showTrigger() {
   const text = { armed: "armed", done: "triggered", edge: "triggered", shown: "triggered" }[trigger.state] ?? "";
-  if ($("trigger-state").textContent !== text) $("trigger-state").textContent = text;
+  write($("trigger-state"), text);
 }
 
-function figure(name, value) {
-  return node("div", {}, node("dt", { textContent: name }), node("dd", { textContent: value }));
-}
+const figure = (name, value) => node("div", {}, node("dt", { textContent: name }), node("dd", { textContent: value }));
 
 function showLink(state) {
   const isUp = state.link === "up";
   $("link").className = isUp ? "up" : "";
-  const words = isUp ? "connected" : `not connected: ${state.why || "looking for the unit"}`;
-  if ($("link").textContent !== words) $("link").textContent = words;
+  write($("link"), isUp ? "connected" : `not connected: ${state.why || "looking for the unit"}`);
+  write($("recording"), state.recording && `The recording has stopped: ${state.recording}`);
   const { former } = page;
   if (!former || state.now - former.now > 0.9 || state.bytes < former.bytes) {
     if (former && state.now > former.now) page.rate = Math.max(0, (state.bytes - former.bytes) / (state.now - former.now));
@@ -133,7 +141,7 @@ function showDevices({ devices }) {
     const facts = list.children[i].lastChild;
     const rate = device.rate === null ? "" : `${device.rate.toFixed(1)} samples/s, `;
     const text = device.open ? `${rate}${device.blocks} blocks, ${device.gaps} gaps, ${device.dropped} dropped` : device.problem || "not open";
-    if (facts.textContent !== text) facts.textContent = text;
+    write(facts, text);
     facts.className = !device.open && device.problem ? "bad" : "";
   });
 }
@@ -146,24 +154,8 @@ function deviceItem({ child, name }) {
   return node("li", {}, node("b", { textContent: name }), ...(child ? [arm] : []), close, node("small"));
 }
 
-function fill(select, options) {
-  const keys = options.join();
-  if (select.dataset.keys === keys) return;
-  const chosen = select.value;
-  select.dataset.keys = keys;
-  select.replaceChildren(...options.map(([value, text]) => new Option(text, value)));
-  if (options.some(([value]) => String(value) === chosen)) select.value = chosen;
-}
-
 // --- controls -----------------------------------------------------------------------------------
 
-function pause() {
-  charts.pause();
-  showPause();
-}
-function showPause() {
-  $("pause").setAttribute("aria-pressed", String(charts.isPaused));
-}
 function save(name, blob) {
   const anchor = node("a", { href: URL.createObjectURL(blob), download: name });
   anchor.click();
@@ -171,17 +163,12 @@ function save(name, blob) {
 }
 const stamp = () => new Date().toISOString().replace(/[:.]/g, "-").slice(0, 19);
 
-function saveCsv() {
-  save(`samples-${stamp()}.csv`, new Blob([charts.csv()], { type: "text/csv" }));
-}
+const saveCsv = () => save(`samples-${stamp()}.csv`, new Blob([charts.csv()], { type: "text/csv" }));
 
 async function copyPicture() {
-  const blob = await new Promise((resolve) => {
-    const canvas = charts.picture();
-    if (canvas) canvas.toBlob(resolve);
-    else resolve(null);
-  });
-  if (!blob) return notice("there is no chart yet");
+  const canvas = charts.picture();
+  if (!canvas) return notice("there is no chart yet");
+  const blob = await new Promise((resolve) => canvas.toBlob(resolve));
   try {
     await navigator.clipboard.write([new ClipboardItem({ "image/png": blob })]);
     notice("The picture is in the clipboard.");
@@ -206,10 +193,9 @@ function setTrigger() {
   });
   showTrigger();
   charts.live();
-  showPause();
 }
 
-$("pause").onclick = pause;
+$("pause").onclick = () => charts.pause();
 $("csv").onclick = saveCsv;
 $("picture").onclick = copyPicture;
 $("session").onclick = saveSession;
@@ -225,7 +211,7 @@ submit("open", async () => {
 submit("send", () => ask("send", { child: Number($("send-child").value), bytes: $("send-bytes").value }, "send"));
 
 const KEYS = [
-  [" ", "Space", "pause, or go on", pause],
+  [" ", "Space", "pause, or go on", () => charts.pause()],
   ["+", "+", "zoom in", () => charts.zoom(0.5)],
   ["-", "−", "zoom out", () => charts.zoom(2)],
   ["ArrowLeft", "←", "back in time", () => charts.pan(-0.2)],
@@ -233,7 +219,8 @@ const KEYS = [
   ["End", "End", "the newest samples", () => charts.live()],
   ["a", "a", "cursor A here", () => charts.mark("a")],
   ["b", "b", "cursor B here", () => charts.mark("b")],
-  ["c", "c", "no cursors", () => (charts.mark("a", null), charts.mark("b", null))],
+  ["m", "m", "the packets of this moment; there Enter shows a packet's moment", async () => (await showPackets())?.focus()],
+  ["c", "c", "no cursors", () => charts.clearMarks()],
   ["t", "t", "arm the trigger again", setTrigger],
   ["s", "s", "save what is visible as CSV", saveCsv],
   ["p", "p", "copy a picture", copyPicture],
@@ -248,15 +235,13 @@ document.addEventListener("keydown", (event) => {
   const { target, key } = event;
   if (key === "Escape" && target.matches("input, select")) return target.blur();
   if (event.ctrlKey || event.metaKey || event.altKey || target.matches("input, select, textarea") || $("sheet").open) return;
-  if (target.closest("#lines") && /^(Arrow|End)/.test(key)) return;
+  if (event.defaultPrevented || (target.closest("[role=log]") && /^(Arrow|End)/.test(key))) return;
   if (key === " " && target.matches("button")) return;
   const entry = KEYS.find(([name]) => name === key);
   if (!entry) return;
   event.preventDefault();
   entry[3]();
-  showPause();
 });
-setInterval(showPause, 500);
 
 // For measurements and tests.
 globalThis.vexa = { page, channels, charts, log, trigger, link };

@@ -1,6 +1,6 @@
 // The controls that only a virtual unit has.
 
-import { $, node, submit } from "./dom.js";
+import { $, fill, node, setUpMoments, submit, write } from "./dom.js";
 
 const BEHAVIOURS = {
   "answers at once": { delayMs: 0, silent: false, refuses: [] },
@@ -9,15 +9,13 @@ const BEHAVIOURS = {
   "refuses to let go": { delayMs: 0, silent: false, refuses: [2] },
 };
 
-// `ask(body, what)` sends a request to the unit's control socket.
-export function setUpVirtualUnit(ask) {
+const MOST_EVENTS = 500;
+
+// `tell(body, what)` sends a request to the unit's control socket; `onTime` is called with a moment that is chosen.
+export function setUpVirtualUnit(tell, onTime) {
   let isIn = true;
   $("app-how").replaceChildren(...Object.keys(BEHAVIOURS).map((name) => new Option(name)));
-  const tell = async (body, what) => {
-    const { problem, body: answer } = await ask(body, what);
-    if (problem || answer?.ok === false) return;
-    $("events").prepend(node("li", { textContent: `${new Date().toLocaleTimeString()} ${what}` }));
-  };
+  setUpMoments($("events"), onTime);
   $("cable").onclick = () => tell({ request: "cable", in: !isIn }, isIn ? "cable out" : "cable in");
   $("clear-faults").onclick = () => tell({ request: "fault.clear" }, "no faults");
   submit("sensor", () => {
@@ -50,16 +48,26 @@ export function setUpVirtualUnit(ask) {
       $("virtual").hidden = !hello?.virtual;
       if (!unit?.devices) return;
       isIn = unit.cable.in;
-      $("cable").textContent = isIn ? "Pull the cable" : "Put the cable in";
+      write($("cable"), isIn ? "Pull the cable" : "Put the cable in");
       const keys = JSON.stringify(unit.devices);
       if ($("sensors").dataset.keys === keys) return;
       $("sensors").dataset.keys = keys;
       $("sensors").replaceChildren(...unit.devices.map((device) => sensorItem(device, hello.control)));
-      const chosen = $("sensor-name").value;
-      $("sensor-name").replaceChildren(...unit.devices.map(({ name }) => new Option(name)));
-      if (chosen) $("sensor-name").value = chosen;
+      fill($("sensor-name"), unit.devices.map(({ name }) => [name, name]));
       $("attached").replaceChildren(...unit.devices.filter(({ attached }) => attached).map(({ name }) => new Option(name)));
       $("calls").replaceChildren(...Object.keys(unit.calls).map((name) => new Option(name)));
+    },
+    // What has happened: the newest first. The last one comes again when it has happened again.
+    addEvents(lines) {
+      const list = $("events");
+      for (const [number, time, text, isProblem, times] of lines) {
+        const words = `${time.toFixed(2)} ${text}${times > 1 ? ` (${times} times)` : ""}`;
+        const item = node("div", { tabIndex: -1, className: isProblem ? "bad" : "", textContent: words });
+        Object.assign(item.dataset, { number, time });
+        if (list.firstChild?.dataset.number === String(number)) list.firstChild.remove();
+        list.prepend(item);
+      }
+      while (list.childElementCount > MOST_EVENTS) list.lastChild.remove();
     },
   };
 }
