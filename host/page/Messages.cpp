@@ -136,12 +136,20 @@ const char* Name(const std::optional<DaqApplication>& application) {
     return *application == DaqApplication::kHoldsHardware ? "holds" : "free";
 }
 
-// The words for an application's commands.
-const char* CommandWords(int command) {
-    static constexpr const char* kWords[] = {"take the hardware", "give the hardware up",
-                                             "tell whether it has the hardware",
-                                             "note that the host has the hardware"};
-    return command >= 1 && command <= 4 ? kWords[command - 1] : "carry out an unknown command";
+// An application's answer to a command of the service.
+Happening AnswerWords(const std::string& application, int command, int response) {
+    static constexpr const char* kWords[] = {"to take the hardware", "to give the hardware up",
+                                             "whether it has the hardware",
+                                             "to note that the host has the hardware"};
+    constexpr int kQuery = 3;
+    const bool isKnown = command >= 1 && command <= 4;
+    const std::string asked =
+        application + " is asked " +
+        (isKnown ? kWords[command - 1] : "for command " + std::to_string(command)) + ": ";
+    if (response < 0) return {asked + "no answer", true};
+    if (command == kQuery) return {asked + (response == 1 ? "yes" : "no"), false};
+    if (response == 1) return {asked + "done", false};
+    return {asked + "answers " + std::to_string(response), true};
 }
 
 std::optional<Happening> CallWords(const Json& event) {
@@ -157,10 +165,7 @@ std::optional<Happening> CallWords(const Json& event) {
                       : Happening{target + " cannot be opened", true};
     }
     if (call == "VEXA_Device_Stream_Close") {
-        const std::string whole = event.at("line");
-        const auto facts = whole.rfind(": ");
-        return Happening{
-            "a stream is closed" + (facts == std::string::npos ? "" : whole.substr(facts)), false};
+        return Happening{target + " is closed", false};
     }
     return std::nullopt;
 }
@@ -173,11 +178,7 @@ std::optional<Happening> WordsOf(const Json& event) {
         return Happening{event.at("in") ? "a host is connected" : "no host is connected", false};
     }
     if (kind == "answer") {
-        const int response = event.at("response");
-        const std::string application = event.at("application");
-        const std::string asked = application + ", asked to " + CommandWords(event.at("command"));
-        if (response < 0) return Happening{asked + ", does not answer", true};
-        return Happening{asked + ", answers " + std::to_string(response), false};
+        return AnswerWords(event.at("application"), event.at("command"), event.at("response"));
     }
     if (kind == "change") {
         std::string words = "change: " + event.at("request").value("request", "");

@@ -122,6 +122,7 @@ class InABrowser(unittest.TestCase):
             self.assertTrue(all(before < after for before, after in zip(times, times[1:])))
 
         with self.subTest("an edge holds the charts still"):
+            self.fill("span", "1")
             self.fill("trigger-level", "5000")
             self.fill("trigger-mode", "single")
             page.wait("vexa.trigger.state === 'done'")
@@ -131,6 +132,7 @@ class InABrowser(unittest.TestCase):
             self.assertTrue(before < 5000 <= value, (before, value))
             self.assertAlmostEqual((at - begin) / (end - begin), 0.2, places=6)
             self.fill("trigger-mode", "")
+            self.fill("span", "10")
 
         with self.subTest("a sensor is opened, armed and closed"):
             self.fill("open-name", "Warm")

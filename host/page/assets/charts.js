@@ -54,6 +54,7 @@ export class Charts {
       this.touch();
     };
     chart.plot = this.makePlot(chart, box);
+    Object.assign(chart.plot.ctx.canvas, { role: "img", ariaLabel: `Chart of ${channel.label}` });
     this.charts.set(channel.id, chart);
     this.touch();
   }
@@ -185,8 +186,8 @@ export class Charts {
   drawMarks(plot) {
     const { ctx, bbox } = plot;
     ctx.save();
-    ctx.strokeStyle = ctx.fillStyle = style("--bad");
-    ctx.font = `${12 * devicePixelRatio}px system-ui`;
+    const colour = style("--bad");
+    Object.assign(ctx, { strokeStyle: colour, fillStyle: colour, textAlign: "left", font: `${12 * devicePixelRatio}px system-ui` });
     for (const [name, time] of Object.entries(this.marks)) {
       if (time === null) continue;
       const x = plot.valToPos(time, "x", true);

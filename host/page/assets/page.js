@@ -147,9 +147,9 @@ function showDevices({ devices }) {
 }
 
 function deviceItem({ child, name }) {
-  const close = node("button", { textContent: "Close", title: `Close ${name}`, disabled: !page.hello?.control });
+  const close = node("button", { textContent: "Close", title: `Close ${name}`, ariaLabel: `Close ${name}`, disabled: !page.hello?.control });
   close.onclick = () => ask(child ? "close" : "handBack", { child }, `close ${name}`);
-  const arm = node("button", { textContent: "Arm", title: `Arm the HID sensor ${name}`, disabled: !page.hello?.control });
+  const arm = node("button", { textContent: "Arm", title: `Arm the HID sensor ${name}`, ariaLabel: `Arm ${name}`, disabled: !page.hello?.control });
   arm.onclick = () => ask("arm", { child }, `arm ${name}`);
   return node("li", {}, node("b", { textContent: name }), ...(child ? [arm] : []), close, node("small"));
 }

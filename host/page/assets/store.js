@@ -113,9 +113,8 @@ export class Channel {
 
   valueAt(time) {
     const piece = this.pieces[this.pieceAt(time)];
-    if (!piece) return null;
-    const place = Math.round((time - piece.first) / piece.step);
-    if (place < 0 || place >= piece.count) return null;
+    if (!piece || time < piece.first - piece.step) return null;
+    const place = Math.max(0, Math.round((time - piece.first) / piece.step));
     return this.values[(piece.begin + place) % this.values.length];
   }
 
@@ -153,8 +152,9 @@ export class Channel {
     for (let i = Math.max(0, first - begin); i < low.length && (begin + i) * width <= to; ++i) {
       const time = (begin + i) * width;
       const isEmpty = Number.isNaN(low[i]);
+      const falls = low[i] + high[i] < low[i - 1] + high[i - 1]; // a slope is a line then, and no zigzag
       times.push(time, time + width / 2);
-      values.push(isEmpty ? null : low[i], isEmpty ? null : high[i]);
+      values.push(isEmpty ? null : falls ? high[i] : low[i], isEmpty ? null : falls ? low[i] : high[i]);
     }
     return [times, values];
   }

@@ -36,7 +36,8 @@ export function setUpVirtualUnit(tell, onTime) {
 
   const sensorItem = (device, mayControl) => {
     const { name, type, attached, rate, blockSize } = device;
-    const button = node("button", { textContent: attached ? "Detach" : "Attach", disabled: !mayControl });
+    const does = attached ? "Detach" : "Attach";
+    const button = node("button", { textContent: does, ariaLabel: `${does} ${name}`, disabled: !mayControl });
     button.onclick = () => tell({ request: attached ? "detach" : "attach", name }, `${name} ${attached ? "detached" : "attached"}`);
     const comes = device.source ? `from ${Object.keys(device.source).join(", ")}` : `${rate} blocks/s of ${blockSize} bytes, ${device.waveform}`;
     return node("li", {}, node("b", { textContent: name }), button, node("small", { textContent: `type ${type}, ${comes}` }));
