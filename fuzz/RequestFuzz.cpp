@@ -1,5 +1,6 @@
 // The page's requests, as a viewer sends them: whatever comes is a request or is refused in words,
-// and an answer about it is one JSON text.
+// and an answer about it is one JSON text. The events of a unit, taken from the same text, end in
+// words or are left out.
 #include <cstdint>
 #include <string_view>
 
@@ -9,6 +10,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     using namespace vexahost::page;
     const std::string_view text(reinterpret_cast<const char*>(data), size);
+    if (const auto happened = HappeningOf(text)) REQUIRE(!happened->text.empty());
     const auto request = ParseRequest(text);
     if (!request) {
         REQUIRE(!request.error().message.empty());

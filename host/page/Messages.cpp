@@ -21,6 +21,21 @@ struct Wrong {
     std::string why;
 };
 
+// Discarded when `text` is no JSON, or nested deeper than anything here: what is deeper would be
+// taken apart recursively.
+Json Parsed(std::string_view text) {
+    constexpr int kDeepest = 16;
+    const auto isShallow = [](int depth, Json::parse_event_t, Json&) {
+        if (depth > kDeepest) throw Wrong{};
+        return true;
+    };
+    try {
+        return Json::parse(text, isShallow, false);
+    } catch (const Wrong&) {
+        return Json::value_t::discarded;
+    }
+}
+
 std::string TextOf(const Json& json, const char* key) {
     const auto place = json.find(key);
     if (place == json.end()) return "";
@@ -203,13 +218,8 @@ void Append(std::vector<std::uint8_t>& bytes, Number number) {
 
 Expected<ViewerRequest> ParseRequest(std::string_view text) {
     try {
-        constexpr int kDeepest = 16;  // what is deeper would be taken apart recursively
-        const auto isShallow = [](int depth, Json::parse_event_t, Json&) {
-            if (depth > kDeepest) throw Wrong{"this is nested too deep"};
-            return true;
-        };
-        const Json json = Json::parse(text, isShallow, false);
-        if (json.is_discarded()) throw Wrong{"this is not JSON"};
+        const Json json = Parsed(text);
+        if (json.is_discarded()) throw Wrong{"this is not JSON, or nested too deep"};
         return RequestOf(json);
     } catch (const Wrong& wrong) {
         return Error{ErrorKind::kInvalidArgument, wrong.why};
@@ -261,7 +271,7 @@ std::string StateText(const UnitState& state, std::string_view attached, double 
         {"recording", recordingFailure},
         {"devices", std::move(devices)}};
     if (!attached.empty()) {
-        Json unit = Json::parse(attached, nullptr, false);
+        Json unit = Parsed(attached);
         if (!unit.is_discarded()) json["unit"] = std::move(unit);
     }
     return Dump(json);
@@ -290,7 +300,7 @@ std::string PacketsText(const LogPage& page, CaptureTime start,
 std::string AnswerText(std::uint64_t id, std::string_view problem, std::string_view json) {
     Json answer = {{"type", "answer"}, {"id", id}, {"problem", problem}};
     if (!json.empty()) {
-        Json body = Json::parse(json, nullptr, false);
+        Json body = Parsed(json);
         if (!body.is_discarded()) answer["body"] = std::move(body);
     }
     return Dump(answer);
@@ -310,7 +320,7 @@ std::string TimelineText(std::span<const TimelineEntry> entries) {
 
 std::optional<Happening> HappeningOf(std::string_view line) {
     if (line.empty()) return Happening{"the unit has ended", true};
-    const Json event = Json::parse(line, nullptr, false);
+    const Json event = Parsed(line);
     if (!event.is_object()) return std::nullopt;
     try {
         return WordsOf(event);
