@@ -229,7 +229,8 @@ void OpenAll(Client& client, LoadChecker& checker) {
     ChildId child = kFirstChild;
     for (const auto& device : kDevices) {
         for (int stream = 0; stream < kStreamsOfEach; ++stream, ++child) {
-            checker.AddChild(child, device.blockSize, device.waveform);
+            checker.AddChild(child, device.blockSize,
+                             {device.waveform, {vexa::unit::kDefaultSeed, device.name}});
             Need(client.OpenDevice(device.name, child, kLoadPatience), device.name);
         }
     }

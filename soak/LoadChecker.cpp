@@ -46,13 +46,13 @@ std::vector<std::uint8_t> EchoOf(ChildId child, std::uint32_t number) {
 }
 
 LoadChecker::LoadChecker(ChildId controllerId) : controller(controllerId) {
-    AddChild(controller, 0, vexa::unit::Waveform::kSine);
+    AddChild(controller, 0, {vexa::unit::Waveform::kSine, {vexa::unit::kDefaultSeed, ""}});
 }
 
-void LoadChecker::AddChild(ChildId child, std::size_t blockSize, vexa::unit::Waveform waveform) {
+void LoadChecker::AddChild(ChildId child, std::size_t blockSize,
+                           const vexa::unit::WaveSource& wave) {
     const MutexLock lock(mutex);
-    children.emplace(child, Child{.blockSize = blockSize,
-                                  .wave = vexa::unit::WaveSource(waveform, {0, "no noise"})});
+    children.emplace(child, Child{.blockSize = blockSize, .wave = wave});
 }
 
 void LoadChecker::Check(std::span<const std::uint8_t> packet) {

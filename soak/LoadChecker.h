@@ -36,9 +36,10 @@ class LoadChecker {
   public:
     explicit LoadChecker(vexahost::ChildId controller);
 
-    // Adds a child whose device sends blocks of `blockSize` bytes of that waveform, starting with
-    // the first block.
-    void AddChild(vexahost::ChildId child, std::size_t blockSize, vexa::unit::Waveform waveform);
+    // Adds a child whose device sends blocks of `blockSize` bytes of what `wave` produces, starting
+    // with the first block.
+    void AddChild(vexahost::ChildId child, std::size_t blockSize,
+                  const vexa::unit::WaveSource& wave);
 
     // Checks a packet from the unit.
     void Check(std::span<const std::uint8_t> packet);

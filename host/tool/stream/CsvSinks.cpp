@@ -34,10 +34,36 @@ std::string ChildText(const StreamedBlock& from) {
     return from.child ? std::to_string(*from.child) : "";
 }
 
-class WideCsvSink final : public StreamSink {
+// One text in CSV.
+class CsvSink : public StreamSink {
   public:
-    WideCsvSink(TextTarget target_, const TimeWriter& times_)
+    CsvSink(TextTarget target_, const TimeWriter& times_)
         : target(std::move(target_)), times(times_) {}
+
+    void AddOutage(double lost, double back) override {
+        text = "# link lost at ";
+        times.Append(text, lost);
+        text += ", back at ";
+        times.Append(text, back);
+        target(text += '\n');
+    }
+
+  protected:
+    // `of`: whose gap, with a blank before it.
+    void AppendGap(const std::string& of, double before) {
+        text += "# gap" + of + " before ";
+        times.Append(text, before);
+        text += '\n';
+    }
+
+    const TextTarget target;
+    const TimeWriter times;
+    std::string text;  // of the block
+};
+
+class WideCsvSink final : public CsvSink {
+  public:
+    using CsvSink::CsvSink;
 
     void Add(const StreamedBlock& from) override {
         if (from.samples == nullptr) return;
@@ -45,9 +71,7 @@ class WideCsvSink final : public StreamSink {
         if (!isBegun) {
             Begin(from);
         } else if (from.samples->times.afterGap) {
-            text += "# gap before ";
-            times.Append(text, from.samples->times.first);
-            text += '\n';
+            AppendGap("", from.samples->times.first);
         }
         const SampleBlock& samples = *from.samples;
         for (std::size_t i = 0; i < samples.Count(); ++i) {
@@ -56,14 +80,6 @@ class WideCsvSink final : public StreamSink {
             text += '\n';
         }
         target(text);
-    }
-
-    void AddOutage(double lost, double back) override {
-        text = "# link lost at ";
-        times.Append(text, lost);
-        text += ", back at ";
-        times.Append(text, back);
-        target(text += '\n');
     }
 
     // What nothing has come for has a header as well.
@@ -85,16 +101,13 @@ class WideCsvSink final : public StreamSink {
         text += '\n';
     }
 
-    const TextTarget target;
-    const TimeWriter times;
-    std::string text;
     bool isBegun = false;
 };
 
-class LongCsvSink final : public StreamSink {
+class LongCsvSink final : public CsvSink {
   public:
     LongCsvSink(TextTarget target_, const TimeWriter& times_)
-        : target(std::move(target_)), times(times_) {
+        : CsvSink(std::move(target_), times_) {
         target("# start " + times.Start() + "\n" + times.Column() +
                ",device,child,channel,unit,value\n");
     }
@@ -110,9 +123,7 @@ class LongCsvSink final : public StreamSink {
         }
         const SampleBlock& samples = *from.samples;
         if (samples.times.afterGap) {
-            text += "# gap of " + OneLine(from.label) + " before ";
-            times.Append(text, samples.times.first);
-            text += '\n';
+            AppendGap(" of " + OneLine(from.label), samples.times.first);
         }
         std::vector<std::string> fronts;
         for (const ChannelFormat& channel : from.format->channels) {
@@ -127,19 +138,6 @@ class LongCsvSink final : public StreamSink {
         }
         target(text);
     }
-
-    void AddOutage(double lost, double back) override {
-        text = "# link lost at ";
-        times.Append(text, lost);
-        text += ", back at ";
-        times.Append(text, back);
-        target(text += '\n');
-    }
-
-  private:
-    const TextTarget target;
-    const TimeWriter times;
-    std::string text;
 };
 
 class CsvFolderSink final : public StreamSink {
