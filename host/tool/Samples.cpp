@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include "vexahost/Describe.h"
-#include "vexahost/SampleFormat.h"
 
 namespace vexahost::tool {
 
@@ -16,27 +15,43 @@ constexpr std::uint8_t kReportKindMask = 0xC0;
 constexpr std::uint8_t kReportInitRequest = 0x40;
 constexpr std::uint8_t kReportInitResponse = 0x80;
 
-const DeviceFormat* FormatOf(std::span<const std::uint8_t> block) {
+const DeviceFormats& VirtualUnit() {
     static const DeviceFormats formats = DeviceFormats::BuiltIn();
-    return formats.Find("", block);
+    return formats;
 }
 
 }  // namespace
 
 std::vector<double> SamplesOf(std::span<const std::uint8_t> block) {
     std::vector<double> values;
-    if (const auto* const format = FormatOf(block)) format->channels[0].Decode(block, values);
+    const auto* const format = VirtualUnit().Find("", block);
+    if (format != nullptr) format->channels[0].Decode(block, values);
     return values;
 }
 
-std::string DescribeBlock(std::span<const std::uint8_t> block) {
-    const auto values = SamplesOf(block);
-    if (values.empty()) return HexText(block);
+std::string DescribeBlock(std::span<const std::uint8_t> block, const DeviceFormats& formats,
+                          const std::string& device) {
+    const DeviceFormat* const format = formats.Find(device, block);
+    if (format == nullptr || !format->HasSamples(block)) return HexText(block);
+    std::string samples;
+    for (const ChannelFormat& channel : format->channels) {
+        std::vector<double> values;
+        channel.Decode(block, values);
+        if (values.empty()) continue;
+        if (!samples.empty()) samples += ',';
+        if (format->channels.size() > 1) samples += ' ' + channel.name;
+        for (const double value : values) AppendValue(samples += ' ', value);
+    }
+    if (samples.empty()) return HexText(block);
+    const auto seconds = format->TimeOf(block);
+    if (!seconds) return samples.substr(1);
     char text[32];
-    std::snprintf(text, sizeof text, "%.3f s:", FormatOf(block)->TimeOf(block).value_or(0));
-    std::string line = text;
-    for (const double value : values) AppendValue(line += ' ', value);
-    return line;
+    std::snprintf(text, sizeof text, "%.3f s:", *seconds);
+    return text + samples;
+}
+
+std::string DescribeBlock(std::span<const std::uint8_t> block) {
+    return DescribeBlock(block, VirtualUnit(), "");
 }
 
 std::vector<std::uint8_t> HidInitRequest() {

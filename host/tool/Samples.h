@@ -6,12 +6,19 @@
 #include <string>
 #include <vector>
 
+#include "vexahost/SampleFormat.h"
+
 namespace vexahost::tool {
 
 // The samples of a block as devices of the virtual unit send them; none for any other block.
 std::vector<double> SamplesOf(std::span<const std::uint8_t> block);
 
-// "1.250 s: 12 -40 77", or the block's bytes when it holds no samples.
+// "1.250 s: 12 -40 77", of several channels "1.250 s: x 12 -40, y 3 5", or the block's bytes when
+// it holds no samples. `device`: its name in `formats`.
+std::string DescribeBlock(std::span<const std::uint8_t> block, const DeviceFormats& formats,
+                          const std::string& device);
+
+// The same as devices of the virtual unit send it.
 std::string DescribeBlock(std::span<const std::uint8_t> block);
 
 // The request that arms a HID sensor: the service drops the sensor's reports until the sensor has

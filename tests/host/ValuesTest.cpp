@@ -8,6 +8,7 @@
 #include "tool/Parse.h"
 #include "tool/Samples.h"
 #include "tool/stream/LiveView.h"
+#include "vexahost/DeviceFile.h"
 
 namespace vexahost::tool {
 namespace {
@@ -22,6 +23,11 @@ TEST(DeviceData, DecodesOnlyWhatIsWhole) {
     const Bytes half = Sealed({0xA0, 9, 0, 0, 0, 0, 0, 0, 1});  // too short for one sample
     EXPECT_EQ(DescribeBlock(half), ToHex(half));
     EXPECT_EQ(DescribeBlock(Bytes{3, 2, 0xFE, 0xFF, 1, 0, 0, 0}), "0.001 s: -2");
+    const auto formats = ParseDeviceFile(
+        R"({"Probe": {"channels": [{"name": "x", "type": "u8", "offset": 0, "count": 2},
+                                   {"name": "y", "type": "i8", "offset": 2, "scale": 0.5}]}})",
+        "formats");
+    EXPECT_EQ(DescribeBlock(Bytes{7, 8, 0xFF}, *formats, "Probe"), "x 7 8, y -0.5");
     EXPECT_EQ(DescribeBlock(Bytes{0x80, 2, 0, 0, 0, 0, 0, 0}), "80 02 00 00 00 00 00 00");
 }
 

@@ -108,9 +108,13 @@ double SampleType::Load(const std::uint8_t* bytes) const {
 void ChannelFormat::Decode(std::span<const std::uint8_t> block, std::vector<double>& values) const {
     const std::size_t step = stride != 0 ? stride : type.size;
     std::size_t left = count != 0 ? count : block.size();
+    // 1253 of 0.001 are 1.253, which a product with the nearest double misses.
+    const double parts = std::round(1 / scale);
+    const bool divides = std::fabs(parts) > 1 && scale == 1 / parts;
     for (std::size_t at = offset; left > 0 && at + type.size <= block.size(); at += step, --left) {
         const double number = type.Load(block.data() + at);
-        values.push_back(IsPlain() ? number : number * scale + bias);
+        values.push_back(IsPlain() ? number
+                                   : (divides ? number / parts : number * scale) + bias);
     }
 }
 

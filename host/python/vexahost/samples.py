@@ -13,7 +13,7 @@ import struct
 from array import array
 from dataclasses import dataclass, fields
 from functools import cached_property
-from typing import Any, Dict, List, Mapping, NamedTuple, Optional, Sequence, Tuple, Union
+from typing import Any, Callable, Dict, List, Mapping, NamedTuple, Optional, Sequence, Tuple, Union
 
 from . import packets
 from .errors import InvalidArgument
@@ -74,16 +74,27 @@ class ChannelFormat:
         return _code(self.type)
 
     @cached_property
-    def _layout(self) -> Tuple[str, int, int, bool, Any, Any]:
-        """Code, size, stride, whether it is scaled; numpy's types in the block and as samples."""
+    def _layout(self) -> Tuple[str, int, int, Any, Any]:
+        """Code, size, stride; numpy's types in the block and as samples."""
         code = str(self.code)
         size = _SIZES[code[1]]
-        scaled = self.scale != 1.0 or self.bias != 0.0
         kinds = (None, None) if numpy is None else (numpy.dtype(code), numpy.dtype(code[1]))
-        return (code, size, self.stride or size, scaled, *kinds)
+        return (code, size, self.stride or size, *kinds)
+
+    @cached_property
+    def _scale(self) -> Optional[Callable[[Any], Any]]:
+        """Makes a number a value; None: it is one."""
+        scale, bias = self.scale, self.bias
+        # 1253 of 0.001 are 1.253, which a product with the nearest double misses.
+        inverse = 1 / scale if scale else 0.0
+        parts = float(round(inverse)) if 1 < abs(inverse) < 1e300 else 0.0
+        if parts and scale == 1 / parts:
+            return lambda number: number / parts + bias
+        return None if scale == 1.0 and bias == 0.0 else lambda number: number * scale + bias
 
     def decode(self, block: bytes) -> Samples:
-        code, size, stride, scaled, read, kept = self._layout
+        code, size, stride, read, kept = self._layout
+        scaled = self._scale
         count = (len(block) - self.offset - size) // stride + 1
         if count <= 0:
             count = 0
@@ -93,11 +104,11 @@ class ChannelFormat:
             place = self.offset if count > 0 else 0  # also in a block that is too short
             view: Any = numpy.ndarray((count,), read, block, place, (stride,))
             found = view.astype(kept)  # a copy that can be written to
-            return found * self.scale + self.bias if scaled else found
+            return scaled(found) if scaled else found
         places = range(self.offset, self.offset + count * stride, stride)
         numbers = [struct.unpack_from(code, block, place)[0] for place in places]
         if scaled:
-            return array("d", [number * self.scale + self.bias for number in numbers])
+            return array("d", [scaled(number) for number in numbers])
         return array(code[1], numbers)
 
 

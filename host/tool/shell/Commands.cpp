@@ -146,7 +146,7 @@ Outcome ReceiveLatest(Session& session, const Words& arguments) {
     auto block = ReceiveInterruptibly(*session.client, id, *timeout);
     if (!block) return Outcome::Failed(block.error());
     while (auto newer = ReceiveInterruptibly(*session.client, id, Milliseconds{0})) block = newer;
-    return Outcome::Good(DescribeBlock(block->bytes));
+    return Outcome::Good(session.Describe(id, *block));
 }
 
 Outcome Receive(Session& session, const Words& arguments) {
@@ -169,7 +169,7 @@ Outcome Receive(Session& session, const Words& arguments) {
             return outcome;
         }
         if (i > 0) outcome.text += '\n';
-        outcome.text += DescribeBlock(block->bytes);
+        outcome.text += session.Describe(fromDaq ? std::nullopt : id, *block);
     }
     return outcome;
 }

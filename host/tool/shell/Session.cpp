@@ -4,6 +4,7 @@
 
 #include "tool/Exit.h"
 #include "tool/Parse.h"
+#include "tool/Samples.h"
 
 namespace vexahost::tool {
 
@@ -79,14 +80,16 @@ std::optional<Words> SplitLine(std::string_view line) {
     return words;
 }
 
-Expected<std::unique_ptr<Session>> Session::Start(const UnitAddress& unit) {
+Expected<std::unique_ptr<Session>> Session::Start(const UnitAddress& unit, DeviceFormats formats) {
     constexpr std::chrono::seconds kPatience{5};
     constexpr std::chrono::milliseconds kRetryPause{100};
     constexpr std::size_t kKept = 20000;  // blocks of each device, for "receive"
     const auto end = Clock::now() + kPatience;
     for (;;) {
         auto client = ConnectAndSync(unit, {.queueCapacity = kKept});
-        if (client) return std::make_unique<Session>(std::move(*client), unit);
+        if (client) {
+            return std::make_unique<Session>(std::move(*client), unit, std::move(formats));
+        }
         const ErrorKind kind = client.error().kind;
         const bool isLink = kind == ErrorKind::kLinkLost || kind == ErrorKind::kProtocolViolation;
         if (!isLink || Clock::now() >= end || IsInterrupted()) return client.error();
@@ -135,6 +138,12 @@ std::vector<std::string> Session::OpenNames() const {
     std::vector<std::string> names;
     for (const Device& device : devices) names.push_back(device.name);
     return names;
+}
+
+std::string Session::Describe(std::optional<ChildId> id, const Block& block) const {
+    const auto device = std::ranges::find(devices, id, &Device::id);
+    const std::string named = device == devices.end() ? "" : device->name;
+    return DescribeBlock(block.bytes, formats, id ? named : "DAQ");
 }
 
 void Session::ForgetAll() {

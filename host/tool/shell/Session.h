@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "tool/Connection.h"
+#include "vexahost/SampleFormat.h"
 
 namespace vexahost::tool {
 
@@ -49,10 +50,10 @@ class Session {
     };
 
     // Connects and synchronises. When the link is lost meanwhile, tries again for some seconds.
-    static Expected<std::unique_ptr<Session>> Start(const UnitAddress& unit);
+    static Expected<std::unique_ptr<Session>> Start(const UnitAddress& unit, DeviceFormats formats);
 
-    Session(ClientHandle connected, UnitAddress address)
-        : client(std::move(connected)), unit(std::move(address)) {}
+    Session(ClientHandle connected, UnitAddress address, DeviceFormats formats_)
+        : client(std::move(connected)), unit(std::move(address)), formats(std::move(formats_)) {}
 
     // Runs one command, with "expect" or "try" before it if the user likes.
     Outcome Run(const Words& words);
@@ -67,6 +68,9 @@ class Session {
     // The id of the open device with this name, else the id that `text` is.
     [[nodiscard]] std::optional<ChildId> FindId(const std::string& text) const;
 
+    // A block in words; without `id` of the DAQ.
+    [[nodiscard]] std::string Describe(std::optional<ChildId> id, const Block& block) const;
+
     // An id that no open device has.
     [[nodiscard]] ChildId FreeId() const;
 
@@ -75,6 +79,7 @@ class Session {
 
     const ClientHandle client;
     const UnitAddress unit;
+    const DeviceFormats formats;
     std::vector<Device> devices;                // open ones
     Clock::time_point daqSince = Clock::now();  // the DAQ's packets are counted since then
     ClientStatistics before;                    // the counts at that time

@@ -12,6 +12,7 @@
 #include "tool/Verbs.h"
 #include "tool/shell/Prompt.h"
 #include "tool/shell/Script.h"
+#include "vexahost/DeviceFile.h"
 
 namespace vexahost::tool {
 
@@ -19,8 +20,9 @@ namespace {
 
 struct ShellOptions {
     UnitAddress unit;
-    std::string script;  // empty: standard input
-    std::string report;  // empty: none
+    std::string script;      // empty: standard input
+    std::string report;      // empty: none
+    std::string deviceFile;  // empty: the one of the configuration folder, if there is one
     bool verbose = false;
 };
 
@@ -140,7 +142,9 @@ ExitCode RunShell(const ShellOptions& options) {
         if (!created) return ReportError(created.error());
         report = std::move(*created);
     }
-    const auto session = Session::Start(options.unit);
+    auto formats = LoadDeviceFormats(options.deviceFile);
+    if (!formats) return ReportError(formats.error());
+    const auto session = Session::Start(options.unit, std::move(*formats));
     if (!session) return ReportError(session.error());
     if (isInteractive) return RunInteractively(**session);
     InputLines input;
@@ -163,6 +167,10 @@ Verb ShellVerb() {
                 {{"--script", "FILE",
                   "run the commands in a file (also when standard input is no terminal)",
                   &options->script},
+                 {"--devices", "FILE",
+                  "device file, for what \"receive\" prints (vexa/devices.json in "
+                  "$XDG_CONFIG_HOME or ~/.config, if there is one)",
+                  &options->deviceFile},
                  {"-v,--verbose", "", "print each command of the script", &options->verbose},
                  {"--report", "FILE",
                   "write the outcome of each command: JUnit if FILE ends with .xml, else TAP",
