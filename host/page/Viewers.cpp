@@ -15,8 +15,9 @@ constexpr lws_usec_t kHelloTimeout = 5 * LWS_US_PER_SEC;  // for the token
 
 std::shared_ptr<Message> Make(std::span<const std::uint8_t> bytes, bool isText) {
     auto message = std::make_shared<Message>();
-    message->buffer.resize(LWS_PRE + bytes.size());
-    std::ranges::copy(bytes, message->buffer.begin() + LWS_PRE);
+    message->buffer.reserve(LWS_PRE + bytes.size());
+    message->buffer.resize(LWS_PRE);
+    message->buffer.insert(message->buffer.end(), bytes.begin(), bytes.end());
     message->size = bytes.size();
     message->isText = isText;
     return message;
@@ -108,15 +109,14 @@ void Viewers::AskToSend() {
 }
 
 int Viewers::Send(lws* wsi, Viewer& viewer) {
-    do {
-        const auto message = viewer.Next();
-        if (!message) return 0;
+    while (const auto message = viewer.Next()) {
         const auto how = message->isText ? LWS_WRITE_TEXT : LWS_WRITE_BINARY;
         if (lws_write(wsi, message->Bytes(), message->size, how) <
             static_cast<int>(message->size)) {
             return -1;
         }
-    } while (lws_send_pipe_choked(wsi) == 0);
+        if (viewer.HasMore() && lws_send_pipe_choked(wsi) != 0) break;
+    }
     if (viewer.HasMore()) lws_callback_on_writable(wsi);
     return 0;
 }

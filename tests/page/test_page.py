@@ -173,6 +173,14 @@ class InABrowser(unittest.TestCase):
             for line, text in zip(reversed(shown), known):
                 self.assertIn(text, line)
 
+        with self.subTest("a fault is set, and hits"):
+            self.fill("fault-call", "VEXA_Device_Stream_Open")
+            self.click("#fault button")
+            page.wait("document.getElementById('events').textContent.includes('fault.set')")
+            self.fill("open-name", "Noise")
+            self.click("#open button")
+            page.wait("document.querySelector('#events .bad')?.textContent.includes('fault: VEXA_Device_Stream_Open')")
+
         with self.subTest("packets in words"):
             page.wait("document.getElementById('lines').textContent.includes('open child')")
             self.assertNotIn("bytes from child", page.run("document.getElementById('lines').textContent"))

@@ -30,8 +30,8 @@ export function setUpVirtualUnit(tell, onTime) {
   submit("fault", () => {
     const [call, action] = [$("fault-call").value, $("fault-action").value];
     const time = action === "fail" ? {} : { ms: 1000 };
-    const times = Number($("fault-times").value);
-    tell({ request: "fault.set", call, action, times, ...time }, `${call} will ${action === "late" ? "be late" : action}, ${times} times`);
+    const count = Number($("fault-times").value);
+    tell({ request: "fault.set", call, action, count, ...time }, `set the fault of ${call}`);
   });
 
   const sensorItem = (device, mayControl) => {
