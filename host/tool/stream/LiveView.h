@@ -4,78 +4,18 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "tool/Console.h"
-#include "tool/Exit.h"
+#include "tool/stream/Envelope.h"
+#include "tool/stream/FullScreen.h"
 #include "tool/stream/StreamSink.h"
 #include "vexahost/Block.h"
 
 namespace vexahost::tool {
-
-// Uses the whole terminal as a page. Standard output must be a terminal, and there is at most one
-// object at a time. The destructor restores the terminal, and so do a second Ctrl-C, and Ctrl-Z
-// while the program is stopped.
-class FullScreen {
-  public:
-    FullScreen();
-    ~FullScreen();
-    FullScreen(const FullScreen&) = delete;
-    FullScreen& operator=(const FullScreen&) = delete;
-
-    // Lines of the terminal at the moment.
-    [[nodiscard]] std::size_t Height() const;
-
-    // Shows `lines`, none wider than the terminal and no more than its height, and clears the rest.
-    void Draw(const std::vector<std::string>& lines);
-
-    // The next key that was typed; nothing when there is none. Arrow keys come as "j" and "k".
-    [[nodiscard]] std::optional<char> NextKey();
-
-    // Stops the program if Ctrl-Z was typed, and returns true when it is continued.
-    bool StopIfAsked();
-
-  private:
-    static void Enter();
-    static void Leave();
-
-    const AtSecondInterrupt restoring;
-};
-
-// The course of a channel: the lowest and the highest sample of each time slot, the newest slots of
-// a fixed number. One thread at a time.
-class Envelope {
-  public:
-    using Clock = std::chrono::steady_clock;
-
-    struct Slot {
-        double lowest;
-        double highest;
-    };
-
-    void Add(double value, Clock::time_point now);
-
-    // Slots as text columns, the newest at the right; lines of "rows" text rows, the highest first.
-    // Blank where no sample came.
-    [[nodiscard]] std::vector<std::string> Draw(std::size_t columns, std::size_t rows,
-                                                Clock::time_point now, bool unicode) const;
-
-    // The lowest and the highest sample of the newest `columns` slots; nothing without a sample.
-    [[nodiscard]] std::optional<Slot> Range(std::size_t columns, Clock::time_point now) const;
-
-    static constexpr std::chrono::milliseconds kSlot{100};
-
-  private:
-    static std::int64_t NumberOf(Clock::time_point time);
-    [[nodiscard]] const Slot* Find(std::int64_t number) const;
-
-    static constexpr std::size_t kSlots = 600;        // a minute, and more than a terminal is wide
-    std::deque<std::pair<std::int64_t, Slot>> slots;  // by their number, ascending
-};
 
 // Figures and a graph for each channel. One thread at a time.
 class LiveView final : public StreamSink {
