@@ -136,7 +136,10 @@ ExitCode DecodeSamples(const DecodeSamplesOptions& options) {
     SampleDecoding decoding(options, *formats, devices, known);
     while (const auto frame = reader->Next()) {
         if (std::ferror(stdout) != 0) return kExitDone;  // what this means is said at the end
-        if (const auto added = decoding.Add(*frame); !added) return ReportError(added.error());
+        const auto added = decoding.Add(*frame);
+        if (added) continue;
+        (void)decoding.Finish();  // files keep what they have
+        return ReportError(added.error());
     }
     if (const auto finished = decoding.Finish(); !finished) return ReportError(finished.error());
     if (reader->Fault().empty()) return kExitDone;

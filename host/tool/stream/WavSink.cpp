@@ -2,7 +2,10 @@
 //
 //   0 "RIFF", size, "WAVE"   12 "fmt ", 16, kind (1 PCM, 3 float), channels, rate, bytes a second,
 //   bytes a sample, bits     36 "data", size, samples
-#include <array>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstdio>
@@ -28,7 +31,7 @@ class WavFile {
     WavFile(const std::string& path_, bool isWhole_)
         : path(path_), isWhole(isWhole_), file(std::fopen(path.c_str(), "w+be")) {
         if (file) {
-            Put(std::array<std::uint8_t, kHeaderSize>{});
+            for (std::size_t i = 0; i < kHeaderSize; ++i) std::putc(0, file.get());
         } else {
             NoteFault();
         }
@@ -51,23 +54,32 @@ class WavFile {
         bytes += SampleSize();
     }
 
+    // Also after a fault, so that what the file holds can be read.
     void Finish(std::uint32_t rate) {
         if (!file) return;
-        const auto size = static_cast<std::uint32_t>(bytes);
-        std::rewind(file.get());
-        Put(std::array<char, 4>{'R', 'I', 'F', 'F'});
-        PutNumber(size + kHeaderSize - 8, 4);
-        Put(std::array<char, 8>{'W', 'A', 'V', 'E', 'f', 'm', 't', ' '});
-        PutNumber(16, 4);
-        PutNumber(isWhole ? 1 : 3, 2);
-        PutNumber(1, 2);
-        PutNumber(rate, 4);
-        PutNumber(rate * static_cast<std::uint32_t>(SampleSize()), 4);
-        PutNumber(static_cast<std::uint32_t>(SampleSize()), 2);
-        PutNumber(static_cast<std::uint32_t>(8 * SampleSize()), 2);
-        Put(std::array<char, 4>{'d', 'a', 't', 'a'});
-        PutNumber(size, 4);
         if (std::fflush(file.get()) != 0) NoteFault();
+        struct stat status {};
+        if (fstat(fileno(file.get()), &status) != 0) return NoteFault();
+        const auto whole = static_cast<std::uint64_t>(status.st_size);
+        const auto size = static_cast<std::uint32_t>(
+            std::min(bytes, whole > kHeaderSize ? whole - kHeaderSize : 0));
+        std::string header = "RIFF";
+        const auto append = [&](std::size_t value, std::size_t count) {
+            for (std::size_t i = 0; i < count; ++i) header += static_cast<char>(value >> 8 * i);
+        };
+        append(size + kHeaderSize - 8, 4);
+        header += "WAVEfmt ";
+        append(16, 4);
+        append(isWhole ? 1 : 3, 2);
+        append(1, 2);
+        append(rate, 4);
+        append(rate * SampleSize(), 4);
+        append(SampleSize(), 2);
+        append(8 * SampleSize(), 2);
+        header += "data";
+        append(size, 4);
+        const auto count = static_cast<ssize_t>(header.size());
+        if (pwrite(fileno(file.get()), header.data(), header.size(), 0) != count) NoteFault();
     }
 
     [[nodiscard]] const std::string& Path() const { return path; }
@@ -80,10 +92,6 @@ class WavFile {
 
     [[nodiscard]] std::size_t SampleSize() const { return isWhole ? 2 : 4; }
 
-    template <typename Bytes>
-    void Put(const Bytes& data) {
-        if (std::fwrite(data.data(), 1, data.size(), file.get()) != data.size()) NoteFault();
-    }
     void PutNumber(std::uint32_t value, std::size_t size) {
         for (std::size_t i = 0; i < size; ++i) {
             if (std::putc(static_cast<int>(value >> 8 * i & 0xFFU), file.get()) == EOF) NoteFault();
