@@ -69,9 +69,15 @@ int Callback(lws* wsi, lws_callback_reasons reason, void* session, void* in, std
 }
 
 int OnTick(lws* wsi, lws_callback_reasons reason, void*, void*, std::size_t) {
-    if (reason != LWS_CALLBACK_RAW_RX_FILE) return 0;
-    static_cast<PageServer*>(lws_context_user(lws_get_context(wsi)))->Tick();
-    return 0;
+    switch (reason) {
+        case LWS_CALLBACK_RAW_RX_FILE:
+            static_cast<PageServer*>(lws_context_user(lws_get_context(wsi)))->Tick();
+            return 0;
+        case LWS_CALLBACK_FILTER_PROTOCOL_CONNECTION:  // by a stranger that asks for this protocol
+            return 1;
+        default:
+            return 0;
+    }
 }
 
 // --- the beginning and the end ------------------------------------------------------------------
@@ -132,6 +138,7 @@ Expected<Done> PageServer::StartTicking(lws_vhost* host) {
         return Error{ErrorKind::kInvalidArgument,
                      std::string("no timer can be made: ") + std::strerror(errno)};
     }
+    connections = 0;  // the timer is none
     SetTick(false);
     return Done{};
 }
