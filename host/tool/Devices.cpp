@@ -11,6 +11,7 @@ namespace {
 
 struct DevicesOptions {
     std::vector<std::string> folders;
+    std::vector<std::string> usb;  // as UsbAddress::Parse reads them
     bool json = false;
 };
 
@@ -47,10 +48,19 @@ void PrintVirtualUnit(const std::string& folder, const std::vector<VirtualDevice
 }
 
 ExitCode RunDevices(const DevicesOptions& options) {
+    std::vector<UsbAddress> addresses;
+    for (const std::string& text : options.usb) {
+        const auto address = UsbAddress::Parse(text);
+        if (!address) return ReportError(address.error());
+        addresses.push_back(*address);
+    }
+    if (addresses.empty()) addresses.emplace_back();
     std::size_t found = 0;
-    for (const UsbUnit& unit : UsbTransport::List()) {
-        PrintUsbUnit(unit, options.json);
-        ++found;
+    for (const UsbAddress& address : addresses) {
+        for (const UsbUnit& unit : UsbTransport::List(address)) {
+            PrintUsbUnit(unit, options.json);
+            ++found;
+        }
     }
     auto folders = options.folders;
     if (folders.empty()) folders.push_back(DefaultUnitDirectory());
@@ -63,8 +73,11 @@ ExitCode RunDevices(const DevicesOptions& options) {
         ++found;
     }
     if (found > 0) return kExitDone;
-    std::string looked =
-        UsbTransport::IsAvailable() ? "on the USB (" + UsbAddress().Text() + ")" : "";
+    std::string looked;
+    for (std::size_t i = 0; UsbTransport::IsAvailable() && i < addresses.size(); ++i) {
+        looked += (i == 0 ? "on the USB (" : ", ") + addresses[i].Text();
+        if (i + 1 == addresses.size()) looked += ")";
+    }
     for (const std::string& folder : folders) looked += (looked.empty() ? "in " : ", in ") + folder;
     return ReportError({ErrorKind::kCannotConnect, "no unit found: " + looked});
 }
@@ -78,8 +91,13 @@ Verb DevicesVerb() {
         .summary = "List the units that are plugged in, and virtual units that run",
         .options = {{"DIR", "", "directories of virtual units ($VEXA_UNIT_DIR, else build/unit)",
                      &options->folders},
+                    {"--usb", "VENDOR:PRODUCT",
+                     "numbers of units to look for on the USB; can be given again (1209:0001)",
+                     &options->usb},
                     {"--json", "", "a JSON object for each unit", &options->json}},
-        .notes = "Example: vexa-host devices",
+        .notes =
+            "Examples: vexa-host devices\n"
+            "          vexa-host devices --usb 1209:0002",
         .run = [options] { return RunDevices(*options); }};
 }
 
