@@ -79,8 +79,9 @@ void UnitControl::Run() {
                 return isWatched && std::chrono::steady_clock::now() >= due;
             };
             while (questions.empty() && !isEnding && !isDue()) {
+                const auto until = due;  // which is read while the lock is given up
                 if (isWatched)
-                    changed.wait_until(lock, due);
+                    changed.wait_until(lock, until);
                 else
                     changed.wait(lock);
             }
