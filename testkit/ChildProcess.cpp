@@ -128,7 +128,7 @@ ChildProcess::ChildProcess(const ProcessCall& call)
         ::waitpid(process, nullptr, 0);
         Fail(call, error);
     }
-    if (output.read) log = std::make_unique<OutputLog>(std::move(output.read));
+    if (output.read) log = std::make_unique<OutputLog>(std::move(output.read), call.keptOutput);
 }
 
 ChildProcess::ChildProcess(ChildProcess&& other) noexcept

@@ -28,6 +28,7 @@ struct ProcessCall {
     std::vector<std::string> command;  // the program first; looked up in PATH if it has no slash
     std::vector<std::pair<std::string, std::string>> environment{};  // changes; empty value: unset
     Output output = Output::kCaptured;
+    std::size_t keptOutput = OutputLog::kKeepAll;  // bytes, as for OutputLog
     std::vector<int> inherited{};    // descriptors that stay open although marked close-on-exec
     bool ownGroup = false;           // a process group of its own, so that Ctrl-C does not reach it
     bool leavesGroup = false;        // with that, once it has ended: what it started goes on

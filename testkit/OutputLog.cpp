@@ -2,6 +2,7 @@
 
 #include <poll.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -29,7 +30,8 @@ std::vector<std::string> SplitLines(std::string_view text) {
     return lines;
 }
 
-OutputLog::OutputLog(Descriptor source_) : source(std::move(source_)), thread([this] { Read(); }) {}
+OutputLog::OutputLog(Descriptor source_, std::size_t kept_)
+    : source(std::move(source_)), kept(kept_), thread([this] { Read(); }) {}
 
 OutputLog::~OutputLog() {
     stop = true;
@@ -46,9 +48,20 @@ void OutputLog::Read() {
         const MutexLock lock(mutex);
         ended = count <= 0;
         if (!ended) text.append(chunk.data(), static_cast<std::size_t>(count));
+        DropOldest();
         changed.notify_all();
         if (ended) return;
     }
+}
+
+// Half at a time, so that it costs little.
+void OutputLog::DropOldest() {
+    if (text.size() / 2 < kept) return;
+    const std::size_t dropped = text.size() - kept;
+    text.erase(0, dropped);
+    begin += dropped;
+    missed += dropped - std::min(taken, dropped);
+    taken -= std::min(taken, dropped);
 }
 
 std::string OutputLog::Text() {
@@ -64,6 +77,8 @@ std::vector<std::string> OutputLog::TakeLines() {
     if (end <= taken) return {};
     auto lines = SplitLines(std::string_view(text).substr(taken, end - taken));
     taken = end;
+    if (missed > 0) lines.insert(lines.begin(), "(" + std::to_string(missed) + " bytes left out)");
+    missed = 0;
     return lines;
 }
 
@@ -71,8 +86,8 @@ std::size_t OutputLog::WaitFor(std::string_view wanted, Milliseconds timeout, st
     const auto deadline = Clock::now() + timeout;
     MutexLock lock(mutex);
     for (;;) {
-        const std::size_t found = text.find(wanted, from);
-        if (found != std::string::npos) return found + wanted.size();
+        const std::size_t found = text.find(wanted, from - std::min(from, begin));
+        if (found != std::string::npos) return begin + found + wanted.size();
         if (ended || Clock::now() >= deadline) return std::string::npos;
         changed.wait_until(lock, deadline);
     }

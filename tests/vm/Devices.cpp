@@ -3,8 +3,9 @@
 //   vm-devices pad SIZE MS PRODUCT
 //       a HID device of the kernel (uhid) with reports of SIZE bytes, one every MS milliseconds;
 //       answers an init request, sends other reports back
-//   vm-devices motion
-//       a HID sensor hub with an accelerometer: X counts up from report to report
+//   vm-devices motion MS
+//       a HID sensor hub with an accelerometer and a sample every MS milliseconds: X counts up, and
+//       its own time goes on by MS
 //   vm-devices lines LINK MS
 //       a serial instrument at LINK: a numbered sentence every MS milliseconds
 //   vm-devices blocks SECONDS [--daq] NAME[=HEX]...
@@ -141,8 +142,8 @@ void Pad(std::uint8_t size, std::chrono::milliseconds period, std::uint32_t prod
 }
 
 // A sensor hub with one accelerometer. Report 1: as a feature the two states, the interval and the
-// sensitivity; as an input three axes.
-void Motion() {
+// sensitivity; as an input three axes and the sensor's own time.
+void Motion(std::chrono::milliseconds period) {
     constexpr std::uint8_t kId = 1;
     Bytes descriptor{0x05, 0x20, 0x09, 0x73, 0xA1, 0x00, 0x85, kId};
     const auto selector = [&](std::uint8_t property, std::uint8_t first, int count) {
@@ -169,17 +170,24 @@ void Motion() {
                                0x95, 0x01, 0x55, 0x0D, 0x81, 0x02})
             descriptor.push_back(static_cast<std::uint8_t>(byte));
     }
+    // 64 bits, in units of 10 to the power of -3 s.
+    for (const int byte : {0x0B, 0x29, 0x05, 0x20, 0x00, 0x15, 0x00, 0x27, 0xFF, 0xFF,
+                           0xFF, 0x7F, 0x75, 0x40, 0x95, 0x01, 0x55, 0x0D, 0x81, 0x02})
+        descriptor.push_back(static_cast<std::uint8_t>(byte));
     descriptor.push_back(0xC0);
     HidDevice hub("Hub", 0x0020, descriptor);
     Bytes feature{kId, 1, 1, 10, 0, 0, 0, 0, 0};
-    std::uint16_t count = 0;
+    std::uint32_t count = 0;
     const auto tick = [&] {
         const auto low = [](int value) { return static_cast<std::uint8_t>(value); };
-        const int x = count % 30000;
-        ++count;
-        hub.Send({kId, low(x), low(x >> 8), low(-x), low(-x >> 8), low(1000), low(1000 >> 8)});
+        const int x = static_cast<int>(count % 30000);
+        Bytes report{kId, low(x), low(x >> 8), low(-x), low(-x >> 8), low(1000), low(1000 >> 8)};
+        const auto ms = static_cast<std::uint64_t>(period.count()) * ++count;
+        for (unsigned bit = 0; bit < 64; bit += 8)
+            report.push_back(low(static_cast<int>(ms >> bit)));
+        hub.Send(report);
     };
-    Loop(hub.Descriptor(), 10ms, tick, [&] {
+    Loop(hub.Descriptor(), period, tick, [&] {
         const uhid_event event = hub.Receive();
         uhid_event reply{};
         if (event.type == UHID_GET_REPORT) {
@@ -319,7 +327,7 @@ int main(int count, char** words) {
     if (verb == "pad") {
         Pad(static_cast<std::uint8_t>(number(2)), std::chrono::milliseconds(number(3)), number(4));
     } else if (verb == "motion") {
-        Motion();
+        Motion(std::chrono::milliseconds(number(2)));
     } else if (verb == "lines" && count > 3) {
         Lines(words[2], std::chrono::milliseconds(number(3)));
     } else if (verb == "blocks" && count > 2) {

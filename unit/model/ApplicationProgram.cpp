@@ -16,6 +16,7 @@ using std::chrono::milliseconds;
 
 constexpr milliseconds kLook{10};
 constexpr milliseconds kLastWords{500};  // after SIGTERM, before SIGKILL
+constexpr std::size_t kKeptOutput = 65536;
 constexpr milliseconds kOutputEnd{200};  // after its end; what it started may keep its output open
 
 void Print(const std::string& application, testkit::OutputLog& log) {
@@ -53,6 +54,7 @@ std::int32_t RunApplication(const std::string& application, const std::vector<st
           kHostSocketVariable, kControlSocketVariable}) {
         call.environment.emplace_back(variable, "");
     }
+    call.keptOutput = kKeptOutput;
     call.ownGroup = true;
     call.leavesGroup = true;
     call.withoutInput = true;

@@ -10,16 +10,13 @@
 #include <chrono>
 #include <utility>
 
-#include "protocol/FrameHeader.h"
+#include "model/UnitSocket.h"
 
 namespace vexa::unit {
 
 using testkit::Descriptor;
 
 namespace {
-
-// Pause before accepting again when the process has no descriptor left for a client.
-constexpr int kRetryAcceptMs = 100;
 
 // How long a host waits for a program that does not look at the cable's state.
 constexpr std::chrono::seconds kLongestWait{2};
@@ -169,7 +166,7 @@ ssize_t Cable::Write(std::span<const std::uint8_t> bytes) {
 void Cable::AcceptClient() {
     Descriptor client(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
     if (!client) {
-        if (errno != EMFILE && errno != ENFILE) return;
+        if (!HasNoDescriptor(errno)) return;
         pollfd woken{wake.Get(), POLLIN, 0};
         ::poll(&woken, 1, kRetryAcceptMs);
         return;
@@ -178,10 +175,7 @@ void Cable::AcceptClient() {
     const auto current = Current();
     if (current->in) {
         if (!HasHungUp(current->client.Get())) {
-            (void)::send(client.Get(), kBusyHeader.data(), kBusyHeader.size(),
-                         MSG_DONTWAIT | MSG_NOSIGNAL);
-            ::shutdown(client.Get(), SHUT_WR);
-            refused = std::move(client);
+            refused = RefuseHost(std::move(client));
             return;
         }
         PullOut(current);

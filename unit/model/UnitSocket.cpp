@@ -9,6 +9,8 @@
 #include <optional>
 #include <stdexcept>
 
+#include "protocol/FrameHeader.h"
+
 namespace vexa::unit {
 
 using testkit::Descriptor;
@@ -115,6 +117,16 @@ Descriptor ConnectTo(const std::string& path) {
     ::setsockopt(made.Get(), SOL_SOCKET, SO_SNDTIMEO, &kPatience, sizeof kPatience);
     if (::connect(made.Get(), Generic(*address), sizeof *address) != 0) return {};
     return made;
+}
+
+Descriptor RefuseHost(Descriptor host) {
+    (void)::send(host.Get(), kBusyHeader.data(), kBusyHeader.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    ::shutdown(host.Get(), SHUT_WR);
+    return host;
+}
+
+bool HasNoDescriptor(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
 }
 
 }  // namespace vexa::unit

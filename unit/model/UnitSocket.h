@@ -43,4 +43,13 @@ void RemoveSocket(const std::string& path);
 // when the unit has not accepted the connection within 10 s. As long does a send wait for the unit.
 [[nodiscard]] testkit::Descriptor ConnectTo(const std::string& path);
 
+// Answers a host that another one has the unit, and nothing else. The result stays open until the
+// host has left, so that what it sends meanwhile does not cost it the answer.
+[[nodiscard]] testkit::Descriptor RefuseHost(testkit::Descriptor host);
+
+// How long to leave a listening socket alone when there is no descriptor left for who connects.
+inline constexpr int kRetryAcceptMs = 100;
+// Whether that is what `error` of accept says.
+[[nodiscard]] bool HasNoDescriptor(int error);
+
 }  // namespace vexa::unit

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <span>
 
-#include "protocol/FrameHeader.h"
+#include "model/UnitSocket.h"
 
 namespace vexa::unit {
 
@@ -37,9 +37,9 @@ class HostConnection {
     // Waits for a host.
     void Accept() {
         while (!host) {
-            pollfd entry{listener.Get(), POLLIN, 0};
-            ::poll(&entry, 1, -1);
-            host = Descriptor(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+            std::array<pollfd, 1> entry{WatchedListener()};
+            ::poll(entry.data(), entry.size(), PollTimeout(ListeningAgain()));
+            if (entry[0].revents != 0) host = AcceptOne();
         }
         received.clear();
     }
@@ -68,9 +68,10 @@ class HostConnection {
     // Waits for `events` or `end`; false at the end.
     bool ReceiveSome(int events, Time::time_point end) {
         std::array<pollfd, 2> entries{
-            {{host.Get(), static_cast<short>(events), 0}, {listener.Get(), POLLIN, 0}}};
-        if (::poll(entries.data(), entries.size(), PollTimeout(end)) == 0) return false;
-        if (entries[1].revents != 0) RefuseAnother();
+            {{host.Get(), static_cast<short>(events), 0}, WatchedListener()}};
+        const auto until = std::min(end, ListeningAgain());
+        if (::poll(entries.data(), entries.size(), PollTimeout(until)) == 0) return until != end;
+        if (entries[1].revents != 0) refused = RefuseHost(AcceptOne());
         if ((entries[0].revents & (POLLIN | POLLHUP | POLLERR)) == 0) return true;
         std::array<std::uint8_t, 65536> chunk;
         const auto got = ::recv(host.Get(), chunk.data(), chunk.size(), MSG_DONTWAIT);
@@ -79,16 +80,26 @@ class HostConnection {
         return true;
     }
 
-    // The connection stays open for what it sends, so that it comes to read the answer.
-    void RefuseAnother() {
-        refused = Descriptor(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
-        (void)::send(refused.Get(), kBusyHeader.data(), kBusyHeader.size(), MSG_NOSIGNAL);
-        ::shutdown(refused.Get(), SHUT_WR);
+    // Nobody, for a while, when there is no descriptor for who connects: the listener stays
+    // readable.
+    [[nodiscard]] Descriptor AcceptOne() {
+        Descriptor accepted(::accept4(listener.Get(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!accepted && HasNoDescriptor(errno)) {
+            listenAgain = Time::now() + milliseconds(kRetryAcceptMs);
+        }
+        return accepted;
+    }
+    [[nodiscard]] Time::time_point ListeningAgain() const {
+        return Time::now() < listenAgain ? listenAgain : kNoEnd;
+    }
+    [[nodiscard]] pollfd WatchedListener() const {
+        return {ListeningAgain() == kNoEnd ? listener.Get() : -1, POLLIN, 0};
     }
 
     const Descriptor& listener;
     Descriptor host;
     Descriptor refused;
+    Time::time_point listenAgain;
     std::vector<std::uint8_t> received;  // and not compared yet
 };
 

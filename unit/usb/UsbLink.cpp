@@ -1,7 +1,10 @@
 #include "usb/UsbLink.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
+#include <sys/file.h>
 #include <sys/signalfd.h>
+#include <sys/stat.h>
 
 #include <array>
 #include <cerrno>
@@ -15,11 +18,23 @@ namespace vexa::usb {
 
 namespace {
 
+// Held from the start to the end, whatever that is: nothing may be cleared away that belongs to one
+// that runs. Its file stays, as one that is removed could be locked twice.
+testkit::Descriptor LockOf(const std::string& node) {
+    const std::string path = "/run/vexa-usb." + node + ".lock";
+    testkit::Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (!file) throw SetupError("cannot open " + path + ": " + std::strerror(errno));
+    if (flock(file.Get(), LOCK_EX | LOCK_NB) != 0) {
+        throw SetupError("/dev/" + node + " is taken: another vexa-usb serves it");
+    }
+    return file;
+}
+
 // A node of this name that is there already is another's.
 const LinkSettings& WithFreeNode(const LinkSettings& settings) {
     const std::string node = "/dev/" + settings.node;
     if (std::filesystem::exists(node)) {
-        throw SetupError(node + " is there already: another vexa-usb or a driver serves it");
+        throw SetupError(node + " is there already: a driver or another program serves it");
     }
     return settings;
 }
@@ -27,7 +42,8 @@ const LinkSettings& WithFreeNode(const LinkSettings& settings) {
 }  // namespace
 
 UsbLink::UsbLink(const LinkSettings& settings_)
-    : settings(WithFreeNode(settings_)),
+    : lock(LockOf(settings_.node)),
+      settings(WithFreeNode(settings_)),
       gadget(settings.node, settings.gadget),
       endpoints(gadget.Function(), settings.gadget.productName, settings.cable,
                 {[this] { node.OnReceived(); }, [this](long result) { node.OnSent(result); },

@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "testkit/Descriptor.h"
 #include "usb/Endpoints.h"
 #include "usb/Gadget.h"
 #include "usb/Node.h"
@@ -30,6 +31,7 @@ class UsbLink {
     void SayCable();
     [[nodiscard]] std::string Status() const;
 
+    const testkit::Descriptor lock;
     const LinkSettings settings;
     Gadget gadget;
     Endpoints endpoints;
