@@ -113,8 +113,7 @@ void ChannelFormat::Decode(std::span<const std::uint8_t> block, std::vector<doub
     const bool divides = std::fabs(parts) > 1 && scale == 1 / parts;
     for (std::size_t at = offset; left > 0 && at + type.size <= block.size(); at += step, --left) {
         const double number = type.Load(block.data() + at);
-        values.push_back(IsPlain() ? number
-                                   : (divides ? number / parts : number * scale) + bias);
+        values.push_back(IsPlain() ? number : (divides ? number / parts : number * scale) + bias);
     }
 }
 
