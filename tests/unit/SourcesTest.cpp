@@ -15,6 +15,7 @@
 #include "sources/IioModule.h"
 #include "sources/Samples.h"
 #include "sources/SourceDevice.h"
+#include "testkit/ChildProcess.h"
 #include "unit/UnitUnderTest.h"
 
 namespace vexa::unit {
@@ -311,6 +312,20 @@ TEST(Programs, AnswerByTheirExitAndAreEndedAtTheirLimit) {
         return fs::read_symlink(process, error).empty();  // a dead one has none
     }));
     fs::remove(marked);
+}
+
+// A program that prints without end must not fill the unit's memory.
+TEST(ApplicationProgram, ItsOutputIsKeptUpToABound) {
+    testkit::ChildProcess program({.command = {"seq", "10000"}, .keptOutput = 1000});
+    testkit::OutputLog& log = program.Log();
+    ASSERT_TRUE(log.WaitForEnd(std::chrono::seconds(30)));
+    const std::string kept = log.Text();
+    EXPECT_THAT(kept, ::testing::EndsWith("\n9999\n10000\n"));
+    EXPECT_TRUE(kept.size() >= 1000 && kept.size() < 2000) << kept.size();
+    constexpr std::size_t kAll = 9 + 90 * 2 + 900 * 3 + 9000 * 4 + 5 + 10000;
+    EXPECT_EQ(log.WaitFor("10000\n", std::chrono::seconds(0), 7), kAll);  // a position in all of it
+    EXPECT_EQ(log.TakeLines().front(),
+              "(" + std::to_string(kAll - kept.size()) + " bytes left out)");
 }
 
 }  // namespace
