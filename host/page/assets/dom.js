@@ -8,11 +8,7 @@ export const node = (tag, members = {}, ...children) => {
   return element;
 };
 
-export const submit = (id, handler) =>
-  ($(id).onsubmit = (event) => {
-    event.preventDefault();
-    handler();
-  });
+export const submit = (id, handler) => ($(id).onsubmit = (event) => (event.preventDefault(), handler()));
 
 // Changes a text only when it differs: a live region is read out at each change.
 export const write = (element, text) => {

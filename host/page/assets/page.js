@@ -55,6 +55,7 @@ const link = new Link({
   timeline: ({ lines }) => virtual.addEvents(lines),
   dropped({ frames }) {
     page.dropped += frames;
+    for (const channel of channels.values()) channel.isBroken = true;
     notice(`this page was too slow for ${frames} frames of samples: there is a gap`);
   },
   answer: ({ problem }) => problem && notice(problem),

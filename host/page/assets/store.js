@@ -2,6 +2,7 @@
 
 const CAPACITY = 1 << 21; // samples of a channel that are kept
 const MOST_BUCKETS = 1 << 15;
+const LOST = 0.2; // seconds between two pieces; less is an estimate of the time that has moved
 const SAME = 0.05; // of a step, within which a piece goes on where the last one ended
 
 // Minimum and maximum in slices of `width` seconds, at multiples of it: a slice looks the same wherever the
@@ -45,6 +46,7 @@ export class Channel {
     this.pieces = []; // {begin, count, first, step, gap}, in order of time
     this.buckets = null;
     this.gaps = 0;
+    this.isBroken = false; // frames are missing before the next piece
   }
 
   get label() { return this.name === "value" ? this.device : `${this.device} ${this.name}`; }
@@ -61,7 +63,8 @@ export class Channel {
     for (let i = 0; i < values.length; ++i) this.values[(this.total + i) % this.values.length] = values[i];
     const expected = last && last.first + last.step * last.count;
     // Also after a lost link, and after frames that this page was too slow for.
-    gap ||= last !== undefined && first - expected > step;
+    gap ||= last !== undefined && (this.isBroken || first - expected > Math.max(step, LOST));
+    this.isBroken = false;
     if (last && !gap && Math.abs(first - expected) < SAME * step && Math.abs(step - last.step) * (last.count + values.length) < SAME * step) {
       last.count += values.length;
     } else {
