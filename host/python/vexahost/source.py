@@ -18,6 +18,11 @@ from .timing import Timing
 class Block:
     """A block of a device, or a packet of the DAQ."""
 
+    __slots__ = (
+        "values", "sequence", "bytes", "received", "checksum_right", "count",
+        "_raw", "_zero", "_span", "_format",
+    )
+
     def __init__(
         self,
         values: Samples,
