@@ -4,6 +4,10 @@
 //   vm-probe interrupt          signals end a waiting read and a waiting write
 //   vm-probe echo               writes what it reads from the node, until killed
 //   vm-probe send BYTES         sends random payloads over the bus and checks the echo
+//   vm-probe pour BYTES         writes to the node once something was read from it
+//   vm-probe drain BYTES        reads from the node
+//   vm-probe pull BYTES         the host's end of pour: asks for the bytes and takes them
+//   vm-probe push BYTES         the host's end of drain
 //   vm-probe sizes PACKET       the same with sizes around whole packets of PACKET bytes
 //   vm-probe windows DEVICE      asks for the descriptors by which Windows loads WinUSB, as it does
 //   vm-probe cycles N FILE OUT IN  streams; pulls the cable by writing OUT to FILE, plugs it in by
@@ -24,6 +28,7 @@
 #include <fstream>
 #include <functional>
 #include <random>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -109,7 +114,7 @@ void CheckInterrupts() {
 }
 
 // The cable is asked for as the service does, so that a host that comes anew is let in.
-void Echo() {
+int OpenNodeAndFollowCable() {
     const int node = OpenNode();
     std::thread([node] {
         for (;; std::this_thread::sleep_for(100ms)) {
@@ -117,6 +122,11 @@ void Echo() {
             ioctl(node, ZTG_LINK_STATUS, &value);
         }
     }).detach();
+    return node;
+}
+
+void Echo() {
+    const int node = OpenNodeAndFollowCable();
     Bytes buffer(65536);
     for (;;) {
         const ssize_t count = read(node, buffer.data(), buffer.size());
@@ -134,6 +144,57 @@ std::unique_ptr<vexahost::Transport> ConnectBus() {
         if (connected) return std::move(*connected);
         if (Clock::now() > deadline) Fail(connected.error().message);
     }
+}
+
+// --- one direction at a time, for figures
+
+constexpr std::size_t kChunk = 16384;
+
+void Drain(std::size_t total) {
+    const int node = OpenNodeAndFollowCable();
+    Bytes buffer(kChunk);
+    for (std::size_t sum = 0; sum < total;) {
+        const ssize_t count = read(node, buffer.data(), buffer.size());
+        if (count > 0) sum += static_cast<std::size_t>(count);
+    }
+}
+
+void Pour(std::size_t total) {
+    const int node = OpenNodeAndFollowCable();
+    Bytes buffer(kChunk);
+    Require(read(node, buffer.data(), 1) == 1, "the host asks for nothing");
+    for (std::size_t sum = 0; sum < total;) {
+        const std::size_t size = std::min(kChunk, total - sum);
+        Require(write(node, buffer.data(), size) == static_cast<ssize_t>(size),
+                "a write to the node failed");
+        sum += size;
+    }
+}
+
+void Push(std::size_t total) {
+    const auto bus = ConnectBus();
+    const Bytes buffer(kChunk);
+    for (std::size_t sum = 0; sum < total;) {
+        const std::size_t size = std::min(kChunk, total - sum);
+        Require(bus->WriteAll(std::span(buffer).first(size), Clock::now() + 30s).has_value(),
+                "a payload could not be sent");
+        sum += size;
+    }
+}
+
+void Pull(std::size_t total) {
+    const auto bus = ConnectBus();
+    Bytes buffer(4 * kChunk);
+    Require(bus->WriteAll(std::span(buffer).first(1), Clock::now() + 30s).has_value(),
+            "the unit cannot be asked");
+    const auto start = Clock::now();
+    for (std::size_t sum = 0; sum < total;) {
+        const auto count = bus->Read(buffer, 20s);
+        Require(count.has_value() && *count > 0, "nothing came any more");
+        sum += *count;
+    }
+    std::printf("%.2f\n", static_cast<double>(total) / 1e6 /
+                              std::chrono::duration<double>(Clock::now() - start).count());
 }
 
 // Sends each payload on one thread and compares the echo on this one.
@@ -341,6 +402,12 @@ int main(int count, char** words) {
         Echo();
     } else if (verb == "send") {
         Send(std::strtoul(argument, nullptr, 10));
+    } else if (verb == "pour" || verb == "drain" || verb == "pull" || verb == "push") {
+        const auto move = verb == "pour"    ? Pour
+                          : verb == "drain" ? Drain
+                          : verb == "pull"  ? Pull
+                                            : Push;
+        move(std::strtoul(argument, nullptr, 10));
     } else if (verb == "sizes") {
         Sizes(std::strtoul(argument, nullptr, 10));
     } else if (verb == "windows") {
