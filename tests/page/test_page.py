@@ -233,8 +233,10 @@ class InABrowser(unittest.TestCase):
         with self.subTest("the unit is killed and returns"):
             self.bench.kill_unit()
             page.wait("document.getElementById('link').textContent.startsWith('not connected')")
+            page.wait("document.getElementById('events').firstChild.textContent.endsWith('the unit has ended')")
             self.bench.start_unit()
             page.wait("document.getElementById('link').className === 'up'")
+            page.wait("document.getElementById('events').firstChild.textContent.match(/is there|is opened|whether/)")
             self.grows("Ramp")
 
         self.assertEqual(page.problems, [])
