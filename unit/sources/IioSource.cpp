@@ -90,9 +90,11 @@ class IioSource final : public Source {
             const auto due =
                 start + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(
                             static_cast<double>(moment) / sensor.rate));
-            while (!line.IsEnding() && Clock::now() < due) {
+            // The time is taken once: one that is past by the second look would be a wait without
+            // end.
+            for (auto now = Clock::now(); !line.IsEnding() && now < due; now = Clock::now()) {
                 (void)line.TakeWrites();
-                const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - Clock::now());
+                const auto left = std::chrono::ceil<std::chrono::milliseconds>(due - now);
                 (void)line.Wait(-1, 0,
                                 static_cast<int>(std::min<std::int64_t>(left.count(), 60000)));
             }
