@@ -77,7 +77,11 @@ std::vector<std::string> OutputLog::TakeLines() {
     if (end <= taken) return {};
     auto lines = SplitLines(std::string_view(text).substr(taken, end - taken));
     taken = end;
-    if (missed > 0) lines.insert(lines.begin(), "(" + std::to_string(missed) + " bytes left out)");
+    if (missed > 0) {
+        std::string note = "(";
+        note += std::to_string(missed);
+        lines.insert(lines.begin(), note += " bytes left out)");
+    }
     missed = 0;
     return lines;
 }

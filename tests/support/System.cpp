@@ -112,6 +112,12 @@ REAL(int, gettimeofday, timeval* now, void* zone) {
     return 0;
 }
 
+// What the C library's hardened headers call instead.
+int __wrap___open_2(const char* path, int flags) { return __wrap_open(path, flags, 0); }
+ssize_t __wrap___read_chk(int descriptor, void* data, size_t count, size_t /*room*/) {
+    return __wrap_read(descriptor, data, count);
+}
+
 REAL(int, pthread_create, pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
      void* argument) {
     if (Fails(failing.threadCreate)) return EAGAIN;
