@@ -36,7 +36,7 @@ Expected<Done> LivePage::Start() {
         auto created = SessionRecorder::Create(options.recording);
         if (!created) return created.error();
         recorder = *created;
-        unitOptions.factory = Recorded(std::move(unitOptions.factory), recorder);
+        unitOptions.factory = Tapped(std::move(unitOptions.factory), recorder);
     }
     const auto tell = [this] {
         if (!hasNews.exchange(true)) wake();
@@ -103,7 +103,7 @@ bool LivePage::Obey(Viewer& viewer, ViewerRequest request) {
         case ViewerRequest::Kind::kFilter:
             viewer.filter = request.filter;
             viewer.follows = request.follows;
-            viewer.logEnd = log.End();
+            viewer.logEnd = log->End();
             break;
         case ViewerRequest::Kind::kLog:
             SendLog(viewer, request);
@@ -127,7 +127,7 @@ bool LivePage::Greet(Viewer& viewer, const ViewerRequest& request) {
     const bool isFirst = !viewers.HasKnown();
     SendTimeline();
     viewer.isKnown = true;
-    viewer.logEnd = log.End();
+    viewer.logEnd = log->End();
     const double start = SecondsOf(unit->Start().time_since_epoch());
     viewer.Add(Message::Text(HelloText({options.unitText, options.version, options.mayControl,
                                         control != nullptr, !options.recording.empty(), start})));
@@ -145,10 +145,10 @@ void LivePage::SendLog(Viewer& viewer, const ViewerRequest& request) {
     std::uint64_t end = request.before.value_or(UINT64_MAX);
     if (request.at) {
         const auto from = std::chrono::duration<double>(*request.at);
-        end =
-            log.NumberAt(start + std::chrono::duration_cast<CaptureTime>(from)) + kMostLogLines / 2;
+        end = log->NumberAt(start + std::chrono::duration_cast<CaptureTime>(from)) +
+              kMostLogLines / 2;
     }
-    const auto found = log.Before(end, request.filter, kMostLogLines);
+    const auto found = log->Before(end, request.filter, kMostLogLines);
     viewers.Add(viewer.number, Message::Text(PacketsText(found, start, request.id)));
 }
 
@@ -172,7 +172,7 @@ void LivePage::SendState() {
     stateAt = Clock::now();
     const auto now = std::chrono::system_clock::now() - unit->Start();
     UnitState state = unit->State();
-    state.bytesReceived = log.Received();
+    state.bytesReceived = log->Received();
     std::string attached = control ? control->State() : "";
     const bool isNew = std::exchange(sentUnit, attached) != attached;
     if (!isNew) attached.clear();
@@ -189,7 +189,7 @@ void LivePage::SendPackets() {
     };
     std::vector<Made> made;
     const CaptureTime start = StartOf(*unit);
-    const std::uint64_t end = log.End();
+    const std::uint64_t end = log->End();
     viewers.ForEach([&](Viewer& viewer) {
         if (!viewer.follows || viewer.logEnd == end) return;
         const std::uint64_t begin = std::exchange(viewer.logEnd, end);
@@ -197,7 +197,7 @@ void LivePage::SendPackets() {
             return each.begin == begin && each.filter == viewer.filter;
         });
         if (same == made.end()) {
-            const auto found = log.Between(begin, end, viewer.filter, kMostPackets);
+            const auto found = log->Between(begin, end, viewer.filter, kMostPackets);
             const auto message = found.lines.empty()
                                      ? nullptr
                                      : Message::Text(PacketsText(found, start, std::nullopt));
@@ -248,7 +248,7 @@ void LivePage::SendNews() {
 
 std::string LivePage::Metrics() {
     UnitState state = unit->State();
-    state.bytesReceived = log.Received();
+    state.bytesReceived = log->Received();
     return MetricsText(state, viewers.Count(), viewers.DroppedFrames());
 }
 

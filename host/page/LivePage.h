@@ -64,7 +64,7 @@ class LivePage {
     const ServerOptions& options;
     const Access& access;
     const std::function<void()> wake;
-    PacketLog log;
+    const std::shared_ptr<PacketLog> log = std::make_shared<PacketLog>();
     Timeline timeline;
     std::shared_ptr<SessionRecorder> recorder;  // null: the session is not recorded
     bool isFailureTold = false;

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "foundation/Mutex.h"
-#include "page/TappedTransport.h"
 #include "vexahost/Decoder.h"
+#include "vexahost/SessionRecorder.h"
 
 namespace vexahost::page {
 
