@@ -92,14 +92,18 @@ class ChannelFormat:
             return lambda number: number / parts + bias
         return None if scale == 1.0 and bias == 0.0 else lambda number: number * scale + bias
 
-    def decode(self, block: bytes) -> Samples:
-        code, size, stride, read, kept = self._layout
-        scaled = self._scale
+    def count_in(self, block: bytes) -> int:
+        """Samples of a block."""
+        _, size, stride, _, _ = self._layout
         count = (len(block) - self.offset - size) // stride + 1
         if count <= 0:
-            count = 0
-        elif self.count is not None and count > self.count:
-            count = self.count
+            return 0
+        return count if self.count is None or count < self.count else self.count
+
+    def decode(self, block: bytes) -> Samples:
+        code, _, stride, read, kept = self._layout
+        scaled = self._scale
+        count = self.count_in(block)
         if numpy is not None:
             place = self.offset if count > 0 else 0  # also in a block that is too short
             view: Any = numpy.ndarray((count,), read, block, place, (stride,))
@@ -110,6 +114,16 @@ class ChannelFormat:
         if scaled:
             return array("d", [scaled(number) for number in numbers])
         return array(code[1], numbers)
+
+    def decode_all(self, blocks: Sequence[Tuple[bytes, int]]) -> Optional[Samples]:
+        """The samples of blocks, with their counts, in one go; None where that is not possible."""
+        _, size, stride, read, kept = self._layout
+        if numpy is None or stride != size:
+            return None
+        at = self.offset
+        found = b"".join([block[at : at + count * size] for block, count in blocks])
+        values = numpy.frombuffer(found, read).astype(kept)
+        return self._scale(values) if self._scale else values
 
 
 _TICKS = {"s": 1.0, "ms": 1e-3, "us": 1e-6, "ns": 1e-9}
@@ -172,6 +186,12 @@ class DeviceFormat:
     def device_time(self, block: bytes) -> Optional[float]:
         """Seconds since the stream was opened, by the device's own clock, where it is known."""
         return self.time.seconds(block) if self.time else None
+
+    def count_in(self, block: bytes) -> int:
+        """Samples of each channel in a block."""
+        if len(self.channels) == 1:
+            return self.channels[0].count_in(block)
+        return min([channel.count_in(block) for channel in self.channels], default=0)
 
     def decode(self, block: bytes) -> Samples:
         if len(self.channels) == 1:
@@ -283,10 +303,6 @@ class Span(NamedTuple):
 
 
 NONE: Samples = array("h") if numpy is None else numpy.empty(0, numpy.int16)
-
-
-def sample_count(values: Samples, channels: int) -> int:
-    return len(values[0]) if channels > 1 else len(values)
 
 
 def cut(values: Samples, channels: int, begin: int, end: Optional[int]) -> Samples:

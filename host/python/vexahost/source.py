@@ -19,20 +19,18 @@ class Block:
     """A block of a device, or a packet of the DAQ."""
 
     __slots__ = (
-        "values", "sequence", "bytes", "received", "checksum_right", "count",
-        "_raw", "_zero", "_span", "_format",
+        "sequence", "bytes", "received", "checksum_right", "count",
+        "_values", "_raw", "_zero", "_span", "_format",
     )
 
     def __init__(
         self,
-        values: Samples,
+        values: Optional[Samples],
         raw: RawBlock,
         zero: float,
         span: Span,
         form: Optional[DeviceFormat],
     ) -> None:
-        #: Its samples; none in a block that holds none, such as an echo.
-        self.values = values
         #: The device's number of the block, 0 to 255.
         self.sequence = raw.sequence
         self.bytes = raw.data
@@ -42,10 +40,18 @@ class Block:
         self.checksum_right = raw.checksum_right
         #: Samples of each channel.
         self.count = span[2]
+        self._values = values  # None: not asked for yet
         self._raw = raw
         self._zero = zero
         self._span = span
         self._format = form
+
+    @property
+    def values(self) -> Samples:
+        """Its samples; none in a block that holds none, such as an echo."""
+        if self._values is None:
+            self._values = self._format.decode(self.bytes) if self._format else samples.NONE
+        return self._values
 
     @property
     def times(self) -> Samples:
@@ -97,11 +103,10 @@ class SampleReader:
         if form is None or not form.has_samples(raw.data):
             begin, step = self._timing.place(raw, 0)
             return Block(samples.NONE, raw, self._zero, Span(begin - self._zero, step, 0), None)
-        values = form.decode(raw.data)
-        count = samples.sample_count(values, len(form.channels))
+        count = form.count_in(raw.data)
         device = form.time.seconds(raw.data) if form.time else None
         begin, step = self._timing.place(raw, count, device)
-        return Block(values, raw, self._zero, Span(begin - self._zero, step, count), form)
+        return Block(None, raw, self._zero, Span(begin - self._zero, step, count), form)
 
 
 class Source:
@@ -183,7 +188,17 @@ class Source:
             count -= block.count
             taken.append(block)
         self._spans = [block._span for block in taken]
-        return samples.join([block.values for block in taken], len(self.channels))
+        return _join(taken, len(self.channels))
+
+
+def _join(blocks: List[Block], channels: int) -> Samples:
+    """The samples of blocks; of those that nobody has looked at, in one go."""
+    form = blocks[0]._format
+    if channels == 1 and form is not None and all([block._values is None for block in blocks]):
+        values = form.channels[0].decode_all([(block.bytes, block.count) for block in blocks])
+        if values is not None:
+            return values
+    return samples.join([block.values for block in blocks], channels)
 
 
 class DeviceSource(Source):
