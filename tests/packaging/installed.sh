@@ -15,7 +15,9 @@ cd "$scratch"  # nothing is found by way of the current folder
 vexa-host demo --dir "$scratch/demo" -- vexa-unit run --dir '{dir}' --journal '{dir}/journal' >demo.txt ||
     { cat demo.txt; exit 1; }
 
-cmake -S "$consumer" -B consumer -DCMAKE_PREFIX_PATH="$scratch/usr" >configure.log
+# With the generator of this build: another's program need not be installed.
+generator=$(sed -n 's/^CMAKE_GENERATOR:INTERNAL=//p' "$build/CMakeCache.txt")
+cmake -G "$generator" -S "$consumer" -B consumer -DCMAKE_PREFIX_PATH="$scratch/usr" >configure.log
 cmake --build consumer >build.log || { cat build.log; exit 1; }
 if command -v pkg-config >pkg-config.txt; then # and without CMake: one library, whatever it consists of
     PKG_CONFIG_PATH=$(dirname "$(find "$scratch/usr" -name vexahost.pc)")
