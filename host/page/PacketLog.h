@@ -15,7 +15,7 @@
 
 #include "foundation/Mutex.h"
 #include "vexahost/Decoder.h"
-#include "vexahost/SessionRecorder.h"
+#include "vexahost/LinkTap.h"
 
 namespace vexahost::page {
 

@@ -25,9 +25,9 @@ TEST(DeviceData, DecodesOnlyWhatIsWhole) {
     EXPECT_EQ(DescribeBlock(Bytes{3, 2, 0xFE, 0xFF, 1, 0, 0, 0}), "0.001 s: -2");
     const auto formats = ParseDeviceFile(
         R"({"Probe": {"channels": [{"name": "x", "type": "u8", "offset": 0, "count": 2},
-                                   {"name": "y", "type": "i8", "offset": 2, "scale": 0.5}]}})",
+                                   {"name": "y", "type": "i8", "offset": 2, "scale": 0.001}]}})",
         "formats");
-    EXPECT_EQ(DescribeBlock(Bytes{7, 8, 0xFF}, *formats, "Probe"), "x 7 8, y -0.5");
+    EXPECT_EQ(DescribeBlock(Bytes{7, 8, 0xF7}, *formats, "Probe"), "x 7 8, y -0.009");
     EXPECT_EQ(DescribeBlock(Bytes{0x80, 2, 0, 0, 0, 0, 0, 0}), "80 02 00 00 00 00 00 00");
 }
 
