@@ -4,6 +4,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   # What is guarded by which mutex is written in the code (foundation/Mutex.h).
   add_compile_options(-Wthread-safety)
 endif()
+# Code fit for a shared library could be replaced by another library's function of the same name, which would keep the
+# compiler from inlining its own.
+add_compile_options(-fno-semantic-interposition)
 if(VEXA_WERROR)
   add_compile_options(-Werror)
 endif()

@@ -63,8 +63,9 @@ CpuTime ServiceProcess::Cpu() const {
         std::getline(std::ifstream(thread.path() / "comm"), name);
         std::int64_t nanoseconds = 0;
         std::ifstream(thread.path() / "schedstat") >> nanoseconds;
-        (name == kSourceThread ? used.source : used.service) +=
-            std::chrono::nanoseconds(nanoseconds);
+        const std::chrono::nanoseconds time(nanoseconds);
+        (name == kSourceThread ? used.source : used.service) += time;
+        if (thread.path().filename() == std::to_string(process->Id())) used.mainLoop = time;
     }
     return used;
 }

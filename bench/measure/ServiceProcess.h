@@ -14,7 +14,8 @@ namespace vexa::measure {
 
 // CPU time used so far.
 struct CpuTime {
-    std::chrono::nanoseconds service{};  // all threads but the source's
+    std::chrono::nanoseconds service{};   // all threads but the source's
+    std::chrono::nanoseconds mainLoop{};  // the service's main thread alone
     std::chrono::nanoseconds source{};
 };
 

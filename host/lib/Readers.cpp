@@ -43,22 +43,30 @@ std::string FrameReader::Violation() const {
 
 std::optional<PacketView> PacketReader::Next(std::span<const std::uint8_t>& input) {
     while (!violated && !input.empty()) {
-        const std::uint8_t byte = input.front();
-        input = input.subspan(1);
-        if (awaitingSyncReply && CompletesSyncReply(byte)) {
+        // The awaited reply may begin at any byte.
+        const auto piece = input.first(awaitingSyncReply ? 1 : std::min(Missing(), input.size()));
+        input = input.subspan(piece.size());
+        if (awaitingSyncReply && CompletesSyncReply(piece.front())) {
             awaitingSyncReply = false;
             inStep = true;
             count = 0;
             std::ranges::copy(newest, packet.begin());
             return PacketView{std::span(packet).first(newest.size()), true};
         }
-        if (const auto complete = AddByte(byte)) return complete;
+        if (const auto complete = Add(piece)) return complete;
     }
     return std::nullopt;
 }
 
-std::optional<PacketView> PacketReader::AddByte(std::uint8_t byte) {
-    packet[count++] = byte;
+// Bytes until the header or the packet is whole.
+std::size_t PacketReader::Missing() const {
+    const bool hasHeader = count >= vexa::kPacketHeaderSize;
+    return (hasHeader ? packet[vexa::kLengthOffset] : vexa::kPacketHeaderSize) - count;
+}
+
+std::optional<PacketView> PacketReader::Add(std::span<const std::uint8_t> piece) {
+    std::copy_n(piece.data(), piece.size(), &packet[count]);
+    count += piece.size();
     if (count < vexa::kPacketHeaderSize) return std::nullopt;
     const std::size_t length = packet[vexa::kLengthOffset];
     if (length < vexa::kPacketHeaderSize) {

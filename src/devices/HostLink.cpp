@@ -76,7 +76,7 @@ unsigned char HostLink_Write(const unsigned char* data, int count) {
 unsigned char HostLink_WriteByte(unsigned char value) { return HostLink_Write(&value, 1); }
 
 void HostLink_TakeInput() {
-    if (link == nullptr || !link->inputBuffer) return;
+    if (link == nullptr || !link->inputBuffer || link->inputBuffer->SeemsEmpty()) return;
     std::array<std::uint8_t, kHostBufferSize> bytes;  // only the bytes read are ever set
     const std::uint32_t room = link->hostRing.Capacity() - link->hostRing.Count();
     const auto asked = static_cast<std::int32_t>(std::min<std::size_t>(room, bytes.size()));

@@ -19,8 +19,15 @@ GCircularBuffer::GCircularBuffer(std::int32_t capacity)
     : size(capacity + 1), storage(new unsigned char[static_cast<std::size_t>(capacity) + 1]) {}
 
 template <typename Operation>
+std::int32_t GCircularBuffer::WithAccess(Operation operation) {
+    const std::int32_t result = operation();
+    empty.store(readIndex == writeIndex, std::memory_order_relaxed);
+    return result;
+}
+
+template <typename Operation>
 std::int32_t GCircularBuffer::Guarded(Operation operation) {
-    if (lock == nullptr) return operation();
+    if (lock == nullptr) return WithAccess(operation);
     OSMutex* const mutex = lock->mutex.get();
     if (mutex == nullptr) return 0;
 
@@ -32,7 +39,7 @@ std::int32_t GCircularBuffer::Guarded(Operation operation) {
         if (raised) OSSetThreadPriority(savedPriority);  // GCOVR_EXCL_BR_LINE
         return 0;
     }
-    const std::int32_t result = operation();
+    const std::int32_t result = WithAccess(operation);
     OSUnlockMutex(mutex);
     const bool changed = OSGetThreadPriority() != savedPriority;
     if (changed) OSSetThreadPriority(savedPriority);  // GCOVR_EXCL_BR_LINE

@@ -1,6 +1,7 @@
 // The byte ring between two threads of the host link: never refuses data, drops the oldest instead.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -52,6 +53,9 @@ class GCircularBuffer {
     // Bytes held, 0 also without the guard.
     std::int32_t GetBytesAvailable();
 
+    // Whether no byte was held a moment ago. Does not wait for the guard.
+    [[nodiscard]] bool SeemsEmpty() const { return empty.load(std::memory_order_relaxed); }
+
     // All bytes ever given to Write, dropped ones included; wraps at 32 bits. The service has no
     // caller.
     std::int32_t GetTotalBytesWritten();
@@ -67,6 +71,8 @@ class GCircularBuffer {
 
     template <typename Operation>
     std::int32_t Guarded(Operation operation) VEXA_UNCHECKED;
+    template <typename Operation>
+    std::int32_t WithAccess(Operation operation) VEXA_REQUIRES(access);
     [[nodiscard]] std::int32_t Held() const VEXA_REQUIRES(access);
     [[nodiscard]] std::int32_t Wrapped(std::int32_t index) const;
     void WriteUnguarded(const unsigned char* data, std::int32_t count) VEXA_REQUIRES(access);
@@ -80,6 +86,7 @@ class GCircularBuffer {
     std::int32_t readIndex VEXA_GUARDED_BY(access) = 0;
     std::int32_t writeIndex VEXA_GUARDED_BY(access) = 0;
     std::int32_t totalWritten VEXA_GUARDED_BY(access) = 0;
+    std::atomic<bool> empty{true};  // as the indices say; written by those who have access
 };
 
 }  // namespace vexa

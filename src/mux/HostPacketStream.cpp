@@ -1,6 +1,7 @@
 #include "mux/HostPacketStream.h"
 
 #include <algorithm>
+#include <cstring>
 
 #include "devices/HostLink.h"
 
@@ -28,10 +29,12 @@ bool HostPacketStream::ParsePass() {
     return false;
 }
 
-// How many bytes are missing: up to and including the length byte, then up to the end.
-std::size_t HostPacketStream::Wanted() const {
-    if (count <= kLengthOffset) return kLengthOffset + 1 - count;
-    return std::max<std::size_t>(Packet()[kLengthOffset], kPacketHeaderSize) - count;
+// How many bytes are missing, as far as can be told: without the length byte, all of `input`.
+std::size_t HostPacketStream::Wanted(std::span<const std::uint8_t> input) const {
+    if (count + input.size() <= kLengthOffset) return input.size();
+    const std::size_t length =
+        count > kLengthOffset ? Packet()[kLengthOffset] : input[kLengthOffset - count];
+    return std::max(length, kPacketHeaderSize) - count;
 }
 
 // A packet is complete with at least 4 bytes, and as many as its length byte says.
@@ -42,8 +45,8 @@ bool HostPacketStream::IsComplete() const {
 // Moves bytes into the packet, at most as many as it wants and not past an initial sync. True when
 // they completed an initial sync.
 bool HostPacketStream::Append(std::span<const std::uint8_t> input) {
-    input = input.first(std::min(Wanted(), input.size()));
-    std::ranges::copy(input, buffer.begin() + static_cast<std::ptrdiff_t>(kPacketAt + count));
+    input = input.first(std::min(Wanted(input), input.size()));
+    std::memcpy(&buffer[kPacketAt + count], input.data(), input.size());
     const std::size_t untilSync =
         syncSearch.Find(std::span(buffer).subspan(count, kPacketAt + input.size()));
     if (untilSync != 0) {
@@ -89,10 +92,10 @@ void HostPacketStream::AcceptInitialSync(std::span<const std::uint8_t, kInitialS
 
 void HostPacketStream::FinishPacket() {
     const PacketBuffer packet = Packet();
-    // The newest bytes become those before the next packet. They may lie in the packet itself, but
-    // never in its first bytes: the copy goes towards the front.
-    std::copy_n(buffer.begin() + static_cast<std::ptrdiff_t>(count), SyncSearch::kHistory,
-                buffer.begin());
+    // The newest bytes become those before the next packet. The two may overlap.
+    std::array<std::uint8_t, SyncSearch::kHistory> newest;
+    std::memcpy(newest.data(), &buffer[count], newest.size());
+    std::memcpy(buffer.data(), newest.data(), newest.size());
     if (count == packet[kLengthOffset] && HasRightChecksum(packet)) {
         // No byte of an earlier, longer packet may pass for a field of this one.
         ClearFrom(count);

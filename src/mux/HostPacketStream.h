@@ -45,7 +45,7 @@ class HostPacketStream {
   private:
     static constexpr std::size_t kPacketAt = SyncSearch::kHistory;
 
-    [[nodiscard]] std::size_t Wanted() const;
+    [[nodiscard]] std::size_t Wanted(std::span<const std::uint8_t> input) const;
     [[nodiscard]] bool IsComplete() const;
     bool Append(std::span<const std::uint8_t> input);
     bool Ignore(std::uint8_t byte);

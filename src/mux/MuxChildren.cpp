@@ -121,7 +121,8 @@ MuxChild MuxChildren::TakeControllerSequence() {
 }
 
 std::uint32_t MuxChildren::ConnectionGeneration(std::uint8_t linkUp) {
-    if (lastLinkUp.exchange(linkUp) != linkUp) ++generation;
+    // A change is rare, and an exchange costs as much as a lock.
+    if (lastLinkUp != linkUp && lastLinkUp.exchange(linkUp) != linkUp) ++generation;
     return generation;
 }
 

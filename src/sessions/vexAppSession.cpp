@@ -80,7 +80,7 @@ void vexAppSession::Consume() {
     if (IsDone()) requestState = RequestState::kIdle;
 }
 
-void vexAppSession::Poll() {
+void vexAppSession::Advance() {
     switch (requestState) {
         case RequestState::kWaiting:
             Send();

@@ -48,7 +48,9 @@ class vexAppSession {
     bool Request(SessionCommand command, std::uint32_t argument);
 
     // Advances the request by one state.
-    void Poll();
+    void Poll() {
+        if (!IsIdle()) Advance();  // called for each packet, and hardly ever busy
+    }
 
     [[nodiscard]] bool IsIdle() const { return requestState == RequestState::kIdle; }
     [[nodiscard]] bool IsBusy() const;
@@ -75,6 +77,7 @@ class vexAppSession {
     static void Callback(void* session, std::uint32_t command, std::int32_t response) noexcept;
     void ReceiveAnswer(std::uint32_t answeredCommand, std::int32_t answer);
     bool WarnOnce(Warning warning);
+    void Advance();
     void Send();
 
     // The atomic fields are shared with the library's thread.

@@ -191,6 +191,14 @@ Json ParseJson(const std::string& text) {
     }
 }
 
+std::optional<Json> ValidJson(const std::string& text) {
+    try {
+        return ParseJson(text);
+    } catch (const JsonError&) {
+        return std::nullopt;
+    }
+}
+
 std::string ToLine(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }

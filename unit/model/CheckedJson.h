@@ -78,6 +78,8 @@ class CheckedJson {
 // `text` as JSON. Throws JsonError, with line and column, when it is not valid; also when it is
 // nested too deeply or gives a key twice.
 [[nodiscard]] Json ParseJson(const std::string& text);
+// The same; nothing when it is not valid.
+[[nodiscard]] std::optional<Json> ValidJson(const std::string& text);
 
 // `json` on one line, with every byte that is not UTF-8 replaced.
 [[nodiscard]] std::string ToLine(const Json& json);

@@ -21,8 +21,7 @@ namespace {
 Json ValueOf(const std::string& key, const std::string& text) {
     constexpr std::array<std::string_view, 4> kNames = {"for", "open", "streaming", "closed"};
     if (std::ranges::find(kNames, key) != kNames.end()) return text;
-    Json value = Json::parse(text, nullptr, false);
-    return value.is_discarded() ? Json(text) : value;
+    return ValidJson(text).value_or(text);
 }
 
 Json RequestOf(const ControlRequest& request) {
@@ -47,9 +46,10 @@ Json RequestOf(const ControlRequest& request) {
 }
 
 Json ParseAnswer(const std::string& line) {
-    auto answer = Json::parse(line, nullptr, false);
-    if (!answer.is_object()) throw UserError("the unit's answer is no JSON object: " + line);
-    return answer;
+    auto answer = ValidJson(line);
+    if (!answer || !answer->is_object())
+        throw UserError("the unit's answer is no JSON object: " + line);
+    return *std::move(answer);
 }
 
 constexpr std::size_t kNameWidth = 16;
@@ -175,7 +175,7 @@ void PrintEvents(ControlClient& unit) {
 int SendRaw(ControlClient& unit, const std::string& raw) {
     int status = 0;
     const auto send = [&](const std::string& line) {
-        const std::string answer = unit.Ask(line, WaitMs(Json::parse(line, nullptr, false)));
+        const std::string answer = unit.Ask(line, WaitMs(ValidJson(line).value_or(nullptr)));
         std::printf("%s\n", answer.c_str());
         std::fflush(stdout);
         if (const int failed = StatusOf(ParseAnswer(answer)); failed != 0) status = failed;

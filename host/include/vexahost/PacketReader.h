@@ -49,7 +49,8 @@ class PacketReader {
 
   private:
     bool CompletesSyncReply(std::uint8_t byte);
-    std::optional<PacketView> AddByte(std::uint8_t byte);
+    [[nodiscard]] std::size_t Missing() const;
+    std::optional<PacketView> Add(std::span<const std::uint8_t> piece);
 
     std::array<std::uint8_t, vexa::kPacketBufferSize> packet{};
     std::size_t count = 0;  // bytes of the unfinished packet
