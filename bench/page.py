@@ -98,9 +98,9 @@ def measure_server(build, seconds):
               f"{100 * used:.1f} % of a core, {len(viewers) + 1} connected")
 
 
-def measure_page(seconds, rate, build):
+def measure_page(seconds, rate, height, build):
     """Ten channels of made samples, as the page takes them from its link."""
-    with Bench(build, "default", []) as bench, browser.Browser(browser.find()) as page:
+    with Bench(build, "default", []) as bench, browser.Browser(browser.find(), height=height) as page:
         page.open(bench.url)
         page.wait("document.getElementById('link')?.className === 'up'")
         page.run(f"""(async () => {{
@@ -131,7 +131,8 @@ def measure_page(seconds, rate, build):
             time.sleep(seconds if len(figures) == 1 else 0)
         (began, frames, script, task), (ended, frames_after, script_after, task_after) = figures
         took = ended - began
-        print(f"page, 10 channels of {rate} samples/s, window 10 s: {(frames_after - frames) / took:.0f} frames/s, "
+        seen = page.run("[...vexa.charts.charts.values()].filter(({ box }) => box.isSeen).length")
+        print(f"page, 10 channels of {rate} samples/s, window 10 s, {seen} charts in view: {(frames_after - frames) / took:.0f} frames/s, "
               f"script {100 * (script_after - script) / took:.0f} %, all tasks {100 * (task_after - task) / took:.0f} % of a core")
 
 
@@ -142,10 +143,10 @@ def measure_delay(seconds, build):
         delays = page.run(f"""new Promise((resolve) => {{
             const delays = [], channel = [...vexa.channels.values()][0];
             let former = channel.total;
-            const draw = vexa.charts.draw.bind(vexa.charts);
+            const draw = vexa.charts.drawSome.bind(vexa.charts);
             const start = vexa.page.hello.start;
-            vexa.charts.draw = () => {{
-                draw();
+            vexa.charts.drawSome = (count) => {{
+                draw(count);
                 if (channel.total !== former) delays.push(Date.now() / 1000 - start - channel.end);
                 former = channel.total;
             }};
@@ -174,4 +175,5 @@ if __name__ == "__main__":
     measure_server(folder, duration)
     measure_delay(duration, folder)
     for samples_per_second in (2000, 20000):
-        measure_page(duration, samples_per_second, folder)
+        for pixels in (900, 2200):
+            measure_page(duration, samples_per_second, pixels, folder)

@@ -12,7 +12,7 @@
 
 namespace vexahost::page {
 
-// What is not guarded is the receiving thread's alone.
+// What is not guarded is the collecting thread's alone.
 struct LiveUnit::Device {
     Device(std::string name_, ChildId child_, std::shared_ptr<const DeviceFormats> formats)
         : name(std::move(name_)), child(child_), reader(name, std::move(formats), 0) {}
@@ -26,7 +26,7 @@ struct LiveUnit::Device {
     // Guarded by LiveUnit::mutex.
     bool isOpen = false;
     std::string problem{};
-    std::vector<Channel> channels{};  // changed by the receiving thread alone
+    std::vector<Channel> channels{};  // changed by the collecting thread alone
     std::optional<double> rate{};
     ChildStatistics former{};  // of the openings before this one
 };

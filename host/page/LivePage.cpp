@@ -15,6 +15,8 @@ constexpr std::size_t kMostPackets = 50;                // a tick
 constexpr std::size_t kMostLogLines = 500;
 constexpr std::size_t kMostFilterText = 200;
 
+const auto kNobody = [](const ChannelSamples&) {};  // wants samples
+
 double SecondsOf(std::chrono::nanoseconds time) {
     return std::chrono::duration<double>(time).count();
 }
@@ -133,7 +135,7 @@ bool LivePage::Greet(Viewer& viewer, const ViewerRequest& request) {
                                         control != nullptr, !options.recording.empty(), start})));
     std::uint64_t none = 0;
     if (control) viewer.Add(Message::Text(TimelineText(timeline.Since(none))));
-    if (isFirst) static_cast<void>(unit->TakeSamples());  // none from before its time
+    if (isFirst) unit->Collect(kNobody);  // none from before its time
     if (control) control->Watch(true);
     stateAt = {};
     sentUnit.clear();
@@ -153,9 +155,10 @@ void LivePage::SendLog(Viewer& viewer, const ViewerRequest& request) {
 }
 
 void LivePage::Tick() {
-    const auto samples = unit->TakeSamples();
-    if (!samples.empty()) {
-        const auto message = Message::Samples(SamplesMessage(samples));
+    samples.Clear();
+    unit->Collect([this](const ChannelSamples& piece) { samples.Add(piece); });
+    if (!samples.IsEmpty()) {
+        const auto message = Message::Samples(samples.Bytes());
         viewers.ForEach([&](Viewer& viewer) { viewer.AddSamples(message); });
     }
     SendState();
@@ -213,6 +216,7 @@ void LivePage::SendTimeline() {
 }
 
 void LivePage::Look() {
+    if (viewers.IsEmpty()) unit->Collect(kNobody);
     if (isFailureTold || RecordingFailure().empty()) return;
     isFailureTold = true;
     options.warn("the recording has stopped: " + RecordingFailure());

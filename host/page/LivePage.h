@@ -69,6 +69,7 @@ class LivePage {
     std::shared_ptr<SessionRecorder> recorder;  // null: the session is not recorded
     bool isFailureTold = false;
     Viewers viewers;
+    SamplesMessage samples;
     std::uint64_t sentTimeline = 0;  // the newest change that all viewers know
     std::uint64_t stateNumber = 0;
     std::chrono::steady_clock::time_point stateAt{};

@@ -9,14 +9,9 @@ namespace vexahost::page {
 
 namespace {
 
-constexpr Milliseconds kReceiveWait{100};
-// Between two looks at what has come: a wake-up for each block would cost more than its samples.
-constexpr Milliseconds kCollect{15};
 constexpr Milliseconds kConnectTimeout{3000};
 constexpr Milliseconds kLeaveTimeout{1000};
-constexpr int kMostAtOnce = 200;                 // blocks between two looks at what is open
-constexpr std::size_t kMostSamples = 2'000'000;  // that wait to be fetched
-constexpr std::chrono::seconds kKept{1};         // how long they wait
+constexpr int kMostAtOnce = 5000;  // blocks, so that a flood of them leaves time for viewers
 
 }  // namespace
 
@@ -25,7 +20,7 @@ LiveUnit::LiveUnit(Options options_, std::function<void()> wake_)
     for (const std::string& name : options.devices) {
         devices.push_back(std::make_shared<Device>(name, nextChild++, options.formats));
     }
-    receiver = std::thread([this] { Receive(); });
+    connector = std::thread([this] { StayConnected(); });
     orderer = std::thread([this] { RunOrders(); });
 }
 
@@ -35,7 +30,7 @@ LiveUnit::~LiveUnit() {
         isEnding = true;
     }
     changed.notify_all();
-    receiver.join();
+    connector.join();
     orderer.join();
     // The unit is left in order: one that does not answer is left alone.
     isLeaving = true;
@@ -107,20 +102,14 @@ ChildStatistics LiveUnit::StatisticsOf(const Device& device) const {
     return sum;
 }
 
-// --- the receiving thread -----------------------------------------------------------------------
+// --- the connecting thread ----------------------------------------------------------------------
 
-void LiveUnit::Pause(std::chrono::milliseconds time) {
-    vexa::MutexLock lock(mutex);
-    changed.wait_for(lock, time);
-}
-
-void LiveUnit::Receive() {
+void LiveUnit::StayConnected() {
     while (!isEnding) {
-        if (!Connected() && !Connect()) {
-            Pause(options.retry);
-        } else if (Connected()) {
-            ReceiveSome();
-        }
+        const bool isConnected = Connected() != nullptr || Connect();
+        vexa::MutexLock lock(mutex);
+        if (!isConnected && !isEnding) changed.wait_for(lock, options.retry);
+        while (state.link == LinkState::kUp && !isEnding) changed.wait(lock);
     }
 }
 
@@ -159,76 +148,57 @@ bool LiveUnit::Connect() {
     return true;
 }
 
-void LiveUnit::ReceiveSome() {
-    std::vector<ChildId> children;
-    bool withDaq = false;
-    Client* from = nullptr;
-    {
-        vexa::MutexLock lock(mutex);
-        from = client.get();
-        for (const auto& device : devices) {
-            if (!device->isOpen) continue;
-            if (device->child == 0)
-                withDaq = true;
-            else
-                children.push_back(device->child);
-        }
-        // With nothing to wait for at the unit, a change is waited for.
-        if (children.empty() && !withDaq) changed.wait_for(lock, kReceiveWait);
-    }
-    auto lost = from->LinkError();
-    if (!lost && (!children.empty() || withDaq)) {
-        auto wait = kReceiveWait;
-        for (int i = 0; i < kMostAtOnce; ++i, wait = Milliseconds{0}) {
-            const auto received = from->ReceiveAny(children, withDaq, wait);
-            if (received) {
-                Pass(*received);
-                continue;
-            }
-            if (received.error().kind == ErrorKind::kNotOpen) break;  // closed by an order
-            if (received.error().kind == ErrorKind::kTimeout) {
-                if (i > 0) Pause(kCollect);
-                break;
-            }
-            if (received.error().kind == ErrorKind::kCancelled) return;
-            lost = received.error();
-            break;
-        }
-    }
-    if (lost) SetLink(LinkState::kConnecting, lost->message);
+// --- the collecting thread ----------------------------------------------------------------------
+
+std::vector<std::shared_ptr<LiveUnit::Device>> LiveUnit::OpenDevices() const {
+    const vexa::MutexLock lock(mutex);
+    auto open = devices;
+    std::erase_if(open, [](const auto& device) { return !device->isOpen; });
+    return open;
 }
 
-void LiveUnit::Pass(const Received& received) {
-    const ChildId child = received.child.value_or(0);
-    const Block& block = received.block;
-    std::shared_ptr<Device> device;
+void LiveUnit::Collect(const Take& take) {
+    Client* const from = Connected();
+    if (from == nullptr) return;
+    const auto open = OpenDevices();
+    std::vector<ChildId> children;
+    for (const auto& device : open) {
+        if (device->child != 0) children.push_back(device->child);
+    }
+    const bool withDaq = children.size() < open.size();
+    std::optional<Error> end;
+    for (int i = 0; i < kMostAtOnce && !open.empty() && !end; ++i) {
+        const auto received = from->ReceiveAny(children, withDaq, Milliseconds{0});
+        if (received) {
+            const ChildId child = received->child.value_or(0);
+            Pass(**std::ranges::find(open, child, [](const auto& each) { return each->child; }),
+                 received->block, take);
+        } else {
+            end = received.error();
+        }
+    }
     {
         const vexa::MutexLock lock(mutex);
-        const auto found =
-            std::ranges::find(devices, child, [](const auto& each) { return each->child; });
-        if (found == devices.end()) return;
-        device = *found;
+        for (const auto& device : open) device->rate = device->reader.Rate();
     }
-    if (device->readerOpened != device->opened) {
-        device->readerOpened = device->opened;
-        device->reader.Reopen(device->readerOpened);
+    // An order may have closed a device just now.
+    if (!end || end->kind == ErrorKind::kNotOpen) end = from->LinkError();
+    if (!end || end->kind == ErrorKind::kTimeout || end->kind == ErrorKind::kCancelled) return;
+    SetLink(LinkState::kConnecting, end->message);
+}
+
+void LiveUnit::Pass(Device& device, const Block& block, const Take& take) {
+    if (device.readerOpened != device.opened) {
+        device.readerOpened = device.opened;
+        device.reader.Reopen(device.readerOpened);
     }
-    const auto* const read = device->reader.Read(block.bytes, block.sequence,
-                                                 Seconds(block.receivedAt), block.checksumRight);
-    if (device->channels.empty()) NameChannels(*device);
+    const auto* const read = device.reader.Read(block.bytes, block.sequence,
+                                                Seconds(block.receivedAt), block.checksumRight);
+    if (device.channels.empty()) NameChannels(device);
     if (read == nullptr) return;
-    const auto rate = device->reader.Rate();
-    const vexa::MutexLock lock(mutex);
-    device->rate = rate;
-    if (sampleCount > kMostSamples || Clock::now() - takenAt > kKept) {
-        samples.clear();
-        sampleCount = 0;
-    }
-    for (std::size_t i = 0; i < device->channels.size() && i < read->values.size(); ++i) {
-        const auto& values = read->values[i];
-        samples.push_back({device->channels[i].number, read->times.afterGap, read->times.first,
-                           read->times.step, std::vector<float>(values.begin(), values.end())});
-        sampleCount += values.size();
+    for (std::size_t i = 0; i < device.channels.size() && i < read->values.size(); ++i) {
+        take({device.channels[i].number, read->times.afterGap, read->times.first, read->times.step,
+              read->values[i]});
     }
 }
 
@@ -244,13 +214,6 @@ void LiveUnit::NameChannels(Device& device) {
 }
 
 // --- what viewers see ---------------------------------------------------------------------------
-
-std::vector<ChannelSamples> LiveUnit::TakeSamples() {
-    const vexa::MutexLock lock(mutex);
-    sampleCount = 0;
-    takenAt = Clock::now();
-    return std::exchange(samples, {});
-}
 
 std::uint64_t LiveUnit::StateNumber() const {
     const vexa::MutexLock lock(mutex);

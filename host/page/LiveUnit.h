@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -30,13 +31,14 @@ struct Channel {
     std::string unit;
 };
 
-// Consecutive samples of a channel: at `first`, `first + step`, ... seconds since the start.
+// Consecutive samples of a channel: at `first`, `first + step`, ... seconds since the start. The
+// values are borrowed.
 struct ChannelSamples {
     std::uint32_t channel;
     bool afterGap;
     double first;
     double step;
-    std::vector<float> values;
+    std::span<const double> values;
 };
 
 // A device that the page has opened, or wants open.
@@ -77,7 +79,7 @@ struct Order {
     std::function<void(const std::string& problem)> answer;
 };
 
-// Any thread.
+// Any thread, but for Collect.
 class LiveUnit {
   public:
     struct Options {
@@ -98,8 +100,11 @@ class LiveUnit {
     // Orders are carried out one after the other.
     void Add(Order order);
 
-    // What has come since the last call. Samples that nobody fetches for a second are dropped.
-    [[nodiscard]] std::vector<ChannelSamples> TakeSamples();
+    // Passes on what has come since the last call, in its order. One thread, ten times a second or
+    // more: a thread that waits for each block would cost more than the samples. It is also this
+    // call that finds a link lost.
+    using Take = std::function<void(const ChannelSamples& samples)>;
+    void Collect(const Take& take);
 
     // Grows with each change of the state that is no mere count.
     [[nodiscard]] std::uint64_t StateNumber() const;
@@ -112,13 +117,14 @@ class LiveUnit {
     using Clock = std::chrono::steady_clock;
     struct Device;
 
-    // The receiving thread.
-    void Receive();
+    // The connecting thread.
+    void StayConnected();
     bool Connect();
-    void ReceiveSome();
-    void Pass(const Received& received);
+
+    // The collecting thread.
+    [[nodiscard]] std::vector<std::shared_ptr<Device>> OpenDevices() const;
+    void Pass(Device& device, const Block& block, const Take& take);
     void NameChannels(Device& device);
-    void Pause(std::chrono::milliseconds time);
 
     // The thread of orders.
     void RunOrders();
@@ -151,16 +157,13 @@ class LiveUnit {
     UnitState state VEXA_GUARDED_BY(mutex);                 // without devices and statistics
     std::uint64_t stateNumber VEXA_GUARDED_BY(mutex) = 0;
     std::vector<std::shared_ptr<Device>> devices VEXA_GUARDED_BY(mutex);
-    std::vector<ChannelSamples> samples VEXA_GUARDED_BY(mutex);
-    std::size_t sampleCount VEXA_GUARDED_BY(mutex) = 0;
     std::deque<Order> orders VEXA_GUARDED_BY(mutex);
     ChildId nextChild VEXA_GUARDED_BY(mutex) = 0x1001;
     std::uint32_t nextChannel VEXA_GUARDED_BY(mutex) = 1;
-    Clock::time_point takenAt VEXA_GUARDED_BY(mutex) = Clock::now();  // TakeSamples
     std::atomic<bool> isEnding = false;
     std::atomic<bool> isLeaving = false;
 
-    std::thread receiver;
+    std::thread connector;
     std::thread orderer;
 };
 

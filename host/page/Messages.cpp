@@ -329,27 +329,32 @@ std::optional<Happening> HappeningOf(std::string_view line) {
     }
 }
 
-std::vector<std::uint8_t> SamplesMessage(std::span<const ChannelSamples> samples) {
-    static_assert(std::endian::native == std::endian::little);
+void SamplesMessage::Clear() {
     constexpr std::uint32_t kSamples = 1;
-    constexpr std::uint32_t kAfterGap = 0x80000000;
-    std::size_t size = 8;
-    for (const ChannelSamples& piece : samples) size += 28 + piece.values.size() * sizeof(float);
-    std::vector<std::uint8_t> bytes;
-    bytes.reserve(size);
+    bytes.clear();
+    pieces = 0;
     Append(bytes, kSamples);
-    Append(bytes, static_cast<std::uint32_t>(samples.size()));
-    for (const ChannelSamples& piece : samples) {
-        Append(bytes, piece.channel);
-        Append(bytes,
-               static_cast<std::uint32_t>(piece.values.size()) | (piece.afterGap ? kAfterGap : 0));
-        Append(bytes, piece.first);
-        Append(bytes, piece.step);
-        const auto* const values = reinterpret_cast<const std::uint8_t*>(piece.values.data());
-        bytes.insert(bytes.end(), values, values + piece.values.size() * sizeof(float));
-        if (piece.values.size() % 2 != 0) Append(bytes, 0.0F);
+    Append(bytes, pieces);
+}
+
+void SamplesMessage::Add(const ChannelSamples& samples) {
+    static_assert(std::endian::native == std::endian::little);
+    constexpr std::uint32_t kAfterGap = 0x80000000;
+    constexpr std::size_t kPiecesOffset = 4;
+    const std::size_t count = samples.values.size();
+    Append(bytes, samples.channel);
+    Append(bytes, static_cast<std::uint32_t>(count) | (samples.afterGap ? kAfterGap : 0));
+    Append(bytes, samples.first);
+    Append(bytes, samples.step);
+    std::size_t at = bytes.size();
+    bytes.resize(at + (count + count % 2) * sizeof(float));
+    for (const double value : samples.values) {
+        const auto small = static_cast<float>(value);
+        std::memcpy(bytes.data() + at, &small, sizeof small);
+        at += sizeof small;
     }
-    return bytes;
+    ++pieces;
+    std::memcpy(bytes.data() + kPiecesOffset, &pieces, sizeof pieces);
 }
 
 }  // namespace vexahost::page

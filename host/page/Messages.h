@@ -1,4 +1,5 @@
-// What server and viewers say to each other (docs/page.md, "The page's messages"). Any thread.
+// What server and viewers say to each other (docs/page.md, "The page's messages"). Any thread; one
+// at a time for a SamplesMessage.
 #pragma once
 
 #include <cstdint>
@@ -77,6 +78,18 @@ std::string MetricsText(const UnitState& state, std::size_t viewers, std::uint64
 //   8 float64 time of the first, s   16 float64 from one to the next, s   24 float32 values
 //
 // A piece with an odd number of values ends with 4 bytes that mean nothing.
-std::vector<std::uint8_t> SamplesMessage(std::span<const ChannelSamples> samples);
+class SamplesMessage {
+  public:
+    // The next message; keeps the room of the one before.
+    void Clear();
+    void Add(const ChannelSamples& samples);
+
+    [[nodiscard]] bool IsEmpty() const { return pieces == 0; }
+    [[nodiscard]] std::span<const std::uint8_t> Bytes() const { return bytes; }
+
+  private:
+    std::vector<std::uint8_t> bytes;
+    std::uint32_t pieces = 0;
+};
 
 }  // namespace vexahost::page

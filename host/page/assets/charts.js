@@ -4,6 +4,7 @@ import { node, write } from "./dom.js";
 
 const HEIGHT = 130;
 const DRAW_MS = 1000 / 30;
+const AT_ONCE = 4; // charts
 const LAG = 0.05; // seconds that the newest samples may lag, so that the line's end does not flicker
 
 // The page's colours; asking for them is dear.
@@ -21,19 +22,25 @@ export class Charts {
     this.span = 10;
     this.window = null; // [from, to] while the charts stand still
     this.clearMarks();
-    this.isDirty = true;
-    this.frames = 0;
-    this.drawnAt = 0;
-    this.cursor = null;
+    Object.assign(this, { isDirty: true, frames: 0, drawnAt: 0, waiting: [], cursor: null });
     new ResizeObserver(() => this.resize()).observe(root);
-    matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => this.recolour());
+    this.seen = new IntersectionObserver((changes) => {
+      for (const { target, isIntersecting } of changes) target.isSeen = isIntersecting;
+      this.touch();
+    });
+    matchMedia("(prefers-color-scheme: dark)").onchange = () => (colours.clear(), this.touch());
     const draw = (now) => {
       requestAnimationFrame(draw);
       ++this.frames;
+      if (this.waiting.length) return this.drawSome(Infinity);
       if (!this.isDirty || now - this.drawnAt < DRAW_MS - 4) return;
       this.drawnAt = now;
       this.isDirty = false;
-      this.draw();
+      this.waiting = [...this.charts.values()].filter(({ box }) => box.isSeen);
+      this.drawn = this.range();
+      // Half of many charts waits for the next frame: all at once may take longer than a frame lasts.
+      this.drawSome(Math.max(AT_ONCE, Math.ceil(this.waiting.length / 2)));
+      this.writeFacts();
     };
     requestAnimationFrame(draw);
   }
@@ -56,19 +63,27 @@ export class Charts {
     chart.plot = this.makePlot(chart, box);
     Object.assign(chart.plot.ctx.canvas, { role: "img", ariaLabel: `Chart of ${channel.label}` });
     this.charts.set(channel.id, chart);
-    this.touch();
+    this.seen.observe(box);
   }
 
   remove(id) {
     const chart = this.charts.get(id);
-    if (!chart) return;
     chart.plot.destroy();
     chart.box.remove();
     this.charts.delete(id);
   }
 
+  // Puts the charts into the order of these ids.
+  order(ids) {
+    if ([...this.charts.keys()].join() === ids.join()) return;
+    this.charts = new Map(ids.map((id) => [id, this.charts.get(id)]));
+    for (const { box } of this.charts.values()) this.root.append(box);
+  }
+
   makePlot(chart, box) {
     const axis = { stroke: () => style("--soft"), grid: { stroke: () => style("--line") }, ticks: { stroke: () => style("--line") } };
+    const points = uPlot.paths.linear();
+    const paths = (...which) => (chart.slices ? null : points(...which));
     return new uPlot(
       {
         width: Math.max(200, this.root.clientWidth - 12),
@@ -77,9 +92,9 @@ export class Charts {
         cursor: { sync: { key: "unit", scales: ["x", null] }, drag: { x: true, y: false, setScale: false }, points: { show: false } },
         scales: { x: { time: false, auto: false }, y: { range: (_, low, high) => this.scale(chart, low, high) } },
         axes: [axis, { ...axis, size: 64, space: 24, values: (_, ticks) => ticks.map(number) }],
-        series: [{}, { stroke: () => style("--accent"), width: 1, points: { show: false } }],
+        series: [{}, { stroke: () => style("--accent"), width: 1, points: { show: false }, paths }],
         hooks: {
-          draw: [(plot) => this.drawMarks(plot)],
+          draw: [(plot) => this.drawMore(chart, plot)],
           setSelect: [(plot) => this.zoomTo(plot)],
           setCursor: [(plot) => this.moveCursor(plot)],
           ready: [(plot) => this.listen(plot)],
@@ -125,11 +140,10 @@ export class Charts {
   // --- what is seen -----------------------------------------------------------------------------
 
   range() {
-    if (this.window) return this.window;
-    const held = this.trigger.window(this.span);
+    const held = this.window ?? this.trigger.window(this.span);
     if (held) return held;
-    const ends = this.channels.map((channel) => channel.end).filter(Number.isFinite);
-    const to = (ends.length ? Math.max(...ends) : 0) - LAG;
+    const newest = Math.max(...this.channels.map((channel) => channel.end));
+    const to = (Number.isFinite(newest) ? newest : 0) - LAG;
     return [to - this.span, to];
   }
 
@@ -171,59 +185,81 @@ export class Charts {
     this.touch();
   }
 
-  draw() {
-    const [from, to] = this.range();
-    for (const { channel, plot } of this.charts.values()) {
-      const data = channel.view(from, to, Math.max(100, plot.over.clientWidth));
+  // Draws as many of the charts that wait for it, all over the same time.
+  drawSome(count) {
+    const [from, to] = this.drawn;
+    for (const chart of this.waiting.splice(0, count)) {
+      const { channel, plot } = chart;
+      if (this.charts.get(channel.id) !== chart) continue; // removed meanwhile
+      Object.assign(chart, channel.view(from, to, Math.max(100, plot.bbox.width / devicePixelRatio)));
       plot.batch(() => {
-        plot.setData(data, false);
+        plot.setData(chart.data, false);
         plot.setScale("x", { min: from, max: to });
       });
     }
-    this.writeFacts();
   }
 
-  drawMarks(plot) {
-    const { ctx, bbox } = plot;
+  // What the library does not draw.
+  drawMore({ slices }, plot) {
+    const { ctx, bbox: { left, top, width, height } } = plot;
     ctx.save();
-    const colour = style("--bad");
-    Object.assign(ctx, { strokeStyle: colour, fillStyle: colour, textAlign: "left", font: `${12 * devicePixelRatio}px system-ui` });
+    ctx.beginPath();
+    ctx.rect(left, top, width, height);
+    ctx.clip();
+    if (slices) this.drawSlices(slices, plot);
     for (const [name, time] of Object.entries(this.marks)) {
       if (time === null) continue;
       const x = plot.valToPos(time, "x", true);
-      if (x < bbox.left || x > bbox.left + bbox.width) continue;
-      ctx.beginPath();
-      ctx.moveTo(x, bbox.top);
-      ctx.lineTo(x, bbox.top + bbox.height);
-      ctx.stroke();
-      ctx.fillText(name.toUpperCase(), x + 3, bbox.top + 12 * devicePixelRatio);
+      const line = 12 * devicePixelRatio; // its height
+      Object.assign(ctx, { fillStyle: style("--bad"), textAlign: "left", font: `${line}px system-ui` });
+      ctx.fillRect(x, top, devicePixelRatio, height);
+      ctx.fillText(name.toUpperCase(), x + 3, top + line);
     }
     ctx.restore();
+  }
+
+  // The least and the greatest sample of each slice; a canvas passes over what is no number. It moves by whole pixels.
+  drawSlices({ first, width, low, high }, { ctx, bbox, scales: { x, y } }) {
+    const across = bbox.width / (x.max - x.min);
+    const down = bbox.height / (y.min - y.max);
+    const start = Math.round(bbox.left - x.min * across);
+    const half = (width * across) / 2;
+    let before = NaN;
+    ctx.beginPath();
+    for (let i = Math.max(0, Math.floor(x.min / width) - first); i < low.length && (first + i) * width <= x.max; ++i) {
+      const at = start + (first + i) * width * across;
+      const sum = low[i] + high[i];
+      const isFall = sum < before; // a slope is a line then, and no zigzag
+      const from = bbox.top + ((isFall ? high : low)[i] - y.max) * down;
+      const to = bbox.top + ((isFall ? low : high)[i] - y.max) * down;
+      if (Number.isNaN(before)) ctx.moveTo(at, from); // after a gap
+      else ctx.lineTo(at, from);
+      ctx.lineTo(at + half, to);
+      before = sum;
+    }
+    Object.assign(ctx, { strokeStyle: style("--accent"), lineWidth: devicePixelRatio });
+    ctx.stroke();
   }
 
   writeFacts() {
     const { a, b } = this.marks;
     for (const { channel, facts } of this.charts.values()) {
-      const words = [];
-      if (this.cursor !== null) words.push(`${this.cursor.toFixed(4)} s: ${number(channel.valueAt(this.cursor))}`);
-      if (a !== null) words.push(`A ${number(channel.valueAt(a))}`);
-      if (b !== null) words.push(`B ${number(channel.valueAt(b))}`);
-      if (a !== null && b !== null) {
-        const [from, to] = [channel.valueAt(a), channel.valueAt(b)];
-        words.push(`Δt ${number(b - a)} s`, from === null || to === null ? "" : `Δy ${number(to - from)}`);
-      }
-      if (channel.gaps) words.push(channel.gaps === 1 ? "1 gap" : `${channel.gaps} gaps`);
-      write(facts, words.join("   "));
+      const valueAt = (time) => (time === null ? null : channel.valueAt(time));
+      const [now, from, to] = [valueAt(this.cursor), valueAt(a), valueAt(b)];
+      write(facts, [
+        this.cursor !== null && `${this.cursor.toFixed(4)} s: ${number(now)}`,
+        a !== null && `A ${number(from)}`,
+        b !== null && `B ${number(to)}`,
+        a !== null && b !== null && `Δt ${number(b - a)} s`,
+        from !== null && to !== null && `Δy ${number(to - from)}`,
+        channel.gaps > 0 && (channel.gaps === 1 ? "1 gap" : `${channel.gaps} gaps`),
+      ].filter(Boolean).join("   "));
     }
   }
 
   resize() {
     for (const { plot } of this.charts.values()) plot.setSize({ width: Math.max(200, this.root.clientWidth - 12), height: HEIGHT });
     this.touch();
-  }
-  recolour() {
-    colours.clear();
-    for (const { plot } of this.charts.values()) plot.redraw();
   }
 
   // --- what is taken away -----------------------------------------------------------------------
@@ -242,22 +278,22 @@ export class Charts {
 
   picture() {
     const plots = [...this.charts.values()];
+    Object.assign(this, { waiting: [...plots], drawn: this.range() });
+    this.drawSome(Infinity);
     const first = plots[0]?.plot.ctx.canvas;
     if (!first) return null;
     const line = 18 * devicePixelRatio;
-    const height = plots.reduce((sum, { plot }) => sum + plot.ctx.canvas.height + line, 0);
-    const canvas = node("canvas", { width: first.width, height });
+    const each = first.height + line;
+    const canvas = node("canvas", { width: first.width, height: plots.length * each });
     const context = canvas.getContext("2d");
     context.fillStyle = style("--back");
     context.fillRect(0, 0, canvas.width, canvas.height);
     context.fillStyle = style("--front");
     context.font = `${13 * devicePixelRatio}px system-ui`;
-    let top = 0;
-    for (const { channel, plot } of plots) {
-      context.fillText(channel.label, 4, top + line * 0.75);
-      context.drawImage(plot.ctx.canvas, 0, top + line);
-      top += line + plot.ctx.canvas.height;
-    }
+    plots.forEach(({ channel, plot }, i) => {
+      context.fillText(channel.label, 4, i * each + line * 0.75);
+      context.drawImage(plot.ctx.canvas, 0, i * each + line);
+    });
     return canvas;
   }
 }

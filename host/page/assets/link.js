@@ -4,9 +4,7 @@ const RETRY_MS = 500;
 
 export class Link {
   constructor(handlers) {
-    this.handlers = handlers;
-    this.waiting = new Map();
-    this.next = 1;
+    Object.assign(this, { handlers, waiting: new Map(), next: 1 });
     this.token = location.hash.slice(1) || sessionStorage.getItem("token") || "";
     sessionStorage.setItem("token", this.token);
     this.connect();

@@ -1,17 +1,13 @@
 // The packets in words. Ring and filter are the server's; here are the lines that are seen.
 
-import { $, fill, node, setUpMoments } from "./dom.js";
+import { $, node, setUpMoments } from "./dom.js";
 
 const MOST_LINES = 1000;
 
 export class Log {
   constructor(link, onTime) {
-    this.link = link;
-    this.lines = $("lines");
-    this.isFollowing = true;
-    this.skipped = 0;
-    for (const id of ["filter-direction", "filter-child", "filter-errors", "filter-data"]) $(id).onchange = () => this.refill();
-    $("filter-text").oninput = () => this.refill();
+    Object.assign(this, { link, lines: $("lines"), isFollowing: true, skipped: 0 });
+    $("filter").oninput = () => this.refill();
     $("filter").onsubmit = (event) => event.preventDefault();
     $("follow").onclick = () => this.follow(!this.isFollowing);
     this.lines.onscroll = () => this.scrolled();
@@ -91,9 +87,5 @@ export class Log {
     after?.classList.add("at");
     after?.scrollIntoView({ block: "center" });
     return after;
-  }
-
-  setDevices(devices) {
-    fill($("filter-child"), [["", "all"], ...devices.filter(({ child }) => child).map(({ child, name }) => [child, name])]);
   }
 }

@@ -78,8 +78,7 @@ function showPackets(time) {
 }
 
 function showTrigger() {
-  const text = { armed: "armed", done: "triggered", edge: "triggered", shown: "triggered" }[trigger.state] ?? "";
-  write($("trigger-state"), text);
+  write($("trigger-state"), trigger.state && (trigger.state === "armed" ? "armed" : "triggered"));
 }
 
 const figure = (name, value) => node("div", {}, node("dt", { textContent: name }), node("dd", { textContent: value }));
@@ -126,12 +125,14 @@ function showDevices({ devices }) {
     channels.delete(id);
     charts.remove(id);
   }
+  charts.order([...seen]);
   $("empty").hidden = channels.size > 0;
-  const options = [...channels.values()].map((channel) => [channel.id, channel.label]);
+  const options = charts.channels.map((channel) => [channel.id, channel.label]);
   fill($("trigger-channel"), options);
   if (!channels.has(trigger.channel) && options.length) trigger.set({ channel: Number($("trigger-channel").value) });
-  fill($("send-child"), devices.filter(({ child }) => child).map(({ child, name }) => [child, `${name} 0x${child.toString(16)}`]));
-  log.setDevices(devices);
+  const children = devices.filter(({ child }) => child);
+  fill($("send-child"), children.map(({ child, name }) => [child, `${name} 0x${child.toString(16)}`]));
+  fill($("filter-child"), [["", "all"], ...children.map(({ child, name }) => [child, name])]);
   const list = $("devices");
   const keys = devices.map(({ child, name, open }) => `${child} ${name} ${open}`).join();
   if (list.dataset.keys !== keys) {
@@ -148,11 +149,11 @@ function showDevices({ devices }) {
 }
 
 function deviceItem({ child, name }) {
-  const close = node("button", { textContent: "Close", title: `Close ${name}`, ariaLabel: `Close ${name}`, disabled: !page.hello?.control });
-  close.onclick = () => ask(child ? "close" : "handBack", { child }, `close ${name}`);
-  const arm = node("button", { textContent: "Arm", title: `Arm the HID sensor ${name}`, ariaLabel: `Arm ${name}`, disabled: !page.hello?.control });
-  arm.onclick = () => ask("arm", { child }, `arm ${name}`);
-  return node("li", {}, node("b", { textContent: name }), ...(child ? [arm] : []), close, node("small"));
+  const button = (textContent, title, request) =>
+    node("button", { textContent, title, ariaLabel: title, disabled: !page.hello?.control, onclick: () => ask(request, { child }, title) });
+  const close = button("Close", `Close ${name}`, child ? "close" : "handBack");
+  const arm = child ? [button("Arm", `Arm the HID sensor ${name}`, "arm")] : [];
+  return node("li", {}, node("b", { textContent: name }), ...arm, close, node("small"));
 }
 
 // --- controls -----------------------------------------------------------------------------------
@@ -201,7 +202,7 @@ $("csv").onclick = saveCsv;
 $("picture").onclick = copyPicture;
 $("session").onclick = saveSession;
 $("span").onchange = () => charts.setSpan(Number($("span").value));
-for (const id of ["mode", "channel", "edge", "level", "before"]) $(`trigger-${id}`).onchange = setTrigger;
+$("trigger").onchange = setTrigger;
 $("take").onclick = () => ask("takeOver", {}, "take over");
 $("hand").onclick = () => ask("handBack", {}, "hand back");
 submit("open", async () => {

@@ -15,15 +15,10 @@ class Buckets {
     if (place < 0) return;
     if (place - this.low.length > MOST_BUCKETS) {
       // After a long silence the slices before it are not worth their room.
-      this.first += place;
-      this.low = [value];
-      this.high = [value];
+      Object.assign(this, { first: this.first + place, low: [value], high: [value] });
       return;
     }
-    while (this.low.length <= place) {
-      this.low.push(NaN);
-      this.high.push(NaN);
-    }
+    for (; this.low.length <= place; this.low.push(NaN)) this.high.push(NaN);
     // Comparisons with NaN are false: an empty slice takes the value.
     if (!(this.low[place] <= value)) this.low[place] = value;
     if (!(this.high[place] >= value)) this.high[place] = value;
@@ -32,9 +27,18 @@ class Buckets {
   trim() {
     if (this.low.length <= MOST_BUCKETS) return;
     const gone = this.low.length - MOST_BUCKETS / 2;
-    this.low.splice(0, gone);
-    this.high.splice(0, gone);
+    for (const values of [this.low, this.high]) values.splice(0, gone);
     this.first += gone;
+  }
+
+  // The least and the greatest value between two times; null without any.
+  extent(from, to) {
+    let [low, high] = [Infinity, -Infinity];
+    for (let i = Math.max(0, Math.floor(from / this.width) - this.first); i < this.low.length && (this.first + i) * this.width <= to; ++i) {
+      if (this.low[i] < low) low = this.low[i];
+      if (this.high[i] > high) high = this.high[i];
+    }
+    return low <= high ? [low, high] : [null, null];
   }
 }
 
@@ -83,7 +87,7 @@ export class Channel {
     let size = this.values.length;
     while (size < this.total + count && size < CAPACITY) size *= 2;
     const larger = new Float32Array(size);
-    for (let i = 0; i < this.total; ++i) larger[i] = this.values[i];
+    larger.set(this.values);
     this.values = larger;
   }
 
@@ -121,10 +125,18 @@ export class Channel {
     return this.values[(piece.begin + place) % this.values.length];
   }
 
-  // What to draw in a window that is `pixels` wide: [times, values], null where there is a gap.
+  // What to draw in a window that is `pixels` wide: `data` are times and values, null where there is a gap. Of more
+  // samples than fit these are only the ends, and all are in `slices`.
   view(from, to, pixels) {
     const step = this.last?.step || 1;
-    return (to - from) / step > 2 * pixels ? this.envelope(from, to, pixels) : this.points(from, to, step);
+    if ((to - from) / step <= 2 * pixels) return { data: this.points(from, to, step), slices: null };
+    // A power of two: zooming gently keeps most slices.
+    const width = 2 ** Math.ceil(Math.log2((to - from) / pixels));
+    if (this.buckets?.width !== width || this.buckets.first * width > from) {
+      this.buckets = new Buckets(width, Math.floor(from / width));
+      this.each(from - width, Infinity, (time, value) => this.buckets.add(time, value));
+    }
+    return { data: [[from, to], this.buckets.extent(from, to)], slices: this.buckets };
   }
 
   points(from, to, step) {
@@ -138,27 +150,6 @@ export class Channel {
       times.push(time);
       values.push(value);
     });
-    return [times, values];
-  }
-
-  envelope(from, to, pixels) {
-    // A power of two: zooming gently keeps most slices.
-    const width = 2 ** Math.ceil(Math.log2((to - from) / pixels));
-    const first = Math.floor(from / width);
-    if (this.buckets?.width !== width || this.buckets.first > first) {
-      this.buckets = new Buckets(width, first);
-      this.each(from - width, Infinity, (time, value) => this.buckets.add(time, value));
-    }
-    const { low, high, first: begin } = this.buckets;
-    const times = [];
-    const values = [];
-    for (let i = Math.max(0, first - begin); i < low.length && (begin + i) * width <= to; ++i) {
-      const time = (begin + i) * width;
-      const isEmpty = Number.isNaN(low[i]);
-      const falls = low[i] + high[i] < low[i - 1] + high[i - 1]; // a slope is a line then, and no zigzag
-      times.push(time, time + width / 2);
-      values.push(isEmpty ? null : falls ? high[i] : low[i], isEmpty ? null : falls ? low[i] : high[i]);
-    }
     return [times, values];
   }
 }
