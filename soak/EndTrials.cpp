@@ -14,7 +14,7 @@ namespace {
 constexpr int kEnds = 24;
 constexpr int kShortEnds = 8;
 constexpr std::uint32_t kLatestEndMs = 2500;  // the session takes about as long
-constexpr Milliseconds kPatience{5000};
+constexpr Milliseconds kPatience{20000};
 
 // Calls of the shut-down, and which one of them is hit.
 constexpr std::pair<const char*, int> kEndCalls[] = {
@@ -73,7 +73,8 @@ Outcome EndWith(Json fault, const Settings& settings) {
     SoakUnit unit(settings.unitProgram, Json::parse(TrialScenario()));
     if (!unit.AwaitStart(settings.startLimit)) return {.lost = "does not start"};
     const auto client = vexahost::Client::Connect(unit.Cable(), {}, kPatience);
-    if (!client || !Exercise(**client, {})) return {.lost = "no session before the end"};
+    if (!client || !Exercise(**client, {.patience = kPatience}))
+        return {.lost = "no session before the end"};
     const bool isOfTheNode = fault["call"].get<std::string>().starts_with("node.");
     if (isOfTheNode) fault.erase("count");
     fault["request"] = "fault.set";

@@ -30,7 +30,7 @@ constexpr ChildId kFirstChild = 0x101;
 constexpr Milliseconds kLoadPatience{10000};
 constexpr Milliseconds kPoll{10};
 constexpr Milliseconds kQueryPause{250};
-constexpr Milliseconds kQuiet{500};
+constexpr Milliseconds kQuiet{1500};
 constexpr int kMostAtOnce = 10;  // echoes in a row, when the sender was delayed
 
 // The capacity of the output path in bytes per second: 10,000 bytes every 30 ms.

@@ -11,6 +11,8 @@ namespace {
 
 constexpr const char* kDaq = "DAQ";
 constexpr std::size_t kMostOrders = 64;
+// A device opens although nobody waits for the answer any more, and would be shown as not open.
+constexpr Milliseconds kOpenTimeout{20000};
 
 // The request that arms a HID sensor.
 constexpr std::uint8_t kHidInit[8] = {0x40};
@@ -86,7 +88,8 @@ Expected<Done> LiveUnit::Timed(const std::function<Expected<Done>(Client&)>& req
 
 Expected<Done> LiveUnit::OpenAtUnit(const std::shared_ptr<Device>& device) {
     device->opened = Seconds(Clock::now());
-    auto opened = Timed([&](Client& unit) { return unit.OpenDevice(device->name, device->child); });
+    auto opened = Timed(
+        [&](Client& unit) { return unit.OpenDevice(device->name, device->child, kOpenTimeout); });
     Change([&]() VEXA_REQUIRES(mutex) {
         device->isOpen = opened.has_value();
         device->problem = opened ? "" : opened.error().message;

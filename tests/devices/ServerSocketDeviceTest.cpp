@@ -206,11 +206,8 @@ TEST_F(ServerSocketDevice, FailsToWriteToAClientThatHasGone) {
         Await(busy, 1);
         client.ResetOnClose();
     }
-    // The first write may still be accepted by the system.
-    int count = 1;
-    device->Write("a", &count);
-    count = 1;
-    EXPECT_EQ(device->Write("b", &count), -1);
+    // The system may still accept some; without an error it would for ever.
+    for (int count = 1; device->Write("a", &count) == 0;) count = 1;
     busy = 2;
     Await(went, 1);
     EXPECT_EQ(device->Close(), 0);

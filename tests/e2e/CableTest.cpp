@@ -37,8 +37,8 @@ TEST(Cable, LeavesNothingBehindHoweverOftenItIsPulled) {
             host.Send(OpenChild(6, "Hid"));
             host.Await(ControllerReply(3, 0x98, 0x70, 0));
             host.Send(Tunnel(6, Hex("40 00 00 00 00 00 00 00")));
-            host.Await("05 00 00 00 a0");
             host.Await("06 00 00 00 80 04");
+            host.Await("05 00 00 00 a0");  // last, as they never end
         }
         line = unit.AwaitLine("USB gadget cable is unplugged.", line);
         // The hardware is handed back when nobody is connected any more.
@@ -47,7 +47,11 @@ TEST(Cable, LeavesNothingBehindHoweverOftenItIsPulled) {
         }));
         if (cycle == 0) atFirst = unit.ThreadsAndDescriptors();
     }
-    EXPECT_EQ(unit.ThreadsAndDescriptors(), atFirst);
+    // A thread that has just ended may still be listed.
+    EXPECT_TRUE(testkit::WaitUntil(kPatience, [&] {
+        const auto [threads, descriptors] = unit.ThreadsAndDescriptors();
+        return threads <= atFirst.first && descriptors <= atFirst.second;
+    }));
     EXPECT_EQ(unit.Stop(), 0);
 
     EXPECT_EQ(unit.Calls("VEXA_Device_Stream_Open").size(), 3U * static_cast<std::size_t>(cycles));

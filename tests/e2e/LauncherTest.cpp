@@ -15,13 +15,17 @@ TEST(StartUp, SurvivesItsLauncher) {
     {
         RunningUnit unit("{}", {"env", "--block-signal", Program("VEXADevMgr")});
         { Host host(unit); }
+        unit.AwaitLine("USB gadget cable is unplugged.");
         unit.Signal(SIGHUP);
         EXPECT_EQ(unit.Wait(), 0);
         EXPECT_EQ(unit.Printed().back(), "VEXADevMgr(130) : VEXADevMgr is shutting down.");
         EXPECT_EQ(unit.Calls().back(), "VEXA_Uninit(1) = 0");
     }
     RunningUnit unit("{}", {"sh", "-c", R"(exec "$0" <&- >&- 2>&-)", Program("VEXADevMgr")});
-    EXPECT_EQ(testkit::RunToEnd({Program("vexa-host"), "--dir", unit.Folder(), "sync"}).status, 0);
+    EXPECT_EQ(
+        testkit::RunToEnd({Program("vexa-host"), "--dir", unit.Folder(), "sync", "--wait", "20s"})
+            .status,
+        0);
     for (const char* number : {"0", "1", "2"}) {
         const auto file = "/proc/" + std::to_string(unit.ServiceId()) + "/fd/" + number;
         EXPECT_EQ(std::filesystem::read_symlink(file), "/dev/null");

@@ -25,7 +25,7 @@ TEST(Recording, OfAHostIsPlayedToAUnitThatAnswersTheSameOrNot) {
         const RunningUnit unit(kQuietUnit);
         const std::string on = " --dir " + unit.Folder();
         const auto recorded =
-            RunHost("record " + file + on + " -- " + Program("vexa-host") + " query");
+            RunHost("record " + file + on + " -- " + Program("vexa-host") + " query --wait 20s");
         EXPECT_EQ(recorded.status, 0) << recorded.output;
         const auto same = RunHost("replay --fast " + file + on);
         EXPECT_EQ(same.status, 0) << same.output;

@@ -22,7 +22,7 @@ inline constexpr testkit::Milliseconds kPatience{20000};
 inline constexpr char kQuietUnit[] = R"({
   "devices": [{"name": "Stream", "type": 8, "rate": 0}, {"name": "Hid", "type": 2, "rate": 0},
               {"name": "Camera", "type": 7}],
-  "daq": {"name": "Board", "measurementRate": 0}})";
+  "daq": {"name": "Board", "measurementRate": 0, "syncDelayMs": 0}})";
 
 // The path of one of our programs.
 inline std::string Program(const std::string& name) { return PROGRAM_DIR "/" + name; }

@@ -88,7 +88,7 @@ TEST(StartUp, WithoutANodePrintsItsErrorAndEndsInOrder) {
 
 TEST(StartUp, EndsOnSigtermWithAHostAndStreamsOpen) {
     RunningUnit unit(R"({"devices": [{"name": "Fast", "type": 8, "rate": 500}],
-                         "daq": {"measurementRate": 200}})");
+                         "daq": {"measurementRate": 200, "syncDelayMs": 0}})");
     Host host(unit);
     host.Ask(InitialSync());
     host.Send(OpenController(true));

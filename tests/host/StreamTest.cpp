@@ -49,7 +49,7 @@ TEST_F(Stream, GoesOnAfterALostLinkInTheSameFile) {
         if (CommandOf(packet) == 0x70 && ++reports == 1) self.HangUp();
     };
     const FakeService service(hangUpOnce, folder + "/host.sock");
-    EXPECT_EQ(Run("$host stream T --csv --out . --reconnect --for 3s 2>log; cat T.csv; "
+    EXPECT_EQ(Run("$host stream T --csv --out . --reconnect --for 5s 2>log; cat T.csv; "
                   "grep -c 'connecting again' log"),
               "# start UTC, device T, child 4097\ntime_s,value\nT,-240\n"
               "# link lost at T, back at T\nT,-240\n1\n");

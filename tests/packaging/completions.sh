@@ -37,7 +37,7 @@ offers 'vexa-host ping -' --help --dir --tcp --serial --rts-cts --usb --wait -n 
 vexa-unit run --dir unit$$ >/dev/null &
 unit=$!
 trap 'kill $unit; rm -rf unit$$' EXIT
-until [[ -S unit$$/control.sock ]]; do sleep 0.02; done
+until vexa-unit ctl --dir unit$$ state &>/dev/null; do sleep 0.02; done
 offers "vexa-host stream --dir unit$$ Acc" Accelerometer
 offers "vexa-unit ctl --dir unit$$ detach Ba" Barometer
 

@@ -29,7 +29,7 @@ if command -v pkg-config >pkg-config.txt; then # and without CMake: one library,
     # shellcheck disable=SC2046
     "${CXX:-c++}" -std=c++20 -Wall -Wextra -Wconversion -Werror guide.cpp $(pkg-config --cflags --libs vexahost) -o guide
 fi
-vexa-unit run --dir unit --scenario daq-in-use >unit.txt 2>&1 &
+vexa-unit run --dir unit --scenario dead-daq >unit.txt 2>&1 &
 unit=$!
 tries=1000
 until test -S unit/host.sock; do
@@ -37,6 +37,7 @@ until test -S unit/host.sock; do
     test $tries -gt 0 || { cat unit.txt; exit 1; }
     sleep 0.02
 done
+vexa-unit ctl --dir unit wait call=node.ioctl --for 20s
 for program in consumer/who_has_the_daq ./who_by_pkg_config; do
     test -x $program || continue
     answer=$($program unit)

@@ -107,7 +107,7 @@ class Browser:
             raise PageError(result["exceptionDetails"].get("exception", {}).get("description", script))
         return result["result"].get("value")
 
-    def wait(self, script, timeout=10):
+    def wait(self, script, timeout=30):
         """Waits until the expression is true, and returns its value."""
         end = time.monotonic() + timeout
         while time.monotonic() < end:

@@ -62,6 +62,9 @@ class Bench:
     def kill_unit(self):
         os.killpg(self.unit.pid, signal.SIGKILL)
         self.unit.wait()
+        end = time.monotonic() + 10
+        while os.path.exists(self.unit_folder) and time.monotonic() < end:  # its watcher tidies up
+            time.sleep(0.02)
 
     def __enter__(self):
         return self
@@ -122,7 +125,7 @@ class InABrowser(unittest.TestCase):
                 const lit = [...Array(width * height).keys()].filter((i) => data[4 * i + 3] > 99 && data[4 * i + 2] - data[4 * i] > 60);
                 const columns = [...new Set(lit.map((i) => i % width))].sort((one, other) => one - other);
                 const at = (i) => {chart}.plot.posToVal(Math.floor(i / width), "y");
-                return [at(lit[0]), at(lit[lit.length - 1]), {chart}.plot.posToVal(columns[0], "x") - {chart}.channel.pieces[0].first,
+                return [at(lit[0]), at(lit[lit.length - 1]), {chart}.plot.posToVal(columns[0], "x") - Math.max({chart}.channel.pieces[0].first, {chart}.plot.scales.x.min),
                         columns[columns.length - 1] - columns[0] + 1 - columns.length];
             }})()""")
             pixel = 1.2 * (drawn[1] - drawn[0]) / 50  # at most
@@ -188,15 +191,17 @@ class InABrowser(unittest.TestCase):
         with self.subTest("a timeline of what happens, also without this page"):
             subprocess.run([BIN / "vexa-unit", "ctl", "--dir", self.bench.unit_folder, "detach", "Warm"], check=True,
                            stdout=subprocess.DEVNULL)
-            page.wait("document.getElementById('events').firstChild.textContent.includes('detach Warm')")
+            page.wait("document.getElementById('events').textContent.includes('detach Warm')")
             late = self.bench.viewer()
             self.addCleanup(late.close)
             known = [text for _, _, text, _, _ in late.wait("timeline")["lines"]]
-            steps = ["the unit is there", "Ramp is opened", "Warm is opened", "no host is connected",
-                     "change: cable, in false", "change: cable, in true", "a host is connected", "change: detach Warm"]
-            places = [known.index(steps[0])]
-            for step in steps[1:]:
-                places.append(known.index(step, places[-1]))  # raises ValueError without it
+            for steps in (["the unit is there", "Warm is opened", "no host is connected", "change: cable, in false",
+                           "a host is connected", "change: detach Warm"],
+                          ["change: cable, in false", "change: cable, in true", "change: detach Warm"],
+                          ["change: cable, in false", "Ramp is opened", "change: detach Warm"]):
+                place = known.index(steps[0])
+                for step in steps[1:]:
+                    place = known.index(step, place)  # raises ValueError without it
             page.wait(f"document.querySelectorAll('#events div').length >= {len(known)}")
             shown = page.run("[...document.querySelectorAll('#events div')].map((line) => line.textContent)")
             for line, text in zip(reversed(shown), known):
@@ -252,7 +257,7 @@ class InABrowser(unittest.TestCase):
             self.assertGreater(len(saved), 200)
             decoded = subprocess.run(
                 [BIN / "vexa-host", "decode", self.bench.recording, "--csv", "--long", "--device", "Noise"],
-                capture_output=True, text=True, check=True).stdout
+                capture_output=True, text=True, check=False).stdout  # the recording goes on meanwhile
             rows = [line for line in decoded.splitlines() if not line.startswith("#")]
             sent = [float(row["value"]) for row in csv.DictReader(rows) if row["channel"] != "bytes"]
             newest = saved[-200:]  # of one connection
@@ -389,7 +394,7 @@ class Server(unittest.TestCase):
         viewers = []
         for _ in range(70):
             try:
-                viewers.append(WebSocket(self.bench.port))
+                viewers.append(self.bench.viewer())
             except (Refused, OSError):
                 break
         self.assertLessEqual(len(viewers), 64)

@@ -14,7 +14,7 @@ class Refused(Exception):
 class WebSocket:
     def __init__(self, port, host=None, origin=None, path="/", protocol="vexa-page"):
         host = host or f"127.0.0.1:{port}"
-        self.socket = socket.create_connection(("127.0.0.1", port), timeout=10)
+        self.socket = socket.create_connection(("127.0.0.1", port), timeout=30)
         head = [f"GET {path} HTTP/1.1", f"Host: {host}", "Upgrade: websocket", "Connection: Upgrade",
                 "Sec-WebSocket-Version: 13", "Sec-WebSocket-Protocol: " + protocol,
                 "Sec-WebSocket-Key: " + base64.b64encode(os.urandom(16)).decode()]

@@ -101,7 +101,7 @@ TEST_F(Sources, ATablePlaysItsColumnsInBlocks) {
     EXPECT_THAT((std::vector{floats[0], floats[1], floats[2]}), ElementsAre(0.5F, -2.0F, 0.5F));
     const auto two = repeating.blocks.Now();
     EXPECT_EQ(two[1][kSequenceOffset], 1);
-    EXPECT_EQ(LoadLe32(two[1], 4) - LoadLe32(two[0], 4) < 40, false) << "at its pace";
+    EXPECT_GE(LoadLe32(two[1], 4), 90U) << "at its pace: the hundredth row, a millisecond each";
     EXPECT_EQ(repeating.End(), "");
 }
 
@@ -193,7 +193,7 @@ TEST_F(Sources, ASerialLineIsCutIntoBlocksAndWrittenTo) {
     line.settings.baud = 9600;
     line.settings.parity = Parity::kOdd;
     line.settings.delimiter = "\r\n";
-    line.settings.gapMs = 30;
+    line.settings.gapMs = 500;
     Reader reader(line.settings);
     ASSERT_TRUE(line.AwaitSpeed(B9600));
     termios mode{};
@@ -292,7 +292,7 @@ TEST(Programs, AnswerByTheirExitAndAreEndedAtTheirLimit) {
         {{"/no/such/program"}, 30000, never, 0, "vexa-unit: DAQ: cannot start /no/such/program"},
         {{"echo", "a b; exit 7"}, 30000, never, 1, "a b; exit 7\n"},  // no shell reads it
         {{"sh", "-c", "test -z \"$LD_PRELOAD$VEXA_UNIT_DIR\""}, 30000, never, 1, ""},
-        {{"sh", "-c", inGroup}, 300, never, -1, "sh has not ended within 300 ms; it is ended\n"},
+        {{"sh", "-c", inGroup}, 1500, never, -1, "sh has not ended within 1500 ms; it is ended\n"},
         {{"sleep", "1000"}, 30000, cancelled, -1, "runs while its session ends; it is ended\n"},
     };
     ::setenv("VEXA_UNIT_DIR", "/unit", 1);

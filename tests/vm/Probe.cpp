@@ -319,9 +319,9 @@ void PullCables(unsigned cycles, const std::string& file, const std::string& out
     vexahost::Client& client = **connected;
     for (unsigned cycle = 0;; ++cycle) {
         const std::string when = " after " + std::to_string(cycle) + " cables";
-        Require(client.OpenController(kController, false).has_value() &&
-                    client.OpenDevice("Accelerometer", kChildren[0]).has_value() &&
-                    client.OpenDevice("Microphone", kChildren[1]).has_value(),
+        Require(client.OpenController(kController, false, 20s).has_value() &&
+                    client.OpenDevice("Accelerometer", kChildren[0], 20s).has_value() &&
+                    client.OpenDevice("Microphone", kChildren[1], 20s).has_value(),
                 "the devices cannot be opened" + when);
         for (unsigned block = 0; block < kBlocks; ++block) {
             Require(client.ReceiveAny(kChildren, false, 20s).has_value(), "no data" + when);

@@ -18,7 +18,7 @@ unpack_kernel() {
     say "unpacking the kernel $version"
     rm -rf "$kernel"
     mkdir -p "$kernel"
-    apt-get -qq download "$package" 2>download.log || { cat download.log >&2; exit 1; }
+    apt-get -qq -o Acquire::Retries=5 download "$package" 2>download.log || { cat download.log >&2; exit 1; }
     dpkg -x "${package%:*}"_*.deb "$kernel"
     rm -f "${package%:*}"_*.deb
     # Without its wrapping it boots in half the time.

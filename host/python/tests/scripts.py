@@ -19,7 +19,7 @@ class Script:
         self.verbs: Dict[str, Callable[..., Any]] = {
             "controller": self.controller,
             "query": lambda wanted: self.until(
-                lambda: unit.query_daq_application() == (wanted == "holds")
+                lambda: unit.query_daq_application(timeout=20) == (wanted == "holds")
             ),
             "takeover": unit.take_over,
             "open": self.open,
@@ -52,7 +52,7 @@ class Script:
             time.sleep(0.02)
 
     def wait(self, duration: str) -> None:
-        self.patience = time.monotonic() + float(duration[:-1])  # in seconds
+        self.patience = time.monotonic() + float(duration[:-1]) + 20  # in seconds; on a busy machine
 
     def controller(self, daq: str = "") -> None:
         if time.monotonic() < self.patience:  # for the hardware to be the application's again

@@ -41,7 +41,7 @@ def test_the_guide(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
         for part in (ROOT / "docs/python.md").read_text().split("```python\n")[1:]:
             asyncio.run(run(part.split("```")[0]))
         assert len(names["x"]) == 2000 and names["x"].dtype == "int16"
-        with virtual.connect() as unit:
+        with virtual.connect(20) as unit:
             names["log_for"](5, unit, lambda packet: None)
             assert unit.daq.stats.blocks >= 5
         virtual.daq(answersSync=False)
@@ -51,30 +51,30 @@ def test_the_guide(tmp_path: Path, monkeypatch: pytest.MonkeyPatch) -> None:
 @pytest.mark.parametrize("name", ["default", "daq-in-use", "dead-daq"])
 def test_session_scripts(name: str) -> None:
     text = (ROOT / f"host/scripts/{name}.vexa").read_text()
-    with vexahost.VirtualUnit(name) as virtual, virtual.connect() as unit:
+    with vexahost.VirtualUnit(name) as virtual, virtual.connect(20) as unit:
         assert Script(virtual, unit).run(text) >= 4
 
 
 def test_a_late_answer_keeps_the_turn_and_still_counts(virtual_unit: vexahost.VirtualUnit) -> None:
-    with virtual_unit.connect() as unit:
+    with virtual_unit.connect(20) as unit:
         unit.open_controller()
-        virtual_unit.fault("VEXA_Device_Stream_Open", "block", ms=1000, count=1)
+        virtual_unit.fault("VEXA_Device_Stream_Open", "block", ms=4000, count=1)
         with pytest.raises(TimeoutError, match="open Microphone"):
             unit.open("Microphone", id=7, timeout=0.05)
         with pytest.raises(TimeoutError, match="not answered an earlier request yet: open Micro"):
             unit.open("Accelerometer", timeout=0.05)
-        assert unit.open("Accelerometer", id=8).read(10).shape == (10,)
+        assert unit.open("Accelerometer", id=8, timeout=20).read(10, timeout=20).shape == (10,)
         with pytest.raises(vexahost.Refused, match="error 54"):  # the late one is open
-            unit.open("Microphone", id=7)
+            unit.open("Microphone", id=7, timeout=20)
 
 
 def test_timeouts_lose_nothing_and_a_pulled_cable_ends_waits(virtual_unit: Any) -> None:
-    with virtual_unit.connect() as unit:
+    with virtual_unit.connect(20) as unit:
         unit.open_controller()
         device = unit.open("Accelerometer")
         with pytest.raises(vexahost.Timeout):
             device.read(10**6, timeout=0.5)
-        values = [int(value) for value in device.read(200)]
+        values = [int(value) for value in device.read(200, timeout=20)]
         assert max(abs(b - a) for a, b in zip(values, values[1:])) < 1000  # a sine
         assert device.stats.gaps == 0
         threading.Timer(0.1, virtual_unit.cable, (False,)).start()
@@ -108,7 +108,7 @@ def test_nothing_keeps_a_program(name: str, virtual_unit: vexahost.VirtualUnit) 
         "import os, signal, sys, vexahost\n"
         # A shell that starts the tests in the background has it ignored.
         "signal.signal(signal.SIGINT, signal.default_int_handler)\n"
-        "unit = vexahost.connect(sys.argv[1])\nunit.open_controller()\n"
+        "unit = vexahost.connect(sys.argv[1], 20)\nunit.open_controller()\n"
         "d = unit.open('Microphone')\n" + PROGRAMS[name]
     )
     command = [sys.executable, "-c", text, virtual_unit.folder]

@@ -186,7 +186,7 @@ def test_a_cut_packet_is_searched_past(tmp_path: Path) -> None:
         unit.open_controller()
         device = unit.open("Sensor")
         assert len(device.read_block(timeout=10).bytes) == 100
-        wait_until(lambda: len(syncs) == 2)
+        wait_until(lambda: len(syncs) >= 2)
         unit.close_device(0x99)  # of which the unit says nothing here
         assert device.read_block(timeout=10).bytes == b"last"
         assert device.stats.gaps == 1 and unit.stats.resynchronisations == 1

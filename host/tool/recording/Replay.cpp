@@ -110,7 +110,9 @@ Replay::Replay(TransportFactory connect_, const ReplayOptions& options_)
     : connect(std::move(connect_)),
       options(options_),
       answers(options_.withData),
-      decoder([this](const DecodedPacket& packet) { answers.Add(packet); }) {}
+      decoder([this](const DecodedPacket& packet) {
+          if (!IsAnswerToRepeatedSync(packet)) answers.Add(packet);
+      }) {}
 
 Expected<Done> Replay::Play(const Recording& recording) {
     const auto start = Clock::now();
@@ -151,7 +153,11 @@ Expected<Done> Replay::Perform(const ReplayStep& step) {
     }
     Decode(Direction::kToUnit, step.bytes);
     sync.clear();
-    if (vexa::IsInitialSync(step.bytes)) sync = step.bytes;
+    if (vexa::IsInitialSync(step.bytes)) {
+        sync = step.bytes;
+        repeatedSyncs = 0;
+        isSyncAnswered = false;
+    }
     syncSent = Clock::now();
     return link->WriteAll(step.bytes, DeadlineAfter(kWriteTimeout));
 }
@@ -207,13 +213,24 @@ Expected<Done> Replay::Await(Clock::time_point time, const AnswerCounts& counts)
 }
 
 // A unit that is just noticing that its last host has left drops what the new one sends. Hosts
-// repeat an initial sync until it is answered; here only once an answer cannot come any more, as a
-// second one would be new.
+// repeat an initial sync until it is answered; here only once an answer is hardly to be expected.
 Expected<Done> Replay::RepeatSync(Clock::time_point now) {
     constexpr std::chrono::milliseconds kSyncInterval{1500};
     if (sync.empty() || !link || now < syncSent + kSyncInterval) return Done{};
     syncSent = now;
+    ++repeatedSyncs;
     return link->WriteAll(sync, DeadlineAfter(kWriteTimeout));
+}
+
+// A slow unit answers the first sync and the repeated ones; the host had one answer.
+bool Replay::IsAnswerToRepeatedSync(const DecodedPacket& packet) {
+    if (packet.kind != PacketKind::kInitialSyncReply) return false;
+    if (isSyncAnswered && repeatedSyncs > 0) {
+        --repeatedSyncs;
+        return true;
+    }
+    isSyncAnswered = true;
+    return false;
 }
 
 Expected<Done> Replay::Receive(std::chrono::milliseconds timeout) {

@@ -100,6 +100,7 @@ class Replay {
     Expected<Done> Await(Clock::time_point time, const AnswerCounts& counts);
     [[nodiscard]] AnswerCounts StillExpected(const AnswerCounts& counts) const;
     Expected<Done> RepeatSync(Clock::time_point now);
+    bool IsAnswerToRepeatedSync(const DecodedPacket& packet);
     Expected<Done> Receive(std::chrono::milliseconds timeout);
     void Decode(Direction direction, std::span<const std::uint8_t> bytes, const char* event = "");
 
@@ -112,6 +113,8 @@ class Replay {
     std::optional<FrameCutter> frames;  // of the link
     std::vector<std::uint8_t> sync;     // the last packet sent, if it was an initial sync
     Clock::time_point syncSent;
+    std::size_t repeatedSyncs = 0;
+    bool isSyncAnswered = false;
 };
 
 }  // namespace vexahost::tool
