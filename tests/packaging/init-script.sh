@@ -1,6 +1,7 @@
 #!/bin/sh
 # The init script with stand-ins for the service: with the shell and start-stop-daemon of this machine,
-# or with BusyBox's when "busybox" is the argument.
+# whose new processes begin late when a library that does so is the argument; or with BusyBox's when
+# "busybox" is.
 set -eu
 here=$(cd "$(dirname "$0")/../.." && pwd)
 folder=$(mktemp -d)
@@ -55,6 +56,12 @@ for round in 1 2 3 4 5 6; do
     $run start >/dev/null
     $run stop >/dev/null || fail "does not stop at once"
 done
+# Nor is it lost before the service's process has begun.
+if test "${1:-busybox}" != busybox; then
+    LD_PRELOAD=$1 "$folder/S60vexadevmgr" run &
+    until test -s pid; do sleep 0.01; done
+    $run stop >/dev/null || fail "does not stop before the service runs"
+fi
 ! grep -q twice ends || fail "the service was told twice"
 for process in $(cat starts); do ! kill -0 "$process" 2>/dev/null || fail "a service is left"; done
 echo "init-script: passed"
