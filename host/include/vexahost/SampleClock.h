@@ -77,8 +77,10 @@ class ClockOffset {
     double trend = 0;        // seconds per second
     double trendAtZero = 0;  // difference at device time 0 by the trend
     double began = 0;
-    double last = 0;    // device time of the newest block
-    double offset = 0;  // in use
+    double last = 0;       // device time of the newest block
+    double offset = 0;     // in use
+    int late = 0;          // blocks in a row that have come much later than by the offset
+    double lateSince = 0;  // arrival of the first of them
 };
 
 // Gives each sample of one device a time: on the host's clock, the last sample of a block at the

@@ -8,11 +8,14 @@ namespace vexahost {
 
 namespace {
 
-constexpr double kMemory = 1000;       // blocks that the line goes by
-constexpr double kFullNoise = 5;       // times the usual noise: further off, a block counts less
-constexpr double kShiftedNoise = 25;   // times the usual noise: a block that is off
-constexpr int kShiftedBlocks = 16;     // in a row that are off: the device has moved
-constexpr double kJump = 0.5;          // seconds, and at least three blocks, from the line
+constexpr double kMemory = 1000;      // blocks that the line goes by
+constexpr double kFullNoise = 5;      // times the usual noise: further off, a block counts less
+constexpr double kShiftedNoise = 25;  // times the usual noise: a block that is off
+constexpr int kShiftedBlocks = 16;    // in a row that are off: the device has moved
+constexpr double kJump = 0.5;         // seconds: for so long, or so far
+constexpr double kFarBlocks = 3;      // and at least so many blocks far
+constexpr int kLateBlocks = 4;  // in a row, for so many times the jump's length: not only held up
+constexpr double kLateJumps = 2;
 constexpr std::size_t kFewBlocks = 2;  // with which a line has a slope at all
 constexpr std::size_t kSureBlocks = 8;
 constexpr double kBridgedBlocks = 2;  // that the end of a gap may be from where it should be
@@ -123,7 +126,11 @@ double ClockOffset::Add(double device, double arrival) {
         current = {device, difference};
         return offset = difference;
     }
-    if (std::fabs(difference - offset) > kJump) {
+    // Earlier than it can be: a clock has jumped. Later: held up, unless it stays so.
+    const double delay = difference - offset;
+    late = delay > kJump ? late + 1 : 0;
+    if (late == 1) lateSince = arrival;
+    if (delay < -kJump || (late >= kLateBlocks && arrival - lateSince >= kLateJumps * kJump)) {
         *this = {};
         return Add(device, arrival);
     }
@@ -213,7 +220,11 @@ SampleTimes SampleClock::Place(std::uint8_t sequence, double arrival, std::optio
         off = distance > 0 ? std::max(off, 0) + 1 : std::min(off, 0) - 1;
         if (std::abs(off) == 1) offSince = observed;
     }
-    const bool isShifted = std::abs(off) >= kShiftedBlocks && observed - offSince >= kJump;
+    const bool hasStayedOff = std::abs(off) >= kShiftedBlocks && observed - offSince >= kJump;
+    // The way through the unit does not delay the device's own time: it has stood still.
+    const bool hasStopped = device && samples > 1 && follows && line.Blocks() >= kFewBlocks &&
+                            distance > std::max(kJump, kFarBlocks * line.Step() * count);
+    const bool isShifted = hasStayedOff || hasStopped;
     const bool goesOn = line.Blocks() > 0 && !isBack && !isShifted;
     if (!goesOn || (!follows && !isBridged)) {
         const double age = std::max(arrival - end, kShortestStep);
@@ -221,10 +232,11 @@ SampleTimes SampleClock::Place(std::uint8_t sequence, double arrival, std::optio
         BeginLine(passed, samples, isShifted ? kShiftedTrust : kLearnedTrust);
         if (isBack) clocks = {};
     }
-    const bool continues = goesOn && follows;
     line.Add(count, observed);
     const double usual = line.Step() * count;
     const double finished = device ? line.End() + clocks.Add(line.End(), arrival) : line.End();
+    const bool hasJumped = device && samples > 1 && finished - usual - end > kJump;
+    const bool continues = goesOn && follows && !hasJumped;
     const double begin = continues ? end : std::max(end, finished - usual);
     end = std::max(finished, begin + kLeastPart * usual);
     const double step = (end - begin) / count;

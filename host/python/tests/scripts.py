@@ -52,7 +52,7 @@ class Script:
             time.sleep(0.02)
 
     def wait(self, duration: str) -> None:
-        self.patience = time.monotonic() + float(duration[:-1]) + 20  # in seconds; on a busy machine
+        self.patience = time.monotonic() + float(duration[:-1]) + 20  # a machine may be busy
 
     def controller(self, daq: str = "") -> None:
         if time.monotonic() < self.patience:  # for the hardware to be the application's again

@@ -17,6 +17,8 @@ _FULL_NOISE = 5.0  # times the usual noise: further off, a block counts less
 _SHIFTED_NOISE = 25.0  # times the usual noise: a block that is off
 _SHIFTED_BLOCKS = 16  # in a row that are off: the device has moved
 _JUMP = 0.5  # seconds: for so long, or so far
+_FAR_BLOCKS = 3  # and at least so many blocks far
+_LATE_BLOCKS, _LATE_JUMPS = 4, 2  # in a row, for so many times the jump: not only held up
 _FEW_BLOCKS = 2  # with which a line has a slope at all
 _SURE_BLOCKS = 8
 _BRIDGED_BLOCKS = 2  # that the end of a gap may be from where it should be
@@ -108,6 +110,8 @@ class _ClockOffset:
         self._least = inf  # difference of the slices
         self._trend = self._at_zero = 0.0  # seconds a second; difference at device time 0
         self._offset = 0.0
+        self._late = 0  # blocks in a row that have come much later than by the offset
+        self._late_since = 0.0  # arrival of the first of them
 
     def _update_trend(self) -> None:
         points = list(self._slices)
@@ -123,7 +127,15 @@ class _ClockOffset:
         """Seconds to add to the device's time: they change only slowly, but for a jump."""
         difference = arrival - device
         if self._current is not None and abs(difference - self._offset) > _JUMP:
-            self.__init__()  # type: ignore[misc]
+            # Earlier than it can be: a clock has jumped. Later: held up, unless it stays so.
+            self._late = self._late + 1 if difference > self._offset else 0
+            if self._late == 1:
+                self._late_since = arrival
+            is_long = arrival - self._late_since >= _LATE_JUMPS * _JUMP
+            if self._late == 0 or (self._late >= _LATE_BLOCKS and is_long):
+                self.__init__()  # type: ignore[misc]
+        else:
+            self._late = 0
         if self._current is None:
             self._began = self._slice_began = self._last = device
             self._current = (device, difference)
@@ -268,6 +280,9 @@ class Timing:
                 self._off_since = observed
             is_long = observed - self._off_since >= _JUMP
             is_shifted = is_long and abs(self._off) >= _SHIFTED_BLOCKS
+        # The way through the unit does not delay the device's own time: it has stood still.
+        if device is not None and distance > _JUMP and follows and line.blocks >= _FEW_BLOCKS:
+            is_shifted = is_shifted or (count > 1 and distance > _FAR_BLOCKS * line.step * count)
         goes_on = line.blocks > 0 and not (is_back or is_shifted)
         if not goes_on or not (follows or is_bridged):
             passed = max(arrival - self._end, _SHORTEST_STEP)
@@ -283,7 +298,8 @@ class Timing:
         if device is not None:
             end += self._clocks.add(end, arrival)
         begin = self._end
-        if not (goes_on and follows) and end - usual > begin:
+        has_jumped = device is not None and count > 1 and end - usual - begin > _JUMP
+        if (has_jumped or not (goes_on and follows)) and end - usual > begin:
             begin = end - usual
         least = begin + _LEAST_PART * usual
         self._end = end = end if end > least else least
