@@ -159,7 +159,7 @@ class InABrowser(unittest.TestCase):
             self.fill("trigger-mode", "single")
             page.wait("vexa.trigger.state === 'done'")
             at, (begin, end), values = page.run(
-                f"(() => {{ const at = vexa.trigger.at, found = []; {self.channel('Ramp')}.each(-Infinity, at + 0.001,"
+                f"(() => {{ const at = vexa.trigger.at, found = []; {self.channel('Ramp')}.each(-Infinity, at + 0.0001,"
                 "(time, value) => found.push(value)); return [at, vexa.charts.range(), found]; })()")
             self.assertTrue(values[-2] < 5000 <= values[-1], values[-2:])
             self.assertAlmostEqual((at - begin) / (end - begin), 0.2, places=6)

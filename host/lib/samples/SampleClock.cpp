@@ -13,7 +13,7 @@ constexpr double kFullNoise = 5;      // times the usual noise: further off, a b
 constexpr double kShiftedNoise = 25;  // times the usual noise: a block that is off
 constexpr int kShiftedBlocks = 16;    // in a row that are off: the device has moved
 constexpr double kJump = 0.5;         // seconds: for so long, or so far
-constexpr double kFarBlocks = 3;      // and at least so many blocks far
+constexpr int kFarBlocks = 3;         // so many far off, so many in a row are enough
 constexpr int kLateBlocks = 4;  // in a row, for so many times the jump's length: not only held up
 constexpr double kLateJumps = 2;
 constexpr std::size_t kFewBlocks = 2;  // with which a line has a slope at all
@@ -220,11 +220,9 @@ SampleTimes SampleClock::Place(std::uint8_t sequence, double arrival, std::optio
         off = distance > 0 ? std::max(off, 0) + 1 : std::min(off, 0) - 1;
         if (std::abs(off) == 1) offSince = observed;
     }
-    const bool hasStayedOff = std::abs(off) >= kShiftedBlocks && observed - offSince >= kJump;
-    // The way through the unit does not delay the device's own time: it has stood still.
-    const bool hasStopped = device && samples > 1 && follows && line.Blocks() >= kFewBlocks &&
-                            distance > std::max(kJump, kFarBlocks * line.Step() * count);
-    const bool isShifted = hasStayedOff || hasStopped;
+    const bool isFar = std::fabs(distance) > std::max(kJump, kFarBlocks * line.Step() * count);
+    const bool isShifted =
+        std::abs(off) >= (isFar ? kFarBlocks : kShiftedBlocks) && observed - offSince >= kJump;
     const bool goesOn = line.Blocks() > 0 && !isBack && !isShifted;
     if (!goesOn || (!follows && !isBridged)) {
         const double age = std::max(arrival - end, kShortestStep);

@@ -17,7 +17,7 @@ _FULL_NOISE = 5.0  # times the usual noise: further off, a block counts less
 _SHIFTED_NOISE = 25.0  # times the usual noise: a block that is off
 _SHIFTED_BLOCKS = 16  # in a row that are off: the device has moved
 _JUMP = 0.5  # seconds: for so long, or so far
-_FAR_BLOCKS = 3  # and at least so many blocks far
+_FAR_BLOCKS = 3  # so many far off, so many in a row are enough
 _LATE_BLOCKS, _LATE_JUMPS = 4, 2  # in a row, for so many times the jump: not only held up
 _FEW_BLOCKS = 2  # with which a line has a slope at all
 _SURE_BLOCKS = 8
@@ -279,10 +279,8 @@ class Timing:
             if abs(self._off) == 1:
                 self._off_since = observed
             is_long = observed - self._off_since >= _JUMP
-            is_shifted = is_long and abs(self._off) >= _SHIFTED_BLOCKS
-        # The way through the unit does not delay the device's own time: it has stood still.
-        if device is not None and distance > _JUMP and follows and line.blocks >= _FEW_BLOCKS:
-            is_shifted = is_shifted or (count > 1 and distance > _FAR_BLOCKS * line.step * count)
+            is_far = abs(distance) > max(_JUMP, _FAR_BLOCKS * line.step * count)
+            is_shifted = is_long and abs(self._off) >= (_FAR_BLOCKS if is_far else _SHIFTED_BLOCKS)
         goes_on = line.blocks > 0 and not (is_back or is_shifted)
         if not goes_on or not (follows or is_bridged):
             passed = max(arrival - self._end, _SHORTEST_STEP)
