@@ -70,6 +70,24 @@ TEST_F(Record, EndsInTimeWhileTheHostGoesOnTalking) {
     EXPECT_EQ(record->Wait(kLong), 0) << record->Log().Text();
 }
 
+TEST_F(Record, IsPlayedToASlowUnitThatAnswersARepeatedSyncTwice) {
+    std::atomic<bool> isSlow{false};
+    std::atomic<int> syncs{0};
+    const auto answer = [&](FakeService& self, const Bytes& packet) {
+        if (isSlow && ++syncs == 1) return;
+        FakeService::Obey(self, packet);
+        if (isSlow && syncs == 2) FakeService::Obey(self, packet);
+    };
+    const FakeService service(answer, folder + "/host.sock");
+    auto record = Start({"--dir", folder, "--", VEXA_HOST_PROGRAM, "sync"});
+    EXPECT_EQ(record.Wait(kLong), 0) << record.Log().Text();
+    isSlow = true;
+    const auto ran = vexa::testkit::RunToEnd(
+        {VEXA_HOST_PROGRAM, "replay", "--fast", folder + "/file", "--dir", folder});
+    EXPECT_EQ(ran.status, 0) << ran.output;
+    EXPECT_GE(syncs, 2);
+}
+
 TEST_F(Record, LeavesNothingBehindAtASecondSignal) {
 #ifdef VEXA_EMULATED
     GTEST_SKIP() << "under the emulator the line keeps its settings";
