@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <termios.h>
 
+#include <atomic>
 #include <filesystem>
 #include <optional>
 
