@@ -8,14 +8,14 @@ namespace vexahost {
 
 namespace {
 
-constexpr double kMemory = 1000;      // blocks that the line goes by
-constexpr double kFullNoise = 5;      // times the usual noise: further off, a block counts less
-constexpr double kShiftedNoise = 25;  // times the usual noise: a block that is off
-constexpr int kShiftedBlocks = 16;    // in a row that are off: the device has moved
-constexpr double kJump = 0.5;         // seconds: for so long, or so far
-constexpr int kFarBlocks = 3;         // so many far off, so many in a row are enough
-constexpr int kLateBlocks = 4;  // in a row, for so many times the jump's length: not only held up
-constexpr double kLateJumps = 2;
+constexpr double kMemory = 1000;       // blocks that the line goes by
+constexpr double kFullNoise = 5;       // times the usual noise: further off, a block counts less
+constexpr double kShiftedNoise = 25;   // times the usual noise: a block that is off
+constexpr int kShiftedBlocks = 16;     // in a row that are off: the device has moved
+constexpr double kJump = 0.5;          // seconds: for so long, or so far
+constexpr int kFarBlocks = 3;          // so many far off, so many in a row are enough
+constexpr int kLateBlocks = 4;         // in a row that come later by a jump,
+constexpr double kLateJumps = 2;       // for so many times its length: they are not only held up
 constexpr std::size_t kFewBlocks = 2;  // with which a line has a slope at all
 constexpr std::size_t kSureBlocks = 8;
 constexpr double kBridgedBlocks = 2;  // that the end of a gap may be from where it should be
@@ -233,6 +233,7 @@ SampleTimes SampleClock::Place(std::uint8_t sequence, double arrival, std::optio
     line.Add(count, observed);
     const double usual = line.Step() * count;
     const double finished = device ? line.End() + clocks.Add(line.End(), arrival) : line.End();
+    // A single sample is where its block ends: it cannot be drawn out over the jump.
     const bool hasJumped = device && samples > 1 && finished - usual - end > kJump;
     const bool continues = goesOn && follows && !hasJumped;
     const double begin = continues ? end : std::max(end, finished - usual);

@@ -111,7 +111,7 @@ Replay::Replay(TransportFactory connect_, const ReplayOptions& options_)
       options(options_),
       answers(options_.withData),
       decoder([this](const DecodedPacket& packet) {
-          if (!IsAnswerToRepeatedSync(packet)) answers.Add(packet);
+          if (!LeavesOut(packet)) answers.Add(packet);
       }) {}
 
 Expected<Done> Replay::Play(const Recording& recording) {
@@ -222,8 +222,9 @@ Expected<Done> Replay::RepeatSync(Clock::time_point now) {
     return link->WriteAll(sync, DeadlineAfter(kWriteTimeout));
 }
 
-// A slow unit answers the first sync and the repeated ones; the host had one answer.
-bool Replay::IsAnswerToRepeatedSync(const DecodedPacket& packet) {
+// A slow unit answers the first sync and the repeated ones; the host had one answer. True for each
+// further one, of which there are as many as the sync was repeated.
+bool Replay::LeavesOut(const DecodedPacket& packet) {
     if (packet.kind != PacketKind::kInitialSyncReply) return false;
     if (isSyncAnswered && repeatedSyncs > 0) {
         --repeatedSyncs;

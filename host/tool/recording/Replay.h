@@ -100,7 +100,7 @@ class Replay {
     Expected<Done> Await(Clock::time_point time, const AnswerCounts& counts);
     [[nodiscard]] AnswerCounts StillExpected(const AnswerCounts& counts) const;
     Expected<Done> RepeatSync(Clock::time_point now);
-    bool IsAnswerToRepeatedSync(const DecodedPacket& packet);
+    bool LeavesOut(const DecodedPacket& packet);
     Expected<Done> Receive(std::chrono::milliseconds timeout);
     void Decode(Direction direction, std::span<const std::uint8_t> bytes, const char* event = "");
 
